@@ -1,0 +1,14 @@
+// Property keys of the clip thumbnail service.
+#pragma once
+
+#include "Miravel/MiravelExport.h"
+
+namespace ZOR {
+
+struct ClipThumbnailKey {
+    // "enableCalcDucking": whether audio thumbnails include the ducking that
+    // other clips cause (a boolean property; default true).
+    MIRAVEL_API static const char* const enableCalcDucking;
+};
+
+}  // namespace ZOR

@@ -1,0 +1,124 @@
+// ZorUtils: timing, property records, paths and folders, PNG files, sizes.
+//
+// Every function here is thread-safe; TimeSpan and Path objects belong to the
+// thread that uses them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ZorPlatformExport.h"
+
+namespace ZOR {
+
+// ---------------------------------------------------------------------------
+// Time
+
+// Milliseconds between start() and end(), measured on a monotonic clock.
+class ZOR_PLATFORM_API TimeSpan {
+public:
+    TimeSpan();
+    ~TimeSpan();
+    TimeSpan& start();
+    TimeSpan& end();
+    // Whole milliseconds from start to end, truncated; 0 before both are set.
+    int64_t timeSpan() const;
+
+private:
+    int64_t startNs_ = 0;
+    int64_t endNs_ = 0;
+};
+
+// The monotonic clock behind TimeSpan, in nanoseconds. Tests may replace it to
+// make durations exact; null restores the steady clock. Returns the previous
+// replacement (null when none).
+using SteadyClockFn = int64_t (*)();
+ZOR_PLATFORM_API int64_t zorSteadyNowNs();
+ZOR_PLATFORM_API SteadyClockFn setSteadyClockForTesting(SteadyClockFn clock);
+
+// Sleeps the calling thread for this many milliseconds (nothing for <= 0).
+ZOR_PLATFORM_API void ZorSleep(int64_t milliseconds);
+
+// ---------------------------------------------------------------------------
+// Property records
+
+struct ZorProperty {
+    enum Kind : int32_t { None = 0, Bool = 1, Int = 2, Double = 3 };
+    Kind kind = None;
+    int64_t intValue = 0;      // Bool: 0 or 1; Int: the value
+    double doubleValue = 0.0;  // Double: the value
+
+    bool boolValue() const { return kind == Double ? doubleValue != 0.0 : intValue != 0; }
+};
+
+ZOR_PLATFORM_API ZorProperty boolProperty(bool value);
+
+// ---------------------------------------------------------------------------
+// Paths and folders (UTF-8 text)
+
+class ZOR_PLATFORM_API Path {
+public:
+    Path() = default;
+    Path(std::string text) : text_(std::move(text)) {}  // NOLINT(google-explicit-constructor)
+    Path(const char* text) : text_(text ? text : "") {}  // NOLINT(google-explicit-constructor)
+    const std::string& str() const { return text_; }
+    const char* c_str() const { return text_.c_str(); }
+    bool empty() const { return text_.empty(); }
+
+private:
+    std::string text_;
+};
+
+struct ZOR_PLATFORM_API PathUtil {
+    // dir + "/" + name, with one separator between them; an empty dir gives name.
+    static Path join(const Path& dir, const std::string& name);
+    // Whether something exists at the path (file or folder).
+    static bool exists(const Path& path);
+};
+
+struct ZOR_PLATFORM_API DirUtil {
+    // Creates the folder and any missing parents. True when it exists afterwards.
+    static bool create(const Path& dir);
+    // Removes the folder and everything in it. True on success, and when there
+    // was nothing to remove.
+    static bool removeAll(const Path& dir);
+};
+
+// ---------------------------------------------------------------------------
+// PNG files of 8-bit RGBA pixels, rows without padding
+
+// Loads a PNG file as RGBA (any PNG colour type and depth is converted). On
+// success returns 0, sets *buffer to a buffer that freeImageBuffer() releases
+// and sets the size. On failure returns a non-zero code, sets *buffer to null
+// and leaves the sizes as they were.
+ZOR_PLATFORM_API int32_t loadPNG(const char* path, unsigned char** buffer, int* width, int* height);
+
+// Writes width x height RGBA pixels as a PNG file. The file is written under a
+// temporary name in the target folder and renamed into place, so no reader
+// ever sees a partial file; on failure nothing is left behind.
+// compressionLevel: 0..9, or -1 for the default. Returns 0 on success.
+ZOR_PLATFORM_API int32_t dumpPNG(int width, int height, const unsigned char* buffer, const char* path,
+                                 int compressionLevel);
+
+// Releases a buffer that loadPNG() produced. Null is ignored.
+ZOR_PLATFORM_API void freeImageBuffer(unsigned char* buffer);
+
+// ---------------------------------------------------------------------------
+// Sizes
+
+// Fits width x height into the box boxWidth x boxHeight keeping the aspect
+// ratio, scaling up or down. The bound side takes the box's size exactly; the
+// other is rounded down (never below 1). 1920x1080 into 320x180 gives 320x180,
+// 1080x1920 gives 101x180. Returns false (and 0x0) when any size is below 1.
+ZOR_PLATFORM_API bool adjust(int width, int height, int boxWidth, int boxHeight, int* outWidth,
+                             int* outHeight);
+
+// ---------------------------------------------------------------------------
+// Strings
+
+// Copies src into dst, at most dstSize - 1 bytes, and always terminates dst
+// (when dstSize > 0). A null src copies "". Returns dst.
+ZOR_PLATFORM_API char* zor_strcpy(char* dst, size_t dstSize, const char* src);
+
+}  // namespace ZOR

@@ -1,0 +1,10 @@
+# MIRAVEL_SANITIZE selects an instrumented build; each sanitizer build has its
+# own build folder (see scripts/test.sh). Any report aborts the process.
+if(MIRAVEL_SANITIZE)
+  set(_miravel_san "")
+  foreach(_s IN LISTS MIRAVEL_SANITIZE)
+    list(APPEND _miravel_san "-fsanitize=${_s}")
+  endforeach()
+  add_compile_options(${_miravel_san} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(${_miravel_san})
+endif()
