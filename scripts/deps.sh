@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that Miravel needs and that are missing.
+#   scripts/deps.sh demo   what building and running the demo needs
+#   scripts/deps.sh test   what building and running the tests needs
+set -euo pipefail
+
+what=${1:-test}
+packages=(cmake g++ make pkg-config binutils libpng-dev)
+case "$what" in
+  demo) ;;
+  test) packages+=(libgtest-dev libgmock-dev) ;;
+  bench) packages+=(libbenchmark-dev libspdlog-dev) ;;
+  *) echo "deps.sh: unknown set '$what' (demo, test or bench)" >&2; exit 2 ;;
+esac
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+  [[ "$status" == "install ok installed" ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+echo "Installing missing Debian packages: ${missing[*]}" >&2
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then
+  if command -v sudo >/dev/null 2>&1; then sudo=(sudo); else
+    echo "deps.sh: need root (or sudo) to install: ${missing[*]}" >&2; exit 1
+  fi
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -q
+"${sudo[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"

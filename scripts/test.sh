@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the whole suite in a normal build, again under
+# AddressSanitizer with UndefinedBehaviorSanitizer, and the concurrency tests
+# under ThreadSanitizer, each in its own build folder. Any failure or
+# sanitizer report fails the run.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+"$root/scripts/deps.sh" test
+
+jobs=$(nproc 2>/dev/null || echo 2)
+export CTEST_OUTPUT_ON_FAILURE=1
+export ASAN_OPTIONS="halt_on_error=1:abort_on_error=1:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
+export UBSAN_OPTIONS="halt_on_error=1:abort_on_error=1:print_stacktrace=1"
+export TSAN_OPTIONS="halt_on_error=1:abort_on_error=1:second_deadlock_stack=1"
+
+suite() {
+  local title=$1 dir=$2 sanitize=$3; shift 3
+  echo "==== $title ($dir)"
+  cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DMIRAVEL_BUILD_TESTS=ON -DMIRAVEL_SANITIZE="$sanitize" >/dev/null
+  cmake --build "$root/$dir" -j "$jobs"
+  (cd "$root/$dir" && ctest -j "$jobs" --timeout 600 "$@")
+}
+
+suite "tests" build ""
+suite "tests under AddressSanitizer and UndefinedBehaviorSanitizer" build-asan "address;undefined"
+suite "concurrency tests under ThreadSanitizer" build-tsan "thread" -L concurrency
+echo "==== all test runs passed"
