@@ -4,4 +4,9 @@
 #pragma once
 
 #include "Miravel/ClipThumbnailKey.h"
+#include "Miravel/IBsAudioWaveExtractWrapper.h"
+#include "Miravel/IBsClipThumbnailCallbacks.h"
+#include "Miravel/IBsClipThumbnailService.h"
+#include "Miravel/IBsThumbManager.h"
+#include "Miravel/IBsVideoFrameExtractWrapper.h"
 #include "Miravel/MiravelExport.h"

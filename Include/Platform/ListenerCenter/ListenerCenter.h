@@ -1,0 +1,37 @@
+// ListenerCenter: the process's event bus. Events are delivered on the bus's
+// own delivery thread, in the order they were published.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "ZorPlatformExport.h"
+
+namespace ZOR {
+
+// key: the event key; data: the event's data (valid during the call);
+// context: what was given at subscription.
+using EventHandler = void (*)(const char* key, const void* data, void* context);
+
+class IEventBus {
+public:
+    // Subscribes handler to key; returns an id >= 0, or a negative value when
+    // the key is not registered.
+    virtual int32_t subscribe(const char* key, EventHandler handler, void* context, int32_t flag) = 0;
+    // Registers key so that it can be subscribed to; 0 on success.
+    virtual int32_t registerKey(const char* key, int32_t flag) = 0;
+    // 0 on success; an unknown id gives 1001. When it returns, the handler is
+    // not running and will not run again.
+    virtual int32_t unsubscribe(int32_t id) = 0;
+    // Queues an event for delivery; data is copied (size bytes).
+    virtual int32_t publish(const char* key, const void* data, int32_t size) = 0;
+    // Runs work on the delivery thread, in order with events.
+    virtual int32_t post(std::function<void()> work) = 0;
+
+protected:
+    ~IEventBus() = default;
+};
+
+ZOR_PLATFORM_API IEventBus* defaultEventBus();
+
+}  // namespace ZOR
