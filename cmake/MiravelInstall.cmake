@@ -3,6 +3,8 @@
 include(CMakePackageConfigHelpers)
 
 get_property(_miravel_platform_targets GLOBAL PROPERTY MIRAVEL_PLATFORM_TARGETS)
+# Installed under the name of its build-tree alias, Miravel::PlatformHeaders.
+set_target_properties(MiravelPlatformHeaders PROPERTIES EXPORT_NAME PlatformHeaders)
 install(TARGETS Miravel MiravelPlatformHeaders ${_miravel_platform_targets}
   EXPORT MiravelTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
