@@ -6,10 +6,11 @@ set -euo pipefail
 
 what=${1:-test}
 packages=(cmake g++ make pkg-config binutils libpng-dev)
+ffmpeg_dev=(libavformat-dev libavcodec-dev libswresample-dev libswscale-dev libavutil-dev)
 case "$what" in
-  demo) ;;
-  test) packages+=(libgtest-dev libgmock-dev) ;;
-  bench) packages+=(libbenchmark-dev libspdlog-dev) ;;
+  demo) packages+=("${ffmpeg_dev[@]}") ;;
+  test) packages+=(libgtest-dev libgmock-dev "${ffmpeg_dev[@]}" ffmpeg) ;;
+  bench) packages+=(libbenchmark-dev libspdlog-dev "${ffmpeg_dev[@]}") ;;
   *) echo "deps.sh: unknown set '$what' (demo, test or bench)" >&2; exit 2 ;;
 esac
 

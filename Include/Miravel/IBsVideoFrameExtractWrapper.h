@@ -5,6 +5,7 @@
 
 #include "DataModel/DataModel.h"
 #include "DataModel/IDmBaseObj.h"
+#include "Miravel/MiravelExport.h"
 
 namespace ZOR {
 
@@ -40,3 +41,9 @@ protected:
 };
 
 }  // namespace ZOR
+
+extern "C" {
+// A new wrapper with one reference owned by the caller; give it back with
+// Release(). Each wrapper drives a task of its own.
+MIRAVEL_API ZOR::IBsVideoFrameExtractWrapper* createBsVideoFrameExtractWrapper();
+}

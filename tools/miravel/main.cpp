@@ -2,42 +2,61 @@
 //
 // Every command prints its result as one JSON document on stdout and exits 0
 // on success, 2 on a usage error and 1 on any other failure, with a one-line
-// message on stderr.
+// message on stderr. --log <severity> (or MIRAVEL_LOG) writes the library's
+// log lines to stderr; --log-file <path> to a file.
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <string>
 #include <string_view>
 
+#include "Cli.h"
+#include "Commands.h"
 #include "Miravel/Miravel.h"
+#include "ZorLogger/ZorLogger.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "usage: miravel <command> [options]\n"
     "commands:\n"
-    "  version    print the version and the library's property key\n";
+    "  version\n"
+    "  wave MEDIA [--stream N] --begin CNS --end CNS --samples N\n"
+    "  frames MEDIA [--stream N] --times T1,T2,... --size WxH\n"
+    "options of every command: --log <severity>, --log-file <path>\n";
 
-int usageError(const std::string& message) {
-    std::fprintf(stderr, "miravel: %s\n%s", message.c_str(), kUsage);
-    return 2;
-}
-
-int runVersion(int argc, char** /*argv*/) {
-    if (argc > 2) return usageError("version takes no arguments");
+int runVersion(int argc) {
+    if (argc > 2) throw miravel::UsageError("version takes no arguments");
     std::printf("{\"version\": \"%s\", \"keys\": {\"enableCalcDucking\": \"%s\"}}\n", MIRAVEL_VERSION,
                 ZOR::ClipThumbnailKey::enableCalcDucking);
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc < 2) return usageError("no command given");
+int dispatch(int argc, char** argv) {
+    if (argc < 2) throw miravel::UsageError("no command given");
     const std::string_view command = argv[1];
-    if (command == "version" || command == "--version") return runVersion(argc, argv);
+    if (command == "version" || command == "--version") return runVersion(argc);
+    if (command == "wave") return miravel::runWave(argc, argv);
+    if (command == "frames") return miravel::runFrames(argc, argv);
     if (command == "help" || command == "--help" || command == "-h") {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    return usageError("unknown command '" + std::string(command) + "'");
+    throw miravel::UsageError("unknown command '" + std::string(command) + "'");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int code = 1;
+    try {
+        code = dispatch(argc, argv);
+    } catch (const miravel::UsageError& error) {
+        std::fprintf(stderr, "miravel: %s\n%s", error.what(), kUsage);
+        code = 2;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "miravel: %s\n", error.what());
+        code = 1;
+    }
+    ZOR::shutdownLogging();
+    return code;
 }

@@ -30,7 +30,13 @@ struct BsTaskProgressInfo {
     int32_t percent = 0;         // progress of the request, 0..100
 };
 
-// The face through which a task reports to its clients.
+// The face through which a task reports to its clients. Reports come on the
+// task's worker threads, several at once when several requests are running;
+// the reports of one request come one after the other, its final one (2, 3
+// or 4, exactly once) last. No lock of the task is held during a call, so a
+// callback may call the task (cancel, addFrames, even its last Release); once
+// removeCallBack() or shutdown() has returned, the callback is not called
+// again.
 class IZorCallBack {
 public:
     virtual ~IZorCallBack() = default;

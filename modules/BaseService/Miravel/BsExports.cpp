@@ -1,4 +1,7 @@
-// The library's exported entry points.
+// The library's exported entry points: the factories and the property key.
+#include "BsAudioWaveExtractWrapper.h"
+#include "BsVideoFrameExtractWrapper.h"
+#include "Common/ZorInternalComUtility.h"
 #include "Miravel/ClipThumbnailKey.h"
 
 namespace ZOR {
@@ -6,3 +9,15 @@ namespace ZOR {
 const char* const ClipThumbnailKey::enableCalcDucking = "enableCalcDucking";
 
 }  // namespace ZOR
+
+extern "C" {
+
+MIRAVEL_API ZOR::IBsAudioWaveExtractWrapper* createBsAudioWaveExtractWrapper() {
+    return ZOR::zorCreateObject<ZOR::BsAudioWaveExtractWrapper, ZOR::IBsAudioWaveExtractWrapper>();
+}
+
+MIRAVEL_API ZOR::IBsVideoFrameExtractWrapper* createBsVideoFrameExtractWrapper() {
+    return ZOR::zorCreateObject<ZOR::BsVideoFrameExtractWrapper, ZOR::IBsVideoFrameExtractWrapper>();
+}
+
+}  // extern "C"

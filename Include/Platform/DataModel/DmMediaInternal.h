@@ -1,0 +1,105 @@
+// DataModel, between the platform libraries: what the background task service
+// needs from a media clip to decode it, the writing face of a wave manager and
+// the layout of the frame store. Not for the Miravel library.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "DataModel/DataModel.h"
+#include "DataModel/IDmBaseObj.h"
+#include "ZorPlatformExport.h"
+
+namespace ZOR {
+
+class IDmAudioWaveStore;
+
+// The media file behind a clip. Name: "IDmMediaSource".
+class IDmMediaSource : public virtual IDmBaseObj {
+public:
+    // The canonical path of the file (the absolute path when the file is not
+    // there).
+    virtual const char* mediaPath() = 0;
+    // The container's stream index of the clip's stream of that kind
+    // (DmTrackAudio or DmTrackVideo); -1 when the clip has none.
+    virtual int32_t resolvedStream(int32_t kind) = 0;
+    // Why the clip lacks a stream of that kind ("" when it has one): the file
+    // and the cause, as created.
+    virtual const char* streamProblem(int32_t kind) = 0;
+    // The clip's wave manager as a writer; no reference taken. Null when the
+    // clip has no audio.
+    virtual IDmAudioWaveStore* waveStore() = 0;
+
+protected:
+    ~IDmMediaSource() = default;
+};
+
+// The wave data of one media stream as the decoders fill it: frames at 25 per
+// second in media time, 40 values each, value k of frame f being the largest
+// absolute sample over every channel in millisecond 40 f + k. Every
+// operation is thread-safe. Name: "IDmAudioWaveStore".
+class IDmAudioWaveStore : public virtual IDmBaseObj {
+public:
+    static constexpr int32_t kValuesPerFrame = 40;
+    static constexpr int64_t kFrameRateNum = 25;
+    static constexpr int64_t kFrameRateDen = 1;
+
+    // The frames of [first, last] that are not held and not known to lie
+    // beyond the end of the stream, as inclusive ranges in ascending order.
+    virtual std::vector<std::pair<int32_t, int32_t>> missingRanges(int32_t first, int32_t last) = 0;
+    // Stores frameCount frames from first on (40 values each, full scale 1.0)
+    // and marks them held. Returns 0; 1001 for bad arguments.
+    virtual int32_t storeFrames(int32_t first, int32_t frameCount, const float* values) = 0;
+    // The first frame beyond the end of the stream, once a decoder has met the
+    // end; -1 before.
+    virtual int32_t endFrame() = 0;
+    virtual void setEndFrame(int32_t frame) = 0;
+    // Where the stream's first decoded sample lies: its timestamp in the
+    // stream's time base and the decoded sample rate. False until set.
+    virtual bool decodeOrigin(int64_t* pts, int32_t* sampleRate) = 0;
+    virtual void setDecodeOrigin(int64_t pts, int32_t sampleRate) = 0;
+
+protected:
+    ~IDmAudioWaveStore() = default;
+};
+
+// ---------------------------------------------------------------------------
+// Frame store layout
+//
+//   <root>/<media folder>/s<stream>-<width>x<height>-t<time>-p<shown>.png
+//
+// The media folder is named after the file ("<name>-<16 hex digits>", the
+// name reduced to letters, digits, '.', '_' and '-', at most 40 of them); the
+// digits are a 64-bit FNV-1a hash of the canonical path, the file's size and
+// its modification time, so an edited file gets a new folder. time is the
+// requested media time and shown the presentation time of the frame shown,
+// both in cns (decimal, '-' for negative). Files are written whole (temporary
+// name, then rename).
+
+// The picture sizes the frame store takes: each side 1..16384, at most
+// 8192 x 8192 pixels in all.
+inline bool frameStoreSizeAllowed(int32_t width, int32_t height) {
+    return width > 0 && height > 0 && width <= 16384 && height <= 16384 &&
+           int64_t{width} * height <= int64_t{8192} * 8192;
+}
+
+struct DmStoredFrame {
+    int64_t time = 0;   // the requested media time (cns)
+    int64_t shown = -1; // the presentation time of the frame shown (cns)
+    std::string path;   // the file
+};
+
+// The media folder of the file under the current root; "" when the file
+// cannot be looked at (missing, unreadable).
+ZOR_PLATFORM_API std::string frameStoreFolder(const char* mediaPath);
+// The file name of one frame inside a media folder.
+ZOR_PLATFORM_API std::string frameStoreFileName(int32_t stream, int32_t width, int32_t height, int64_t time,
+                                                int64_t shown);
+// The stored frames of one stream and size in a media folder, in ascending
+// order of time (one per time; the newest file when several exist).
+ZOR_PLATFORM_API std::vector<DmStoredFrame> frameStoreScan(const std::string& folder, int32_t stream, int32_t width,
+                                                           int32_t height);
+
+}  // namespace ZOR

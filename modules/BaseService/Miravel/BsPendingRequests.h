@@ -1,0 +1,91 @@
+// The requests an extraction wrapper has submitted and the task has not yet
+// reported, by token. Each entry holds one reference on its clip.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "DataModel/DataModel.h"
+
+namespace ZOR {
+
+inline void addRefClip(IDmClip* clip) {
+    if (clip != nullptr) clip->AddRef();
+}
+inline void releaseClip(IDmClip* clip) {
+    if (clip != nullptr) clip->Release();
+}
+// A pointer as the log lines print it.
+inline long long pointerValue(const void* pointer) {
+    return static_cast<long long>(reinterpret_cast<uintptr_t>(pointer));
+}
+
+// Query: a value type with a member `IDmClip* clip`. Clips are released after
+// the lock is dropped, so no data-model code runs under it.
+template <class Query>
+class BsPendingRequests {
+public:
+    BsPendingRequests() = default;
+    BsPendingRequests(const BsPendingRequests&) = delete;
+    BsPendingRequests& operator=(const BsPendingRequests&) = delete;
+    ~BsPendingRequests() {
+        for (auto& entry : entries_) releaseClip(entry.second.clip);
+    }
+
+    // Sets the entry of token to query, with its own reference on the clip.
+    void store(int64_t token, Query query) {
+        addRefClip(query.clip);
+        IDmClip* replaced = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            Query& entry = entries_[token];
+            replaced = entry.clip;
+            entry = std::move(query);
+        }
+        releaseClip(replaced);
+    }
+
+    // Removes and returns the entry of token; the caller takes over its
+    // reference on the clip.
+    std::optional<Query> take(int64_t token) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto found = entries_.find(token);
+        if (found == entries_.end()) return std::nullopt;
+        Query query = std::move(found->second);
+        entries_.erase(found);
+        return query;
+    }
+
+    // Removes the entry of token, if any.
+    void erase(int64_t token) {
+        if (std::optional<Query> query = take(token)) releaseClip(query->clip);
+    }
+
+    // The tokens of the entries of clip, ascending.
+    std::vector<int64_t> tokensOf(IDmClip* clip) const {
+        std::vector<int64_t> tokens;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& entry : entries_)
+            if (entry.second.clip == clip) tokens.push_back(entry.first);
+        return tokens;
+    }
+
+    // Calls call(token) for every entry, ascending, with the lock held.
+    template <class Call>
+    void forEachTokenLocked(Call&& call) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& entry : entries_) call(entry.first);
+    }
+
+private:
+    // Guards entries_. Never held together with the callback list's lock; the
+    // only call out under it is the task's cancel of every request.
+    mutable std::mutex mutex_;
+    std::map<int64_t, Query> entries_;
+};
+
+}  // namespace ZOR

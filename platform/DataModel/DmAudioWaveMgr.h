@@ -1,0 +1,78 @@
+// The wave manager of one media stream and the process-wide registry that
+// shares it between clips.
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Common/ZorInternalComUtility.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMediaInternal.h"
+
+namespace ZOR {
+
+// Values are kept as 16-bit steps: q = round(v x 65535) with v clamped to
+// [0, 1] (a decoder may overshoot full scale; such values are kept as 1.0),
+// read back as q / 65535 - the representable step nearest to v.
+class DmAudioWaveManager final : public RefCnt<void>,
+                                 public virtual IDmAudioWaveMgrInternal,
+                                 public virtual IDmAudioWaveStore {
+public:
+    ZOR_IMPLEMENT_REFCNT
+
+    DmAudioWaveManager(std::string mediaPath, int32_t stream);
+    ~DmAudioWaveManager() override;
+
+    void* queryInterface(const char* name) override;
+
+    // IDmAudioWaveMgrInternal
+    uint32_t valueCountPerFrame(int64_t rateNum, int64_t rateDen) override;
+    int32_t readFrame(int32_t frame, int64_t rateNum, int64_t rateDen, float* values, uint32_t count) override;
+    int32_t hasFrames(int32_t first, int32_t last) override;
+
+    // IDmAudioWaveStore
+    std::vector<std::pair<int32_t, int32_t>> missingRanges(int32_t first, int32_t last) override;
+    int32_t storeFrames(int32_t first, int32_t frameCount, const float* values) override;
+    int32_t endFrame() override;
+    void setEndFrame(int32_t frame) override;
+    bool decodeOrigin(int64_t* pts, int32_t* sampleRate) override;
+    void setDecodeOrigin(int64_t pts, int32_t sampleRate) override;
+
+    const std::string& mediaPath() const { return mediaPath_; }
+    int32_t stream() const { return stream_; }
+
+    static uint16_t quantise(float value);
+    static float dequantise(uint16_t step);
+
+private:
+    static constexpr int32_t kChunkFrames = 1024;
+    struct Chunk {
+        std::array<uint16_t, static_cast<size_t>(kChunkFrames) * kValuesPerFrame> values{};
+        std::bitset<kChunkFrames> held;
+    };
+
+    bool isHeldLocked(int32_t frame) const;
+
+    const std::string mediaPath_;
+    const int32_t stream_;
+
+    mutable std::shared_mutex lock_;               // leaf: nothing is called with it held
+    std::vector<std::unique_ptr<Chunk>> chunks_;   // guarded by lock_; chunk c holds frames [c x 1024, ...)
+    int32_t endFrame_ = -1;                        // guarded by lock_
+    bool haveOrigin_ = false;                      // guarded by lock_
+    int64_t originPts_ = 0;                        // guarded by lock_
+    int32_t originRate_ = 0;                       // guarded by lock_
+};
+
+// The manager of (canonical path, stream) with one reference for the caller:
+// the living one when some clip still holds it, a new one otherwise. The
+// registry holds weak entries only.
+DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream);
+
+}  // namespace ZOR

@@ -1,0 +1,126 @@
+// A clip of a media file, as createMediaClip() makes it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "Common/ZorInternalComUtility.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMediaInternal.h"
+#include "DmMediaProbe.h"
+
+namespace ZOR {
+
+class DmAudioWaveManager;
+
+// The clip of one media file. Its media, streams and range are fixed at
+// construction; what may change later (the playback properties, the sizes
+// prepared for frame lookups) is guarded or atomic, so every operation may be
+// called from any thread.
+//
+// A clip placed on a timeline derives from this class and sets its range
+// with setRange(); everything else (media, features, properties) it inherits.
+class DmMediaClip : public RefCnt<void>,
+                    public virtual IDmClip,
+                    public virtual IDmAudioFeature,
+                    public virtual IDmVideoFeature,
+                    public virtual IDmClipInternal,
+                    public virtual IDmPropertyOwner,
+                    public virtual IDmMediaSource {
+public:
+    ZOR_IMPLEMENT_REFCNT
+
+    DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId);
+    ~DmMediaClip() override;
+    DmMediaClip(const DmMediaClip&) = delete;
+    DmMediaClip& operator=(const DmMediaClip&) = delete;
+
+    void* queryInterface(const char* name) override;
+
+    // IDmClip
+    int32_t clipType() override;
+    IDmTimeline* timeline() override;
+    IDmTrack* track() override;
+    const char* clipId() override;
+    int32_t mediaId(char* buffer, int32_t size) override;
+    const char* name() override;
+    IDmEffect* effect(int32_t type) override;
+    IDmBaseObj* feature(int32_t type, int32_t flag) override;
+    IDmAttachedItemList* attachedItems() override;
+
+    // IDmPropertyOwner, IDmAudioFeature, IDmVideoFeature
+    int32_t getProperty(const char* key, ZorProperty* value) override;
+    int32_t setProperty(const char* key, const ZorProperty& value) override;
+
+    // IDmAudioFeature
+    int32_t audioStreamIndex() override;
+    int32_t sampleRate() override;
+    int32_t channelCount() override;
+    int64_t sourcePosition(int64_t clipTime, bool reverse) override;
+    int32_t valueCountPerFrame(int32_t* count, int64_t rateNum, int64_t rateDen) override;
+    int64_t mediaDuration() override;
+    int32_t fillValues(IZORLonglongList* frames, int64_t rateNum, int64_t rateDen, void* buffer) override;
+
+    // IDmVideoFeature
+    int32_t videoStreamIndex() override;
+    int32_t frameRate(int64_t* num, int64_t* den) override;
+    int32_t videoSize(int32_t* width, int32_t* height) override;
+    int32_t prepareFrames(int32_t width, int32_t height, int64_t rateNum, int64_t rateDen) override;
+    int32_t fillFrames(const int64_t* times, int32_t count, void* slots, int64_t* shown, int32_t* filled) override;
+    int32_t prepareThumbnailSize(int32_t width, int32_t height, char* text, int32_t textSize) override;
+    int32_t thumbnailFiles(const int64_t* frames, int32_t count, char* slots, int64_t* missing,
+                           int32_t* missingCount) override;
+
+    // IDmClipInternal
+    IDmClip* parentClip() override;
+    int32_t containerPosition(int32_t* first, int32_t* second) override;
+    IDmBaseObj* waveManagerSource() override;
+
+    // IDmMediaSource
+    const char* mediaPath() override;
+    int32_t resolvedStream(int32_t kind) override;
+    const char* streamProblem(int32_t kind) override;
+    IDmAudioWaveStore* waveStore() override;
+
+    bool hasAudio() const { return probe_.audioStream >= 0; }
+    bool hasVideo() const { return probe_.videoStream >= 0; }
+    const DmMediaProbe& probe() const { return probe_; }
+
+protected:
+    // The media range the clip uses and where it lies on its timeline (cns).
+    void setRange(int64_t markIn, int64_t markOut, int64_t begin, int64_t end);
+
+private:
+    struct Range {
+        int64_t markIn = 0;
+        int64_t markOut = 0;
+        int64_t begin = 0;
+        int64_t end = 0;
+    };
+    Range range() const;
+    // The stored file of each time into 1024-byte slots; the sizes come from
+    // one of the prepared pairs.
+    int32_t lookupFrames(const int64_t* times, int32_t count, char* slots, int64_t* shown, int32_t width,
+                         int32_t height, int64_t* missing, int32_t* missingCount);
+
+    const DmMediaProbe probe_;
+    const int32_t audioStreamId_;  // as asked for: -1 for the best stream
+    const int32_t videoStreamId_;
+    const std::string clipId_;
+    DmAudioWaveManager* waveManager_ = nullptr;  // one reference; null without audio
+    IDmAttachedItemList* attachedItems_ = nullptr;  // one reference
+
+    // The sizes prepared for fillFrames and thumbnailFiles, width in the high
+    // half, height in the low one; 0 when none.
+    std::atomic<uint64_t> frameSize_{0};
+    std::atomic<uint64_t> thumbnailSize_{0};
+
+    mutable std::mutex lock_;                     // leaf: guards the two members below only
+    Range range_;                                 // guarded by lock_
+    std::map<std::string, ZorProperty> properties_;  // guarded by lock_: the settable properties
+};
+
+}  // namespace ZOR

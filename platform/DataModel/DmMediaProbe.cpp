@@ -1,0 +1,158 @@
+#include "DmMediaProbe.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/display.h>
+#include <libavutil/error.h>
+}
+
+#include <cmath>
+#include <filesystem>
+#include <system_error>
+
+#include "Common/ZorInternalComUtility.h"
+
+ZOR_LOG_SOURCE("platform/DataModel/DmMediaProbe")
+
+namespace ZOR {
+
+namespace {
+
+std::string avErrorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    if (av_strerror(code, text, sizeof text) < 0) return "error " + std::to_string(code);
+    return text;
+}
+
+int64_t toCns(int64_t value, AVRational timeBase) {
+    if (value == AV_NOPTS_VALUE || value <= 0 || timeBase.num <= 0 || timeBase.den <= 0) return 0;
+    return av_rescale_q(value, timeBase, AVRational{1, 10'000'000});
+}
+
+// The stream's duration in cns, or the container's when the stream has none.
+int64_t streamDuration(const AVFormatContext* format, const AVStream* stream) {
+    const int64_t own = toCns(stream->duration, stream->time_base);
+    if (own > 0) return own;
+    return toCns(format->duration, AVRational{1, AV_TIME_BASE});
+}
+
+int32_t displayRotation(const AVStream* stream) {
+    size_t size = 0;
+    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    if (matrix == nullptr || size < 9 * sizeof(int32_t)) return 0;
+    const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    if (std::isnan(angle)) return 0;
+    // Quarter turns only; the nearest one.
+    long quarter = std::lround(angle / 90.0) % 4;
+    if (quarter < 0) quarter += 4;
+    return static_cast<int32_t>(quarter * 90);
+}
+
+bool isPicture(const AVStream* stream) {
+    return (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+}
+
+int findVideoStream(AVFormatContext* format) {
+    const int best = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (best >= 0 && !isPicture(format->streams[best])) return best;
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* stream = format->streams[i];
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isPicture(stream)) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+}  // namespace
+
+std::string canonicalMediaPath(const std::string& path) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::path canonical = fs::canonical(fs::path(path), ec);
+    if (!ec) return canonical.string();
+    fs::path absolute = fs::absolute(fs::path(path), ec);
+    if (ec) return path;
+    return absolute.lexically_normal().string();
+}
+
+DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t videoStreamId) {
+    DmMediaProbe probe;
+    probe.path = canonicalMediaPath(path);
+    probe.fileName = std::filesystem::path(probe.path).filename().string();
+
+    AVFormatContext* format = nullptr;
+    int result = avformat_open_input(&format, probe.path.c_str(), nullptr, nullptr);
+    if (result >= 0) {
+        result = avformat_find_stream_info(format, nullptr);
+        if (result < 0) avformat_close_input(&format);
+    }
+    if (result < 0) {
+        probe.problem = "'" + probe.path + "': " + avErrorText(result);
+        probe.audioProblem = probe.videoProblem = probe.problem;
+        ZOR_LOG(5, "ZOR::DmMediaProbe::probeMedia", "cannot read %s", probe.problem.c_str());
+        return probe;
+    }
+    probe.opened = true;
+    probe.containerDuration = toCns(format->duration, AVRational{1, AV_TIME_BASE});
+
+    // Audio.
+    int audio = -1;
+    if (audioStreamId >= 0) {
+        if (static_cast<unsigned>(audioStreamId) < format->nb_streams &&
+            format->streams[audioStreamId]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+            audio = audioStreamId;
+        else
+            probe.audioProblem = "'" + probe.path + "': stream " + std::to_string(audioStreamId) +
+                                 " is not an audio stream";
+    } else {
+        audio = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (audio < 0) probe.audioProblem = "'" + probe.path + "': no audio stream";
+    }
+    if (audio >= 0) {
+        const AVStream* stream = format->streams[audio];
+        probe.audioStream = audio;
+        probe.sampleRate = stream->codecpar->sample_rate;
+        probe.channels = stream->codecpar->ch_layout.nb_channels;
+        probe.audioDuration = streamDuration(format, stream);
+    }
+
+    // Video.
+    int video = -1;
+    if (videoStreamId >= 0) {
+        if (static_cast<unsigned>(videoStreamId) < format->nb_streams &&
+            format->streams[videoStreamId]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            video = videoStreamId;
+        else
+            probe.videoProblem = "'" + probe.path + "': stream " + std::to_string(videoStreamId) +
+                                 " is not a video stream";
+    } else {
+        video = findVideoStream(format);
+        if (video < 0) probe.videoProblem = "'" + probe.path + "': no video stream";
+    }
+    if (video >= 0) {
+        AVStream* stream = format->streams[video];
+        probe.videoStream = video;
+        probe.codedWidth = stream->codecpar->width;
+        probe.codedHeight = stream->codecpar->height;
+        probe.rotation = displayRotation(stream);
+        const AVRational sar = av_guess_sample_aspect_ratio(format, stream, nullptr);
+        if (sar.num > 0 && sar.den > 0) {
+            probe.sarNum = sar.num;
+            probe.sarDen = sar.den;
+        }
+        AVRational rate = stream->avg_frame_rate;
+        if (rate.num <= 0 || rate.den <= 0) rate = stream->r_frame_rate;
+        if (rate.num > 0 && rate.den > 0) {
+            probe.frameRateNum = rate.num;
+            probe.frameRateDen = rate.den;
+        }
+        probe.videoDuration = streamDuration(format, stream);
+        if (probe.codedWidth <= 0 || probe.codedHeight <= 0) {
+            probe.videoStream = -1;
+            probe.videoProblem = "'" + probe.path + "': the video stream has no picture size";
+        }
+    }
+    avformat_close_input(&format);
+    return probe;
+}
+
+}  // namespace ZOR

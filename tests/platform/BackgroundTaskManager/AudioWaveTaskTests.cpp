@@ -1,0 +1,469 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "../DataModel/MediaTestSupport.h"
+#include "Adapter/Adapter.h"
+#include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "BsDataStructure/BsDataStructure.h"
+#include "CapturingLogger.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "PipeServer.h"
+#include "TaskTestSupport.h"
+
+namespace ZOR::test {
+namespace {
+
+using MediaTest::ffmpeg;
+using MediaTest::TempFolder;
+
+constexpr int32_t kValues = 40;
+// Half a 16-bit step, and float rounding on top.
+constexpr float kStepTolerance = 0.5f / 65535.0f + 1e-6f;
+
+// Two channels whose amplitudes ramp in opposite directions, so every window
+// has its own peak and the louder channel changes half way.
+std::string rampSource(int rate, double seconds) {
+    return "-f lavfi -i \"aevalsrc=exprs='(0.1+0.8*t/" + std::to_string(seconds) + ")*sin(2*PI*440*t)|(0.9-0.8*t/" +
+           std::to_string(seconds) + ")*sin(2*PI*660*t)':s=" + std::to_string(rate) + ":d=" +
+           std::to_string(seconds) + "\"";
+}
+
+class AudioWaveTaskTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        task_ = createAudioWaveExtractTask();
+        ASSERT_NE(task_, nullptr);
+        ASSERT_EQ(task_->addCallBack(&recorder_), 0);
+        ASSERT_EQ(task_->initialize(), 0);
+        ASSERT_EQ(task_->start(), 0);
+    }
+    void TearDown() override {
+        if (task_ != nullptr) {
+            task_->removeCallBack(&recorder_);
+            task_->Release();
+        }
+    }
+
+    std::string makeWav(const std::string& name, int rate, double seconds) {
+        const std::string path = folder_.file(name);
+        ffmpeg(rampSource(rate, seconds) + " -c:a pcm_s16le '" + path + "'");
+        return path;
+    }
+
+    int64_t append(IDmClip* clip, int32_t first, int32_t last, int32_t expectedResult = 0) {
+        BsWaveTaskRecord record;
+        record.clip = clip;
+        record.beginFrame = first;
+        record.endFrame = last;
+        int64_t token = -1;
+        EXPECT_EQ(task_->append(&record, &token), expectedResult);
+        if (expectedResult == 0) {
+            EXPECT_GT(token, 0);
+        }
+        return token;
+    }
+
+    static std::vector<float> values(IDmClip* clip, int32_t first, int32_t last) {
+        auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
+        EXPECT_NE(audio, nullptr);
+        std::vector<float> read(static_cast<size_t>(last - first + 1) * kValues, -1.0f);
+        if (audio == nullptr) return read;
+        IZORLonglongList* frames = createZORLonglongList();
+        for (int32_t frame = first; frame <= last; ++frame) frames->append(frame);
+        EXPECT_EQ(audio->fillValues(frames, 25, 1, read.data()), 0);
+        frames->Release();
+        return read;
+    }
+
+    static IDmAudioWaveMgrInternal* managerOf(IDmClip* clip) {
+        auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
+        return acquireIDmAudioWaveMgrInternal(internal->waveManagerSource());
+    }
+
+    // Compares frames [first, last] of the clip with the expected windows.
+    static void expectWave(IDmClip* clip, const std::vector<float>& expected, int32_t first, int32_t last,
+                           float tolerance) {
+        const std::vector<float> got = values(clip, first, last);
+        int mismatches = 0;
+        for (int32_t frame = first; frame <= last; ++frame)
+            for (int k = 0; k < kValues; ++k) {
+                const size_t window = static_cast<size_t>(frame) * kValues + static_cast<size_t>(k);
+                const float want = window < expected.size() ? expected[window] : 0.0f;
+                const float have = got[static_cast<size_t>(frame - first) * kValues + static_cast<size_t>(k)];
+                if (std::fabs(have - std::min(want, 1.0f)) > tolerance && ++mismatches <= 5)
+                    ADD_FAILURE() << "frame " << frame << " value " << k << ": " << have << " expected " << want;
+            }
+        EXPECT_EQ(mismatches, 0);
+    }
+
+    TempFolder folder_;
+    Recorder recorder_;
+    IBsAudioWaveExtractTask* task_ = nullptr;
+};
+
+TEST_F(AudioWaveTaskTest, WavValuesAreThePeaksOfEachMillisecondAt44100) {
+    const std::string path = makeWav("ramp.wav", 44100, 2.99);
+    const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
+    ASSERT_EQ(expected.size(), 75u * kValues);  // 2.99 s: the last frame is partly covered
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t token = append(clip.get(), 0, 100);
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    expectWave(clip.get(), expected, 0, 74, kStepTolerance);
+
+    // Frames beyond the end are not held and read as zeros.
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    EXPECT_NE(manager->hasFrames(0, 74), 0);
+    EXPECT_EQ(manager->hasFrames(74, 75), 0);
+    EXPECT_EQ(manager->hasFrames(80, 100), 0);
+    std::vector<float> beyond(kValues, 5.0f);
+    EXPECT_NE(manager->readFrame(80, 25, 1, beyond.data(), kValues), 0);
+    for (float value : beyond) EXPECT_EQ(value, 0.0f);
+    // Windows after the last sample of the last frame hold nothing.
+    const std::vector<float> last = values(clip.get(), 74, 74);
+    EXPECT_GT(last[29], 0.0f);
+    EXPECT_EQ(last[30], 0.0f);
+
+    const std::vector<Report> reports = recorder_.reportsOf(token);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].percent, 100);
+    EXPECT_EQ(reports[0].task, task_->queryInterface("IDmBaseObj"));
+    EXPECT_NE(reports[0].thread, std::this_thread::get_id());
+}
+
+TEST_F(AudioWaveTaskTest, WavValuesAt48000AndARangeInTheMiddleArePlacedExactly) {
+    const std::string path = makeWav("ramp48.wav", 48000, 3.0);
+    const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    ScopedCapture capture(IBsLogger::Debug);
+    const int64_t token = append(clip.get(), 31, 40);
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    expectWave(clip.get(), expected, 31, 40, kStepTolerance);
+    // WAV timestamps are sample-exact: the piece seeks, and stays with it.
+    bool seeking = false;
+    for (const std::string& text : capture.sink().texts()) {
+        if (text.find("seeking") != std::string::npos) seeking = true;
+        EXPECT_EQ(text.find("from the start"), std::string::npos) << text;
+    }
+    EXPECT_TRUE(seeking);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    EXPECT_NE(manager->hasFrames(31, 40), 0);
+    // Only what was asked for was decoded (in whole pieces at most).
+    EXPECT_EQ(manager->hasFrames(0, 74), 0);
+
+    // A second range after it, and the whole stream.
+    const int64_t second = append(clip.get(), 0, 74);
+    ASSERT_EQ(recorder_.waitFinal(second), BsTaskFinished);
+    expectWave(clip.get(), expected, 0, 74, kStepTolerance);
+}
+
+TEST_F(AudioWaveTaskTest, LongRangesAreDecodedInPiecesThatJoinExactly) {
+    const std::string path = folder_.file("long.wav");
+    ASSERT_TRUE(ffmpeg(rampSource(44100, 24.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    ScopedCapture capture(IBsLogger::Debug);
+    const int64_t token = append(clip.get(), 0, 599);
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    expectWave(clip.get(), expected, 0, 599, kStepTolerance);
+    bool split = false;
+    for (const std::string& text : capture.sink().texts())
+        if (text.find("3 pieces") != std::string::npos || text.find("4 pieces") != std::string::npos) split = true;
+    EXPECT_TRUE(split) << "600 frames on at least two workers make several pieces";
+}
+
+TEST_F(AudioWaveTaskTest, CompressedFilesGiveTheValuesOfTheirDecodedSamples) {
+    const std::string wav = makeWav("source.wav", 44100, 3.0);
+    const std::string mp3 = folder_.file("ramp.mp3");
+    const std::string m4a = folder_.file("ramp.m4a");
+    ASSERT_TRUE(ffmpeg("-i '" + wav + "' -c:a libmp3lame -b:a 192k '" + mp3 + "'"));
+    // Without noise substitution: its noise generator runs on from the start of
+    // decoding, so noisy bands would differ after a seek.
+    ASSERT_TRUE(ffmpeg("-i '" + wav + "' -c:a aac -aac_pns 0 -b:a 192k '" + m4a + "'"));
+    for (const std::string& path : {mp3, m4a}) {
+        SCOPED_TRACE(path);
+        const std::vector<float> expected =
+            MediaTest::waveValues(MediaTest::decodeWithCommand(path, path + ".raw", 44100, 2));
+        ASSERT_FALSE(expected.empty());
+        const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
+        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        // A range in the middle first (the MP4 file seeks to it), then the rest.
+        const int64_t middle = append(clip.get(), 40, 50);
+        ASSERT_EQ(recorder_.waitFinal(middle), BsTaskFinished);
+        expectWave(clip.get(), expected, 40, 50, 1e-4f);
+        const int64_t all = append(clip.get(), 0, lastFrame + 5);
+        ASSERT_EQ(recorder_.waitFinal(all), BsTaskFinished);
+        expectWave(clip.get(), expected, 0, lastFrame, 1e-4f);
+        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        EXPECT_NE(manager->hasFrames(0, lastFrame), 0);
+        EXPECT_EQ(manager->hasFrames(lastFrame + 1, lastFrame + 1), 0);
+    }
+}
+
+TEST_F(AudioWaveTaskTest, RangesReachingFarBeyondTheEndStopAtTheEnd) {
+    const std::string wav = makeWav("short.wav", 44100, 1.5);
+    const std::string mp3 = folder_.file("short.mp3");
+    ASSERT_TRUE(ffmpeg("-i '" + wav + "' -c:a libmp3lame '" + mp3 + "'"));
+    const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(wav));
+    for (const std::string& path : {wav, mp3}) {
+        SCOPED_TRACE(path);
+        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        const int64_t token = append(clip.get(), 10, 2'000'000'000);
+        ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        EXPECT_NE(manager->hasFrames(10, 37), 0);
+        EXPECT_EQ(manager->hasFrames(38 + (path == mp3 ? 2 : 0), 40), 0);
+        EXPECT_EQ(manager->hasFrames(0, 9), 0);
+        if (path == wav) expectWave(clip.get(), expected, 10, 37, kStepTolerance);
+        // Asked again: nothing is missing any more.
+        const int64_t again = append(clip.get(), 10, 2'000'000'000);
+        EXPECT_EQ(recorder_.waitFinal(again), BsTaskFinished);
+    }
+}
+
+TEST_F(AudioWaveTaskTest, HeldFramesNeedNoDecodingEvenWhenTheFileIsGone) {
+    const std::string path = makeWav("tone.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t first = append(clip.get(), 0, 24);
+    ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
+    const std::vector<float> before = values(clip.get(), 0, 24);
+    std::filesystem::remove(path);
+    const int64_t second = append(clip.get(), 5, 20);
+    ASSERT_EQ(recorder_.waitFinal(second), BsTaskFinished);
+    EXPECT_EQ(values(clip.get(), 0, 24), before);
+    // Frames that are not held now fail: the file is gone.
+    const int64_t beyond = append(clip.get(), 30, 40);
+    EXPECT_EQ(recorder_.waitFinal(beyond), BsTaskFailed);
+}
+
+TEST_F(AudioWaveTaskTest, ClipsOfOneStreamShareWhatWasDecoded) {
+    const std::string path = makeWav("shared.wav", 44100, 1.0);
+    Held<IDmClip> a(createMediaClip(path.c_str(), -1, -1, nullptr));
+    Held<IDmClip> b(createMediaClip(path.c_str(), 0, -1, nullptr));
+    const int64_t token = append(a.get(), 0, 24);
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(b.get()));
+    EXPECT_NE(manager->hasFrames(0, 24), 0);
+    EXPECT_EQ(values(a.get(), 0, 24), values(b.get(), 0, 24));
+}
+
+TEST_F(AudioWaveTaskTest, AppendRejectsRequestsItCannotServe) {
+    const std::string path = makeWav("tone.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    int64_t token = -1;
+    EXPECT_NE(task_->append(nullptr, &token), 0);
+    BsWaveTaskRecord record;
+    EXPECT_NE(task_->append(&record, &token), 0);  // no clip
+    record.clip = clip.get();
+    EXPECT_NE(task_->append(&record, nullptr), 0);
+    record.rateNum = 30;
+    EXPECT_NE(task_->append(&record, &token), 0);
+    record.rateNum = 25;
+    record.beginFrame = 10;
+    record.endFrame = 9;
+    EXPECT_NE(task_->append(&record, &token), 0);
+    EXPECT_EQ(token, -1);
+    EXPECT_EQ(task_->pendingCount(), 0);
+    // Cancelling an unknown token does nothing.
+    task_->cancel(123456789);
+    EXPECT_EQ(recorder_.count(), 0u);
+}
+
+// Each bad file ends in a rejected append or in status 3, with a log line that
+// names the file and the cause.
+TEST_F(AudioWaveTaskTest, BadInputIsRejectedOrFailsWithANamedCause) {
+    ScopedCapture capture(IBsLogger::Info);
+    const std::string good = makeWav("good.wav", 44100, 1.0);
+    const std::string video = folder_.file("silent.mp4");
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + video + "'"));
+    const std::string m4a = folder_.file("cut.m4a");
+    ASSERT_TRUE(ffmpeg("-i '" + good + "' -c:a aac '" + m4a + "'"));
+    MediaTest::writeText(folder_.file("empty.wav"), "");
+    MediaTest::writeText(folder_.file("notes.mp4"), "not a movie at all\n");
+
+    auto logged = [&](const std::string& name, const std::string& cause) {
+        for (const std::string& text : capture.sink().texts())
+            if (text.find(name) != std::string::npos && text.find(cause) != std::string::npos) return true;
+        return false;
+    };
+
+    struct Rejected {
+        std::string file;
+        std::string cause;
+    };
+    for (const Rejected& bad : {Rejected{"missing.wav", "No such file"}, Rejected{"empty.wav", "Invalid data"},
+                                Rejected{"notes.mp4", "Invalid data"}, Rejected{"silent.mp4", "no audio stream"}}) {
+        SCOPED_TRACE(bad.file);
+        Held<IDmClip> clip(createMediaClip(folder_.file(bad.file).c_str(), -1, -1, nullptr));
+        append(clip.get(), 0, 10, 1004);
+        EXPECT_TRUE(logged(bad.file, bad.cause));
+    }
+
+    // Files that break after their clip was made: status 3.
+    const std::string moved = folder_.file("moved.wav");
+    std::filesystem::copy_file(good, moved);
+    Held<IDmClip> movedClip(createMediaClip(moved.c_str(), -1, -1, nullptr));
+    std::filesystem::remove(moved);
+    EXPECT_EQ(recorder_.waitFinal(append(movedClip.get(), 0, 10)), BsTaskFailed);
+    EXPECT_TRUE(logged("moved.wav", "No such file"));
+
+    Held<IDmClip> cutClip(createMediaClip(m4a.c_str(), -1, -1, nullptr));
+    std::filesystem::resize_file(m4a, 2000);  // the index at the end is gone
+    EXPECT_EQ(recorder_.waitFinal(append(cutClip.get(), 0, 10)), BsTaskFailed);
+    EXPECT_TRUE(logged("cut.m4a", "Invalid data"));
+
+    const std::string replaced = folder_.file("replaced.wav");
+    std::filesystem::copy_file(good, replaced);
+    Held<IDmClip> replacedClip(createMediaClip(replaced.c_str(), -1, -1, nullptr));
+    MediaTest::writeText(replaced, "now it is text\n");
+    EXPECT_EQ(recorder_.waitFinal(append(replacedClip.get(), 0, 10)), BsTaskFailed);
+    EXPECT_TRUE(logged("replaced.wav", "Invalid data"));
+    EXPECT_EQ(task_->pendingCount(), 0);
+}
+
+TEST_F(AudioWaveTaskTest, CancelledBeforeStartingReportsStatusFour) {
+    const std::string path = makeWav("tone.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    ASSERT_EQ(task_->pause(), 0);
+    EXPECT_EQ(task_->isPaused(), 1);
+    const int64_t a = append(clip.get(), 0, 10);
+    const int64_t b = append(clip.get(), 11, 20);
+    EXPECT_EQ(task_->pendingCount(), 2);
+    EXPECT_EQ(task_->cancel(a), 0);
+    // A cancelled request ends even while the task is paused.
+    EXPECT_EQ(recorder_.waitFinal(a), BsTaskCancelled);
+    EXPECT_EQ(task_->pendingCount(), 1);
+    // The other one waits for resume().
+    EXPECT_EQ(recorder_.waitFinal(b, std::chrono::milliseconds(300)), 0);
+    ASSERT_EQ(task_->resume(), 0);
+    EXPECT_EQ(recorder_.waitFinal(b), BsTaskFinished);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    EXPECT_EQ(manager->hasFrames(0, 10), 0);
+    EXPECT_NE(manager->hasFrames(11, 20), 0);
+
+    // cancel(-1) cancels every request.
+    ASSERT_EQ(task_->pause(), 0);
+    const int64_t c = append(clip.get(), 0, 5);
+    const int64_t d = append(clip.get(), 30, 35);
+    EXPECT_EQ(task_->cancel(-1), 0);
+    EXPECT_EQ(recorder_.waitFinal(c), BsTaskCancelled);
+    EXPECT_EQ(recorder_.waitFinal(d), BsTaskCancelled);
+    EXPECT_EQ(recorder_.reportsOf(c).size(), 1u);
+}
+
+// A file served through a pipe holds the decoder in the middle of the stream.
+class HeldDecoderTest : public AudioWaveTaskTest {
+protected:
+    // The clip is made from the real file; then the file is replaced by a
+    // pipe that serves the same bytes, holding its second reader (the piece's
+    // decoder; the first is the planning look) after 64 KiB. Requests stay
+    // within one piece (10 s), so there is one decoder at a time.
+    void serve(const std::string& path) {
+        clip_ = createMediaClip(path.c_str(), -1, -1, nullptr);
+        ASSERT_NE(clip_, nullptr);
+        server_ = std::make_unique<PipeServer>(path, MediaTest::readBytes(path), 2, 64 * 1024);
+        ASSERT_TRUE(server_->created());
+    }
+    void TearDown() override {
+        if (server_) server_->openGate();
+        AudioWaveTaskTest::TearDown();  // shuts the task down first
+        server_.reset();
+        if (clip_ != nullptr) clip_->Release();
+    }
+
+    IDmClip* clip_ = nullptr;
+    std::unique_ptr<PipeServer> server_;
+};
+
+TEST_F(HeldDecoderTest, CancelStopsADecodingRequest) {
+    const std::string path = folder_.file("held.wav");
+    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    serve(path);
+    const int64_t token = append(clip_, 0, 249);
+    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    EXPECT_EQ(task_->pendingCount(), 1);
+    EXPECT_EQ(task_->cancel(token), 0);
+    server_->openGate();
+    EXPECT_EQ(recorder_.waitFinal(token), BsTaskCancelled);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip_));
+    EXPECT_EQ(manager->hasFrames(0, 249), 0);
+    EXPECT_EQ(recorder_.reportsOf(token).size(), 1u);
+}
+
+TEST_F(HeldDecoderTest, PauseLetsRunningWorkFinishAndHoldsNewWork) {
+    const std::string path = folder_.file("held.wav");
+    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
+    serve(path);
+    const int64_t running = append(clip_, 0, 249);
+    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    ASSERT_EQ(task_->pause(), 0);
+    server_->openGate();
+    EXPECT_EQ(recorder_.waitFinal(running), BsTaskFinished);
+    expectWave(clip_, expected, 0, 249, kStepTolerance);
+
+    // Held frames finish without decoding; this one needs decoding and waits.
+    Held<IDmClip> other(createMediaClip(makeWav("other.wav", 8000, 1.0).c_str(), -1, -1, nullptr));
+    const int64_t waiting = append(other.get(), 0, 24);
+    EXPECT_EQ(recorder_.waitFinal(waiting, std::chrono::milliseconds(300)), 0);
+    EXPECT_EQ(task_->pendingCount(), 1);
+    ASSERT_EQ(task_->resume(), 0);
+    EXPECT_EQ(recorder_.waitFinal(waiting), BsTaskFinished);
+}
+
+TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
+    const std::string path = folder_.file("held.wav");
+    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    serve(path);
+    const int64_t token = append(clip_, 0, 249);
+    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    server_->openGate();
+    ASSERT_EQ(task_->shutdown(), 0);
+    const size_t reportsAtShutdown = recorder_.count();
+    // Nothing comes after shutdown() returned.
+    EXPECT_FALSE(recorder_.waitForCount(reportsAtShutdown + 1, std::chrono::milliseconds(200)));
+    EXPECT_EQ(task_->isStarted(), 0);
+    EXPECT_EQ(task_->pendingCount(), 0);
+    int64_t ignored = -1;
+    BsWaveTaskRecord record;
+    record.clip = clip_;
+    EXPECT_NE(task_->append(&record, &ignored), 0);
+    EXPECT_NE(task_->start(), 0);
+    EXPECT_EQ(recorder_.count(), reportsAtShutdown);
+    EXPECT_TRUE(recorder_.reportsOf(token).empty() || recorder_.reportsOf(token).size() == 1u);
+}
+
+TEST_F(AudioWaveTaskTest, TheLastReleaseJoinsTheWorkers) {
+    const std::string path = makeWav("tone.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    task_->removeCallBack(&recorder_);
+    task_->Release();
+    task_ = nullptr;
+    const int before = threadCount();
+
+    IBsAudioWaveExtractTask* task = createAudioWaveExtractTask();
+    IBsVideoFrameExtractTask* other = createVideoFrameExtractTask();
+    ASSERT_EQ(task->initialize(), 0);
+    ASSERT_EQ(other->initialize(), 0);
+    task->addCallBack(&recorder_);
+    task->start();
+    const int during = threadCount();
+    EXPECT_GE(during, before + 2);  // one pool of at least two workers, shared
+    BsWaveTaskRecord record;
+    record.clip = clip.get();
+    record.endFrame = 24;
+    int64_t token = -1;
+    ASSERT_EQ(task->append(&record, &token), 0);
+    EXPECT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    task->Release();
+    EXPECT_EQ(threadCount(), during);  // the video task still holds the workers
+    other->Release();
+    EXPECT_EQ(threadCount(), before);
+}
+
+}  // namespace
+}  // namespace ZOR::test

@@ -1,0 +1,230 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../DataModel/MediaTestSupport.h"
+#include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "TaskTestSupport.h"
+
+namespace ZOR::test {
+namespace {
+
+using MediaTest::ffmpeg;
+using MediaTest::TempFolder;
+
+constexpr int64_t kSecond = 10'000'000;
+
+class TaskConcurrencyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setFrameStoreRoot(folder_.file("store").c_str());
+        video_ = folder_.file("video.mp4");
+        ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=3\" -f lavfi -i \"sine=f=440:r=44100:d=3\" "
+                           "-c:v libx264 -pix_fmt yuv420p -g 50 -c:a aac '" + video_ + "'"));
+        sound_ = folder_.file("sound.wav");
+        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=48000:d=6\" -ac 2 '" + sound_ + "'"));
+    }
+    void TearDown() override { setFrameStoreRoot(nullptr); }
+
+    TempFolder folder_;
+    std::string video_;
+    std::string sound_;
+};
+
+// Requests from several threads at once, some cancelled, with pauses and
+// resumes in between: every accepted request ends exactly once.
+TEST_F(TaskConcurrencyTest, EveryRequestEndsExactlyOnce) {
+    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    Held<IDmClip> soundClip(createMediaClip(sound_.c_str(), -1, -1, nullptr));
+    Recorder audioReports;
+    Recorder videoReports;
+    IBsAudioWaveExtractTask* audio = createAudioWaveExtractTask();
+    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    audio->addCallBack(&audioReports);
+    video->addCallBack(&videoReports);
+    audio->initialize();
+    video->initialize();
+    audio->start();
+    video->start();
+
+    std::mutex tokensLock;  // guards the two token lists
+    std::vector<int64_t> audioTokens;
+    std::vector<int64_t> videoTokens;
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 4; ++c) {
+        clients.emplace_back([&, c] {
+            std::mt19937 random(static_cast<unsigned>(c) * 7919u + 1u);
+            for (int i = 0; i < 12; ++i) {
+                BsWaveTaskRecord record;
+                record.clip = (i % 2 == 0) ? soundClip.get() : videoClip.get();
+                record.beginFrame = static_cast<int32_t>(random() % 100);
+                record.endFrame = record.beginFrame + static_cast<int32_t>(random() % 80);
+                int64_t audioToken = -1;
+                if (audio->append(&record, &audioToken) == 0) {
+                    std::lock_guard<std::mutex> guard(tokensLock);
+                    audioTokens.push_back(audioToken);
+                }
+                const int64_t times[] = {static_cast<int64_t>(random() % 30) * kSecond / 10,
+                                         static_cast<int64_t>(random() % 30) * kSecond / 10};
+                int64_t videoToken = -1;
+                if (video->append(videoClip.get(), times, 2, &videoToken, 16 + c, 12, i % 3 == 0 ? 1u : 0u) == 0) {
+                    std::lock_guard<std::mutex> guard(tokensLock);
+                    videoTokens.push_back(videoToken);
+                }
+                if (random() % 3 == 0) audio->cancel(audioToken);
+                if (random() % 4 == 0) video->cancel(videoToken);
+                if (random() % 5 == 0) {
+                    video->pause();
+                    video->addFrames(videoToken, times, 1);
+                    video->resume();
+                }
+            }
+        });
+    }
+    for (std::thread& client : clients) client.join();
+    ASSERT_EQ(audioTokens.size(), 48u);
+    ASSERT_EQ(videoTokens.size(), 48u);
+    for (int64_t token : audioTokens) EXPECT_NE(audioReports.waitFinal(token), 0) << token;
+    for (int64_t token : videoTokens) EXPECT_NE(videoReports.waitFinal(token), 0) << token;
+    EXPECT_EQ(audio->pendingCount(), 0);
+    EXPECT_EQ(video->pendingCount(), 0);
+
+    for (const auto* reports : {&audioReports, &videoReports}) {
+        std::map<int64_t, int> finals;
+        for (const Report& report : reports->all()) {
+            if (isFinal(report.status)) ++finals[report.token];
+            EXPECT_NE(report.thread, std::this_thread::get_id());
+        }
+        for (const auto& [token, count] : finals) EXPECT_EQ(count, 1) << token;
+    }
+    audio->removeCallBack(&audioReports);
+    video->removeCallBack(&videoReports);
+    audio->Release();
+    video->Release();
+}
+
+// Shutting down while other threads append: appends either are accepted
+// before it or rejected after it, and nothing is reported once it returned.
+TEST_F(TaskConcurrencyTest, ShutdownRacesWithAppends) {
+    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    Recorder reports;
+    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    video->addCallBack(&reports);
+    video->initialize();
+    video->start();
+    std::atomic<bool> go{false};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 3; ++c) {
+        clients.emplace_back([&, c] {
+            while (!go.load()) std::this_thread::yield();
+            for (int i = 0; i < 20; ++i) {
+                const int64_t time = (i % 25) * kSecond / 10;
+                int64_t token = -1;
+                video->append(videoClip.get(), &time, 1, &token, 20 + c, 16, 0);
+            }
+        });
+    }
+    go.store(true);
+    ASSERT_EQ(video->shutdown(), 0);
+    const size_t atShutdown = reports.count();
+    for (std::thread& client : clients) client.join();
+    int64_t token = -1;
+    const int64_t time = 0;
+    EXPECT_NE(video->append(videoClip.get(), &time, 1, &token, 20, 16, 0), 0);
+    EXPECT_EQ(reports.count(), atShutdown);
+    EXPECT_EQ(video->pendingCount(), 0);
+    video->removeCallBack(&reports);
+    video->Release();
+    EXPECT_EQ(reports.count(), atShutdown);
+}
+
+// removeCallBack() returns only once the callback is no longer running.
+TEST_F(TaskConcurrencyTest, RemoveCallBackWaitsForARunningCallback) {
+    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    struct Blocking : Recorder {
+        std::promise<void> entered;
+        std::shared_future<void> release;
+        std::atomic<bool> first{true};
+        std::atomic<bool> inside{false};
+        void onReport(const Report&) override {
+            if (!first.exchange(false)) return;
+            inside.store(true);
+            entered.set_value();
+            release.wait();
+            inside.store(false);
+        }
+    } blocking;
+    std::promise<void> releaser;
+    blocking.release = releaser.get_future().share();
+    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    video->addCallBack(&blocking);
+    video->initialize();
+    video->start();
+    const int64_t time = kSecond;
+    int64_t token = -1;
+    ASSERT_EQ(video->append(videoClip.get(), &time, 1, &token, 32, 24, 0), 0);
+    ASSERT_EQ(blocking.entered.get_future().wait_for(kGenerous), std::future_status::ready);
+
+    auto removal = std::async(std::launch::async, [&] { return video->removeCallBack(&blocking); });
+    EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    EXPECT_TRUE(blocking.inside.load());
+    releaser.set_value();
+    ASSERT_EQ(removal.wait_for(kGenerous), std::future_status::ready);
+    EXPECT_EQ(removal.get(), 0);
+    EXPECT_FALSE(blocking.inside.load());
+    const size_t afterRemoval = blocking.count();
+    video->Release();
+    EXPECT_EQ(blocking.count(), afterRemoval);
+}
+
+// The last reference may go from inside the task's own callback, on a
+// worker: the task goes quietly and its workers are joined later.
+TEST_F(TaskConcurrencyTest, ReleasingTheTaskInsideItsCallbackIsSafe) {
+    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    {
+        // Once workers have run, a sanitizer may keep a thread of its own.
+        IBsAudioWaveExtractTask* warmUp = createAudioWaveExtractTask();
+        ASSERT_EQ(warmUp->initialize(), 0);
+        warmUp->Release();
+    }
+    const int before = threadCount();
+    struct Releasing : Recorder {
+        IBsVideoFrameExtractTask* task = nullptr;
+        std::promise<void> released;
+        void onReport(const Report& report) override {
+            if (report.hasData && task != nullptr) {
+                std::exchange(task, nullptr)->Release();
+                released.set_value();
+            }
+        }
+    } releasing;
+    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    releasing.task = video;
+    video->addCallBack(&releasing);
+    video->initialize();
+    video->start();
+    const int64_t times[] = {0, kSecond, 2 * kSecond};
+    int64_t token = -1;
+    ASSERT_EQ(video->append(videoClip.get(), times, 3, &token, 32, 24, 0), 0);
+    ASSERT_EQ(releasing.released.get_future().wait_for(kGenerous), std::future_status::ready);
+    // The report that released it is the last one.
+    EXPECT_EQ(releasing.waitFinal(token, std::chrono::milliseconds(300)), 0);
+    EXPECT_EQ(releasing.count(), 1u);
+
+    // The next task joins the workers of the old pool; releasing it joins its own.
+    IBsAudioWaveExtractTask* next = createAudioWaveExtractTask();
+    ASSERT_EQ(next->initialize(), 0);
+    next->Release();
+    EXPECT_EQ(threadCount(), before);
+}
+
+}  // namespace
+}  // namespace ZOR::test

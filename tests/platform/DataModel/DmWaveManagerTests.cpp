@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Adapter/Adapter.h"
+#include "BsDataStructure/BsDataStructure.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
+#include "MediaTestSupport.h"
+
+namespace ZOR::test {
+namespace {
+
+using MediaTest::ffmpeg;
+using MediaTest::quantised;
+using MediaTest::TempFolder;
+
+constexpr int32_t kValues = 40;
+
+class DmWaveManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        path_ = folder_.file("tone.wav");
+        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -c:a pcm_s16le '" + path_ + "'"));
+    }
+    IDmClip* newClip(const std::string& path) {
+        IDmClip* clip = createMediaClip(path.c_str(), -1, -1, nullptr);
+        EXPECT_NE(clip, nullptr);
+        return clip;
+    }
+    static IDmAudioWaveMgrInternal* managerOf(IDmClip* clip) {
+        auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
+        return acquireIDmAudioWaveMgrInternal(internal->waveManagerSource());
+    }
+    static IDmAudioWaveStore* storeOf(IDmClip* clip) {
+        auto* source = static_cast<IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
+        return source->waveStore();
+    }
+
+    TempFolder folder_;
+    std::string path_;
+};
+
+TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
+    IDmClip* clip = newClip(path_);
+    IDmAudioWaveStore* store = storeOf(clip);
+    ASSERT_NE(store, nullptr);
+    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    ASSERT_NE(manager, nullptr);
+
+    std::vector<float> values(2 * kValues);
+    for (int i = 0; i < 2 * kValues; ++i) values[static_cast<size_t>(i)] = static_cast<float>(i) / 79.0f * 0.999f;
+    values[3] = 1.25f;   // decoders overshoot: kept as full scale
+    values[4] = 0.5f;
+    values[5] = 1.0f / 131070.0f + 1e-9f;  // just above half a step: rounds up to one step
+    values[6] = 1.0f / 131070.0f - 1e-9f;  // just below: rounds to zero
+    ASSERT_EQ(store->storeFrames(10, 2, values.data()), 0);
+
+    std::vector<float> read(kValues, -1.0f);
+    for (int32_t frame = 10; frame <= 11; ++frame) {
+        ASSERT_EQ(manager->readFrame(frame, 25, 1, read.data(), kValues), 0);
+        for (int k = 0; k < kValues; ++k) {
+            const float expected = quantised(values[static_cast<size_t>((frame - 10) * kValues + k)]);
+            EXPECT_EQ(read[static_cast<size_t>(k)], expected) << "frame " << frame << " value " << k;
+        }
+    }
+    ASSERT_EQ(manager->readFrame(10, 25, 1, read.data(), kValues), 0);
+    EXPECT_EQ(read[3], 1.0f);
+    EXPECT_EQ(read[4], static_cast<float>(32768.0 / 65535.0));
+    EXPECT_EQ(read[5], static_cast<float>(1.0 / 65535.0));
+    EXPECT_EQ(read[6], 0.0f);
+
+    // Ranges: held only where every frame is.
+    EXPECT_NE(manager->hasFrames(10, 11), 0);
+    EXPECT_NE(manager->hasFrames(11, 11), 0);
+    EXPECT_EQ(manager->hasFrames(9, 11), 0);
+    EXPECT_EQ(manager->hasFrames(10, 12), 0);
+    EXPECT_EQ(manager->hasFrames(11, 10), 0);
+
+    // A frame not held reads as zeros and says so.
+    std::fill(read.begin(), read.end(), 7.0f);
+    EXPECT_EQ(manager->readFrame(12, 25, 1, read.data(), kValues), 1001);
+    for (float value : read) EXPECT_EQ(value, 0.0f);
+
+    const auto missing = store->missingRanges(8, 14);
+    ASSERT_EQ(missing.size(), 2u);
+    EXPECT_EQ(missing[0], std::make_pair(8, 9));
+    EXPECT_EQ(missing[1], std::make_pair(12, 14));
+
+    manager->Release();
+    clip->Release();
+}
+
+TEST_F(DmWaveManagerTest, OnlyTwentyFiveFramesPerSecondIsKept) {
+    IDmClip* clip = newClip(path_);
+    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    ASSERT_NE(manager, nullptr);
+    EXPECT_EQ(manager->valueCountPerFrame(25, 1), 40u);
+    EXPECT_EQ(manager->valueCountPerFrame(50, 2), 40u);
+    EXPECT_EQ(manager->valueCountPerFrame(30, 1), 0u);
+    EXPECT_EQ(manager->valueCountPerFrame(25, 0), 0u);
+    std::vector<float> read(kValues, 3.0f);
+    EXPECT_NE(manager->readFrame(0, 30, 1, read.data(), kValues), 0);
+    EXPECT_EQ(read[0], 0.0f);
+
+    auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
+    int32_t count = -1;
+    EXPECT_EQ(audio->valueCountPerFrame(&count, 25, 1), 0);
+    EXPECT_EQ(count, 40);
+    EXPECT_NE(audio->valueCountPerFrame(&count, 30000, 1001), 0);
+    EXPECT_EQ(count, 0);
+    manager->Release();
+    clip->Release();
+}
+
+TEST_F(DmWaveManagerTest, EndOfStreamBoundsTheMissingFrames) {
+    IDmClip* clip = newClip(path_);
+    IDmAudioWaveStore* store = storeOf(clip);
+    EXPECT_EQ(store->endFrame(), -1);
+    store->setEndFrame(25);
+    EXPECT_EQ(store->endFrame(), 25);
+    const auto missing = store->missingRanges(20, 40);
+    ASSERT_EQ(missing.size(), 1u);
+    EXPECT_EQ(missing[0], std::make_pair(20, 24));
+    EXPECT_TRUE(store->missingRanges(25, 30).empty());
+    int64_t pts = 0;
+    int32_t rate = 0;
+    EXPECT_FALSE(store->decodeOrigin(&pts, &rate));
+    store->setDecodeOrigin(1105, 44100);
+    ASSERT_TRUE(store->decodeOrigin(&pts, &rate));
+    EXPECT_EQ(pts, 1105);
+    EXPECT_EQ(rate, 44100);
+    clip->Release();
+}
+
+TEST_F(DmWaveManagerTest, FillValuesCopiesListedFramesInOrderWithZerosForFramesNotHeld) {
+    IDmClip* clip = newClip(path_);
+    IDmAudioWaveStore* store = storeOf(clip);
+    std::vector<float> values(3 * kValues);
+    for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i + 1) / 200.0f;
+    ASSERT_EQ(store->storeFrames(0, 3, values.data()), 0);
+
+    IZORLonglongList* frames = createZORLonglongList();
+    for (int64_t frame : {2, 0, 5, 1}) frames->append(frame);
+    std::vector<float> buffer(4 * kValues, -1.0f);
+    auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
+    ASSERT_EQ(audio->fillValues(frames, 25, 1, buffer.data()), 0);
+    const int64_t order[] = {2, 0, -1, 1};
+    for (int i = 0; i < 4; ++i)
+        for (int k = 0; k < kValues; ++k) {
+            const float got = buffer[static_cast<size_t>(i * kValues + k)];
+            const float expected =
+                order[i] < 0 ? 0.0f : quantised(values[static_cast<size_t>(order[i] * kValues + k)]);
+            EXPECT_EQ(got, expected) << "slot " << i << " value " << k;
+        }
+    EXPECT_NE(audio->fillValues(frames, 24, 1, buffer.data()), 0);
+    frames->Release();
+    clip->Release();
+}
+
+TEST_F(DmWaveManagerTest, ClipsOfOneFileShareOneManagerUntilTheLastIsGone) {
+    const std::string link = folder_.file("link.wav");
+    std::filesystem::create_symlink(path_, link);
+    IDmClip* first = newClip(path_);
+    IDmClip* viaLink = newClip(link);
+    IDmClip* relative = nullptr;
+    {
+        // The same file through a relative path.
+        const auto previous = std::filesystem::current_path();
+        std::filesystem::current_path(folder_.path());
+        relative = newClip("./tone.wav");
+        std::filesystem::current_path(previous);
+    }
+    IDmAudioWaveMgrInternal* a = managerOf(first);
+    IDmAudioWaveMgrInternal* b = managerOf(viaLink);
+    IDmAudioWaveMgrInternal* c = managerOf(relative);
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a, c);
+    std::vector<float> values(kValues, 0.5f);
+    ASSERT_EQ(storeOf(first)->storeFrames(4, 1, values.data()), 0);
+    EXPECT_NE(b->hasFrames(4, 4), 0);
+    a->Release();
+    b->Release();
+    c->Release();
+    first->Release();
+    viaLink->Release();
+    relative->Release();
+
+    // Every holder is gone: a new clip starts with an empty manager.
+    IDmClip* again = newClip(path_);
+    IDmAudioWaveMgrInternal* fresh = managerOf(again);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(fresh->hasFrames(4, 4), 0);
+    EXPECT_EQ(fresh->refCount(), 2);  // the clip's and ours
+    fresh->Release();
+    again->Release();
+}
+
+}  // namespace
+}  // namespace ZOR::test

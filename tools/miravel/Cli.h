@@ -1,0 +1,68 @@
+// Shared pieces of the command line: arguments, errors, logging, progress.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace miravel {
+
+// A usage error: exit code 2, with the usage text.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Any other failure: exit code 1, one line.
+class Failure : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// "--name value" options and positional arguments of one command.
+class Arguments {
+public:
+    // flags: options that take no value ("--refresh").
+    Arguments(int argc, char** argv, int first, const std::vector<std::string>& options,
+              const std::vector<std::string>& flags);
+
+    const std::vector<std::string>& positional() const { return positional_; }
+    bool has(const std::string& name) const;
+    std::optional<std::string> text(const std::string& name) const;
+    std::string required(const std::string& name) const;
+    int64_t integer(const std::string& name, int64_t fallback) const;
+    int64_t requiredInteger(const std::string& name) const;
+    std::vector<int64_t> integerList(const std::string& name) const;
+    // "WxH" with both sides >= 1.
+    std::pair<int32_t, int32_t> size(const std::string& name, std::pair<int32_t, int32_t> fallback) const;
+
+private:
+    std::map<std::string, std::string> values_;
+    std::vector<std::string> positional_;
+};
+
+int64_t parseInteger(const std::string& option, const std::string& text);
+
+// Sets the library's logging up from --log / --log-file / MIRAVEL_LOG.
+void setupCommandLogging(const Arguments& arguments);
+
+// A progress line on stderr: a bar when stderr is a terminal, otherwise a
+// line at each tenth of the way. Finish() ends the line.
+class Progress {
+public:
+    explicit Progress(std::string label);
+    void update(double fraction);
+    void finish();
+    ~Progress();
+
+private:
+    std::string label_;
+    bool terminal_;
+    int lastShown_ = -1;
+    bool finished_ = false;
+};
+
+}  // namespace miravel

@@ -1,0 +1,119 @@
+// miravel frames MEDIA [--stream N] --times T1,T2,... --size WxH
+//
+// Asks the video frame wrapper for the pictures of the media's video stream
+// at the given media times (cns) and prints, in request order,
+// {"frames": [{"time", "file", "shown"}, ...]}: the file of each picture in
+// the frame store and the presentation time of the frame shown.
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "Commands.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "Json.h"
+#include "Miravel/Miravel.h"
+
+namespace miravel {
+namespace {
+
+constexpr size_t kSlotBytes = 1024;
+
+class FramesResult final : public ZOR::IBsVideoFrameExtractCallback {
+public:
+    void onVideoFrameChanged(int64_t /*token*/, int32_t status, const int64_t* /*times*/, void* frames,
+                             int32_t count) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (status == 7) return;
+        status_ = status;
+        for (int32_t i = 0; frames != nullptr && i < count; ++i)
+            files_.emplace_back(static_cast<const char*>(frames) + static_cast<size_t>(i) * kSlotBytes);
+        done_ = true;
+        changed_.notify_all();
+    }
+    bool wait(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, limit, [this] { return done_; });
+    }
+
+    int32_t status_ = 0;
+    std::vector<std::string> files_;
+
+private:
+    std::mutex mutex_;  // guards everything above
+    std::condition_variable changed_;
+    bool done_ = false;
+};
+
+template <class T>
+struct Released {
+    T* object;
+    ~Released() {
+        if (object != nullptr) object->Release();
+    }
+};
+
+}  // namespace
+
+int runFrames(int argc, char** argv) {
+    Arguments arguments(argc, argv, 2, {"stream", "times", "size", "timeout"}, {});
+    if (arguments.positional().size() != 1) throw UsageError("frames needs one MEDIA file");
+    const std::string media = arguments.positional()[0];
+    const int64_t stream = arguments.integer("stream", -1);
+    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
+    const std::vector<int64_t> times = arguments.integerList("times");
+    if (times.size() > 100'000) throw UsageError("--times takes at most 100000 times");
+    if (!arguments.has("size")) throw UsageError("--size is required");
+    const auto [width, height] = arguments.size("size", {0, 0});
+    const int64_t timeout = arguments.integer("timeout", 600);
+    if (timeout < 1) throw UsageError("--timeout needs a number of seconds, at least 1");
+    setupCommandLogging(arguments);
+
+    std::string error;
+    Released<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, static_cast<int32_t>(stream), &error)};
+    if (clip.object == nullptr) throw Failure(error);
+    auto* feature = static_cast<ZOR::IDmVideoFeature*>(clip.object->queryInterface("IDmVideoFeature"));
+    if (feature == nullptr)
+        throw Failure(!error.empty() ? error
+                                     : media + ": no video stream" +
+                                           (stream >= 0 ? " at index " + std::to_string(stream) : ""));
+
+    FramesResult result;
+    Released<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
+    wrapper.object->addCallBack(&result);
+    int64_t token = -1;
+    if (wrapper.object->queryVideoFrame(clip.object, width, height, times.data(), static_cast<uint32_t>(times.size()),
+                                        0, &token) != 0)
+        throw Failure(media + ": the frame request was not accepted");
+    const bool ended = result.wait(std::chrono::seconds(timeout));
+    wrapper.object->removeCallBack(&result);
+    if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
+    if (result.status_ == 3) throw Failure(media + ": the video could not be decoded (see --log error)");
+    if (result.status_ == 4) throw Failure(media + ": the frame request was cancelled");
+
+    // The presentation times of the frames shown, from the same store.
+    std::vector<char> slots(times.size() * kSlotBytes + 1, '\0');
+    std::vector<int64_t> shown(times.size() + 1, -1);
+    int32_t filled = 0;
+    feature->prepareFrames(width, height, 25, 1);
+    feature->fillFrames(times.data(), static_cast<int32_t>(times.size()), slots.data(), shown.data(), &filled);
+
+    JsonWriter json;
+    json.beginObject().key("frames").beginArray();
+    for (size_t i = 0; i < times.size(); ++i) {
+        json.beginObject()
+            .key("time").value(times[i])
+            .key("file").value(i < result.files_.size() ? result.files_[i] : std::string())
+            .key("shown").value(shown[i])
+            .endObject();
+    }
+    json.endArray().endObject();
+    std::printf("%s\n", json.text().c_str());
+    return 0;
+}
+
+}  // namespace miravel

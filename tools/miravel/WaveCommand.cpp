@@ -1,0 +1,120 @@
+// miravel wave MEDIA [--stream N] --begin CNS --end CNS --samples N
+//
+// Asks the audio wave wrapper for the values of the media's audio stream over
+// [begin, end) and prints what the finished request's callback received:
+// {"token", "status", "count", "span", "values": [...]}. --timeout SECONDS
+// (default 600) bounds the wait.
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "Commands.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "Json.h"
+#include "Miravel/Miravel.h"
+
+namespace miravel {
+namespace {
+
+// Keeps the last word of a request: its values on status 2, or the status
+// that ended it. Status 7 moves the request to a new token and goes on.
+class WaveResult final : public ZOR::IBsAudioWaveExtractCallback {
+public:
+    void onAudioWaveChanged(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        token_ = token;
+        if (status == 7) return;
+        status_ = status;
+        count_ = count;
+        span_ = span;
+        if (data != nullptr && count > 0) {
+            const auto* values = static_cast<const float*>(data);
+            values_.assign(values, values + count);
+        }
+        done_ = true;
+        changed_.notify_all();
+    }
+
+    // Waits for the end of the request; false when it did not end in time.
+    bool wait(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, limit, [this] { return done_; });
+    }
+
+    int64_t token_ = -1;
+    int32_t status_ = 0;
+    int32_t count_ = 0;
+    int32_t span_ = 0;
+    std::vector<float> values_;
+
+private:
+    std::mutex mutex_;  // guards everything above
+    std::condition_variable changed_;
+    bool done_ = false;
+};
+
+// Releases an IDmBaseObj-counted object at the end of a scope.
+template <class T>
+struct Released {
+    T* object;
+    ~Released() {
+        if (object != nullptr) object->Release();
+    }
+};
+
+}  // namespace
+
+int runWave(int argc, char** argv) {
+    Arguments arguments(argc, argv, 2, {"stream", "begin", "end", "samples", "timeout"}, {});
+    if (arguments.positional().size() != 1) throw UsageError("wave needs one MEDIA file");
+    const std::string media = arguments.positional()[0];
+    const int64_t stream = arguments.integer("stream", -1);
+    const int64_t begin = arguments.requiredInteger("begin");
+    const int64_t end = arguments.requiredInteger("end");
+    const int64_t samples = arguments.requiredInteger("samples");
+    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
+    if (samples < 1 || samples > 10'000'000) throw UsageError("--samples needs a count from 1 to 10000000");
+    if (end < begin) throw UsageError("--end must not be before --begin");
+    const int64_t timeout = arguments.integer("timeout", 600);
+    if (timeout < 1) throw UsageError("--timeout needs a number of seconds, at least 1");
+    setupCommandLogging(arguments);
+
+    std::string error;
+    Released<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), static_cast<int32_t>(stream), -1, &error)};
+    if (clip.object == nullptr) throw Failure(error);
+    if (clip.object->queryInterface("IDmAudioFeature") == nullptr)
+        throw Failure(!error.empty() ? error
+                                     : media + ": no audio stream" +
+                                           (stream >= 0 ? " at index " + std::to_string(stream) : ""));
+
+    WaveResult result;
+    Released<ZOR::IBsAudioWaveExtractWrapper> wrapper{createBsAudioWaveExtractWrapper()};
+    wrapper.object->addCallBack(&result);
+    int64_t token = -1;
+    if (wrapper.object->queryAudioWave(clip.object, begin, end, static_cast<int32_t>(samples), 0, &token) != 0)
+        throw Failure(media + ": the audio wave request was not accepted");
+    const bool ended = result.wait(std::chrono::seconds(timeout));
+    wrapper.object->removeCallBack(&result);
+    if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
+    if (result.status_ == 3) throw Failure(media + ": the audio could not be decoded (see --log error)");
+    if (result.status_ == 4) throw Failure(media + ": the audio wave request was cancelled");
+
+    JsonWriter json;
+    json.beginObject()
+        .key("token").value(result.token_)
+        .key("status").value(result.status_)
+        .key("count").value(result.count_)
+        .key("span").value(result.span_)
+        .key("values").beginArray();
+    for (float value : result.values_) json.value(value);
+    json.endArray().endObject();
+    std::printf("%s\n", json.text().c_str());
+    return 0;
+}
+
+}  // namespace miravel
