@@ -47,12 +47,12 @@ void* DmAudioWaveManager::queryInterface(const char* name) {
 
 uint16_t DmAudioWaveManager::quantise(float value) {
     if (!(value > 0.0f)) return 0;  // also NaN
-    if (value >= 1.0f) return 65535;
-    return static_cast<uint16_t>(std::lround(static_cast<double>(value) * 65535.0));
+    const double step = std::round(static_cast<double>(value) * kStepsPerFullScale);
+    return step >= 65535.0 ? uint16_t{65535} : static_cast<uint16_t>(step);
 }
 
 float DmAudioWaveManager::dequantise(uint16_t step) {
-    return static_cast<float>(static_cast<double>(step) / 65535.0);
+    return static_cast<float>(static_cast<double>(step) / kStepsPerFullScale);
 }
 
 uint32_t DmAudioWaveManager::valueCountPerFrame(int64_t rateNum, int64_t rateDen) {

@@ -17,9 +17,10 @@
 
 namespace ZOR {
 
-// Values are kept as 16-bit steps: q = round(v x 65535) with v clamped to
-// [0, 1] (a decoder may overshoot full scale; such values are kept as 1.0),
-// read back as q / 65535 - the representable step nearest to v.
+// Values are kept as 16-bit steps of 1/32768: q = round(v x 32768), at most
+// 65535, read back as q / 32768, the representable step nearest to v. 16-bit
+// PCM (whose samples are k / 32768 as floats) is therefore kept exactly, and a
+// decoder's overshoot of full scale is kept up to just below 2.0.
 class DmAudioWaveManager final : public RefCnt<void>,
                                  public virtual IDmAudioWaveMgrInternal,
                                  public virtual IDmAudioWaveStore {
@@ -47,6 +48,7 @@ public:
     const std::string& mediaPath() const { return mediaPath_; }
     int32_t stream() const { return stream_; }
 
+    static constexpr double kStepsPerFullScale = 32768.0;
     static uint16_t quantise(float value);
     static float dequantise(uint16_t step);
 

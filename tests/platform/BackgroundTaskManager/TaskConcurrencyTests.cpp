@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "../DataModel/MediaTestSupport.h"
+#include "MediaTestSupport.h"
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "../DataModel/MediaTestSupport.h"
+#include "MediaTestSupport.h"
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "CapturingLogger.h"
 #include "DataModel/DataModel.h"

@@ -53,10 +53,12 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
 
     std::vector<float> values(2 * kValues);
     for (int i = 0; i < 2 * kValues; ++i) values[static_cast<size_t>(i)] = static_cast<float>(i) / 79.0f * 0.999f;
-    values[3] = 1.25f;   // decoders overshoot: kept as full scale
+    values[3] = 1.25f;   // decoders overshoot full scale: kept
     values[4] = 0.5f;
-    values[5] = 1.0f / 131070.0f + 1e-9f;  // just above half a step: rounds up to one step
-    values[6] = 1.0f / 131070.0f - 1e-9f;  // just below: rounds to zero
+    values[5] = 1.0f / 65536.0f + 1e-9f;  // just above half a step: rounds up to one step
+    values[6] = 1.0f / 65536.0f - 1e-9f;  // just below: rounds to zero
+    values[7] = 12345.0f / 32768.0f;       // a 16-bit PCM sample: kept exactly
+    values[8] = 3.0f;                      // beyond what 16 bits hold: the largest step
     ASSERT_EQ(store->storeFrames(10, 2, values.data()), 0);
 
     std::vector<float> read(kValues, -1.0f);
@@ -68,10 +70,12 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
         }
     }
     ASSERT_EQ(manager->readFrame(10, 25, 1, read.data(), kValues), 0);
-    EXPECT_EQ(read[3], 1.0f);
-    EXPECT_EQ(read[4], static_cast<float>(32768.0 / 65535.0));
-    EXPECT_EQ(read[5], static_cast<float>(1.0 / 65535.0));
+    EXPECT_EQ(read[3], 1.25f);
+    EXPECT_EQ(read[4], 0.5f);
+    EXPECT_EQ(read[5], 1.0f / 32768.0f);
     EXPECT_EQ(read[6], 0.0f);
+    EXPECT_EQ(read[7], 12345.0f / 32768.0f);
+    EXPECT_EQ(read[8], 65535.0f / 32768.0f);
 
     // Ranges: held only where every frame is.
     EXPECT_NE(manager->hasFrames(10, 11), 0);

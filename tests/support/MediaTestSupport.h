@@ -152,10 +152,12 @@ inline std::vector<float> waveValues(const Pcm& pcm) {
     return windows;
 }
 
-// What a value reads back as after the 16-bit store: the nearest step.
+// What a value reads back as after the 16-bit store: the nearest step of
+// 1/32768, at most 65535 steps.
 inline float quantised(float value) {
-    const double clamped = std::clamp(static_cast<double>(value), 0.0, 1.0);
-    return static_cast<float>(std::round(clamped * 65535.0) / 65535.0);
+    if (!(value > 0.0f)) return 0.0f;
+    const double step = std::min(std::round(static_cast<double>(value) * 32768.0), 65535.0);
+    return static_cast<float>(step / 32768.0);
 }
 
 }  // namespace MediaTest
