@@ -1,8 +1,11 @@
 // Shared pieces of the command line: arguments, errors, logging, progress.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -63,6 +66,41 @@ private:
     bool terminal_;
     int lastShown_ = -1;
     bool finished_ = false;
+};
+
+// Releases a reference-counted object (IDmBaseObj) when the scope ends.
+template <class T>
+struct ReleaseOnExit {
+    explicit ReleaseOnExit(T* adopted) : object(adopted) {}
+    T* object;
+    ~ReleaseOnExit() {
+        if (object != nullptr) object->Release();
+    }
+    ReleaseOnExit(const ReleaseOnExit&) = delete;
+    ReleaseOnExit& operator=(const ReleaseOnExit&) = delete;
+};
+
+// Lets the command's thread wait for the end of a request that a callback
+// reports on another thread. The callback fills its result under lock() and
+// calls finish(); the command reads it after wait() returned true.
+class Completion {
+public:
+    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex_); }
+    // Call with the lock from lock() held.
+    void finish() {
+        done_ = true;
+        changed_.notify_all();
+    }
+    // False when the request did not end within the limit.
+    bool wait(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, limit, [this] { return done_; });
+    }
+
+private:
+    std::mutex mutex_;  // guards done_ and what the callback fills in
+    std::condition_variable changed_;
+    bool done_ = false;
 };
 
 }  // namespace miravel

@@ -5,9 +5,7 @@
 // {"frames": [{"time", "file", "shown"}, ...]}: the file of each picture in
 // the frame store and the presentation time of the frame shown.
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,34 +25,17 @@ class FramesResult final : public ZOR::IBsVideoFrameExtractCallback {
 public:
     void onVideoFrameChanged(int64_t /*token*/, int32_t status, const int64_t* /*times*/, void* frames,
                              int32_t count) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        auto lock = completion.lock();
         if (status == 7) return;
         status_ = status;
         for (int32_t i = 0; frames != nullptr && i < count; ++i)
             files_.emplace_back(static_cast<const char*>(frames) + static_cast<size_t>(i) * kSlotBytes);
-        done_ = true;
-        changed_.notify_all();
-    }
-    bool wait(std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [this] { return done_; });
+        completion.finish();
     }
 
+    Completion completion;
     int32_t status_ = 0;
     std::vector<std::string> files_;
-
-private:
-    std::mutex mutex_;  // guards everything above
-    std::condition_variable changed_;
-    bool done_ = false;
-};
-
-template <class T>
-struct Released {
-    T* object;
-    ~Released() {
-        if (object != nullptr) object->Release();
-    }
 };
 
 }  // namespace
@@ -74,7 +55,7 @@ int runFrames(int argc, char** argv) {
     setupCommandLogging(arguments);
 
     std::string error;
-    Released<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, static_cast<int32_t>(stream), &error)};
+    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, static_cast<int32_t>(stream), &error)};
     if (clip.object == nullptr) throw Failure(error);
     auto* feature = static_cast<ZOR::IDmVideoFeature*>(clip.object->queryInterface("IDmVideoFeature"));
     if (feature == nullptr)
@@ -83,13 +64,13 @@ int runFrames(int argc, char** argv) {
                                            (stream >= 0 ? " at index " + std::to_string(stream) : ""));
 
     FramesResult result;
-    Released<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
+    ReleaseOnExit<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
     wrapper.object->addCallBack(&result);
     int64_t token = -1;
     if (wrapper.object->queryVideoFrame(clip.object, width, height, times.data(), static_cast<uint32_t>(times.size()),
                                         0, &token) != 0)
         throw Failure(media + ": the frame request was not accepted");
-    const bool ended = result.wait(std::chrono::seconds(timeout));
+    const bool ended = result.completion.wait(std::chrono::seconds(timeout));
     wrapper.object->removeCallBack(&result);
     if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
     if (result.status_ == 3) throw Failure(media + ": the video could not be decoded (see --log error)");

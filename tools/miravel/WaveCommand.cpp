@@ -5,9 +5,7 @@
 // {"token", "status", "count", "span", "values": [...]}. --timeout SECONDS
 // (default 600) bounds the wait.
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,7 +24,7 @@ namespace {
 class WaveResult final : public ZOR::IBsAudioWaveExtractCallback {
 public:
     void onAudioWaveChanged(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        auto lock = completion.lock();
         token_ = token;
         if (status == 7) return;
         status_ = status;
@@ -36,35 +34,15 @@ public:
             const auto* values = static_cast<const float*>(data);
             values_.assign(values, values + count);
         }
-        done_ = true;
-        changed_.notify_all();
+        completion.finish();
     }
 
-    // Waits for the end of the request; false when it did not end in time.
-    bool wait(std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [this] { return done_; });
-    }
-
+    Completion completion;
     int64_t token_ = -1;
     int32_t status_ = 0;
     int32_t count_ = 0;
     int32_t span_ = 0;
     std::vector<float> values_;
-
-private:
-    std::mutex mutex_;  // guards everything above
-    std::condition_variable changed_;
-    bool done_ = false;
-};
-
-// Releases an IDmBaseObj-counted object at the end of a scope.
-template <class T>
-struct Released {
-    T* object;
-    ~Released() {
-        if (object != nullptr) object->Release();
-    }
 };
 
 }  // namespace
@@ -85,7 +63,7 @@ int runWave(int argc, char** argv) {
     setupCommandLogging(arguments);
 
     std::string error;
-    Released<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), static_cast<int32_t>(stream), -1, &error)};
+    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), static_cast<int32_t>(stream), -1, &error)};
     if (clip.object == nullptr) throw Failure(error);
     if (clip.object->queryInterface("IDmAudioFeature") == nullptr)
         throw Failure(!error.empty() ? error
@@ -93,12 +71,12 @@ int runWave(int argc, char** argv) {
                                            (stream >= 0 ? " at index " + std::to_string(stream) : ""));
 
     WaveResult result;
-    Released<ZOR::IBsAudioWaveExtractWrapper> wrapper{createBsAudioWaveExtractWrapper()};
+    ReleaseOnExit<ZOR::IBsAudioWaveExtractWrapper> wrapper{createBsAudioWaveExtractWrapper()};
     wrapper.object->addCallBack(&result);
     int64_t token = -1;
     if (wrapper.object->queryAudioWave(clip.object, begin, end, static_cast<int32_t>(samples), 0, &token) != 0)
         throw Failure(media + ": the audio wave request was not accepted");
-    const bool ended = result.wait(std::chrono::seconds(timeout));
+    const bool ended = result.completion.wait(std::chrono::seconds(timeout));
     wrapper.object->removeCallBack(&result);
     if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
     if (result.status_ == 3) throw Failure(media + ": the audio could not be decoded (see --log error)");
