@@ -15,15 +15,16 @@ export UBSAN_OPTIONS="halt_on_error=1:abort_on_error=1:print_stacktrace=1"
 export TSAN_OPTIONS="halt_on_error=1:abort_on_error=1:second_deadlock_stack=1"
 
 suite() {
-  local title=$1 dir=$2 sanitize=$3; shift 3
+  local title=$1 dir=$2 sanitize=$3 build_type=$4; shift 4
   echo "==== $title ($dir)"
-  cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE="$build_type" \
     -DMIRAVEL_BUILD_TESTS=ON -DMIRAVEL_SANITIZE="$sanitize" >/dev/null
   cmake --build "$root/$dir" -j "$jobs"
   (cd "$root/$dir" && ctest -j "$jobs" --timeout 600 "$@")
 }
 
-suite "tests" build ""
-suite "tests under AddressSanitizer and UndefinedBehaviorSanitizer" build-asan "address;undefined"
-suite "concurrency tests under ThreadSanitizer" build-tsan "thread" -L concurrency
+# The normal build is a Release build, as the demo and the benchmarks use.
+suite "tests" build "" Release
+suite "tests under AddressSanitizer and UndefinedBehaviorSanitizer" build-asan "address;undefined" RelWithDebInfo
+suite "concurrency tests under ThreadSanitizer" build-tsan "thread" RelWithDebInfo -L concurrency
 echo "==== all test runs passed"

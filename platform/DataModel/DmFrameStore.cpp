@@ -109,16 +109,32 @@ std::string frameStoreFolder(const char* mediaPath) {
     return (std::filesystem::path(frameStoreRoot()) / name).string();
 }
 
+// Names of one stream and size: "s<stream>-<W>x<H>-t". Built by appending
+// (GCC 12 misreports "literal" + std::string&& at -O3 as an overlapping copy).
+static std::string frameNamePrefix(int32_t stream, int32_t width, int32_t height) {
+    std::string prefix("s");
+    prefix += std::to_string(stream);
+    prefix += '-';
+    prefix += std::to_string(width);
+    prefix += 'x';
+    prefix += std::to_string(height);
+    prefix += "-t";
+    return prefix;
+}
+
 std::string frameStoreFileName(int32_t stream, int32_t width, int32_t height, int64_t time, int64_t shown) {
-    return "s" + std::to_string(stream) + "-" + std::to_string(width) + "x" + std::to_string(height) + "-t" +
-           std::to_string(time) + "-p" + std::to_string(shown) + ".png";
+    std::string name = frameNamePrefix(stream, width, height);
+    name += std::to_string(time);
+    name += "-p";
+    name += std::to_string(shown);
+    name += ".png";
+    return name;
 }
 
 std::vector<DmStoredFrame> frameStoreScan(const std::string& folder, int32_t stream, int32_t width, int32_t height) {
     std::vector<DmStoredFrame> frames;
     if (folder.empty()) return frames;
-    const std::string prefix =
-        "s" + std::to_string(stream) + "-" + std::to_string(width) + "x" + std::to_string(height) + "-t";
+    const std::string prefix = frameNamePrefix(stream, width, height);
     // time -> (modification time, frame): the newest file wins.
     std::map<int64_t, std::pair<std::filesystem::file_time_type, DmStoredFrame>> found;
     std::error_code ec;
