@@ -12,17 +12,54 @@
 // packet a sample-exact timestamp (WAV, W64, AIFF, CAF, FLAC, the MP4 family):
 // a decoded frame's first sample is then (pts - origin) x R, origin being the
 // timestamp of the first decoded sample, measured once per stream and kept by
-// its wave manager. Other formats (MP3, raw AAC, Matroska, Ogg, ...) are
-// decoded from the start, in one piece. A seek lands a little early (200 ms)
-// so that decoders with overlapping frames are settled when the piece begins;
-// if it lands late the piece falls back to decoding from the start.
+// its wave manager. A seek lands a little early (200 ms) so that decoders
+// with overlapping frames are settled when the piece begins; if it lands late
+// the piece falls back to decoding from the start.
+//
+// MP3 files (the "mp3" container, regular files) are cut by a packet index
+// instead (BtmPacketIndex.h): a first pass demuxes the stream without decoding
+// and counts the samples of every packet, start skip and end trimming
+// included; pieces then decode from a pre-roll before their first packet and
+// place each packet's samples by the index. The samples are bit-identical to
+// a sequential decode's, which every piece checks (each packet's sample count,
+// and its first packets decoded twice from different pre-rolls); a piece
+// that fails a check makes the request decode from the start, over what the
+// pieces stored, before it reports. The index also gives the stream's end
+// before decoding. The last few indexes are kept for later requests.
+//
+// Other formats (raw AAC, Matroska, Ogg, ...) are decoded from the start, in
+// one piece. Raw AAC is not indexed: the decoder's noise substitution draws
+// from a generator that runs on from the start of decoding, so a piece cannot
+// reproduce a sequential decode's samples.
+//
+// Files that change on disk (status 7). append() records the file's identity
+// (size and modification time, DmFileIdentity). When the request's decoding
+// starts (its first job runs, e.g. after resume()) and the identity differs,
+// nothing is decoded: the stream's wave manager adopts the new identity,
+// which drops every frame it held (they describe the old content; clips of
+// the stream read zeros until new frames are stored), and the request ends
+// with status 7 ("submit the request again; it moves to a new token"). A new
+// append() then decodes the new content. The same happens when the file
+// changes while the request decodes, or when another request or a new clip
+// made the manager adopt a newer content meanwhile (the frames this request
+// decoded were refused, see IDmAudioWaveStore). A file that cannot be looked
+// at (gone, a pipe) has no identity: held frames stay and are served. Status
+// 7 is the request's final report, instead of 2, 3 or 4. A request appended
+// from inside a report (the usual way to resubmit) starts only once that
+// report has returned, so the client has recorded the new token first.
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/samplefmt.h>
 #include <libswresample/swresample.h>
 }
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -32,6 +69,7 @@ extern "C" {
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BtmMediaDecoder.h"
+#include "BtmPacketIndex.h"
 #include "BtmTaskControl.h"
 #include "BtmTaskCore.h"
 #include "Common/ZorInternalComUtility.h"
@@ -48,6 +86,32 @@ constexpr int32_t kValues = IDmAudioWaveStore::kValuesPerFrame;
 constexpr int32_t kMinPieceFrames = 250;
 // Frames stored at a time while a piece decodes.
 constexpr int32_t kCommitFrames = 25;
+// Pieces per worker when the stream is decoded by its packet index (more
+// pieces than workers even out uneven progress).
+constexpr int64_t kIndexedPiecesPerWorker = 4;
+// Packets an indexed piece decodes twice to check its pre-roll.
+constexpr size_t kCheckPackets = 3;
+
+// The largest absolute value of data[0, count), NaN ignored.
+float peakOf(const float* data, int count) {
+    float peak = 0.0f;
+    int i = 0;
+#if defined(__SSE2__)
+    // _mm_max_ps(x, m) keeps m when x is NaN, as std::max(m, x) does.
+    const __m128 magnitude = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    __m128 a = _mm_setzero_ps();
+    __m128 b = _mm_setzero_ps();
+    for (; i + 8 <= count; i += 8) {
+        a = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(data + i), magnitude), a);
+        b = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(data + i + 4), magnitude), b);
+    }
+    alignas(16) float lanes[4];
+    _mm_store_ps(lanes, _mm_max_ps(a, b));
+    peak = std::max(std::max(lanes[0], lanes[1]), std::max(lanes[2], lanes[3]));
+#endif
+    for (; i < count; ++i) peak = std::max(peak, std::fabs(data[i]));
+    return peak;
+}
 
 // The first sample of frame f at rate R: the least n with n x 25 >= f x R.
 int64_t firstSampleOf(int64_t frame, int64_t rate) { return (frame * rate + 24) / 25; }
@@ -65,14 +129,15 @@ bool sampleExactContainer(const AVFormatContext* format) {
 class AudioRequest final : public Request {
 public:
     AudioRequest(int64_t token, std::string mediaPath, int32_t streamIndex, IDmAudioWaveStore* waveStore,
-                 int32_t firstFrame, int32_t lastFrame, int64_t expectedFrames)
+                 int32_t firstFrame, int32_t lastFrame, int64_t expectedFrames, const DmFileIdentity& identity)
         : Request(token),
           path(std::move(mediaPath)),
           stream(streamIndex),
           store(waveStore),
           first(firstFrame),
           last(lastFrame),
-          frameEstimate(expectedFrames) {
+          frameEstimate(expectedFrames),
+          appended(identity) {
         store->AddRef();
     }
     ~AudioRequest() override { store->Release(); }
@@ -97,9 +162,15 @@ public:
     const int32_t first;
     const int32_t last;
     const int64_t frameEstimate;  // frames in the stream by its declared duration; 0 when unknown
+    const DmFileIdentity appended;  // the file as append() saw it
+    // Set by the planning job before any piece is queued (the pool's queue
+    // orders it before the pieces read it).
+    DmFileIdentity planned;         // the file when decoding started
+    uint64_t generation = 0;        // the store's content the pieces write into
     std::atomic<int32_t> piecesLeft{0};
     std::atomic<int64_t> framesTotal{0};
     std::atomic<int64_t> framesDone{0};
+    std::atomic<bool> redo{false};  // an indexed piece could not be trusted
 
 private:
     std::mutex problemLock;  // leaf
@@ -166,16 +237,10 @@ public:
     int count() const { return count_; }
     // The largest absolute value of samples [from, to) over every channel.
     float peak(int from, int to) const {
+        if (!planar_) return peakOf(planes_[0] + from * channels_, (to - from) * channels_);
         float peak = 0.0f;
-        if (planar_) {
-            for (int c = 0; c < channels_; ++c) {
-                const float* plane = planes_[static_cast<size_t>(c)];
-                for (int i = from; i < to; ++i) peak = std::max(peak, std::fabs(plane[i]));
-            }
-        } else {
-            const float* data = planes_[0];
-            for (int i = from * channels_; i < to * channels_; ++i) peak = std::max(peak, std::fabs(data[i]));
-        }
+        for (int c = 0; c < channels_; ++c)
+            peak = std::max(peak, peakOf(planes_[static_cast<size_t>(c)] + from, to - from));
         return peak;
     }
 
@@ -211,8 +276,9 @@ public:
     void add(int64_t n0, const FloatSamples& samples) {
         int64_t n = std::max(n0, needFirst_);
         const int64_t end = std::min(n0 + samples.count(), needEnd_);
-        while (n < end) {
-            const int64_t window = n * 1000 / rate_;
+        if (n >= end) return;
+        // Runs end where windows do: the window of the next run is the next one.
+        for (int64_t window = n * 1000 / rate_; n < end; ++window) {
             const int64_t nextWindowStart = ((window + 1) * rate_ + 999) / 1000;
             const int64_t runEnd = std::min(end, nextWindowStart);
             const float peak = samples.peak(static_cast<int>(n - n0), static_cast<int>(runEnd - n0));
@@ -236,7 +302,8 @@ public:
         if (total <= 0) return;
         const int64_t lastFrame = frameOfSample(total - 1, rate_);
         commitThrough(std::min<int64_t>(last_, lastFrame), true);
-        if (lastFrame + 1 <= INT32_MAX) request_.store->setEndFrame(static_cast<int32_t>(lastFrame + 1));
+        if (lastFrame + 1 <= INT32_MAX)
+            request_.store->setEndFrame(request_.generation, static_cast<int32_t>(lastFrame + 1));
     }
 
 private:
@@ -246,7 +313,8 @@ private:
         if (!force && count < kCommitFrames) return;
         const size_t stored = static_cast<size_t>(count) * kValues;
         if (values_.size() < stored) values_.resize(stored, 0.0f);  // windows without samples hold 0
-        request_.store->storeFrames(static_cast<int32_t>(base_), static_cast<int32_t>(count), values_.data());
+        request_.store->storeFrames(request_.generation, static_cast<int32_t>(base_), static_cast<int32_t>(count),
+                                    values_.data());
         values_.erase(values_.begin(), values_.begin() + static_cast<ptrdiff_t>(stored));
         request_.framesDone.fetch_add(count, std::memory_order_acq_rel);
         base_ = through + 1;
@@ -261,7 +329,10 @@ private:
     std::vector<float> values_;
 };
 
-enum class PieceOutcome { Done, Stopped, Failed };
+// Unverified: an indexed piece found the packet index or its pre-roll wrong;
+// its request is decoded again from the start.
+enum class PieceOutcome { Done, Stopped, Failed, Unverified };
+enum class PieceMode { FromStart, Seeking, Indexed };
 
 // The cause of a decoder that gave no samples.
 std::string noSamplesCause(const MediaDecoder& decoder) {
@@ -278,7 +349,7 @@ public:
     PieceOutcome run(bool seekable) {
         int64_t origin = 0;
         int32_t rate = 0;
-        if (seekable && first_ > 0 && request_.store->decodeOrigin(&origin, &rate)) {
+        if (seekable && first_ > 0 && request_.store->decodeOrigin(request_.generation, &origin, &rate)) {
             const PieceOutcome outcome = decode(true, origin, rate);
             if (outcome != PieceOutcome::Failed || !fallBack_) return outcome;
             ZOR_LOG(3, "ZOR::AudioWaveExtractTask::decode", "'%s' frames [%d %d]: %s; decoding from the start",
@@ -374,12 +445,179 @@ private:
     std::string problem_;
 };
 
+// Whether the content the request decoded is no longer the file's (it changed
+// on disk while decoding) or no longer the store's (a newer content was
+// adopted meanwhile). A file that changed is adopted: the store drops what the
+// request stored.
+bool contentReplaced(AudioRequest& request) {
+    const DmFileIdentity now = mediaFileIdentity(request.path.c_str());
+    if (now != request.planned) {
+        request.store->adoptContent(now);
+        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk while decoding",
+                static_cast<long long>(request.token()), request.path.c_str());
+        return true;
+    }
+    if (request.store->contentGeneration() != request.generation) {
+        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': newer content adopted while decoding",
+                static_cast<long long>(request.token()), request.path.c_str());
+        return true;
+    }
+    return false;
+}
+
+// FNV-1a over the bytes of a frame's samples.
+uint64_t hashSamples(uint64_t hash, const AVFrame* frame) {
+    const auto format = static_cast<AVSampleFormat>(frame->format);
+    const int channels = frame->ch_layout.nb_channels;
+    const bool planar = av_sample_fmt_is_planar(format) != 0;
+    const size_t bytes = static_cast<size_t>(frame->nb_samples) *
+                         static_cast<size_t>(av_get_bytes_per_sample(format)) *
+                         static_cast<size_t>(planar ? 1 : channels);
+    for (int plane = 0; plane < (planar ? channels : 1); ++plane) {
+        const uint8_t* data = frame->extended_data[plane];
+        for (size_t i = 0; i < bytes; ++i) {
+            hash ^= data[i];
+            hash *= 1099511628211ULL;
+        }
+    }
+    return hash;
+}
+
+constexpr uint64_t kHashBasis = 14695981039346656037ULL;
+
+// A piece decoded by the packet index of its stream (see BtmPacketIndex.h).
+class IndexedPiece {
+public:
+    IndexedPiece(TaskCore& core, AudioRequest& request, std::shared_ptr<const PacketIndex> index, int32_t first,
+                 int32_t last)
+        : core_(core), request_(request), index_(std::move(index)), first_(first), last_(last) {}
+
+    PieceOutcome run() {
+        const PacketIndex& index = *index_;
+        const int64_t rate = index.sampleRate();
+        const int64_t total = index.totalSamples();
+        WaveAccumulator waves(request_, first_, last_, rate);
+        if (waves.needFirst() >= total) {
+            waves.streamEnded(total);
+            return PieceOutcome::Done;
+        }
+        const size_t packets = index.packets();
+        const size_t firstPacket = index.packetOf(waves.needFirst());
+        const size_t endPacket = waves.needEnd() >= total ? packets : index.packetOf(waves.needEnd() - 1) + 1;
+        const size_t start = index.startFor(firstPacket, 1);
+        // A piece that starts with the stream is a sequential decode; any
+        // other checks its first packets against a decode from further back.
+        const bool checking = start > 0;
+        const size_t checkEnd = checking ? std::min(packets, firstPacket + kCheckPackets) : 0;
+        const auto stop = [this] { return core_.stopping(request_); };
+
+        FramePtr frame = newFrame();
+        if (!frame) return fail(avErrorText(AVERROR(ENOMEM)));
+        uint64_t expected = kHashBasis;
+        if (checking) {
+            IndexedDecoder probe;
+            std::string problem;
+            if (!probe.open(request_.path, index_, &problem)) return fail(problem);
+            probe.setQuiet(true);
+            for (size_t j = index.startFor(firstPacket, 2); j < checkEnd; ++j) {
+                if (stop()) return PieceOutcome::Stopped;
+                int frames = 0;
+                const int result = probe.decode(j, frame.get(), &frames);
+                if (result < 0) return fail("'" + request_.path + "': " + avErrorText(result));
+                if (frames > 0 && j >= firstPacket) expected = hashSamples(expected, frame.get());
+                av_frame_unref(frame.get());
+            }
+        }
+
+        IndexedDecoder decoder;
+        std::string problem;
+        if (!decoder.open(request_.path, index_, &problem)) return fail(problem);
+        decoder.setQuiet(checking);
+        FloatSamples samples;
+        uint64_t hash = kHashBasis;
+        const size_t end = std::max(endPacket, checkEnd);
+        for (size_t j = start; j < end; ++j) {
+            if (stop()) return PieceOutcome::Stopped;
+            int frames = 0;
+            const int result = decoder.decode(j, frame.get(), &frames);
+            if (result < 0) return fail("'" + request_.path + "': " + avErrorText(result));
+            if (j + 1 >= firstPacket) decoder.setQuiet(false);
+            if (j < firstPacket && checking) {  // pre-roll
+                av_frame_unref(frame.get());
+                continue;
+            }
+            // The packet gives what the index says.
+            const int64_t output = index.outputOf(j);
+            if (frames != (output > 0 ? 1 : 0) ||
+                (frames == 1 && (frame->nb_samples != output || frame->sample_rate != rate)))
+                return unverified("packet " + std::to_string(j) + " gave " + std::to_string(frames) + " frames of " +
+                                  std::to_string(frames > 0 ? frame->nb_samples : 0) + " samples; the index says " +
+                                  std::to_string(output));
+            if (frames > 0 && j < checkEnd) hash = hashSamples(hash, frame.get());
+            if (j + 1 == checkEnd && hash != expected)
+                return unverified("the pre-roll before packet " + std::to_string(firstPacket) +
+                                  " did not settle the decoder");
+            if (frames == 0) continue;
+            if (j < endPacket) {
+                if (!samples.load(frame.get())) return fail("'" + request_.path + "': cannot convert the samples");
+                waves.add(index.firstSample(j), samples);
+                // Nothing is stored before the check has passed.
+                if (j + 1 >= checkEnd) waves.completeBefore(index.firstSample(j + 1), false);
+            }
+            av_frame_unref(frame.get());
+        }
+        if (waves.needEnd() >= total)
+            waves.streamEnded(total);
+        else
+            waves.completeBefore(waves.needEnd(), true);
+        ZOR_LOG(1, "ZOR::AudioWaveExtractTask::decode",
+                "token:%lld frames [%d %d]: packets [%zu %zu) after a pre-roll from %zu%s",
+                static_cast<long long>(request_.token()), first_, last_, firstPacket, endPacket, start,
+                checking ? ", checked" : "");
+        return PieceOutcome::Done;
+    }
+
+    const std::string& problem() const { return problem_; }
+
+private:
+    PieceOutcome fail(const std::string& problem) {
+        problem_ = problem;
+        return PieceOutcome::Failed;
+    }
+    PieceOutcome unverified(const std::string& problem) {
+        problem_ = problem;
+        index_->distrust();
+        return PieceOutcome::Unverified;
+    }
+
+    TaskCore& core_;
+    AudioRequest& request_;
+    const std::shared_ptr<const PacketIndex> index_;
+    const int32_t first_;
+    const int32_t last_;
+    std::string problem_;
+};
+
 void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, const std::string& problem) {
     if (outcome == PieceOutcome::Failed) request.fail(problem);
+    if (outcome == PieceOutcome::Unverified) {
+        ZOR_LOG(5, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': %s; decoding from the start",
+                static_cast<long long>(request.token()), request.path.c_str(), problem.c_str());
+        request.redo.store(true, std::memory_order_release);
+    }
     if (request.piecesLeft.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // An indexed piece could not be trusted: the whole range again, from the
+    // start, over what the pieces stored.
+    if (request.redo.load(std::memory_order_acquire) && !core.stopping(request) && request.problem().empty()) {
+        AudioPiece piece(core, request, request.first, request.last);
+        const PieceOutcome redone = piece.run(false);
+        if (redone == PieceOutcome::Failed) request.fail(piece.problem());
+    }
     const std::string failure = request.problem();
     if (core.stopping(request)) {
         core.finish(request, request.percent(), BsTaskCancelled);
+    } else if (contentReplaced(request)) {
+        core.finish(request, request.percent(), BsTaskResubmit);
     } else if (!failure.empty()) {
         ZOR_LOG(6, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot decode %s",
                 static_cast<long long>(request.token()), failure.c_str());
@@ -390,14 +628,42 @@ void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, con
 }
 
 void runPiece(TaskCore& core, const std::shared_ptr<AudioRequest>& request, int32_t first, int32_t last,
-              bool seekable) {
+              PieceMode mode, const std::shared_ptr<const PacketIndex>& index) {
     if (core.stopping(*request)) {
         pieceEnded(core, *request, PieceOutcome::Stopped, std::string());
         return;
     }
+    if (mode == PieceMode::Indexed) {
+        IndexedPiece piece(core, *request, index, first, last);
+        const PieceOutcome outcome = piece.run();
+        pieceEnded(core, *request, outcome, piece.problem());
+        return;
+    }
     AudioPiece piece(core, *request, first, last);
-    const PieceOutcome outcome = piece.run(seekable);
+    const PieceOutcome outcome = piece.run(mode == PieceMode::Seeking);
     pieceEnded(core, *request, outcome, piece.problem());
+}
+
+// missing cut into pieces of at least kMinPieceFrames, about `count` of them.
+// Frames after bound (the expected end) join the last piece.
+std::vector<std::pair<int32_t, int32_t>> cutPieces(const std::vector<std::pair<int32_t, int32_t>>& missing,
+                                                   int64_t bound, int64_t count) {
+    std::vector<std::pair<int32_t, int32_t>> pieces;
+    int64_t within = 0;
+    for (const auto& range : missing)
+        if (range.first <= bound) within += std::min<int64_t>(range.second, bound) - range.first + 1;
+    const int64_t size = std::max<int64_t>(kMinPieceFrames, (within + count - 1) / count);
+    for (const auto& range : missing) {
+        for (int64_t begin = range.first; begin <= range.second; begin += size) {
+            int64_t end = std::min<int64_t>(range.second, begin + size - 1);
+            if (end >= bound) end = range.second;
+            pieces.emplace_back(static_cast<int32_t>(begin), static_cast<int32_t>(end));
+            if (end == range.second) break;
+        }
+        if (range.second >= bound) break;
+    }
+    if (pieces.back().second < missing.back().second) pieces.back().second = missing.back().second;
+    return pieces;
 }
 
 // The first job of a request: what is missing, how to cut it, and the first piece.
@@ -407,16 +673,32 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
         core.finish(r, 0, BsTaskCancelled);
         return;
     }
-    const auto missing = r.store->missingRanges(r.first, r.last);
+    // The file must still be what append() saw; otherwise the request is not
+    // decoded against the new content: the store drops the old content's
+    // frames and the client submits again (status 7).
+    r.planned = mediaFileIdentity(r.path.c_str());
+    if (r.planned != r.appended) {
+        r.store->adoptContent(r.planned);
+        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk since it was appended",
+                static_cast<long long>(r.token()), r.path.c_str());
+        core.finish(r, 0, BsTaskResubmit);
+        return;
+    }
+    r.generation = r.store->adoptContent(r.planned);
+    auto missing = r.store->missingRanges(r.first, r.last);
     if (missing.empty()) {
         core.finish(r, 100, BsTaskFinished);
         return;
     }
 
-    // Whether pieces may seek: a sample-exact container and a known origin.
-    // A known origin says both (it is only measured in such containers).
-    bool seekable = r.store->decodeOrigin(nullptr, nullptr);
-    if (!seekable) {
+    // How pieces decode: seeking in a sample-exact container with a known
+    // origin (a known origin says both: it is only measured in such
+    // containers), by the packet index of an MP3 stream, or from the start.
+    const auto stop = [&core, &r] { return core.stopping(r); };
+    PieceMode mode = r.store->decodeOrigin(r.generation, nullptr, nullptr) ? PieceMode::Seeking : PieceMode::FromStart;
+    std::shared_ptr<const PacketIndex> index;
+    if (mode == PieceMode::FromStart) index = keptPacketIndex(r.path, r.stream, r.planned);
+    if (mode == PieceMode::FromStart && !index) {
         MediaDecoder decoder;
         std::string problem;
         if (!decoder.open(r.path, r.stream, &problem)) {
@@ -425,19 +707,39 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
             core.finish(r, 0, BsTaskFailed);
             return;
         }
-        seekable = sampleExactContainer(decoder.format());
-        if (seekable) {
+        if (sampleExactContainer(decoder.format())) {
             FramePtr frame = newFrame();
-            const auto stop = [&core, &r] { return core.stopping(r); };
             int result = frame ? 0 : AVERROR(ENOMEM);
             while (result == 0) {
                 result = decoder.next(frame.get(), stop);
                 if (result == 0 && frame->nb_samples > 0 && frame->sample_rate > 0) break;
             }
-            if (result == 0 && frame->best_effort_timestamp != AV_NOPTS_VALUE)
-                r.store->setDecodeOrigin(frame->best_effort_timestamp, frame->sample_rate);
-            else
-                seekable = false;
+            if (result == 0 && frame->best_effort_timestamp != AV_NOPTS_VALUE) {
+                r.store->setDecodeOrigin(r.generation, frame->best_effort_timestamp, frame->sample_rate);
+                mode = PieceMode::Seeking;
+            }
+        } else {
+            std::string why;
+            const auto started = std::chrono::steady_clock::now();
+            index = packetIndexFor(r.path, r.stream, r.planned, &decoder, stop, &why);
+            if (index)
+                ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "'%s': %zu packets indexed in %.1f ms", r.path.c_str(),
+                        index->packets(),
+                        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count());
+            else if (!why.empty())
+                ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "'%s' is decoded from the start: %s", r.path.c_str(),
+                        why.c_str());
+        }
+    }
+    if (index && !index->distrusted()) {
+        // The index knows where the stream ends: nothing beyond is decoded.
+        mode = PieceMode::Indexed;
+        const int64_t endFrame = frameOfSample(index->totalSamples() - 1, index->sampleRate()) + 1;
+        if (endFrame <= INT32_MAX) r.store->setEndFrame(r.generation, static_cast<int32_t>(endFrame));
+        missing = r.store->missingRanges(r.first, r.last);
+        if (missing.empty()) {
+            core.finish(r, 100, BsTaskFinished);
+            return;
         }
     }
     if (core.stopping(r)) {
@@ -450,46 +752,35 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     std::vector<std::pair<int32_t, int32_t>> pieces;
     int64_t total = 0;
     for (const auto& range : missing) total += int64_t{range.second} - range.first + 1;
-    if (!seekable) {
+    const int64_t workers = static_cast<int64_t>(std::max<size_t>(1, core.workerCount()));
+    if (mode == PieceMode::FromStart) {
         pieces.emplace_back(missing.front().first, missing.back().second);
         total = int64_t{missing.back().second} - missing.front().first + 1;
+    } else if (mode == PieceMode::Indexed) {
+        pieces = cutPieces(missing, int64_t{INT32_MAX}, kIndexedPiecesPerWorker * workers);
     } else {
         // Cut what the stream is expected to hold (with a second to spare);
         // the last piece runs on to the end of the range, where the stream
         // ends. Frames beyond the end cost no decoding.
-        const int64_t bound = r.frameEstimate > 0 ? r.frameEstimate + 25 : int64_t{INT32_MAX};
-        int64_t within = 0;
-        for (const auto& range : missing)
-            if (range.first <= bound) within += std::min<int64_t>(range.second, bound) - range.first + 1;
-        const int64_t workers = static_cast<int64_t>(std::max<size_t>(1, core.workerCount()));
-        const int64_t size = std::max<int64_t>(kMinPieceFrames, (within + 2 * workers - 1) / (2 * workers));
-        for (const auto& range : missing) {
-            for (int64_t begin = range.first; begin <= range.second; begin += size) {
-                int64_t end = std::min<int64_t>(range.second, begin + size - 1);
-                if (end >= bound) end = range.second;
-                pieces.emplace_back(static_cast<int32_t>(begin), static_cast<int32_t>(end));
-                if (end == range.second) break;
-            }
-            if (range.second >= bound) break;
-        }
-        // Ranges after the expected end join the last piece.
-        if (pieces.back().second < missing.back().second) pieces.back().second = missing.back().second;
+        pieces = cutPieces(missing, r.frameEstimate > 0 ? r.frameEstimate + 25 : int64_t{INT32_MAX}, 2 * workers);
     }
     r.framesTotal.store(total, std::memory_order_release);
     r.piecesLeft.store(static_cast<int32_t>(pieces.size()), std::memory_order_release);
     ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "token:%lld %zu pieces, %lld frames, %s",
             static_cast<long long>(r.token()), pieces.size(), static_cast<long long>(total),
-            seekable ? "seeking" : "from the start");
+            mode == PieceMode::Seeking   ? "seeking"
+            : mode == PieceMode::Indexed ? "by packet index"
+                                         : "from the start");
     for (size_t i = 1; i < pieces.size(); ++i) {
         const auto piece = pieces[i];
         TaskCore* owner = &core;
-        const bool queued = core.submit(request, [owner, request, piece, seekable] {
-            runPiece(*owner, request, piece.first, piece.second, seekable);
+        const bool queued = core.submit(request, [owner, request, piece, mode, index] {
+            runPiece(*owner, request, piece.first, piece.second, mode, index);
         });
         // Shut down meanwhile: the piece counts as stopped.
         if (!queued) pieceEnded(core, r, PieceOutcome::Stopped, std::string());
     }
-    runPiece(core, request, pieces[0].first, pieces[0].second, seekable);
+    runPiece(core, request, pieces[0].first, pieces[0].second, mode, index);
 }
 
 class AudioWaveExtractTask final : public RefCnt<void>, public TaskControl, public virtual IBsAudioWaveExtractTask {
@@ -552,7 +843,7 @@ public:
             expectedFrames = std::max<int64_t>(0, audio->mediaDuration() / (kCnsPerSecond / 25) + 1);
         auto request = std::make_shared<AudioRequest>(TaskCore::newToken(), source->mediaPath(), stream, store,
                                                       std::max(0, record->beginFrame), record->endFrame,
-                                                      expectedFrames);
+                                                      expectedFrames, mediaFileIdentity(source->mediaPath()));
         TaskCore* owner = core_.get();
         const int32_t result = core_->add(request, [owner, request] { planRequest(*owner, request); });
         if (result != kTaskOk) {

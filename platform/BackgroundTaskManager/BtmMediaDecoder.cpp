@@ -89,4 +89,36 @@ int MediaDecoder::seek(int64_t ts) {
     return result;
 }
 
+int MediaDecoder::readPacket(AVPacket* packet) {
+    for (;;) {
+        const int result = av_read_frame(format_, packet);
+        if (result < 0) {
+            if (result != AVERROR_EOF && readError_ == 0) readError_ = result;
+            return AVERROR_EOF;
+        }
+        if (packet->stream_index == stream_->index) return 0;
+        av_packet_unref(packet);
+    }
+}
+
+int MediaDecoder::sendPacket(const AVPacket* packet, AVDiscard discard) {
+    codec_->skip_frame = discard;
+    const int result = avcodec_send_packet(codec_, packet);
+    if (result == AVERROR(EAGAIN)) return result;
+    if (result < 0 && result != AVERROR_EOF) {
+        decodeError_ = result;
+        ++decodeErrors_;
+    }
+    return 0;
+}
+
+int MediaDecoder::receiveFrame(AVFrame* frame) {
+    const int result = avcodec_receive_frame(codec_, frame);
+    if (result == 0 || result == AVERROR(EAGAIN) || result == AVERROR_EOF) return result;
+    // A frame the decoder could not make: ask for the next packet.
+    decodeError_ = result;
+    ++decodeErrors_;
+    return AVERROR(EAGAIN);
+}
+
 }  // namespace ZOR::btm

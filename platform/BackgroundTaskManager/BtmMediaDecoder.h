@@ -45,6 +45,20 @@ public:
     // flushes the decoder. Returns the av_seek_frame result.
     int seek(int64_t ts);
 
+    // Packet by packet, for callers that choose what to decode (do not mix
+    // with next() between two seeks).
+    // The next packet of the stream into packet: 0; AVERROR_EOF at the end
+    // (a read error also ends it: see readError()).
+    int readPacket(AVPacket* packet);
+    // Sends a packet to the decoder (nullptr: no more packets, drain it)
+    // with skip_frame set to discard (AVDISCARD_NONREF: a frame no other
+    // frame refers to is not decoded). Decoding errors are counted, not
+    // returned: 0, or AVERROR(EAGAIN) when frames must be received first.
+    int sendPacket(const AVPacket* packet, AVDiscard discard);
+    // The next decoded frame: 0; AVERROR(EAGAIN) when a packet is needed;
+    // AVERROR_EOF when drained.
+    int receiveFrame(AVFrame* frame);
+
     AVFormatContext* format() const { return format_; }
     AVStream* stream() const { return stream_; }
     AVCodecContext* codec() const { return codec_; }

@@ -8,6 +8,18 @@ ZOR_LOG_SOURCE("platform/BackgroundTaskManager/BtmTaskCore")
 
 namespace ZOR::btm {
 
+namespace {
+
+// The report the calling thread is making, and the first jobs of requests
+// appended from inside it.
+struct ReportScope {
+    const TaskCore* core = nullptr;
+    std::vector<Job> deferred;
+};
+thread_local ReportScope* tReport = nullptr;
+
+}  // namespace
+
 TaskCore::TaskCore(IDmBaseObj* face, const char* name) : face_(face), name_(name) {}
 
 TaskCore::~TaskCore() = default;
@@ -94,7 +106,11 @@ int32_t TaskCore::add(const std::shared_ptr<Request>& request, std::function<voi
         if (closing() || !pool_) return kTaskClosed;
         requests_.emplace(request->token(), request);
         // A job holds the core; the core is owned by shared_ptr through the face.
-        pool_->submit(Job{ownerOf(), request, std::move(job)});
+        Job queued{ownerOf(), request, std::move(job)};
+        if (tReport != nullptr && tReport->core == this)
+            tReport->deferred.push_back(std::move(queued));  // queued when the report returns
+        else
+            pool_->submit(std::move(queued));
     }
     return kTaskOk;
 }
@@ -138,6 +154,29 @@ void TaskCore::report(const Request& request, int32_t percent, int32_t status, I
     info.token = request.token();
     info.data = data;
     info.percent = percent;
+    ReportScope scope;
+    scope.core = this;
+    // Restores the outer scope and queues the deferred jobs, also when a
+    // callback throws. The core lives on: the reporting job holds it.
+    struct Leave {
+        TaskCore* core;
+        ReportScope* scope;
+        ReportScope* outer;
+        ~Leave() {
+            tReport = outer;
+            if (scope->deferred.empty()) return;
+            std::vector<Job> dropped;  // after shutdown; destroyed outside the lock
+            {
+                std::lock_guard<std::mutex> guard(core->lock_);
+                if (core->closing() || !core->pool_)
+                    dropped.swap(scope->deferred);
+                else
+                    for (Job& job : scope->deferred) core->pool_->submit(std::move(job));
+            }
+            scope->deferred.clear();
+        }
+    } leave{this, &scope, tReport};
+    tReport = &scope;
     callbacks_.notify([&](IZorCallBack* callback) {
         // A callback may have shut the task down (or released it).
         if (closing()) return false;

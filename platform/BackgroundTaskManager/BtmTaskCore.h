@@ -3,6 +3,12 @@
 // are thin faces over a TaskCore; jobs on the worker threads hold the core
 // (std::shared_ptr), so a job that outlives its task's face still has its
 // core to finish on, and reports nothing more once the task is shut down.
+//
+// A request appended from inside one of the core's reports (a client that
+// resubmits on status 7 from its callback) is registered at once, but its
+// first job is queued only when that report has returned: so everything the
+// callback does after append() (recording the new token, telling its own
+// clients) happens before the new request can report anything.
 #pragma once
 
 #include <atomic>
@@ -81,7 +87,9 @@ public:
 
     // Requests.
     static int64_t newToken();
-    // Registers the request and queues its first job; kTaskClosed after shutdown.
+    // Registers the request and queues its first job (when called inside a
+    // report of this core on the same thread: once that report returned);
+    // kTaskClosed after shutdown.
     int32_t add(const std::shared_ptr<Request>& request, std::function<void()> job);
     // Queues another job of a registered request; false after shutdown.
     bool submit(const std::shared_ptr<Request>& request, std::function<void()> job);

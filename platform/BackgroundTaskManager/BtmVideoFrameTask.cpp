@@ -5,10 +5,22 @@
 // skipped (unless the request refreshes); every other picture is decoded,
 // written to the store and reported with status 1 and an IBsVideoFrameData.
 // A request with nothing to decode reports one status 1 without data. Then
-// status 2. One job decodes a request, in ascending order of time; frames
-// added to it while it runs (addFrames) are decoded after the ones it has.
+// status 2.
+//
+// The times of a batch are sorted and split into runs, one per keyframe the
+// decoding starts from (VideoSession::runs). The job of the request queues
+// helper jobs, up to one per worker; each job takes the next run, the longest
+// first, and decodes it with its own decoder on its own thread, so runs are
+// decoded in parallel. Each
+// picture is handed to the request's outbox; whichever job finds nobody
+// reporting reports what the outbox holds, one report after the other,
+// without a lock held. The job that finds the batch done (no run left, none
+// being decoded) takes the frames added meanwhile (addFrames) as the next
+// batch, or queues the final report, which so comes last.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -62,6 +74,20 @@ private:
     const std::vector<unsigned char> pixels_;
 };
 
+// Times to decode one after the other from one keyframe.
+struct Run {
+    std::vector<int64_t> times;
+    int64_t cost = 0;   // VideoRun::cost
+};
+
+// A report waiting in a request's outbox.
+struct Outgoing {
+    enum Kind { Picture, Empty, Final } kind = Picture;
+    int32_t percent = 0;
+    int32_t status = BsTaskProgress;
+    VideoFrameData* data = nullptr;  // Picture: one reference, let go once reported
+};
+
 class VideoRequest final : public Request {
 public:
     VideoRequest(int64_t token, std::string mediaPath, int32_t streamIndex, int32_t pictureWidth,
@@ -73,6 +99,11 @@ public:
           height(pictureHeight),
           refresh(refreshStored),
           pending_(times, times + count) {}
+
+    ~VideoRequest() override {
+        for (Outgoing& item : outbox_)
+            if (item.data != nullptr) item.data->Release();
+    }
 
     // Adds times; false once the request took its last batch.
     bool add(const int64_t* times, int32_t count) {
@@ -91,16 +122,121 @@ public:
         return batch;
     }
 
+    // What a job does next.
+    enum class Step { Decode, TakeBatch, Leave };
+    // Under the lock: the next run to decode, the next batch to take (when
+    // nothing is left or being decoded), or nothing. Stopping drops the runs
+    // left; the last job out then queues the final report.
+    Step next(bool stopping, Run* run) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (ending_) return Step::Leave;
+        if (stopping) runs_.clear();
+        if (!runs_.empty()) {
+            *run = std::move(runs_.front());
+            runs_.pop_front();
+            ++busy_;
+            return Step::Decode;
+        }
+        if (busy_ > 0) return Step::Leave;  // the last of those decoding goes on
+        ++busy_;
+        return Step::TakeBatch;
+    }
+    // A run decoded (or abandoned), a batch taken.
+    void runDone() {
+        std::lock_guard<std::mutex> guard(lock_);
+        --busy_;
+    }
+    // Adds a batch: known pictures (stored already) and runs to decode.
+    void addBatch(int64_t count, int64_t stored, std::vector<Run> runs) {
+        std::lock_guard<std::mutex> guard(lock_);
+        total_ += count;
+        done_ += stored;
+        for (Run& run : runs) runs_.push_back(std::move(run));
+        --busy_;
+    }
+    // Queues the final report (after the empty one when nothing was
+    // reported); false when it was queued already.
+    bool end(bool stopping) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (ending_) return false;
+        ending_ = true;
+        closed_ = true;
+        --busy_;
+        Outgoing final;
+        final.kind = Outgoing::Final;
+        if (failed()) {
+            final.status = BsTaskFailed;
+            final.percent = percentLocked();
+        } else if (stopping) {
+            final.status = BsTaskCancelled;
+            final.percent = percentLocked();
+        } else {
+            final.status = BsTaskFinished;
+            final.percent = 100;
+            if (!reportedData_) {
+                Outgoing empty;
+                empty.kind = Outgoing::Empty;
+                empty.percent = 100;
+                outbox_.push_back(empty);
+            }
+        }
+        outbox_.push_back(final);
+        return true;
+    }
+    // Queues a picture (taking over its reference).
+    void queue(VideoFrameData* data) {
+        std::lock_guard<std::mutex> guard(lock_);
+        ++done_;
+        reportedData_ = true;
+        Outgoing item;
+        item.data = data;
+        item.percent = percentLocked();
+        outbox_.push_back(item);
+    }
+    // Makes the calling job the reporter when nobody is; then the next item
+    // to report, until the outbox is empty (and the job no reporter).
+    bool becomeReporter() {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (reporting_ || outbox_.empty()) return false;
+        reporting_ = true;
+        return true;
+    }
+    bool nextToReport(Outgoing* item) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (outbox_.empty()) {
+            reporting_ = false;
+            return false;
+        }
+        *item = outbox_.front();
+        outbox_.pop_front();
+        return true;
+    }
+
+    void fail() { failed_.store(true, std::memory_order_release); }
+    bool failed() const { return failed_.load(std::memory_order_acquire); }
+
     const std::string path;
     const int32_t stream;
     const int32_t width;
     const int32_t height;
     const bool refresh;
+    std::set<int64_t> seen;  // times handled so far; touched by the job taking a batch only
 
 private:
-    std::mutex lock_;                // leaf
+    int32_t percentLocked() const { return static_cast<int32_t>(done_ * 100 / std::max<int64_t>(1, total_)); }
+
+    std::mutex lock_;                // leaf: nothing is called with it held
     std::vector<int64_t> pending_;   // guarded by lock_
     bool closed_ = false;            // guarded by lock_
+    std::deque<Run> runs_;           // guarded by lock_: runs no job took yet, the longest first
+    int busy_ = 0;                   // guarded by lock_: jobs decoding a run or taking a batch
+    bool ending_ = false;            // guarded by lock_: the final report is queued
+    int64_t total_ = 0;              // guarded by lock_: times of the batches taken
+    int64_t done_ = 0;               // guarded by lock_: of those, stored already or queued
+    bool reportedData_ = false;      // guarded by lock_
+    std::deque<Outgoing> outbox_;    // guarded by lock_
+    bool reporting_ = false;         // guarded by lock_: a job is reporting the outbox
+    std::atomic<bool> failed_{false};  // a job could not decode: the others stop
 };
 
 // Writes the picture into the store; the path, or "" when it could not.
@@ -133,72 +269,120 @@ std::string storePicture(const std::string& folder, const VideoRequest& request,
     return path;
 }
 
-void runRequest(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
-    VideoRequest& r = *request;
-    const auto stop = [&core, &r] { return core.stopping(r); };
-    if (stop()) {
-        core.finish(r, 0, BsTaskCancelled);
-        return;
+// Reports what the outbox holds when no other job is reporting it. Pictures
+// that come after a cancel are dropped (they are in the store).
+void reportQueued(TaskCore& core, VideoRequest& r) {
+    if (!r.becomeReporter()) return;
+    Outgoing item;
+    while (r.nextToReport(&item)) {
+        switch (item.kind) {
+            case Outgoing::Picture:
+                if (!core.stopping(r) && !r.failed())
+                    core.report(r, item.percent, BsTaskProgress,
+                                static_cast<IDmBaseObj*>(static_cast<IBsVideoFrameData*>(item.data)));
+                item.data->Release();
+                break;
+            case Outgoing::Empty: core.report(r, item.percent, BsTaskProgress, nullptr); break;
+            case Outgoing::Final: core.finish(r, item.percent, item.status); break;
+        }
     }
+}
+
+void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request);
+
+// Takes the next batch of times: what the store lacks is split into runs.
+// Returns the number of runs.
+size_t takeBatch(TaskCore& core, VideoRequest& r, const std::string& folder, VideoSession& session,
+                 std::vector<int64_t> batch) {
+    std::sort(batch.begin(), batch.end());
+    batch.erase(std::unique(batch.begin(), batch.end()), batch.end());
+    std::vector<int64_t> needed;
+    std::vector<DmStoredFrame> stored;
+    if (!r.refresh) stored = frameStoreScan(folder, r.stream, r.width, r.height);
+    int64_t count = 0;
+    int64_t have = 0;
+    for (int64_t time : batch) {
+        if (!r.seen.insert(time).second) continue;
+        ++count;
+        const auto found = std::lower_bound(stored.begin(), stored.end(), time,
+                                            [](const DmStoredFrame& frame, int64_t t) { return frame.time < t; });
+        if (found != stored.end() && found->time == time)
+            ++have;
+        else
+            needed.push_back(time);
+    }
+    std::vector<Run> runs;
+    if (!needed.empty() && !core.stopping(r)) {
+        for (const VideoRun& run : session.runs(needed)) {
+            const auto begin = needed.begin() + static_cast<std::ptrdiff_t>(run.first);
+            runs.push_back(Run{std::vector<int64_t>(begin, begin + static_cast<std::ptrdiff_t>(run.count)), run.cost});
+        }
+        // The longest first, so that the last ones to end are short.
+        std::stable_sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.cost > b.cost; });
+    }
+    const size_t made = runs.size();
+    r.addBatch(count, have, std::move(runs));
+    return made;
+}
+
+// One job of a request: decodes runs until none is left; the last job out
+// takes the next batch or ends the request.
+void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
+    VideoRequest& r = *request;
+    const auto stop = [&core, &r] { return core.stopping(r) || r.failed(); };
     const std::string folder = frameStoreFolder(r.path.c_str());
     VideoSession session(r.path, r.stream, r.width, r.height);
-    std::set<int64_t> seen;  // times handled by this request
-    int64_t total = 0;
-    int64_t done = 0;
-    bool reportedData = false;
     for (;;) {
-        std::vector<int64_t> batch = r.take();
-        if (batch.empty()) break;
-        std::sort(batch.begin(), batch.end());
-        batch.erase(std::unique(batch.begin(), batch.end()), batch.end());
-        std::vector<int64_t> needed;
-        std::vector<DmStoredFrame> stored;
-        if (!r.refresh) stored = frameStoreScan(folder, r.stream, r.width, r.height);
-        for (int64_t time : batch) {
-            if (!seen.insert(time).second) continue;
-            ++total;
-            const auto found = std::lower_bound(stored.begin(), stored.end(), time,
-                                                [](const DmStoredFrame& frame, int64_t t) { return frame.time < t; });
-            const bool have = found != stored.end() && found->time == time;
-            if (have)
-                ++done;
-            else
-                needed.push_back(time);
-        }
-        for (int64_t time : needed) {
-            if (stop()) {
-                core.finish(r, static_cast<int32_t>(done * 100 / std::max<int64_t>(1, total)), BsTaskCancelled);
-                return;
+        Run run;
+        const VideoRequest::Step step = r.next(stop(), &run);
+        if (step == VideoRequest::Step::Leave) break;
+        if (step == VideoRequest::Step::TakeBatch) {
+            std::vector<int64_t> batch = stop() ? std::vector<int64_t>() : r.take();
+            if (batch.empty()) {
+                if (r.end(core.stopping(r))) reportQueued(core, r);
+                break;
             }
+            const size_t runs = takeBatch(core, r, folder, session, std::move(batch));
+            // Helpers for the other runs, one per worker at most; a helper
+            // that finds nothing left leaves at once.
+            const size_t helpers = std::min(runs, std::max<size_t>(1, core.workerCount())) - (runs > 0 ? 1 : 0);
+            for (size_t i = 0; i < helpers; ++i) {
+                TaskCore* owner = &core;
+                if (!core.submit(request, [owner, request] { runJob(*owner, request); })) break;
+            }
+            continue;
+        }
+        session.plan(run.times);
+        for (int64_t time : run.times) {
+            if (stop()) break;
             Picture picture;
             std::string problem;
             const int result = session.pictureAt(time, stop, &picture, &problem);
-            if (result == MediaDecoder::kStopped) {
-                core.finish(r, static_cast<int32_t>(done * 100 / std::max<int64_t>(1, total)), BsTaskCancelled);
-                return;
-            }
+            if (result == MediaDecoder::kStopped) break;
             if (result != 0) {
                 ZOR_LOG(6, "ZOR::VideoFrameExtractTask::decode", "token:%lld cannot decode %s",
                         static_cast<long long>(r.token()), problem.c_str());
-                core.finish(r, static_cast<int32_t>(done * 100 / std::max<int64_t>(1, total)), BsTaskFailed);
-                return;
+                r.fail();
+                break;
             }
             storePicture(folder, r, time, picture);
-            ++done;
             auto* data = new VideoFrameData(time, picture.shown, r.width, r.height, std::move(picture.rgba));
             data->AddRef();
-            core.report(r, static_cast<int32_t>(done * 100 / std::max<int64_t>(1, total)), BsTaskProgress,
-                        static_cast<IDmBaseObj*>(static_cast<IBsVideoFrameData*>(data)));
-            data->Release();
-            reportedData = true;
+            r.queue(data);
+            reportQueued(core, r);
         }
+        r.runDone();
     }
-    if (stop()) {
-        core.finish(r, 100, BsTaskCancelled);
-        return;
-    }
-    if (!reportedData) core.report(r, 100, BsTaskProgress, nullptr);
-    core.finish(r, 100, BsTaskFinished);
+    const VideoSessionCounts& counts = session.counts();
+    if (counts.packets > 0)
+        ZOR_LOG(3, "ZOR::VideoFrameExtractTask::decode",
+                "token:%lld '%s': %lld seeks, %lld packets (%lld skippable), %lld frames, %lld decoded again",
+                static_cast<long long>(r.token()), r.path.c_str(), static_cast<long long>(counts.seeks),
+                static_cast<long long>(counts.packets), static_cast<long long>(counts.discarded),
+                static_cast<long long>(counts.frames), static_cast<long long>(counts.redone));
+    // A job that leaves while another is reporting: that one reports what
+    // this one queued; nothing is left behind when both looked.
+    reportQueued(core, r);
 }
 
 class VideoFrameExtractTask final : public RefCnt<void>, public TaskControl, public virtual IBsVideoFrameExtractTask {
@@ -249,7 +433,7 @@ public:
         auto request = std::make_shared<VideoRequest>(TaskCore::newToken(), source->mediaPath(), stream, width, height,
                                                       (flags & 1u) != 0, times, count);
         TaskCore* owner = core_.get();
-        const int32_t result = core_->add(request, [owner, request] { runRequest(*owner, request); });
+        const int32_t result = core_->add(request, [owner, request] { runJob(*owner, request); });
         if (result != kTaskOk) {
             ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: the task is shut down");
             return result;

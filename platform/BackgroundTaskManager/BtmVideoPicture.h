@@ -1,9 +1,12 @@
 // Decoding the picture a player shows at a media time, fitted into a box.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,11 +21,42 @@ struct Picture {
     std::vector<unsigned char> rgba;   // width x height x 4, R G B A, rows without padding
 };
 
+struct PacketFree {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+
+// Times decoded one after the other from the same keyframe.
+struct VideoRun {
+    size_t first = 0;   // index of the run's first time
+    size_t count = 0;
+    int64_t cost = 0;   // estimate: media cns from the keyframe to the last time
+};
+
+// What a session did, for the logs.
+struct VideoSessionCounts {
+    int64_t seeks = 0;
+    int64_t packets = 0;     // sent to the decoder
+    int64_t discarded = 0;   // of those, sent with AVDISCARD_NONREF
+    int64_t frames = 0;      // received from the decoder
+    int64_t redone = 0;      // pictures decoded again without discarding
+};
+
 // One open video stream. The picture for media time t is the last frame whose
 // presentation time is at or before t (the first frame when t is earlier),
 // decoded exactly: the decoder seeks to the keyframe before t and decodes on
 // from there. Requests in ascending order of time decode forward without
-// seeking again. Media time 0 is the stream's start time.
+// seeking again while no keyframe lies between where the decoder is and the
+// time (by the container's index; without one, while the time is near).
+// Media time 0 is the stream's start time.
+//
+// Only what the pictures depend on is decoded in full: a packet whose frame
+// no planned time shows (see plan()) is sent with AVDISCARD_NONREF, so the
+// decoder skips it when no other frame refers to it (a frame others refer to
+// is always decoded). Which frame a time shows is known from the packets'
+// presentation times, read a few packets ahead of the decoder; when the frame
+// found differs from the one the packets said, the picture is decoded again
+// with nothing skipped.
 //
 // The picture keeps the display aspect ratio (sample aspect ratio and the
 // rotation of the display matrix, in quarter turns; mirroring is not
@@ -37,20 +71,53 @@ public:
 
     // Opens the file when it is not open yet. False with *problem set.
     bool open(std::string* problem);
+    // The times (media cns, ascending) the next calls of pictureAt() will ask
+    // for. Frames none of them shows are not decoded in full, and after the
+    // last one the decoder is drained instead of fed on. Without a plan only
+    // the time asked for counts, and the decoder is never drained.
+    void plan(std::vector<int64_t> times);
     // 0 with *picture set; MediaDecoder::kStopped; or another negative code
     // with *problem set ("'<path>': <cause>").
     int pictureAt(int64_t time, const std::function<bool()>& stop, Picture* picture, std::string* problem);
 
+    // Splits ascending times into runs: the times of a run are decoded from
+    // the same keyframe, one after the other; two runs have a keyframe
+    // between them, so each can start with a seek. Opens the file when
+    // needed; one run when it cannot be opened.
+    std::vector<VideoRun> runs(const std::vector<int64_t>& times);
+
     // The rotation of the display matrix, degrees counter-clockwise.
     int rotation() const { return rotation_; }
+    const VideoSessionCounts& counts() const { return counts_; }
 
 private:
     bool reopen(std::string* problem);
+    // Forgets where the decoder is (after a seek or reopening).
+    void resetPosition();
+    // Whether decoding on from where the decoder is gives the picture at time
+    // at no more cost than seeking.
+    bool canContinue(int64_t time) const;
     // Positions the decoder so that the next frame is at or before time
     // (or is the stream's first frame).
     int seekBefore(int64_t time, const std::function<bool()>& stop, std::string* problem);
-    // The next frame into lookahead_; false at the end.
-    int readAhead(const std::function<bool()>& stop);
+    // Decodes until current_ is the frame shown at time.
+    int decodeTo(int64_t time, const std::function<bool()>& stop);
+    // The next frame into lookahead_; AVERROR_EOF at the end.
+    int readAhead(int64_t time, const std::function<bool()>& stop);
+    // Sends one packet (or the end of the stream) to the decoder.
+    void feed(int64_t time);
+    // Reads one packet into window_; false at the end of the stream.
+    bool readPacket();
+    // Whether the frame of a packet with this pts may be shown at time or at
+    // a planned time after it (reads further ahead when that helps to know).
+    bool needed(int64_t pts, int64_t time);
+    // The smallest wanted time at or after pts (media cns); false when none.
+    bool wantedFrom(int64_t pts, int64_t time, int64_t* wanted) const;
+    // The pts of the frame shown at time by the packets read, when no packet
+    // still to be read can change it; false otherwise.
+    bool answerKnown(int64_t time, int64_t* pts) const;
+    // The last pts (stream time base) that is at or before media time.
+    int64_t lastPtsAt(int64_t time) const;
     int64_t frameTime(int64_t pts) const;  // media cns
     // cmp(frame pts, media time t): <0, 0, >0.
     int compare(int64_t pts, int64_t time) const;
@@ -64,6 +131,13 @@ private:
     int64_t origin_ = 0;       // stream time base
     AVRational timeBase_{1, 1};
     int rotation_ = 0;
+    bool useIndex_ = false;    // the container's keyframe index covers the stream
+
+    // The plan: ascending media times; planPos_ is the first one after the
+    // time being decoded.
+    std::vector<int64_t> plan_;
+    size_t planPos_ = 0;
+    bool planned_ = false;
 
     FramePtr current_;          // the last frame at or before the previous time asked for
     int64_t currentPts_ = 0;
@@ -71,8 +145,24 @@ private:
     FramePtr lookahead_;        // the frame after current_, already decoded
     int64_t lookaheadPts_ = 0;
     bool haveLookahead_ = false;
-    bool ended_ = false;
+    bool ended_ = false;        // the decoder gave its last frame
     int64_t lastPts_ = 0;       // for frames without a timestamp
+
+    // Packets since the last seek.
+    std::deque<PacketPtr> window_;  // read, not sent yet
+    std::multiset<int64_t> known_;  // pts of every packet read (stream time base)
+    std::set<int64_t> discarded_;   // pts of the packets sent with AVDISCARD_NONREF
+    bool readEnded_ = false;        // no packet left to read
+    bool draining_ = false;         // the end was sent to the decoder
+    bool mustSeek_ = false;         // drained early, or decoding again: seek before going on
+    bool readPosKnown_ = false;
+    int64_t readPos_ = 0;           // dts (else pts) of the last packet read
+    bool readDts_ = false;          // readPos_ is a dts
+    bool timesUnsure_ = false;      // a packet without pts, or presented before decoded: reading ahead settles nothing
+    bool skipping_ = true;          // discarding is allowed in this session
+    bool skipNow_ = false;          // discarding is allowed for the packets being sent
+
+    VideoSessionCounts counts_;
 
     SwsContext* sws_ = nullptr;
     std::vector<unsigned char> scaled_;

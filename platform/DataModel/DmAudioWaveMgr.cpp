@@ -30,8 +30,8 @@ Registry& registry() {
 
 }  // namespace
 
-DmAudioWaveManager::DmAudioWaveManager(std::string mediaPath, int32_t stream)
-    : mediaPath_(std::move(mediaPath)), stream_(stream) {}
+DmAudioWaveManager::DmAudioWaveManager(std::string mediaPath, int32_t stream, const DmFileIdentity& identity)
+    : mediaPath_(std::move(mediaPath)), stream_(stream), identity_(identity) {}
 
 DmAudioWaveManager::~DmAudioWaveManager() = default;
 
@@ -120,7 +120,33 @@ std::vector<std::pair<int32_t, int32_t>> DmAudioWaveManager::missingRanges(int32
     return ranges;
 }
 
-int32_t DmAudioWaveManager::storeFrames(int32_t first, int32_t frameCount, const float* values) {
+uint64_t DmAudioWaveManager::adoptContent(const DmFileIdentity& identity) {
+    uint64_t generation = 0;
+    std::vector<std::unique_ptr<Chunk>> dropped;  // freed outside the lock
+    {
+        std::unique_lock<std::shared_mutex> lock(lock_);
+        if (!identity.regular || identity == identity_) return generation_;
+        identity_ = identity;
+        generation = ++generation_;
+        dropped.swap(chunks_);
+        endFrame_ = -1;
+        haveOrigin_ = false;
+        originPts_ = 0;
+        originRate_ = 0;
+    }
+    ZOR_LOG(3, "ZOR::DmAudioWaveManager::adoptContent",
+            "'%s' stream %d changed on disk (%lld bytes): held frames dropped, generation %llu", mediaPath_.c_str(),
+            stream_, static_cast<long long>(identity.size), static_cast<unsigned long long>(generation));
+    return generation;
+}
+
+uint64_t DmAudioWaveManager::contentGeneration() {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    return generation_;
+}
+
+int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int32_t frameCount,
+                                        const float* values) {
     if (first < 0 || frameCount < 0 || (values == nullptr && frameCount > 0)) return 1001;
     if (frameCount == 0) return 0;
     if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return 1001;
@@ -129,6 +155,7 @@ int32_t DmAudioWaveManager::storeFrames(int32_t first, int32_t frameCount, const
     for (size_t i = 0; i < steps.size(); ++i) steps[i] = quantise(values[i]);
 
     std::unique_lock<std::shared_mutex> lock(lock_);
+    if (generation != generation_) return kStaleGeneration;
     const size_t lastChunk = static_cast<size_t>((first + frameCount - 1) / kChunkFrames);
     if (chunks_.size() <= lastChunk) chunks_.resize(lastChunk + 1);
     for (int32_t i = 0; i < frameCount; ++i) {
@@ -148,31 +175,34 @@ int32_t DmAudioWaveManager::endFrame() {
     return endFrame_;
 }
 
-void DmAudioWaveManager::setEndFrame(int32_t frame) {
+void DmAudioWaveManager::setEndFrame(uint64_t generation, int32_t frame) {
     if (frame < 0) return;
     std::unique_lock<std::shared_mutex> lock(lock_);
-    endFrame_ = frame;
+    if (generation == generation_) endFrame_ = frame;
 }
 
-bool DmAudioWaveManager::decodeOrigin(int64_t* pts, int32_t* sampleRate) {
+bool DmAudioWaveManager::decodeOrigin(uint64_t generation, int64_t* pts, int32_t* sampleRate) {
     std::shared_lock<std::shared_mutex> lock(lock_);
-    if (!haveOrigin_) return false;
+    if (!haveOrigin_ || generation != generation_) return false;
     if (pts != nullptr) *pts = originPts_;
     if (sampleRate != nullptr) *sampleRate = originRate_;
     return true;
 }
 
-void DmAudioWaveManager::setDecodeOrigin(int64_t pts, int32_t sampleRate) {
+void DmAudioWaveManager::setDecodeOrigin(uint64_t generation, int64_t pts, int32_t sampleRate) {
     if (sampleRate <= 0) return;
     std::unique_lock<std::shared_mutex> lock(lock_);
+    if (generation != generation_) return;
     haveOrigin_ = true;
     originPts_ = pts;
     originRate_ = sampleRate;
 }
 
-DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream) {
+DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream,
+                                       const DmFileIdentity& identity) {
     Registry& reg = registry();
     DmAudioWaveManager* created = nullptr;
+    DmAudioWaveManager* living = nullptr;
     {
         std::lock_guard<std::mutex> lock(reg.lock);
         // Drop the entries of managers that died since the last lookup.
@@ -185,14 +215,20 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
         const auto key = std::make_pair(canonicalPath, stream);
         auto found = reg.entries.find(key);
         if (found != reg.entries.end()) {
-            if (IDmAudioWaveMgrInternal* living = found->second.lock())
-                return dynamic_cast<DmAudioWaveManager*>(living);
-            reg.entries.erase(found);
+            if (IDmAudioWaveMgrInternal* held = found->second.lock()) living = dynamic_cast<DmAudioWaveManager*>(held);
+            if (living == nullptr) reg.entries.erase(found);
         }
-        created = new DmAudioWaveManager(canonicalPath, stream);
-        created->AddRef();
-        reg.entries.emplace(key, RefCntWeakHolder<IDmAudioWaveMgrInternal>(
-                                     static_cast<IDmAudioWaveMgrInternal*>(created)));
+        if (living == nullptr) {
+            created = new DmAudioWaveManager(canonicalPath, stream, identity);
+            created->AddRef();
+            reg.entries.emplace(key, RefCntWeakHolder<IDmAudioWaveMgrInternal>(
+                                         static_cast<IDmAudioWaveMgrInternal*>(created)));
+        }
+    }
+    if (living != nullptr) {
+        // A clip of a file that changed on disk: the manager starts over.
+        living->adoptContent(identity);
+        return living;
     }
     ZOR_LOG(3, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d", canonicalPath.c_str(),
             stream);

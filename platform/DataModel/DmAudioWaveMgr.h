@@ -1,5 +1,11 @@
 // The wave manager of one media stream and the process-wide registry that
 // shares it between clips.
+//
+// A manager is keyed by (canonical path, stream) and describes one content of
+// the file at a time, named by its file identity (size, modification time):
+// when a clip of the file is made, or the audio task starts decoding, with a
+// different identity, the manager drops what it holds and starts empty under
+// a new generation (see IDmAudioWaveStore in DmMediaInternal.h).
 #pragma once
 
 #include <array>
@@ -27,7 +33,7 @@ class DmAudioWaveManager final : public RefCnt<void>,
 public:
     ZOR_IMPLEMENT_REFCNT
 
-    DmAudioWaveManager(std::string mediaPath, int32_t stream);
+    DmAudioWaveManager(std::string mediaPath, int32_t stream, const DmFileIdentity& identity);
     ~DmAudioWaveManager() override;
 
     void* queryInterface(const char* name) override;
@@ -38,12 +44,14 @@ public:
     int32_t hasFrames(int32_t first, int32_t last) override;
 
     // IDmAudioWaveStore
+    uint64_t adoptContent(const DmFileIdentity& identity) override;
+    uint64_t contentGeneration() override;
     std::vector<std::pair<int32_t, int32_t>> missingRanges(int32_t first, int32_t last) override;
-    int32_t storeFrames(int32_t first, int32_t frameCount, const float* values) override;
+    int32_t storeFrames(uint64_t generation, int32_t first, int32_t frameCount, const float* values) override;
     int32_t endFrame() override;
-    void setEndFrame(int32_t frame) override;
-    bool decodeOrigin(int64_t* pts, int32_t* sampleRate) override;
-    void setDecodeOrigin(int64_t pts, int32_t sampleRate) override;
+    void setEndFrame(uint64_t generation, int32_t frame) override;
+    bool decodeOrigin(uint64_t generation, int64_t* pts, int32_t* sampleRate) override;
+    void setDecodeOrigin(uint64_t generation, int64_t pts, int32_t sampleRate) override;
 
     const std::string& mediaPath() const { return mediaPath_; }
     int32_t stream() const { return stream_; }
@@ -65,6 +73,8 @@ private:
     const int32_t stream_;
 
     mutable std::shared_mutex lock_;               // leaf: nothing is called with it held
+    DmFileIdentity identity_;                      // guarded by lock_: the content described
+    uint64_t generation_ = 1;                      // guarded by lock_
     std::vector<std::unique_ptr<Chunk>> chunks_;   // guarded by lock_; chunk c holds frames [c x 1024, ...)
     int32_t endFrame_ = -1;                        // guarded by lock_
     bool haveOrigin_ = false;                      // guarded by lock_
@@ -73,8 +83,9 @@ private:
 };
 
 // The manager of (canonical path, stream) with one reference for the caller:
-// the living one when some clip still holds it, a new one otherwise. The
-// registry holds weak entries only.
-DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream);
+// the living one when some clip still holds it (made to adopt identity), a
+// new one for identity otherwise. The registry holds weak entries only.
+DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream,
+                                       const DmFileIdentity& identity);
 
 }  // namespace ZOR

@@ -79,7 +79,8 @@ DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t vide
       audioStreamId_(audioStreamId),
       videoStreamId_(videoStreamId),
       clipId_(nextClipId()) {
-    if (probe_.audioStream >= 0) waveManager_ = acquireWaveManager(probe_.path, probe_.audioStream);
+    if (probe_.audioStream >= 0)
+        waveManager_ = acquireWaveManager(probe_.path, probe_.audioStream, mediaFileIdentity(probe_.path.c_str()));
     attachedItems_ = zorCreateObject<DmAttachedItemList, IDmAttachedItemList>();
 
     // A media clip shows its whole stream: the video's duration when it has

@@ -6,11 +6,14 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <filesystem>
 #include <system_error>
 
 #include "Common/ZorInternalComUtility.h"
+#include "DataModel/DmMediaInternal.h"
 
 ZOR_LOG_SOURCE("platform/DataModel/DmMediaProbe")
 
@@ -63,6 +66,16 @@ int findVideoStream(AVFormatContext* format) {
 }
 
 }  // namespace
+
+DmFileIdentity mediaFileIdentity(const char* path) {
+    DmFileIdentity identity;
+    struct stat info {};
+    if (path == nullptr || ::stat(path, &info) != 0 || !S_ISREG(info.st_mode)) return identity;
+    identity.regular = true;
+    identity.size = static_cast<int64_t>(info.st_size);
+    identity.modified = static_cast<int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    return identity;
+}
 
 std::string canonicalMediaPath(const std::string& path) {
     namespace fs = std::filesystem;

@@ -36,30 +36,70 @@ protected:
     ~IDmMediaSource() = default;
 };
 
+// The identity of a media file as the file system shows it: a regular file's
+// size and modification time. Two looks that give the same identity are taken
+// to see the same content; a file whose identity changed holds new content.
+// Anything that is not a regular file (missing, unreadable, a pipe, a device)
+// has no identity: regular is false and the rest 0, and such looks compare
+// equal to each other.
+struct DmFileIdentity {
+    bool regular = false;
+    int64_t size = 0;      // bytes
+    int64_t modified = 0;  // modification time, ns since the epoch
+    bool operator==(const DmFileIdentity&) const = default;
+};
+
+// The identity of the file at path now (a stat; no content is read).
+ZOR_PLATFORM_API DmFileIdentity mediaFileIdentity(const char* path);
+
 // The wave data of one media stream as the decoders fill it: frames at 25 per
 // second in media time, 40 values each, value k of frame f being the largest
 // absolute sample over every channel in millisecond 40 f + k. Every
 // operation is thread-safe. Name: "IDmAudioWaveStore".
+//
+// Content. Everything the store holds (frames, end, origin) describes one
+// content of the file: the one with the file identity the store was made
+// for, or last adopted. Each content has its own generation number. When the
+// file changes on disk (a new identity is adopted: by the audio task when it
+// starts decoding a request, or by a new clip of the file), every held frame,
+// the end and the origin are dropped and a new generation begins, so the
+// store starts empty for the new content; clips that share the store read
+// zeros until frames of the new content are stored. Writers pass the
+// generation they decoded under; a write for an older generation is ignored,
+// so a decoder still reading the old content cannot mix its values into the
+// new one.
 class IDmAudioWaveStore : public virtual IDmBaseObj {
 public:
     static constexpr int32_t kValuesPerFrame = 40;
     static constexpr int64_t kFrameRateNum = 25;
     static constexpr int64_t kFrameRateDen = 1;
+    // storeFrames: the generation is not the current one; nothing was stored.
+    static constexpr int32_t kStaleGeneration = 1002;
+
+    // Makes the store describe the content of identity. An identity that is
+    // not regular (the file cannot be looked at) changes nothing. When the
+    // store described another identity, it drops everything and begins a new
+    // generation. Returns the current generation.
+    virtual uint64_t adoptContent(const DmFileIdentity& identity) = 0;
+    // The current generation.
+    virtual uint64_t contentGeneration() = 0;
 
     // The frames of [first, last] that are not held and not known to lie
     // beyond the end of the stream, as inclusive ranges in ascending order.
     virtual std::vector<std::pair<int32_t, int32_t>> missingRanges(int32_t first, int32_t last) = 0;
     // Stores frameCount frames from first on (40 values each, full scale 1.0)
-    // and marks them held. Returns 0; 1001 for bad arguments.
-    virtual int32_t storeFrames(int32_t first, int32_t frameCount, const float* values) = 0;
+    // and marks them held, when generation is the current one. Returns 0;
+    // 1001 for bad arguments; kStaleGeneration when the content has changed.
+    virtual int32_t storeFrames(uint64_t generation, int32_t first, int32_t frameCount, const float* values) = 0;
     // The first frame beyond the end of the stream, once a decoder has met the
     // end; -1 before.
     virtual int32_t endFrame() = 0;
-    virtual void setEndFrame(int32_t frame) = 0;
+    virtual void setEndFrame(uint64_t generation, int32_t frame) = 0;
     // Where the stream's first decoded sample lies: its timestamp in the
-    // stream's time base and the decoded sample rate. False until set.
-    virtual bool decodeOrigin(int64_t* pts, int32_t* sampleRate) = 0;
-    virtual void setDecodeOrigin(int64_t pts, int32_t sampleRate) = 0;
+    // stream's time base and the decoded sample rate. False until set, and
+    // when generation is not the current one.
+    virtual bool decodeOrigin(uint64_t generation, int64_t* pts, int32_t* sampleRate) = 0;
+    virtual void setDecodeOrigin(uint64_t generation, int64_t pts, int32_t sampleRate) = 0;
 
 protected:
     ~IDmAudioWaveStore() = default;

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <functional>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -9,9 +13,11 @@
 #include "Adapter/Adapter.h"
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "BtmPacketIndex.h"
 #include "CapturingLogger.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
 #include "PipeServer.h"
 #include "TaskTestSupport.h"
 
@@ -353,6 +359,262 @@ TEST_F(AudioWaveTaskTest, CancelledBeforeStartingReportsStatusFour) {
     EXPECT_EQ(recorder_.waitFinal(c), BsTaskCancelled);
     EXPECT_EQ(recorder_.waitFinal(d), BsTaskCancelled);
     EXPECT_EQ(recorder_.reportsOf(c).size(), 1u);
+}
+
+// ---------------------------------------------------------------------------
+// MP3 by packet index
+
+// Stereo sines with pink noise, so that the encoder uses its bit reservoir.
+std::string mixSource(double seconds, int rate) {
+    const std::string d = std::to_string(seconds);
+    const std::string r = std::to_string(rate);
+    return "-f lavfi -i \"sine=f=220:r=" + r + ":d=" + d + "\" -f lavfi -i \"sine=f=1234:r=" + r + ":d=" + d +
+           "\" -f lavfi -i \"anoisesrc=color=pink:r=" + r + ":a=0.3:d=" + d +
+           "\" -filter_complex \"[0][1][2]amix=inputs=3,pan=stereo|c0=c0|c1=0.5*c0+0.5*c1\" -t " + d;
+}
+
+// Restores the default pre-roll when the test ends.
+struct PrerollOverride {
+    explicit PrerollOverride(int32_t packets) { btm::setPacketIndexPreroll(packets); }
+    ~PrerollOverride() { btm::setPacketIndexPreroll(-1); }
+    PrerollOverride(const PrerollOverride&) = delete;
+    PrerollOverride& operator=(const PrerollOverride&) = delete;
+};
+
+class Mp3IndexTest : public AudioWaveTaskTest {
+protected:
+    // The values of a sequential decode by the ffmpeg command, as stored.
+    std::vector<float> sequentialValues(const std::string& path, int rate, int channels) {
+        MediaTest::Pcm pcm = MediaTest::decodeWithCommand(path, path + ".raw", rate, channels);
+        sequentialSamples_ = static_cast<int64_t>(pcm.frames());
+        std::vector<float> values = MediaTest::waveValues(pcm);
+        for (float& value : values) value = MediaTest::quantised(value);
+        return values;
+    }
+    // Decodes frames [first, last] through the task and compares every value
+    // with the sequential decode; true when the pieces went by the index.
+    bool decodeAndCompare(IDmClip* clip, const std::vector<float>& expected, int32_t first, int32_t last,
+                          size_t* pieceCount, std::vector<std::string>* logged = nullptr) {
+        ScopedCapture capture(IBsLogger::Debug);
+        const int64_t token = append(clip, first, last);
+        EXPECT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+        expectWave(clip, expected, first, std::min<int32_t>(last, static_cast<int32_t>(expected.size() / kValues) - 1),
+                   0.0f);
+        bool indexed = false;
+        for (const std::string& text : capture.sink().texts()) {
+            const std::string tag = "token:" + std::to_string(token) + " ";
+            const size_t at = text.find(tag);
+            if (at == std::string::npos || text.find("by packet index") == std::string::npos) continue;
+            indexed = true;
+            if (pieceCount != nullptr) *pieceCount = std::stoul(text.substr(at + tag.size()));
+        }
+        if (logged != nullptr) *logged = capture.sink().texts();
+        return indexed;
+    }
+
+    int64_t sequentialSamples_ = 0;
+};
+
+// CBR, VBR, a low-rate MPEG-2 file (576 samples a frame) and a file with
+// large ID3v2 and ID3v1 tags and a cover picture: every value of the pieces
+// equals the sequential decode's, for a range in the middle (a piece that
+// starts after a pre-roll and checks it) and for the whole stream (pieces
+// decoded in parallel, the last one trimmed at the end).
+TEST_F(Mp3IndexTest, PiecesByPacketIndexEqualASequentialDecode) {
+    const std::string wav = folder_.file("mix.wav");
+    ASSERT_TRUE(ffmpeg(mixSource(30.0, 44100) + " -c:a pcm_s16le '" + wav + "'"));
+    const std::string cover = folder_.file("cover.png");
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=320x240\" -frames:v 1 '" + cover + "'"));
+    struct Variant {
+        std::string name;
+        std::string arguments;
+        int rate;
+        int channels;
+    };
+    const std::vector<Variant> variants = {
+        {"cbr.mp3", "-i '" + wav + "' -c:a libmp3lame -b:a 192k", 44100, 2},
+        {"vbr.mp3", "-i '" + wav + "' -c:a libmp3lame -q:a 2", 44100, 2},
+        {"lsf.mp3", "-i '" + wav + "' -ar 22050 -ac 1 -c:a libmp3lame -b:a 24k", 22050, 1},
+        {"tagged.mp3",
+         "-i '" + wav + "' -i '" + cover + "' -map 0:a -map 1:v -c:v png -disposition:v attached_pic "
+         "-c:a libmp3lame -b:a 128k -id3v2_version 3 -write_id3v1 1 -metadata title=\"A long title\" "
+         "-metadata artist=Someone -metadata comment=\"" + std::string(2000, 'x') + "\"",
+         44100, 2},
+    };
+    for (const Variant& variant : variants) {
+        SCOPED_TRACE(variant.name);
+        const std::string path = folder_.file(variant.name);
+        ASSERT_TRUE(ffmpeg(variant.arguments + " '" + path + "'"));
+        const std::vector<float> expected = sequentialValues(path, variant.rate, variant.channels);
+        ASSERT_GT(expected.size(), 700u * kValues);
+        const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
+
+        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto* source = static_cast<IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
+        const btm::PacketIndexFacts facts = btm::packetIndexFacts(path, source->resolvedStream(DmTrackAudio));
+        ASSERT_TRUE(facts.indexed) << facts.why;
+        // The index counts exactly the samples a sequential decode gives.
+        EXPECT_EQ(facts.samples, sequentialSamples_);
+        EXPECT_EQ(facts.sampleRate, variant.rate);
+        EXPECT_GT(facts.prerollStart, 0);
+        EXPECT_LT(facts.prerollStart, facts.packets / 2);
+
+        size_t pieces = 0;
+        EXPECT_TRUE(decodeAndCompare(clip.get(), expected, 500, 520, &pieces));
+        EXPECT_EQ(pieces, 1u);
+        EXPECT_TRUE(decodeAndCompare(clip.get(), expected, 0, lastFrame + 100, &pieces));
+        EXPECT_GE(pieces, 3u);
+        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        EXPECT_NE(manager->hasFrames(0, lastFrame), 0);
+        EXPECT_EQ(manager->hasFrames(lastFrame + 1, lastFrame + 1), 0);
+    }
+}
+
+// A pre-roll too short to settle the decoder is caught by the check, and the
+// request is decoded from the start instead: the values are still exact.
+TEST_F(Mp3IndexTest, AnUnsettledPreRollIsCaughtAndTheRequestDecodedFromTheStart) {
+    const std::string path = folder_.file("short-preroll.mp3");
+    ASSERT_TRUE(ffmpeg(mixSource(30.0, 44100) + " -c:a libmp3lame -b:a 192k '" + path + "'"));
+    const std::vector<float> expected = sequentialValues(path, 44100, 2);
+    const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    PrerollOverride override(1);  // one packet: the bit reservoir is still empty
+    std::vector<std::string> logged;
+    EXPECT_TRUE(decodeAndCompare(clip.get(), expected, 0, lastFrame, nullptr, &logged));
+    bool caught = false;
+    for (const std::string& text : logged)
+        if (text.find("did not settle the decoder; decoding from the start") != std::string::npos) caught = true;
+    EXPECT_TRUE(caught);
+}
+
+// The first pass only demuxes: it costs a small part of a sequential decode.
+TEST_F(Mp3IndexTest, TheFirstPassCostsLittleBesideDecoding) {
+    const std::string path = folder_.file("minute.mp3");
+    ASSERT_TRUE(ffmpeg(mixSource(60.0, 44100) + " -c:a libmp3lame -b:a 192k '" + path + "'"));
+    using Clock = std::chrono::steady_clock;
+    double indexing = 1e9;
+    double decoding = 1e9;
+    for (int run = 0; run < 3; ++run) {
+        const auto started = Clock::now();
+        const btm::PacketIndexFacts facts = btm::packetIndexFacts(path, 0);
+        indexing = std::min(indexing, std::chrono::duration<double>(Clock::now() - started).count());
+        ASSERT_TRUE(facts.indexed) << facts.why;
+
+        const auto decodeStarted = Clock::now();
+        btm::MediaDecoder decoder;
+        std::string problem;
+        ASSERT_TRUE(decoder.open(path, 0, &problem)) << problem;
+        btm::FramePtr frame = btm::newFrame();
+        int64_t samples = 0;
+        while (decoder.next(frame.get(), nullptr) == 0) {
+            samples += frame->nb_samples;
+            av_frame_unref(frame.get());
+        }
+        decoding = std::min(decoding, std::chrono::duration<double>(Clock::now() - decodeStarted).count());
+        EXPECT_EQ(samples, facts.samples);
+    }
+    EXPECT_LT(indexing * 5, decoding) << "indexing " << indexing << " s, decoding " << decoding << " s";
+}
+
+// Rewrites path with other audio, longer than rampSource's (so the file's size
+// changes too).
+void rewriteWith(const std::string& path, double seconds) {
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"aevalsrc=exprs='0.3*sin(2*PI*1000*t)+0.2*sin(2*PI*90*t)':s=44100:d=" +
+                       std::to_string(seconds) + "\" -ac 2 -c:a pcm_s16le '" + path + "'"));
+}
+
+// A recorder that acts from inside the reports of one status.
+class ActingRecorder : public Recorder {
+public:
+    int32_t actOn = 0;
+    std::function<void(const Report&)> act;
+    void onReport(const Report& report) override {
+        if (report.status == actOn && act) act(report);
+    }
+};
+
+// The file changed on disk between append() and the start of its decoding:
+// the request ends with status 7 and decodes nothing, the frames of the old
+// content are dropped, and the request submitted again decodes the new file.
+TEST_F(AudioWaveTaskTest, AFileChangedBeforeDecodingStartsAsksToSubmitAgain) {
+    const std::string path = makeWav("changing.wav", 44100, 2.0);
+    const std::vector<float> before = MediaTest::waveValues(MediaTest::readWav16(path));
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t first = append(clip.get(), 0, 49);
+    ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
+    expectWave(clip.get(), before, 0, 49, kStepTolerance);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    ASSERT_NE(manager->hasFrames(0, 49), 0);
+
+    // Submitted again from inside the status-7 report, as clients do; the new
+    // request reports nothing before that report returns.
+    ActingRecorder acting;
+    acting.actOn = BsTaskResubmit;
+    std::atomic<int64_t> again{-1};
+    std::atomic<bool> earlyReport{false};
+    acting.act = [&](const Report&) {
+        again.store(append(clip.get(), 0, 60));
+        const int64_t token = again.load();
+        earlyReport.store(recorder_.waitFor([token](const Report& r) { return r.token == token; },
+                                            std::chrono::milliseconds(300)));
+    };
+    ASSERT_EQ(task_->addCallBack(&acting), 0);
+
+    ASSERT_EQ(task_->pause(), 0);
+    const int64_t stale = append(clip.get(), 0, 60);
+    rewriteWith(path, 2.4);
+    const std::vector<float> after = MediaTest::waveValues(MediaTest::readWav16(path));
+    ASSERT_EQ(after.size(), 60u * kValues);
+    ASSERT_EQ(task_->resume(), 0);
+    ASSERT_EQ(recorder_.waitFinal(stale), BsTaskResubmit);
+    const std::vector<Report> staleReports = recorder_.reportsOf(stale);
+    ASSERT_EQ(staleReports.size(), 1u);
+    EXPECT_EQ(staleReports[0].status, BsTaskResubmit);
+
+    ASSERT_TRUE(acting.waitFinal(stale) == BsTaskResubmit);
+    const int64_t token = again.load();
+    ASSERT_GT(token, 0);
+    EXPECT_NE(token, stale);
+    EXPECT_FALSE(earlyReport.load());
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    expectWave(clip.get(), after, 0, 59, kStepTolerance);
+    EXPECT_NE(manager->hasFrames(0, 59), 0);
+    EXPECT_EQ(manager->hasFrames(60, 60), 0);
+    task_->removeCallBack(&acting);
+}
+
+// Right after the status 7 the frames of the old content are gone.
+TEST_F(AudioWaveTaskTest, StatusSevenDropsTheFramesOfTheOldContent) {
+    const std::string path = makeWav("dropped.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t first = append(clip.get(), 0, 24);
+    ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
+    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    ASSERT_NE(manager->hasFrames(0, 24), 0);
+    ASSERT_EQ(task_->pause(), 0);
+    // Every frame asked for is held: without the check it would finish at once.
+    const int64_t stale = append(clip.get(), 0, 24);
+    rewriteWith(path, 1.2);
+    ASSERT_EQ(task_->resume(), 0);
+    ASSERT_EQ(recorder_.waitFinal(stale), BsTaskResubmit);
+    EXPECT_EQ(manager->hasFrames(0, 0), 0);
+    std::vector<float> read(kValues, 5.0f);
+    EXPECT_NE(manager->readFrame(0, 25, 1, read.data(), kValues), 0);
+    EXPECT_EQ(read, std::vector<float>(kValues, 0.0f));
+}
+
+// A file that changed before the request was appended is simply decoded
+// again: the held frames of the old content are not served.
+TEST_F(AudioWaveTaskTest, AFileChangedBeforeTheAppendIsDecodedAfresh) {
+    const std::string path = makeWav("edited.wav", 44100, 1.0);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t first = append(clip.get(), 0, 24);
+    ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
+    rewriteWith(path, 1.2);
+    const std::vector<float> after = MediaTest::waveValues(MediaTest::readWav16(path));
+    const int64_t second = append(clip.get(), 0, 29);
+    ASSERT_EQ(recorder_.waitFinal(second), BsTaskFinished);
+    expectWave(clip.get(), after, 0, 29, kStepTolerance);
 }
 
 // A file served through a pipe holds the decoder in the middle of the stream.

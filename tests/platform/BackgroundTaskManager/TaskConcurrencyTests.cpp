@@ -3,7 +3,9 @@
 #include <atomic>
 #include <future>
 #include <map>
+#include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,6 +111,111 @@ TEST_F(TaskConcurrencyTest, EveryRequestEndsExactlyOnce) {
     video->removeCallBack(&videoReports);
     audio->Release();
     video->Release();
+}
+
+// An MP3 decoded by its packet index (pieces in parallel, one index shared)
+// from several threads while a WAV file is rewritten: requests of the WAV end
+// with status 7 and are submitted again from inside that report. Every
+// request ends exactly once, and a request appended from inside a report
+// reports nothing before that report has returned.
+TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce) {
+    const std::string mp3 = folder_.file("music.mp3");
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=330:r=44100:d=24\" -ac 2 -c:a libmp3lame -b:a 128k '" + mp3 + "'"));
+    const std::string wav = folder_.file("changing.wav");
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" '" + wav + "'"));
+    Held<IDmClip> music(createMediaClip(mp3.c_str(), -1, -1, nullptr));
+    Held<IDmClip> changing(createMediaClip(wav.c_str(), -1, -1, nullptr));
+
+    struct Resubmitting : Recorder {
+        IBsAudioWaveExtractTask* task = nullptr;
+        IDmClip* clip = nullptr;
+        std::mutex lock;              // guards the three members below
+        std::set<int64_t> open;       // appended inside a report that has not returned yet
+        std::vector<int64_t> again;   // every request appended inside a report
+        bool early = false;           // a request reported inside the report that appended it
+        void onReport(const Report& report) override {
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                if (open.count(report.token) != 0) early = true;
+            }
+            if (report.status != BsTaskResubmit) return;
+            BsWaveTaskRecord record;
+            record.clip = clip;
+            record.endFrame = 60;
+            int64_t token = -1;
+            if (task->append(&record, &token) != 0) return;
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                open.insert(token);
+                again.push_back(token);
+            }
+            std::lock_guard<std::mutex> guard(lock);
+            open.erase(token);
+        }
+    } reports;
+    IBsAudioWaveExtractTask* audio = createAudioWaveExtractTask();
+    reports.task = audio;
+    reports.clip = changing.get();
+    audio->addCallBack(&reports);
+    audio->initialize();
+    audio->start();
+
+    std::mutex tokensLock;  // guards tokens
+    std::vector<int64_t> tokens;
+    auto appendRange = [&](IDmClip* clip, int32_t first, int32_t last) {
+        BsWaveTaskRecord record;
+        record.clip = clip;
+        record.beginFrame = first;
+        record.endFrame = last;
+        int64_t token = -1;
+        if (audio->append(&record, &token) == 0) {
+            std::lock_guard<std::mutex> guard(tokensLock);
+            tokens.push_back(token);
+        }
+    };
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 2; ++c) {
+        clients.emplace_back([&, c] {
+            for (int i = 0; i < 6; ++i) {
+                appendRange(music.get(), (i * 97 + c * 31) % 500, 599);
+                appendRange(changing.get(), 0, 60);
+            }
+        });
+    }
+    // The WAV changes (pausing holds its requests, so some see the change).
+    for (int rewrite = 0; rewrite < 2; ++rewrite) {
+        audio->pause();
+        appendRange(changing.get(), 10, 40);
+        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=" + std::to_string(500 + 100 * rewrite) +
+                           ":r=44100:d=" + std::to_string(3 + rewrite) + "\" '" + wav + "'"));
+        audio->resume();
+    }
+    for (std::thread& client : clients) client.join();
+    for (int64_t token : tokens) EXPECT_NE(reports.waitFinal(token), 0) << token;
+    // Resubmitted requests may be resubmitted again: wait until none is left.
+    size_t waited = 0;
+    for (;;) {
+        std::vector<int64_t> again;
+        {
+            std::lock_guard<std::mutex> guard(reports.lock);
+            again = reports.again;
+        }
+        if (waited == again.size()) break;
+        for (; waited < again.size(); ++waited) EXPECT_NE(reports.waitFinal(again[waited]), 0) << again[waited];
+    }
+    EXPECT_EQ(audio->pendingCount(), 0);
+    std::map<int64_t, int> finals;
+    for (const Report& report : reports.all())
+        if (isFinal(report.status)) ++finals[report.token];
+    for (const auto& [token, count] : finals) EXPECT_EQ(count, 1) << token;
+    EXPECT_EQ(finals.size(), tokens.size() + waited);
+    EXPECT_GE(waited, 2u);  // at least the requests appended while paused, before each rewrite
+    {
+        std::lock_guard<std::mutex> guard(reports.lock);
+        EXPECT_FALSE(reports.early);
+    }
+    audio->removeCallBack(&reports);
+    audio->Release();
 }
 
 // Shutting down while other threads append: appends either are accepted

@@ -37,8 +37,10 @@ struct Report {
     std::thread::id thread;
 };
 
+// 7 (submit again) ends a request too: it moves to a new token.
 inline bool isFinal(int32_t status) {
-    return status == BsTaskFinished || status == BsTaskFailed || status == BsTaskCancelled;
+    return status == BsTaskFinished || status == BsTaskFailed || status == BsTaskCancelled ||
+           status == BsTaskResubmit;
 }
 
 // Records every report; waits for a request's final one.

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -48,6 +52,47 @@ Colour colourAt(const std::vector<unsigned char>& rgba, int width, int x, int y)
     return Other;
 }
 
+constexpr int kNumberedWidth = 128;
+constexpr int kNumberedHeight = 64;
+constexpr int kNumberedFrames = 200;
+
+// The frame number the band of a picture of makeNumbered() spells, or -1.
+int numberOf(const std::vector<unsigned char>& rgba) {
+    int number = 0;
+    for (int bit = 0; bit < 8; ++bit) {
+        const unsigned char* p = rgba.data() + (static_cast<size_t>(8) * kNumberedWidth + 16 * bit + 8) * 4;
+        if (p[0] > 200 && p[1] > 200 && p[2] > 200)
+            number |= 1 << bit;
+        else if (p[0] > 50 || p[1] > 50 || p[2] > 50)
+            return -1;
+    }
+    return number;
+}
+
+// The largest difference of one channel between two pictures of one size.
+int largestDifference(const unsigned char* a, const unsigned char* b, size_t bytes) {
+    int largest = 0;
+    for (size_t i = 0; i < bytes; ++i) largest = std::max(largest, std::abs(int{a[i]} - int{b[i]}));
+    return largest;
+}
+
+// Records reports and notes when two of them were being made at once.
+class SerialRecorder : public Recorder {
+public:
+    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status,
+                           const BsTaskProgressInfo* info) override {
+        if (inside_.fetch_add(1) != 0) overlapped_.store(true);
+        const int32_t result = Recorder::processChanged(task, progress, status, info);
+        inside_.fetch_sub(1);
+        return result;
+    }
+    bool overlapped() const { return overlapped_.load(); }
+
+private:
+    std::atomic<int> inside_{0};
+    std::atomic<bool> overlapped_{false};
+};
+
 class VideoFrameTaskTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -85,6 +130,21 @@ protected:
             inputs += std::string(" -f lavfi -i \"color=c=") + colour + ":s=" + size + ":r=25:d=1\"";
         ffmpeg(inputs + " -filter_complex \"[0][1][2][3]concat=n=4:v=1:a=0" + extra +
                "\" -c:v libx264 -pix_fmt yuv420p -x264-params keyint=250:scenecut=0:bframes=3 '" + path + "'");
+        return path;
+    }
+
+    // 128x64 at 25/1, 8 s (200 frames): a moving test pattern under a band
+    // that spells each frame's number in binary (8 stripes 16 pixels wide,
+    // bit 0 on the left, white for 1). A keyframe every 2 s and B-frames in
+    // a pyramid: most pictures depend on frames decoded before them, and a
+    // third of the frames are never referred to.
+    std::string makeNumbered() {
+        const std::string path = folder_.file("numbered.mp4");
+        ffmpeg("-f lavfi -i \"testsrc2=s=128x64:r=25:d=8\" -vf \"format=yuv420p,"
+               "geq=lum='if(lt(Y,16),if(gt(bitand(N,pow(2,floor(X/16))),0),235,16),lum(X,Y))':"
+               "cb='if(lt(Y/SH,16),128,cb(X,Y))':cr='if(lt(Y/SH,16),128,cr(X,Y))'\" -c:v libx264 -pix_fmt yuv420p "
+               "-x264-params keyint=50:min-keyint=50:scenecut=0:bframes=3:b-adapt=0:b-pyramid=normal '" +
+               path + "'");
         return path;
     }
 
@@ -183,6 +243,78 @@ TEST_F(VideoFrameTaskTest, PicturesAreTheFramesAPlayerShowsAtEachTime) {
         freeImageBuffer(pixels);
     }
     EXPECT_EQ(MediaTest::filesUnder(store_).size(), expected.size());
+}
+
+TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactInAnyOrder) {
+    const std::string path = makeNumbered();
+    // What a player shows, every frame decoded one after the other.
+    const std::string reference = folder_.file("reference.rgba");
+    ASSERT_TRUE(ffmpeg("-i '" + path + "' -vf \"scale=flags=bicubic+accurate_rnd+full_chroma_int,format=rgba\" "
+                       "-f rawvideo '" + reference + "'"));
+    const std::vector<char> all = MediaTest::readBytes(reference);
+    const size_t frameBytes = size_t{kNumberedWidth} * kNumberedHeight * 4;
+    ASSERT_EQ(all.size(), frameBytes * kNumberedFrames);
+    std::vector<std::vector<unsigned char>> frames;
+    for (size_t n = 0; n < kNumberedFrames; ++n) {
+        frames.emplace_back(all.begin() + static_cast<std::ptrdiff_t>(n * frameBytes),
+                            all.begin() + static_cast<std::ptrdiff_t>((n + 1) * frameBytes));
+        ASSERT_EQ(numberOf(frames.back()), static_cast<int>(n)) << "the band of the reference frame " << n;
+    }
+
+    // On, just before and just after the first frames, the frames around
+    // each keyframe (every 50), B-frames between, and the last frames; then
+    // before the first frame and after the last.
+    std::vector<int64_t> times;
+    for (int64_t n : {0, 1, 2, 3, 24, 48, 49, 50, 51, 52, 75, 98, 99, 100, 101, 123, 149, 150, 151, 175, 198, 199})
+        for (int64_t delta : {-1, 0, 1})
+            if (n * kFrame + delta >= 0) times.push_back(n * kFrame + delta);
+    times.push_back(-kSecond);
+    times.push_back(100 * kSecond);
+    std::mt19937 random(20261121);
+    std::shuffle(times.begin(), times.end(), random);
+    auto expectedFrame = [](int64_t time) {
+        return time < 0 ? 0 : static_cast<int>(std::min<int64_t>(kNumberedFrames - 1, time / kFrame));
+    };
+
+    ScopedCapture capture(IBsLogger::Warning);
+    SerialRecorder serial;
+    IBsVideoFrameExtractTask* task = newTask(&serial);
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t token = append(clip.get(), times, kNumberedWidth, kNumberedHeight, 0, task);
+    ASSERT_EQ(serial.waitFinal(token), BsTaskFinished);
+    const std::vector<Report> reports = serial.reportsOf(token);
+    release(task, &serial);
+    // The packets' timestamps named every frame shown: nothing had to be
+    // decoded again with no frame skipped.
+    for (const std::string& text : capture.sink().texts())
+        EXPECT_EQ(text.find("decoding again"), std::string::npos) << text;
+
+    EXPECT_FALSE(serial.overlapped()) << "two reports of the request were made at once";
+    ASSERT_FALSE(reports.empty());
+    EXPECT_EQ(reports.back().status, BsTaskFinished);
+    EXPECT_EQ(std::count_if(reports.begin(), reports.end(), [](const Report& r) { return isFinal(r.status); }), 1);
+    const std::vector<Report> decoded = dataReports(reports);
+    ASSERT_EQ(decoded.size(), times.size());
+    std::set<int64_t> reported;
+    for (const Report& report : decoded) {
+        SCOPED_TRACE(report.requested);
+        EXPECT_TRUE(reported.insert(report.requested).second) << "reported twice";
+        const int n = expectedFrame(report.requested);
+        EXPECT_EQ(report.shown, n * kFrame);
+        ASSERT_EQ(report.pixels.size(), frameBytes);
+        EXPECT_EQ(numberOf(report.pixels), n);
+        // Decoded exactly: the very pixels of the frame decoded in full and
+        // converted with the same scaler settings, unlike its neighbours,
+        // which the pattern's motion sets apart.
+        EXPECT_EQ(largestDifference(report.pixels.data(), frames[static_cast<size_t>(n)].data(), frameBytes), 0)
+            << "frame " << n;
+        for (int other : {n - 1, n + 1}) {
+            if (other < 0 || other >= kNumberedFrames) continue;
+            EXPECT_GT(largestDifference(report.pixels.data(), frames[static_cast<size_t>(other)].data(), frameBytes), 32)
+                << "frame " << other;
+        }
+    }
+    EXPECT_EQ(reported, std::set<int64_t>(times.begin(), times.end()));
 }
 
 TEST_F(VideoFrameTaskTest, PicturesKeepTheirShapeAndTheRestIsTransparent) {
@@ -343,6 +475,24 @@ TEST_F(VideoFrameTaskTest, CancelStopsTheRequestAtTheNextFrame) {
     EXPECT_EQ(MediaTest::filesUnder(store_).size(), 1u);
     EXPECT_EQ(task->pendingCount(), 0);
     release(task, &acting);
+}
+
+TEST_F(VideoFrameTaskTest, CancelWithRunsOnSeveralWorkersEndsAfterThePictureThatCancelled) {
+    const std::string path = makeNumbered();
+    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    ActingRecorder acting;
+    IBsVideoFrameExtractTask* task = newTask(&acting);
+    acting.onFirstPicture = [task](const Report& report) { EXPECT_EQ(task->cancel(report.token), 0); };
+    // One time in each group of pictures, far from its keyframe.
+    const int64_t token =
+        append(clip.get(), {45 * kFrame, 95 * kFrame, 145 * kFrame, 195 * kFrame}, 64, 32, 0, task);
+    ASSERT_EQ(acting.waitFinal(token), BsTaskCancelled);
+    const std::vector<Report> reports = acting.reportsOf(token);
+    release(task, &acting);
+    ASSERT_EQ(reports.size(), 2u);
+    EXPECT_TRUE(reports[0].hasData);
+    EXPECT_EQ(reports[0].shown, reports[0].requested);
+    EXPECT_EQ(reports[1].status, BsTaskCancelled);
 }
 
 TEST_F(VideoFrameTaskTest, AddFramesExtendsARunningRequestOnly) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -59,7 +60,7 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
     values[6] = 1.0f / 65536.0f - 1e-9f;  // just below: rounds to zero
     values[7] = 12345.0f / 32768.0f;       // a 16-bit PCM sample: kept exactly
     values[8] = 3.0f;                      // beyond what 16 bits hold: the largest step
-    ASSERT_EQ(store->storeFrames(10, 2, values.data()), 0);
+    ASSERT_EQ(store->storeFrames(store->contentGeneration(), 10, 2, values.data()), 0);
 
     std::vector<float> read(kValues, -1.0f);
     for (int32_t frame = 10; frame <= 11; ++frame) {
@@ -124,7 +125,7 @@ TEST_F(DmWaveManagerTest, EndOfStreamBoundsTheMissingFrames) {
     IDmClip* clip = newClip(path_);
     IDmAudioWaveStore* store = storeOf(clip);
     EXPECT_EQ(store->endFrame(), -1);
-    store->setEndFrame(25);
+    store->setEndFrame(store->contentGeneration(), 25);
     EXPECT_EQ(store->endFrame(), 25);
     const auto missing = store->missingRanges(20, 40);
     ASSERT_EQ(missing.size(), 1u);
@@ -132,9 +133,10 @@ TEST_F(DmWaveManagerTest, EndOfStreamBoundsTheMissingFrames) {
     EXPECT_TRUE(store->missingRanges(25, 30).empty());
     int64_t pts = 0;
     int32_t rate = 0;
-    EXPECT_FALSE(store->decodeOrigin(&pts, &rate));
-    store->setDecodeOrigin(1105, 44100);
-    ASSERT_TRUE(store->decodeOrigin(&pts, &rate));
+    const uint64_t generation = store->contentGeneration();
+    EXPECT_FALSE(store->decodeOrigin(generation, &pts, &rate));
+    store->setDecodeOrigin(generation, 1105, 44100);
+    ASSERT_TRUE(store->decodeOrigin(generation, &pts, &rate));
     EXPECT_EQ(pts, 1105);
     EXPECT_EQ(rate, 44100);
     clip->Release();
@@ -145,7 +147,7 @@ TEST_F(DmWaveManagerTest, FillValuesCopiesListedFramesInOrderWithZerosForFramesN
     IDmAudioWaveStore* store = storeOf(clip);
     std::vector<float> values(3 * kValues);
     for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i + 1) / 200.0f;
-    ASSERT_EQ(store->storeFrames(0, 3, values.data()), 0);
+    ASSERT_EQ(store->storeFrames(store->contentGeneration(), 0, 3, values.data()), 0);
 
     IZORLonglongList* frames = createZORLonglongList();
     for (int64_t frame : {2, 0, 5, 1}) frames->append(frame);
@@ -185,7 +187,7 @@ TEST_F(DmWaveManagerTest, ClipsOfOneFileShareOneManagerUntilTheLastIsGone) {
     EXPECT_EQ(a, b);
     EXPECT_EQ(a, c);
     std::vector<float> values(kValues, 0.5f);
-    ASSERT_EQ(storeOf(first)->storeFrames(4, 1, values.data()), 0);
+    ASSERT_EQ(storeOf(first)->storeFrames(storeOf(first)->contentGeneration(), 4, 1, values.data()), 0);
     EXPECT_NE(b->hasFrames(4, 4), 0);
     a->Release();
     b->Release();
@@ -202,6 +204,97 @@ TEST_F(DmWaveManagerTest, ClipsOfOneFileShareOneManagerUntilTheLastIsGone) {
     EXPECT_EQ(fresh->refCount(), 2);  // the clip's and ours
     fresh->Release();
     again->Release();
+}
+
+// The file's identity is its size and modification time; anything that is not
+// a regular file has none.
+TEST_F(DmWaveManagerTest, FileIdentityIsSizeAndModificationTime) {
+    const DmFileIdentity identity = mediaFileIdentity(path_.c_str());
+    EXPECT_TRUE(identity.regular);
+    EXPECT_EQ(identity.size, static_cast<int64_t>(std::filesystem::file_size(path_)));
+    EXPECT_EQ(mediaFileIdentity(path_.c_str()), identity);
+    const auto stamp = std::filesystem::last_write_time(path_);
+    std::filesystem::last_write_time(path_, stamp + std::chrono::seconds(3));
+    const DmFileIdentity touched = mediaFileIdentity(path_.c_str());
+    EXPECT_EQ(touched.size, identity.size);
+    EXPECT_EQ(touched.modified, identity.modified + 3'000'000'000);
+    EXPECT_NE(touched, identity);
+    EXPECT_FALSE(mediaFileIdentity(folder_.file("missing.wav").c_str()).regular);
+    EXPECT_FALSE(mediaFileIdentity(folder_.path().string().c_str()).regular);
+    EXPECT_EQ(mediaFileIdentity(folder_.file("missing.wav").c_str()), DmFileIdentity{});
+    EXPECT_FALSE(mediaFileIdentity(nullptr).regular);
+}
+
+// A new identity drops everything the manager held and begins a new
+// generation; writes of the old generation are refused.
+TEST_F(DmWaveManagerTest, ANewFileIdentityDropsHeldFramesAndRefusesStaleWrites) {
+    IDmClip* clip = newClip(path_);
+    IDmAudioWaveStore* store = storeOf(clip);
+    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    ASSERT_NE(manager, nullptr);
+    const DmFileIdentity identity = mediaFileIdentity(path_.c_str());
+    const uint64_t old = store->contentGeneration();
+    // The identity the clip was made with: nothing changes.
+    EXPECT_EQ(store->adoptContent(identity), old);
+    std::vector<float> values(2 * kValues, 0.25f);
+    ASSERT_EQ(store->storeFrames(old, 0, 2, values.data()), 0);
+    store->setEndFrame(old, 25);
+    store->setDecodeOrigin(old, 0, 44100);
+    EXPECT_NE(manager->hasFrames(0, 1), 0);
+
+    // No identity (the file cannot be looked at): nothing changes either.
+    EXPECT_EQ(store->adoptContent(DmFileIdentity{}), old);
+    EXPECT_NE(manager->hasFrames(0, 1), 0);
+
+    DmFileIdentity changed = identity;
+    changed.size += 1;
+    const uint64_t fresh = store->adoptContent(changed);
+    EXPECT_NE(fresh, old);
+    EXPECT_EQ(store->contentGeneration(), fresh);
+    EXPECT_EQ(manager->hasFrames(0, 0), 0);
+    EXPECT_EQ(store->endFrame(), -1);
+    EXPECT_FALSE(store->decodeOrigin(fresh, nullptr, nullptr));
+    ASSERT_EQ(store->missingRanges(0, 30).size(), 1u);
+    EXPECT_EQ(store->missingRanges(0, 30)[0], std::make_pair(0, 30));
+
+    // A decoder of the old content writes in vain.
+    EXPECT_EQ(store->storeFrames(old, 0, 2, values.data()), IDmAudioWaveStore::kStaleGeneration);
+    store->setEndFrame(old, 25);
+    store->setDecodeOrigin(old, 0, 44100);
+    EXPECT_EQ(manager->hasFrames(0, 0), 0);
+    EXPECT_EQ(store->endFrame(), -1);
+    EXPECT_FALSE(store->decodeOrigin(old, nullptr, nullptr));
+    EXPECT_FALSE(store->decodeOrigin(fresh, nullptr, nullptr));
+    ASSERT_EQ(store->storeFrames(fresh, 1, 1, values.data()), 0);
+    EXPECT_NE(manager->hasFrames(1, 1), 0);
+    manager->Release();
+    clip->Release();
+}
+
+// A clip made after the file changed on disk shares the manager of the older
+// clips, which starts over for the new content.
+TEST_F(DmWaveManagerTest, AClipOfAChangedFileEmptiesTheSharedManager) {
+    IDmClip* before = newClip(path_);
+    IDmAudioWaveStore* store = storeOf(before);
+    std::vector<float> values(kValues, 0.5f);
+    const uint64_t old = store->contentGeneration();
+    ASSERT_EQ(store->storeFrames(old, 3, 1, values.data()), 0);
+    // The same file again: what is held stays.
+    IDmClip* same = newClip(path_);
+    IDmAudioWaveMgrInternal* manager = managerOf(same);
+    EXPECT_NE(manager->hasFrames(3, 3), 0);
+    EXPECT_EQ(store->contentGeneration(), old);
+
+    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=220:r=44100:d=1.5\" -c:a pcm_s16le '" + path_ + "'"));
+    IDmClip* after = newClip(path_);
+    EXPECT_EQ(storeOf(after), store);
+    EXPECT_EQ(manager->hasFrames(3, 3), 0);
+    EXPECT_NE(store->contentGeneration(), old);
+    EXPECT_EQ(store->storeFrames(old, 3, 1, values.data()), IDmAudioWaveStore::kStaleGeneration);
+    manager->Release();
+    after->Release();
+    same->Release();
+    before->Release();
 }
 
 }  // namespace
