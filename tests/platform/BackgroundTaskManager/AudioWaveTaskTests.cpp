@@ -488,32 +488,24 @@ TEST_F(Mp3IndexTest, AnUnsettledPreRollIsCaughtAndTheRequestDecodedFromTheStart)
 }
 
 // The first pass only demuxes: it costs a small part of a sequential decode.
-TEST_F(Mp3IndexTest, TheFirstPassCostsLittleBesideDecoding) {
+// The first pass only demuxes; its cost beside decoding is measured in the
+// benchmarks, not here. What it must get right is the sample count.
+TEST_F(Mp3IndexTest, TheIndexCountsTheSamplesADecodeGives) {
     const std::string path = folder_.file("minute.mp3");
     ASSERT_TRUE(ffmpeg(mixSource(60.0, 44100) + " -c:a libmp3lame -b:a 192k '" + path + "'"));
-    using Clock = std::chrono::steady_clock;
-    double indexing = 1e9;
-    double decoding = 1e9;
-    for (int run = 0; run < 3; ++run) {
-        const auto started = Clock::now();
-        const btm::PacketIndexFacts facts = btm::packetIndexFacts(path, 0);
-        indexing = std::min(indexing, std::chrono::duration<double>(Clock::now() - started).count());
-        ASSERT_TRUE(facts.indexed) << facts.why;
-
-        const auto decodeStarted = Clock::now();
-        btm::MediaDecoder decoder;
-        std::string problem;
-        ASSERT_TRUE(decoder.open(path, 0, &problem)) << problem;
-        btm::FramePtr frame = btm::newFrame();
-        int64_t samples = 0;
-        while (decoder.next(frame.get(), nullptr) == 0) {
-            samples += frame->nb_samples;
-            av_frame_unref(frame.get());
-        }
-        decoding = std::min(decoding, std::chrono::duration<double>(Clock::now() - decodeStarted).count());
-        EXPECT_EQ(samples, facts.samples);
+    const btm::PacketIndexFacts facts = btm::packetIndexFacts(path, 0);
+    ASSERT_TRUE(facts.indexed) << facts.why;
+    btm::MediaDecoder decoder;
+    std::string problem;
+    ASSERT_TRUE(decoder.open(path, 0, &problem)) << problem;
+    btm::FramePtr frame = btm::newFrame();
+    int64_t samples = 0;
+    while (decoder.next(frame.get(), nullptr) == 0) {
+        samples += frame->nb_samples;
+        av_frame_unref(frame.get());
     }
-    EXPECT_LT(indexing * 5, decoding) << "indexing " << indexing << " s, decoding " << decoding << " s";
+    EXPECT_EQ(samples, facts.samples);
+    EXPECT_GT(samples, int64_t{44100} * 59);
 }
 
 // Rewrites path with other audio, longer than rampSource's (so the file's size

@@ -83,7 +83,7 @@ TEST(ZorSleep, ReturnsAtOnceForZeroAndNegative) {
     const auto before = std::chrono::steady_clock::now();
     ZOR::ZorSleep(0);
     ZOR::ZorSleep(-1000);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(500));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));  // a guard against a negative time read as a long sleep
 }
 
 TEST(ZorProperty, BoolPropertyHasBoolKindAndZeroOrOne) {
