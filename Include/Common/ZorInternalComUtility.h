@@ -8,7 +8,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -65,6 +67,27 @@
     } while (false)
 
 namespace ZOR {
+
+// ---------------------------------------------------------------------------
+// Text
+
+// printf-style formatting into a std::string; an invalid format gives "".
+inline std::string string_sprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+inline std::string string_sprintf(const char* format, ...) {
+    if (format == nullptr) return {};
+    char small[256];
+    va_list args;
+    va_start(args, format);
+    const int needed = std::vsnprintf(small, sizeof small, format, args);
+    va_end(args);
+    if (needed < 0) return {};
+    if (static_cast<size_t>(needed) < sizeof small) return std::string(small, static_cast<size_t>(needed));
+    std::string text(static_cast<size_t>(needed), '\0');
+    va_start(args, format);
+    std::vsnprintf(text.data(), text.size() + 1, format, args);
+    va_end(args);
+    return text;
+}
 
 // ---------------------------------------------------------------------------
 // Reference counting

@@ -1,0 +1,107 @@
+// DataModel, host side: timelines made from a description or loaded from a
+// timeline document (OpenTimelineIO JSON with a "miravel" metadata namespace).
+//
+// A timeline built here answers "IDmTimeline" and "IDmCallbackSource"; its
+// tracks "IDmTrack", "IDmPropertyOwner" (trackKey::mute/visible/solo) and
+// "IDmCallbackSource"; its clips everything a media clip answers (DmMedia.h)
+// plus "IDmClipSpeedPart" and "IDmCallbackSource", with their range on the
+// timeline, their effects and their track.
+//
+// A clip on a video track whose media has sound carries a linked audio clip:
+// getBaseAudioClip(videoClip) gives it, its parentClip() is the video clip,
+// and it holds the clip's audio properties and audio effects. The video clip
+// itself does not answer "IDmAudioFeature". A clip on an audio track is its
+// own base audio clip.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "DataModel/DataModel.h"
+#include "ZorPlatformExport.h"
+
+namespace ZOR {
+
+// A volume keyframe: clip time (cns, markIn-based as the clip's queries) and
+// level in dB.
+struct DmKeyframeDesc {
+    int64_t time = 0;
+    double db = 0.0;
+};
+
+// A speed part: [begin, end) in clip time (cns) and the speed inside it; 0 is
+// a frozen stretch.
+struct DmSpeedPartDesc {
+    int64_t begin = 0;
+    int64_t end = 0;
+    double speed = 1.0;
+};
+
+// The ducking effect (type 4109) of an audio clip.
+struct DmDuckingDesc {
+    bool present = false;
+    bool enabled = true;
+    double depth = 0.0;      // 0..1
+    double fade = 0.0;       // seconds
+    double fadeRatio = 0.0;  // 0..1
+};
+
+struct DmClipDesc {
+    std::string name;
+    // The media file; empty for a clip whose media is missing (such a clip has
+    // neither an audio nor a video feature).
+    std::string mediaPath;
+    // Container stream index of the stream the clip uses on its track (audio
+    // on audio tracks, video on video tracks; -1: the best stream). The linked
+    // audio clip of a video clip uses the file's best audio stream unless
+    // audioStreamId says otherwise.
+    int32_t streamId = -1;
+    int32_t audioStreamId = -1;
+    int64_t begin = 0;    // timeline range [begin, end), cns
+    int64_t end = 0;
+    int64_t markIn = 0;   // source range [markIn, markOut], media cns
+    int64_t markOut = 0;
+    double speed = 1.0;   // constant speed |k|; 0 holds the mark-in position
+    bool reverse = false;  // plays backwards (effect 4139, audioReversePlayKey::enable)
+    std::vector<DmSpeedPartDesc> speedParts;
+    bool enabled = true;  // clipKey::enable
+    bool mute = false;    // audioKey::mute
+    double volumeDb = 0.0;      // audioKey::volume
+    double volumeGainDb = 0.0;  // clipVolumeKey::volumeGain
+    bool loudnessEnabled = false;  // audioLoudness::enable
+    double loudnessGain = 1.0;     // audioLoudness::gain (linear)
+    std::vector<DmKeyframeDesc> volumeKeyframes;  // effect 4110, property 1
+    DmDuckingDesc ducking;
+};
+
+struct DmTrackDesc {
+    std::string name;
+    int32_t kind = DmTrackVideo;  // DmTrackKind
+    bool mute = false;            // trackKey::mute
+    bool visible = true;          // trackKey::visible
+    bool solo = false;            // trackKey::solo
+    std::vector<DmClipDesc> clips;  // in track order
+};
+
+struct DmTimelineDesc {
+    std::string name;
+    std::vector<DmTrackDesc> tracks;  // in track order (index 0 first)
+};
+
+// A timeline made from desc, with one reference owned by the caller. Media
+// that cannot be read gives clips without features (as createMediaClip does),
+// not an error. Null, with *error set, when desc is inconsistent (a clip with
+// end < begin or markOut < markIn, an unknown track kind).
+ZOR_PLATFORM_API IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::string* error);
+
+// Reads a timeline document into *desc. Returns 0 on success; otherwise a
+// non-zero code, *desc untouched, and *error one line naming the file, the
+// JSON path of the fault and what was expected there.
+ZOR_PLATFORM_API int32_t parseTimelineDocument(const char* path, DmTimelineDesc* desc, std::string* error);
+
+// parseTimelineDocument, then createTimeline. Null (with *error) on failure;
+// nothing is half-loaded.
+ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error);
+
+}  // namespace ZOR
