@@ -22,7 +22,7 @@ for arg in "$@"; do
   if [[ "$arg" == "--json" ]]; then format="json"; else extra+=("$arg"); fi
 done
 
-benchmarks=(miravel_bench_foundation)
+benchmarks=(miravel_bench_foundation miravel_bench_audio)
 
 cmake -S "${source_dir}" -B "${build_dir}" \
   -DCMAKE_BUILD_TYPE=Release \

@@ -8,9 +8,9 @@ what=${1:-test}
 packages=(cmake g++ make pkg-config binutils libpng-dev)
 ffmpeg_dev=(libavformat-dev libavcodec-dev libswresample-dev libswscale-dev libavutil-dev)
 case "$what" in
-  demo) packages+=("${ffmpeg_dev[@]}") ;;
+  demo) packages+=(nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
   test) packages+=(libgtest-dev libgmock-dev nlohmann-json3-dev "${ffmpeg_dev[@]}" ffmpeg) ;;
-  bench) packages+=(libbenchmark-dev libspdlog-dev "${ffmpeg_dev[@]}") ;;
+  bench) packages+=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
   *) echo "deps.sh: unknown set '$what' (demo, test or bench)" >&2; exit 2 ;;
 esac
 

@@ -22,8 +22,10 @@ IDmClip* getBaseAudioClip(IDmBaseObj* obj) {
     if (obj == nullptr) return nullptr;
     auto* clip = static_cast<IDmClip*>(obj->queryInterface("IDmClip"));
     if (clip == nullptr) return nullptr;
-    // A clip with sound carries it itself; linked audio clips come with
-    // timelines.
+    // A video clip on a timeline carries its sound in a linked audio clip,
+    // which it answers by this internal name; any other clip with sound
+    // carries it itself.
+    if (auto* linked = static_cast<IDmClip*>(clip->queryInterface("IDmLinkedAudioClip"))) return linked;
     return clip->queryInterface("IDmAudioFeature") != nullptr ? clip : nullptr;
 }
 

@@ -75,10 +75,13 @@ std::string nextClipId() {
 }  // namespace
 
 DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId)
+    : DmMediaClip(std::move(probe), audioStreamId, videoStreamId, nextClipId()) {}
+
+DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId, std::string clipId)
     : probe_(std::move(probe)),
       audioStreamId_(audioStreamId),
       videoStreamId_(videoStreamId),
-      clipId_(nextClipId()) {
+      clipId_(std::move(clipId)) {
     if (probe_.audioStream >= 0)
         waveManager_ = acquireWaveManager(probe_.path, probe_.audioStream, mediaFileIdentity(probe_.path.c_str()));
     attachedItems_ = zorCreateObject<DmAttachedItemList, IDmAttachedItemList>();
@@ -110,6 +113,8 @@ void* DmMediaClip::queryInterface(const char* name) {
     if (name == nullptr) return nullptr;
     if (is(name, "IDmClip")) return static_cast<IDmClip*>(this);
     if (is(name, "IDmAudioFeature")) return hasAudio() ? static_cast<IDmAudioFeature*>(this) : nullptr;
+    // A clip that carries sound is an audio clip; its audio face answers both.
+    if (is(name, "IDmAudioClip")) return hasAudio() ? static_cast<IDmAudioFeature*>(this) : nullptr;
     if (is(name, "IDmVideoFeature")) return hasVideo() ? static_cast<IDmVideoFeature*>(this) : nullptr;
     if (is(name, "IDmClipInternal")) return static_cast<IDmClipInternal*>(this);
     if (is(name, "IDmPropertyOwner")) return static_cast<IDmPropertyOwner*>(this);
@@ -229,9 +234,13 @@ int32_t DmMediaClip::audioStreamIndex() { return probe_.audioStream; }
 int32_t DmMediaClip::sampleRate() { return probe_.sampleRate; }
 int32_t DmMediaClip::channelCount() { return probe_.channels; }
 
+// Clip time is media time at mark in; a media clip plays at speed 1, so the
+// position is the clip time itself, mirrored inside [markIn, markOut] when
+// played backwards.
 int64_t DmMediaClip::sourcePosition(int64_t clipTime, bool reverse) {
+    if (!reverse) return clipTime;
     const Range current = range();
-    return reverse ? current.markOut - clipTime : current.markIn + clipTime;
+    return current.markIn + current.markOut - clipTime;
 }
 
 int32_t DmMediaClip::valueCountPerFrame(int32_t* count, int64_t rateNum, int64_t rateDen) {

@@ -22,7 +22,10 @@ class DmAudioWaveManager;
 // called from any thread.
 //
 // A clip placed on a timeline derives from this class and sets its range
-// with setRange(); everything else (media, features, properties) it inherits.
+// with setRange(); everything else (media, features, properties) it inherits,
+// overriding what a clip on a timeline answers differently (its name, type,
+// track, time mapping). The operations of the interfaces are virtual, so a
+// derived class may override any of them.
 class DmMediaClip : public RefCnt<void>,
                     public virtual IDmClip,
                     public virtual IDmAudioFeature,
@@ -90,17 +93,20 @@ public:
     const DmMediaProbe& probe() const { return probe_; }
 
 protected:
-    // The media range the clip uses and where it lies on its timeline (cns).
-    void setRange(int64_t markIn, int64_t markOut, int64_t begin, int64_t end);
+    // For derived clips: the clip's identifier text instead of a media clip's.
+    DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId, std::string clipId);
 
-private:
     struct Range {
         int64_t markIn = 0;
         int64_t markOut = 0;
         int64_t begin = 0;
         int64_t end = 0;
     };
+    // The media range the clip uses and where it lies on its timeline (cns).
+    void setRange(int64_t markIn, int64_t markOut, int64_t begin, int64_t end);
     Range range() const;
+
+private:
     // The stored file of each time into 1024-byte slots; the sizes come from
     // one of the prepared pairs.
     int32_t lookupFrames(const int64_t* times, int32_t count, char* slots, int64_t* shown, int32_t width,

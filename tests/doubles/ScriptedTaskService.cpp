@@ -1,5 +1,8 @@
 #include "ScriptedTaskService.h"
 
+#include <algorithm>
+#include <thread>
+
 #include "Common/ZorInternalComUtility.h"
 
 namespace ZOR::test {
@@ -84,12 +87,36 @@ void ScriptedTaskState::deliver(int64_t token, int32_t status, IDmBaseObj* data)
         std::lock_guard<std::mutex> lock(mutex_);
         callbacks = callbacks_;
         task = task_;
+        delivering_.insert(std::this_thread::get_id());
     }
     BsTaskProgressInfo info;
     info.token = token;
     info.data = data;
     info.percent = status == 2 ? 100 : 0;
-    for (IZorCallBack* callback : callbacks) callback->processChanged(task, info.percent, status, &info);
+    for (IZorCallBack* callback : callbacks) {
+        // Like the real service: a callback removed meanwhile is not called.
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (std::find(callbacks_.begin(), callbacks_.end(), callback) == callbacks_.end()) continue;
+        }
+        callback->processChanged(task, info.percent, status, &info);
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        delivering_.erase(delivering_.find(std::this_thread::get_id()));
+    }
+    delivered_.notify_all();
+}
+
+void ScriptedTaskState::removeAndWait(IZorCallBack* callback) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (callback != nullptr) std::erase(callbacks_, callback);
+    // Once this returns, no delivery of another thread is still inside a
+    // callback (a delivery on this very thread is the caller itself).
+    const auto self = std::this_thread::get_id();
+    delivered_.wait(lock, [&] {
+        return std::all_of(delivering_.begin(), delivering_.end(), [&](std::thread::id id) { return id == self; });
+    });
 }
 
 // The control interface, shared by both scripted tasks.
@@ -120,8 +147,7 @@ public:
         return 0;
     }
     int32_t removeCallBack(IZorCallBack* callback) override {
-        std::lock_guard<std::mutex> lock(state_->mutex_);
-        std::erase(state_->callbacks_, callback);
+        state_->removeAndWait(callback);
         return 0;
     }
     int32_t start() override {
@@ -141,9 +167,12 @@ public:
         return state_->resumeResult_;
     }
     int32_t shutdown() override {
-        std::lock_guard<std::mutex> lock(state_->mutex_);
-        ++state_->shutdowns_;
-        state_->started_ = false;
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex_);
+            ++state_->shutdowns_;
+            state_->started_ = false;
+        }
+        state_->removeAndWait(nullptr);
         return 0;
     }
     int32_t isStarted() override {

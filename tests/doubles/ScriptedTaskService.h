@@ -6,7 +6,10 @@
 // test calls deliver() from.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <set>
+#include <thread>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -55,7 +58,9 @@ public:
     size_t callbackCount() const;
 
     // Calls processChanged(status, {token, data}) on every registered callback,
-    // on the calling thread, with no lock held.
+    // on the calling thread, with no lock held. Like the real service, once
+    // removeCallBack() or shutdown() has returned, a callback is not called
+    // again.
     void deliver(int64_t token, int32_t status, IDmBaseObj* data = nullptr);
 
     // Whether the task object still exists.
@@ -64,6 +69,9 @@ public:
 private:
     friend class ScriptedTaskBase;
     int64_t takeToken();
+    // Removes callback (null: none) and waits for deliveries of other threads
+    // in progress.
+    void removeAndWait(IZorCallBack* callback);
 
     mutable std::mutex mutex_;  // guards every field below; never held while calling out
     int64_t nextToken_ = 1;
@@ -83,6 +91,8 @@ private:
     int32_t shutdowns_ = 0;
     std::vector<IZorCallBack*> callbacks_;
     IDmBaseObj* task_ = nullptr;  // the task object while alive
+    std::multiset<std::thread::id> delivering_;  // threads inside deliver()
+    std::condition_variable delivered_;          // signalled when a delivery ends
 };
 
 // The tasks created so far, in creation order (they stay listed after they

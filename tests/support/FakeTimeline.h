@@ -266,6 +266,7 @@ public:
 
     // Properties
     int32_t getProperty(const char* key, ZorProperty* value) override {
+        propertyReads_.fetch_add(1);
         std::lock_guard<std::mutex> lock(mutex_);
         if (key == nullptr || value == nullptr) return 1001;
         auto found = properties_.find(key);
@@ -359,6 +360,8 @@ public:
         position_ = {trackIndex, clipIndex};
     }
     FakeWaveManager* waveManager() const { return wave_; }
+    // How often getProperty was called, whatever the key and outcome.
+    int32_t propertyReads() const { return propertyReads_.load(); }
 
 private:
     const std::string name_;
@@ -372,6 +375,7 @@ private:
     std::map<std::string, ZorProperty> properties_;
     std::map<int32_t, FakeEffect*> effects_;  // one reference each
     std::vector<SpeedPart> speedParts_;
+    std::atomic<int32_t> propertyReads_{0};
 };
 
 class FakeTimeline final : public RefCnt<void>, public virtual IDmTimeline {
@@ -426,6 +430,32 @@ public:
 private:
     std::vector<FakeTrack*> tracks_;                   // one reference each
     std::vector<std::vector<FakeTimelineClip*>> clips_;  // one reference each
+};
+
+// A list of clips, as the change tracker hands them to onAudioChanged. Holds
+// one reference on each clip. Filled by one thread, then handed on.
+class FakeClipList final : public RefCnt<void>, public virtual IDmClipList {
+public:
+    ZOR_IMPLEMENT_REFCNT
+
+    ~FakeClipList() override {
+        for (IDmClip* clip : clips_) clip->Release();
+    }
+    void* queryInterface(const char* name) override {
+        return zorQueryInterface(name, "IDmClipList", static_cast<IDmClipList*>(this));
+    }
+    int32_t count() override { return static_cast<int32_t>(clips_.size()); }
+    IDmClip* get(int32_t index) override {
+        return index >= 0 && index < count() ? clips_[static_cast<size_t>(index)] : nullptr;
+    }
+    int32_t append(IDmClip* clip) override {
+        if (clip != nullptr) clip->AddRef();
+        clips_.push_back(clip);
+        return count();
+    }
+
+private:
+    std::vector<IDmClip*> clips_;  // one reference each (null entries allowed)
 };
 
 }  // namespace ZOR::test

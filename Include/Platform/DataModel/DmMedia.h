@@ -4,8 +4,8 @@
 // yet): mark in 0, mark out and end the duration of the stream it shows,
 // begin 0. It answers its query by name with "IDmClip", "IDmClipInternal",
 // "IDmPropertyOwner", "IDmMediaSource", "IDmBaseObj" and "RefCnt" (its
-// RefCnt<void>), with "IDmAudioFeature" when the file has the audio stream it
-// asks for, and "IDmVideoFeature" when it has the video stream.
+// RefCnt<void>), with "IDmAudioFeature" (and "IDmAudioClip", the same face)
+// when the file has the audio stream it asks for, and "IDmVideoFeature" when it has the video stream.
 #pragma once
 
 #include <cstdint>

@@ -244,6 +244,40 @@ TEST_F(AudioDucking, QueryerThatDoesNotAskForDuckingGetsNone) {
     for (float v : values) EXPECT_EQ(v, 0.5f);
 }
 
+TEST_F(AudioDucking, MutedOrSwitchedOffDuckingSourceDucksNothing) {
+    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeTimelineClip* muted = addDucker(1, "muted voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    muted->setProperty(audioKey::mute, boolProperty(true));
+    FakeTimelineClip* off = addDucker(2, "voice off", 0, 10 * kSecond, 0.7f, 0.0f, 0.0f);
+    off->addEffect(4109)->setEnabled(false);
+    const auto values = query(ducked, 0, 10 * kSecond, 4);
+    ASSERT_EQ(values.size(), 4u);
+    for (float v : values) EXPECT_EQ(v, 0.5f);
+}
+
+TEST_F(AudioDucking, ClipsOnMutedOrHiddenTracksAndDisabledClipsDuckNothing) {
+    timeline_->addTrack(DmTrackAudio);
+    timeline_->addTrack(DmTrackVideo);
+    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    addDucker(1, "on muted track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    static_cast<IDmPropertyOwner*>(timeline_->track(1)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::mute, boolProperty(true));
+    addDucker(2, "on hidden track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    static_cast<IDmPropertyOwner*>(timeline_->track(2)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::visible, boolProperty(false));
+    FakeTimelineClip* disabled = addDucker(3, "disabled", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    disabled->setProperty(clipKey::enable, boolProperty(false));
+    addDucker(4, "on a video track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    const auto values = query(ducked, 0, 10 * kSecond, 4);
+    ASSERT_EQ(values.size(), 4u);
+    for (float v : values) EXPECT_EQ(v, 0.5f);
+}
+
+TEST_F(AudioDucking, DuckingSourceIsNeverDuckedItself) {
+    FakeTimelineClip* voice = addDucker(0, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    addDucker(1, "other voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    const auto values = query(voice, 0, 10 * kSecond, 4);
+    for (float v : values) EXPECT_EQ(v, 0.5f);
+}
+
 TEST_F(AudioDucking, FadeRatioOneKeepsTheWholeFadeInsideTheInterval) {
     FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 2 * kSecond, 8 * kSecond, 0.8f, 1.0f, 1.0f);

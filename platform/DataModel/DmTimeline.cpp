@@ -1,0 +1,210 @@
+#include "DmTimeline.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <exception>
+#include <sstream>
+#include <utility>
+
+#include "DataModel/DmTimeline.h"
+#include "DmTimelineClip.h"
+#include "DmTrack.h"
+
+ZOR_LOG_SOURCE("platform/DataModel/DmTimeline")
+
+namespace ZOR {
+
+DmTimeline::DmTimeline(std::string name) : name_(std::move(name)) {}
+
+DmTimeline::~DmTimeline() {
+    for (DmTrack* track : tracks_) {
+        track->detachFromTimeline();
+        track->Release();
+    }
+}
+
+void* DmTimeline::queryInterface(const char* name) {
+    if (name == nullptr) return nullptr;
+    if (std::strcmp(name, "IDmTimeline") == 0) return static_cast<IDmTimeline*>(this);
+    if (std::strcmp(name, "IDmCallbackSource") == 0) return static_cast<IDmCallbackSource*>(this);
+    if (std::strcmp(name, "IDmBaseObj") == 0) return static_cast<IDmBaseObj*>(static_cast<IDmTimeline*>(this));
+    if (std::strcmp(name, "RefCnt") == 0) return static_cast<RefCnt<void>*>(this);
+    return nullptr;
+}
+
+int32_t DmTimeline::trackCount() { return static_cast<int32_t>(tracks_.size()); }
+
+DmTrack* DmTimeline::trackAt(int32_t index) const {
+    if (index < 0 || static_cast<size_t>(index) >= tracks_.size()) return nullptr;
+    return tracks_[static_cast<size_t>(index)];
+}
+
+IDmTrack* DmTimeline::track(int32_t index) {
+    DmTrack* found = trackAt(index);
+    return found != nullptr ? static_cast<IDmTrack*>(found) : nullptr;
+}
+
+int32_t DmTimeline::clipCount(int32_t trackIndex) {
+    DmTrack* found = trackAt(trackIndex);
+    return found != nullptr ? found->clipCount() : 0;
+}
+
+IDmClip* DmTimeline::clip(int32_t trackIndex, int32_t clipIndex) {
+    DmTrack* found = trackAt(trackIndex);
+    DmTimelineClip* clip = found != nullptr ? found->clipAt(clipIndex) : nullptr;
+    return clip != nullptr ? static_cast<IDmClip*>(clip) : nullptr;
+}
+
+int64_t DmTimeline::duration() {
+    int64_t end = 0;
+    for (DmTrack* track : tracks_)
+        for (int32_t i = 0; i < track->clipCount(); ++i) end = std::max(end, track->clipAt(i)->endTime());
+    return end;
+}
+
+int32_t DmTimeline::usesMedia(const char* mediaId) {
+    if (mediaId == nullptr || *mediaId == '\0') return 0;
+    for (DmTrack* track : tracks_) {
+        for (int32_t i = 0; i < track->clipCount(); ++i) {
+            DmTimelineClip* clip = track->clipAt(i);
+            // The canonical path (what IDmClip::mediaId gives) or the path as
+            // the description wrote it.
+            if (std::strcmp(clip->mediaPath(), mediaId) == 0 || clip->describedMediaPath() == mediaId) return 1;
+        }
+    }
+    return 0;
+}
+
+int32_t DmTimeline::registerCallback(IDmBaseObj* listener) { return callbacks_.add(listener); }
+int32_t DmTimeline::unregisterCallback(IDmBaseObj* listener) { return callbacks_.remove(listener); }
+
+void DmTimeline::appendTrack(DmTrack* track) { tracks_.push_back(track); }
+
+// ---------------------------------------------------------------------------
+// Factory
+
+namespace {
+
+// The texts are built with a stream: GCC 12 misreads some chains of string
+// concatenation as overlapping copies.
+std::string trackLabel(size_t index, const DmTrackDesc& track) {
+    std::ostringstream text;
+    text << "track " << index;
+    if (!track.name.empty()) text << " \"" << track.name << '"';
+    return text.str();
+}
+
+std::string clipLabel(size_t trackIndex, const DmTrackDesc& track, size_t clipIndex, const DmClipDesc& clip) {
+    std::ostringstream text;
+    text << "clip " << clipIndex;
+    if (!clip.name.empty()) text << " \"" << clip.name << '"';
+    text << " on " << trackLabel(trackIndex, track);
+    return text.str();
+}
+
+// What is wrong with clip; "" when nothing.
+std::string clipFault(const DmClipDesc& clip) {
+    std::ostringstream text;
+    if (clip.end < clip.begin) {
+        text << "ends (" << clip.end << ") before it begins (" << clip.begin << ")";
+        return text.str();
+    }
+    if (clip.markOut < clip.markIn) {
+        text << "marks out (" << clip.markOut << ") before it marks in (" << clip.markIn << ")";
+        return text.str();
+    }
+    if (!std::isfinite(clip.speed) || clip.speed < 0.0) {
+        text << "has speed " << clip.speed;
+        return text.str();
+    }
+    std::vector<const DmSpeedPartDesc*> parts;
+    for (const DmSpeedPartDesc& part : clip.speedParts) parts.push_back(&part);
+    std::stable_sort(parts.begin(), parts.end(),
+                     [](const DmSpeedPartDesc* a, const DmSpeedPartDesc* b) { return a->begin < b->begin; });
+    const DmSpeedPartDesc* previous = nullptr;
+    for (const DmSpeedPartDesc* part : parts) {
+        if (part->end < part->begin) {
+            text << "has a speed part [" << part->begin << ", " << part->end << ") that ends before it begins";
+            return text.str();
+        }
+        if (!std::isfinite(part->speed) || part->speed < 0.0) {
+            text << "has a speed part [" << part->begin << ", " << part->end << ") with speed " << part->speed;
+            return text.str();
+        }
+        if (previous != nullptr && part->begin < previous->end) {
+            text << "has speed parts that overlap: [" << previous->begin << ", " << previous->end << ") and ["
+                 << part->begin << ", " << part->end << ")";
+            return text.str();
+        }
+        previous = part;
+    }
+    return "";
+}
+
+// The first fault of desc as one line; "" when it is consistent.
+std::string timelineFault(const DmTimelineDesc& desc) {
+    for (size_t t = 0; t < desc.tracks.size(); ++t) {
+        const DmTrackDesc& track = desc.tracks[t];
+        if (track.kind != DmTrackVideo && track.kind != DmTrackAudio) {
+            std::ostringstream text;
+            text << trackLabel(t, track) << " has an unknown track kind " << track.kind << " (1 video, 2 audio)";
+            return text.str();
+        }
+        for (size_t c = 0; c < track.clips.size(); ++c) {
+            const std::string fault = clipFault(track.clips[c]);
+            if (!fault.empty()) return clipLabel(t, track, c, track.clips[c]) + " " + fault;
+        }
+    }
+    return "";
+}
+
+DmTimeline* buildTimeline(const DmTimelineDesc& desc) {
+    auto* timeline = new DmTimeline(desc.name);
+    timeline->AddRef();
+    try {
+        for (size_t t = 0; t < desc.tracks.size(); ++t) {
+            const DmTrackDesc& trackDesc = desc.tracks[t];
+            auto* track = new DmTrack(timeline, static_cast<int32_t>(t), trackDesc.kind, trackDesc.name,
+                                      trackDesc.mute, trackDesc.visible, trackDesc.solo);
+            track->AddRef();
+            timeline->appendTrack(track);
+            for (size_t c = 0; c < trackDesc.clips.size(); ++c) {
+                DmTimelineClip::Place place;
+                place.timeline = timeline;
+                place.track = track;
+                place.trackIndex = static_cast<int32_t>(t);
+                place.clipIndex = static_cast<int32_t>(c);
+                track->appendClip(DmTimelineClip::create(trackDesc.clips[c], trackDesc.kind, place));
+            }
+        }
+    } catch (...) {
+        timeline->Release();
+        throw;
+    }
+    return timeline;
+}
+
+}  // namespace
+
+IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::string* error) {
+    const std::string fault = timelineFault(desc);
+    if (!fault.empty()) {
+        const std::string line = "createTimeline: " + fault;
+        ZOR_LOG(5, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
+        if (error != nullptr) *error = line;
+        return nullptr;
+    }
+    try {
+        DmTimeline* timeline = buildTimeline(desc);
+        if (error != nullptr) error->clear();
+        return static_cast<IDmTimeline*>(timeline);
+    } catch (const std::exception& thrown) {
+        const std::string line = std::string("createTimeline: cannot build the timeline: ") + thrown.what();
+        ZOR_LOG(5, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
+        if (error != nullptr) *error = line;
+        return nullptr;
+    }
+}
+
+}  // namespace ZOR

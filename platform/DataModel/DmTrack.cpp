@@ -1,0 +1,88 @@
+#include "DmTrack.h"
+
+#include <cstring>
+#include <utility>
+
+#include "../Adapter/AdapterKeyTexts.h"
+#include "DmTimelineClip.h"
+
+namespace ZOR {
+
+namespace {
+
+constexpr int32_t kOk = 0;
+constexpr int32_t kBadArgument = 1001;
+constexpr int32_t kUnknownKey = 1005;
+
+}  // namespace
+
+DmTrack::DmTrack(DmTimeline* owner, int32_t index, int32_t kind, std::string name, bool mute, bool visible,
+                 bool solo)
+    : owner_(owner), index_(index), kind_(kind), name_(std::move(name)), mute_(mute), visible_(visible), solo_(solo) {}
+
+DmTrack::~DmTrack() {
+    for (DmTimelineClip* clip : clips_) {
+        clip->detachFromTrack();
+        clip->Release();
+    }
+}
+
+void* DmTrack::queryInterface(const char* name) {
+    if (name == nullptr) return nullptr;
+    if (std::strcmp(name, "IDmTrack") == 0) return static_cast<IDmTrack*>(this);
+    if (std::strcmp(name, "IDmPropertyOwner") == 0) return static_cast<IDmPropertyOwner*>(this);
+    if (std::strcmp(name, "IDmCallbackSource") == 0) return static_cast<IDmCallbackSource*>(this);
+    if (std::strcmp(name, "IDmBaseObj") == 0) return static_cast<IDmBaseObj*>(static_cast<IDmTrack*>(this));
+    if (std::strcmp(name, "RefCnt") == 0) return static_cast<RefCnt<void>*>(this);
+    return nullptr;
+}
+
+int32_t DmTrack::trackKind() { return kind_; }
+
+IDmTimeline* DmTrack::owner() {
+    DmTimeline* timeline = owner_.load(std::memory_order_acquire);
+    return timeline != nullptr ? static_cast<IDmTimeline*>(timeline) : nullptr;
+}
+
+int32_t DmTrack::trackIndex() { return index_; }
+
+std::atomic<bool>* DmTrack::flag(const char* key) {
+    if (std::strcmp(key, keytext::kTrackMute) == 0) return &mute_;
+    if (std::strcmp(key, keytext::kTrackVisible) == 0) return &visible_;
+    if (std::strcmp(key, keytext::kTrackSolo) == 0) return &solo_;
+    return nullptr;
+}
+
+int32_t DmTrack::getProperty(const char* key, ZorProperty* value) {
+    if (key == nullptr || value == nullptr) return kBadArgument;
+    std::atomic<bool>* found = flag(key);
+    if (found == nullptr) return kUnknownKey;
+    *value = boolProperty(found->load(std::memory_order_acquire));
+    return kOk;
+}
+
+int32_t DmTrack::setProperty(const char* key, const ZorProperty& value) {
+    if (key == nullptr) return kBadArgument;
+    std::atomic<bool>* found = flag(key);
+    if (found == nullptr) return kUnknownKey;
+    if (value.kind == ZorProperty::None) return kBadArgument;
+    found->store(value.boolValue(), std::memory_order_release);
+    return kOk;
+}
+
+int32_t DmTrack::registerCallback(IDmBaseObj* listener) { return callbacks_.add(listener); }
+int32_t DmTrack::unregisterCallback(IDmBaseObj* listener) { return callbacks_.remove(listener); }
+
+void DmTrack::appendClip(DmTimelineClip* clip) { clips_.push_back(clip); }
+
+void DmTrack::detachFromTimeline() {
+    owner_.store(nullptr, std::memory_order_release);
+    for (DmTimelineClip* clip : clips_) clip->forgetTimeline();
+}
+
+DmTimelineClip* DmTrack::clipAt(int32_t index) const {
+    if (index < 0 || static_cast<size_t>(index) >= clips_.size()) return nullptr;
+    return clips_[static_cast<size_t>(index)];
+}
+
+}  // namespace ZOR
