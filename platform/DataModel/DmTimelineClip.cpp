@@ -1,5 +1,7 @@
 #include "DmTimelineClip.h"
 
+#include "DmAttachedItems.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -120,6 +122,7 @@ DmTimelineClip::DmTimelineClip(DmMediaProbe probe, int32_t audioStreamId, int32_
     DmMediaClip::setProperty(keytext::kLoudnessGain, doubleProperty(desc.loudnessGain));
     DmMediaClip::setProperty(keytext::kReversePlayEnable, boolProperty(desc.reverse));
     DmMediaClip::setProperty(keytext::kClipEnable, boolProperty(desc.enabled));
+    styles_ = createStyleItemList(desc.imageStyleId, desc.templateStyleId);
 }
 
 DmTimelineClip* DmTimelineClip::create(const DmClipDesc& desc, int32_t trackKind, const Place& place) {
@@ -152,6 +155,7 @@ DmTimelineClip* DmTimelineClip::create(const DmClipDesc& desc, int32_t trackKind
 }
 
 DmTimelineClip::~DmTimelineClip() {
+    if (styles_ != nullptr) styles_->Release();
     for (DmEffect* effect : effects_) {
         effect->detachFromClip();
         effect->Release();
@@ -210,6 +214,8 @@ IDmEffect* DmTimelineClip::effect(int32_t type) {
         if (found->effectType() == type) return static_cast<IDmEffect*>(found);
     return nullptr;
 }
+
+IDmAttachedItemList* DmTimelineClip::attachedItems() { return styles_; }
 
 // ---------------------------------------------------------------------------
 // Properties

@@ -57,6 +57,7 @@ public:
     IDmTrack* track() override;
     const char* name() override;
     IDmEffect* effect(int32_t type) override;
+    IDmAttachedItemList* attachedItems() override;
 
     // IDmPropertyOwner, IDmAudioFeature, IDmVideoFeature
     int32_t getProperty(const char* key, ZorProperty* value) override;
@@ -114,6 +115,7 @@ private:
 
     DmTimelineClip* linked_ = nullptr;  // one reference; set while creating only
     std::vector<DmEffect*> effects_;    // one reference each; set while creating only
+    IDmAttachedItemList* styles_ = nullptr;  // one reference; fixed after construction
     DmCallbackList callbacks_;
 };
 

@@ -73,6 +73,13 @@ struct DmClipDesc {
     double loudnessGain = 1.0;     // audioLoudness::gain (linear)
     std::vector<DmKeyframeDesc> volumeKeyframes;  // effect 4110, property 1
     DmDuckingDesc ducking;
+    // A visual style applied to the clip's pictures, as an attached item whose
+    // data answers "IImageStylizesData" (an image stylize) or
+    // "IAITemplateGenerateData" (an AI template) with this identifier as its
+    // text 2; empty for none. Pictures of a styled clip are cached apart from
+    // the plain media's.
+    std::string imageStyleId;
+    std::string templateStyleId;
 };
 
 struct DmTrackDesc {

@@ -960,3 +960,45 @@ TEST_F(DmTimelineTest, GettersAndSettersMayRunOnManyThreads) {
 
 }  // namespace
 }  // namespace ZOR::test
+
+namespace ZOR::test {
+namespace {
+
+std::string styleTextOf(IDmAttachedItem* item, const char* kind) {
+    IDmBaseObj* data = item->data(0);
+    auto* style = data != nullptr ? static_cast<IDmStyleData*>(data->queryInterface(kind)) : nullptr;
+    return style != nullptr ? style->text(2) : "<none>";
+}
+
+TEST_F(DmTimelineTest, VisualStylesAreAttachedItemsWithTheirIdentifiers) {
+    DmClipDesc plain = clipOf(movie_, "plain", 0, 10'000'000, 0, 10'000'000);
+    DmClipDesc styled = clipOf(movie_, "styled", 10'000'000, 20'000'000, 0, 10'000'000);
+    styled.imageStyleId = "sketch-7";
+    styled.templateStyleId = "retro";
+    DmTimelineDesc desc;
+    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {plain, styled}));
+    Held<IDmTimeline> timeline(make(desc));
+    ASSERT_NE(timeline.get(), nullptr);
+
+    IDmAttachedItemList* none = timeline->clip(0, 0)->attachedItems();
+    ASSERT_NE(none, nullptr);
+    EXPECT_EQ(none->count(), 0);
+    EXPECT_EQ(none->get(0), nullptr);
+
+    IDmAttachedItemList* items = timeline->clip(0, 1)->attachedItems();
+    ASSERT_NE(items, nullptr);
+    ASSERT_EQ(items->count(), 2);
+    for (int32_t i = 0; i < 2; ++i) {
+        EXPECT_TRUE(items->get(i)->isApplied());
+        EXPECT_TRUE(items->get(i)->isVisualStyle());
+        EXPECT_EQ(items->get(i)->dataCount(), 1);
+        EXPECT_EQ(items->get(i)->data(1), nullptr);
+    }
+    EXPECT_EQ(styleTextOf(items->get(0), "IImageStylizesData"), "sketch-7");
+    EXPECT_EQ(styleTextOf(items->get(0), "IAITemplateGenerateData"), "<none>");
+    EXPECT_EQ(styleTextOf(items->get(1), "IAITemplateGenerateData"), "retro");
+    EXPECT_EQ(styleTextOf(items->get(1), "IImageStylizesData"), "<none>");
+}
+
+}  // namespace
+}  // namespace ZOR::test
