@@ -7,6 +7,7 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/IDmBaseObj.h"
 #include "Miravel/IBsClipThumbnailCallbacks.h"
+#include "Miravel/MiravelExport.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR {
@@ -43,3 +44,11 @@ protected:
 };
 
 }  // namespace ZOR
+
+extern "C" {
+
+// A new clip thumbnail service with one reference owned by the caller. Every
+// service that touches a timeline shares that timeline's work and caches.
+MIRAVEL_API ZOR::IBsClipThumbnailService* createBsClipThumbnaiService();
+
+}  // extern "C"

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,16 +14,23 @@
 
 namespace ZOR {
 
-// One effect of a clip. Everything but the owner is fixed at construction,
-// so every operation may be called from any thread.
+// One effect of a clip. Its type and name are fixed; its settings (on/off,
+// values, keyframes) are changed by edits on the event thread and read from
+// any thread, each read under the effect's lock.
 class DmEffect final : public RefCnt<void>, public virtual IDmEffect {
 public:
     ZOR_IMPLEMENT_REFCNT
 
-    // The keyframes of property 1 (the volume's level) and the values, in
-    // order of their index.
-    DmEffect(int32_t type, std::string name, bool enabled, IDmClip* owner, std::vector<float> values,
-             std::vector<DmKeyframeDesc> keyframes);
+    // What an edit may change.
+    struct Settings {
+        bool enabled = true;
+        std::vector<float> values;             // in order of their index
+        std::vector<DmKeyframeDesc> keyframes;  // of property 1 (the volume's level)
+
+        bool operator==(const Settings& other) const;
+    };
+
+    DmEffect(int32_t type, std::string name, IDmClip* owner, Settings settings);
     DmEffect(const DmEffect&) = delete;
     DmEffect& operator=(const DmEffect&) = delete;
 
@@ -38,6 +46,9 @@ public:
     // 0 on success; 1001 for a property or index without a keyframe.
     int32_t keyframe(int32_t property, int32_t index, int64_t* time, double* value) override;
 
+    Settings settings() const;
+    void setSettings(Settings settings);
+
     // The owning clip is going: forget it.
     void detachFromClip() { owner_.store(nullptr, std::memory_order_release); }
 
@@ -47,11 +58,21 @@ public:
 private:
     const int32_t type_;
     const std::string name_;
-    const bool enabled_;
     std::atomic<IDmClip*> owner_;  // plain back pointer; null once the clip is gone
-    const std::vector<float> values_;
-    const std::vector<DmKeyframeDesc> keyframes_;
+
+    mutable std::mutex lock_;  // leaf: guards settings_ only
+    Settings settings_;        // guarded by lock_
 };
+
+// The name of an effect type ("audio/effect/ducking", ...); "" for another type.
+const char* effectNameOf(int32_t type);
+
+// The settings of the ducking effect described by ducking (present or not).
+DmEffect::Settings duckingSettings(const DmDuckingDesc& ducking);
+// The settings of a volume effect with these keyframes (kept in their order).
+DmEffect::Settings volumeSettings(std::vector<DmKeyframeDesc> keyframes);
+// The settings of the reverse-play effect.
+DmEffect::Settings reverseSettings();
 
 // The effects a clip description asks for, in the order ducking, volume,
 // reverse play; each with one reference for the caller.

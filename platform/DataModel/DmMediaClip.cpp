@@ -78,12 +78,9 @@ DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t vide
     : DmMediaClip(std::move(probe), audioStreamId, videoStreamId, nextClipId()) {}
 
 DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId, std::string clipId)
-    : probe_(std::move(probe)),
-      audioStreamId_(audioStreamId),
-      videoStreamId_(videoStreamId),
-      clipId_(std::move(clipId)) {
-    if (probe_.audioStream >= 0)
-        waveManager_ = acquireWaveManager(probe_.path, probe_.audioStream, mediaFileIdentity(probe_.path.c_str()));
+    : probe_(std::move(probe)), videoStreamId_(videoStreamId), clipId_(std::move(clipId)) {
+    audioStates_.push_back(makeAudioState(probe_, audioStreamId));
+    audio_.store(audioStates_.back().get(), std::memory_order_release);
     attachedItems_ = zorCreateObject<DmAttachedItemList, IDmAttachedItemList>();
 
     // A media clip shows its whole stream: the video's duration when it has
@@ -105,7 +102,8 @@ DmMediaClip::DmMediaClip(DmMediaProbe probe, int32_t audioStreamId, int32_t vide
 }
 
 DmMediaClip::~DmMediaClip() {
-    if (waveManager_ != nullptr) waveManager_->Release();
+    for (const std::unique_ptr<AudioState>& state : audioStates_)
+        if (state->manager != nullptr) state->manager->Release();
     if (attachedItems_ != nullptr) attachedItems_->Release();
 }
 
@@ -167,10 +165,54 @@ DmMediaClip::Range DmMediaClip::range() const {
     return range_;
 }
 
+// ---------------------------------------------------------------------------
+// The audio stream
+
+std::unique_ptr<DmMediaClip::AudioState> DmMediaClip::makeAudioState(const DmMediaProbe& probe, int32_t requested) {
+    auto state = std::make_unique<AudioState>();
+    state->requested = requested < 0 ? -1 : requested;
+    state->stream = probe.audioStream;
+    state->problem = probe.audioProblem;
+    if (probe.audioStream >= 0) {
+        state->sampleRate = probe.sampleRate;
+        state->channels = probe.channels;
+        state->duration = probe.audioDuration;
+        state->manager = acquireWaveManager(probe.path, probe.audioStream, mediaFileIdentity(probe.path.c_str()));
+    }
+    return state;
+}
+
+int32_t DmMediaClip::replaceAudioStream(int32_t requested) {
+    requested = requested < 0 ? -1 : requested;
+    if (!hasAudio()) return kBadArgument;
+    if (audio().requested == requested) return kOk;
+    // A state this clip had already is used again (with its wave manager).
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        for (const std::unique_ptr<AudioState>& state : audioStates_) {
+            if (state->requested == requested) {
+                audio_.store(state.get(), std::memory_order_release);
+                return kOk;
+            }
+        }
+    }
+    const DmMediaProbe probe = probeMedia(probe_.path, requested, -1);
+    if (probe.audioStream < 0) {
+        ZOR_LOG(5, "ZOR::DmMediaClip::replaceAudioStream", "no audio stream %d: %s", requested,
+                probe.audioProblem.c_str());
+        return kBadArgument;
+    }
+    std::unique_ptr<AudioState> state = makeAudioState(probe, requested);
+    std::lock_guard<std::mutex> lock(lock_);
+    audioStates_.push_back(std::move(state));
+    audio_.store(audioStates_.back().get(), std::memory_order_release);
+    return kOk;
+}
+
 int32_t DmMediaClip::getProperty(const char* key, ZorProperty* value) {
     if (key == nullptr || value == nullptr) return kBadArgument;
     if (is(key, keytext::kAudioStreamId)) {
-        *value = intProperty(audioStreamId_);
+        *value = intProperty(audio().requested);
         return kOk;
     }
     if (is(key, keytext::kVideoStreamId)) {
@@ -230,9 +272,9 @@ int32_t DmMediaClip::setProperty(const char* key, const ZorProperty& value) {
 // ---------------------------------------------------------------------------
 // IDmAudioFeature
 
-int32_t DmMediaClip::audioStreamIndex() { return probe_.audioStream; }
-int32_t DmMediaClip::sampleRate() { return probe_.sampleRate; }
-int32_t DmMediaClip::channelCount() { return probe_.channels; }
+int32_t DmMediaClip::audioStreamIndex() { return audio().stream; }
+int32_t DmMediaClip::sampleRate() { return audio().sampleRate; }
+int32_t DmMediaClip::channelCount() { return audio().channels; }
 
 // Clip time is media time at mark in; a media clip plays at speed 1, so the
 // position is the clip time itself, mirrored inside [markIn, markOut] when
@@ -246,19 +288,21 @@ int64_t DmMediaClip::sourcePosition(int64_t clipTime, bool reverse) {
 int32_t DmMediaClip::valueCountPerFrame(int32_t* count, int64_t rateNum, int64_t rateDen) {
     if (count == nullptr) return kBadArgument;
     *count = 0;
-    if (!hasAudio()) return kNoSuchFeature;
-    const uint32_t values = waveManager_->valueCountPerFrame(rateNum, rateDen);
+    DmAudioWaveManager* manager = audio().manager;
+    if (manager == nullptr) return kNoSuchFeature;
+    const uint32_t values = manager->valueCountPerFrame(rateNum, rateDen);
     if (values == 0) return kUnsupportedRate;
     *count = static_cast<int32_t>(values);
     return kOk;
 }
 
-int64_t DmMediaClip::mediaDuration() { return probe_.audioDuration; }
+int64_t DmMediaClip::mediaDuration() { return audio().duration; }
 
 int32_t DmMediaClip::fillValues(IZORLonglongList* frames, int64_t rateNum, int64_t rateDen, void* buffer) {
     if (frames == nullptr) return kBadArgument;
-    if (!hasAudio()) return kNoSuchFeature;
-    const uint32_t perFrame = waveManager_->valueCountPerFrame(rateNum, rateDen);
+    DmAudioWaveManager* manager = audio().manager;
+    if (manager == nullptr) return kNoSuchFeature;
+    const uint32_t perFrame = manager->valueCountPerFrame(rateNum, rateDen);
     if (perFrame == 0) return kUnsupportedRate;
     const int32_t count = frames->count();
     if (count > 0 && buffer == nullptr) return kBadArgument;
@@ -271,7 +315,7 @@ int32_t DmMediaClip::fillValues(IZORLonglongList* frames, int64_t rateNum, int64
             continue;
         }
         // A frame that is not held reads as zeros, which is what is wanted.
-        waveManager_->readFrame(static_cast<int32_t>(frame), rateNum, rateDen, out, perFrame);
+        manager->readFrame(static_cast<int32_t>(frame), rateNum, rateDen, out, perFrame);
     }
     return kOk;
 }
@@ -375,8 +419,8 @@ int32_t DmMediaClip::containerPosition(int32_t* first, int32_t* second) {
 }
 
 IDmBaseObj* DmMediaClip::waveManagerSource() {
-    return waveManager_ != nullptr ? static_cast<IDmBaseObj*>(static_cast<IDmAudioWaveMgrInternal*>(waveManager_))
-                                   : nullptr;
+    DmAudioWaveManager* manager = audio().manager;
+    return manager != nullptr ? static_cast<IDmBaseObj*>(static_cast<IDmAudioWaveMgrInternal*>(manager)) : nullptr;
 }
 
 // ---------------------------------------------------------------------------
@@ -385,19 +429,20 @@ IDmBaseObj* DmMediaClip::waveManagerSource() {
 const char* DmMediaClip::mediaPath() { return probe_.path.c_str(); }
 
 int32_t DmMediaClip::resolvedStream(int32_t kind) {
-    if (kind == DmTrackAudio) return probe_.audioStream;
+    if (kind == DmTrackAudio) return audio().stream;
     if (kind == DmTrackVideo) return probe_.videoStream;
     return -1;
 }
 
 const char* DmMediaClip::streamProblem(int32_t kind) {
-    if (kind == DmTrackAudio) return probe_.audioProblem.c_str();
+    if (kind == DmTrackAudio) return audio().problem.c_str();
     if (kind == DmTrackVideo) return probe_.videoProblem.c_str();
     return "";
 }
 
 IDmAudioWaveStore* DmMediaClip::waveStore() {
-    return waveManager_ != nullptr ? static_cast<IDmAudioWaveStore*>(waveManager_) : nullptr;
+    DmAudioWaveManager* manager = audio().manager;
+    return manager != nullptr ? static_cast<IDmAudioWaveStore*>(manager) : nullptr;
 }
 
 // ---------------------------------------------------------------------------

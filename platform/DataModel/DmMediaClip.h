@@ -4,8 +4,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
@@ -16,10 +18,11 @@ namespace ZOR {
 
 class DmAudioWaveManager;
 
-// The clip of one media file. Its media, streams and range are fixed at
-// construction; what may change later (the playback properties, the sizes
-// prepared for frame lookups) is guarded or atomic, so every operation may be
-// called from any thread.
+// The clip of one media file. Its media and video stream are fixed at
+// construction; what may change later (the playback properties, the range,
+// the audio stream of a clip on a timeline, the sizes prepared for frame
+// lookups) is guarded or atomic, so every operation may be called from any
+// thread.
 //
 // A clip placed on a timeline derives from this class and sets its range
 // with setRange(); everything else (media, features, properties) it inherits,
@@ -88,9 +91,8 @@ public:
     const char* streamProblem(int32_t kind) override;
     IDmAudioWaveStore* waveStore() override;
 
-    bool hasAudio() const { return probe_.audioStream >= 0; }
+    bool hasAudio() const { return audio().stream >= 0; }
     bool hasVideo() const { return probe_.videoStream >= 0; }
-    const DmMediaProbe& probe() const { return probe_; }
 
 protected:
     // For derived clips: the clip's identifier text instead of a media clip's.
@@ -106,27 +108,51 @@ protected:
     void setRange(int64_t markIn, int64_t markOut, int64_t begin, int64_t end);
     Range range() const;
 
+    // Uses the file's audio stream requested (-1: the best one) from now on,
+    // with that stream's wave manager; a clip without sound keeps none.
+    // 0 on success (or when it is the stream used already); 1001 when the
+    // clip has no sound or the file has no such audio stream.
+    int32_t replaceAudioStream(int32_t requested);
+    // The audio stream asked for: -1 for the best one.
+    int32_t requestedAudioStream() const { return audio().requested; }
+
 private:
     // The stored file of each time into 1024-byte slots; the sizes come from
     // one of the prepared pairs.
     int32_t lookupFrames(const int64_t* times, int32_t count, char* slots, int64_t* shown, int32_t width,
                          int32_t height, int64_t* missing, int32_t* missingCount);
 
-    const DmMediaProbe probe_;
-    const int32_t audioStreamId_;  // as asked for: -1 for the best stream
-    const int32_t videoStreamId_;
+    // The audio stream a clip uses. A state never changes once made; the
+    // clip keeps every state it has had until it dies, so what a reader got
+    // from one (the wave manager) stays valid while the clip lives.
+    struct AudioState {
+        int32_t requested = -1;   // as asked for: -1 for the best stream
+        int32_t stream = -1;      // the container stream used; -1 when none
+        std::string problem;      // why there is none
+        int32_t sampleRate = 0;
+        int32_t channels = 0;
+        int64_t duration = 0;     // cns
+        DmAudioWaveManager* manager = nullptr;  // one reference; null without audio
+    };
+    const AudioState& audio() const { return *audio_.load(std::memory_order_acquire); }
+    // A state of the probe's audio stream, with its wave manager.
+    static std::unique_ptr<AudioState> makeAudioState(const DmMediaProbe& probe, int32_t requested);
+
+    const DmMediaProbe probe_;     // its audio fields are the first audio state's
+    const int32_t videoStreamId_;  // as asked for: -1 for the best stream
     const std::string clipId_;
-    DmAudioWaveManager* waveManager_ = nullptr;  // one reference; null without audio
     IDmAttachedItemList* attachedItems_ = nullptr;  // one reference
+    std::atomic<const AudioState*> audio_{nullptr};  // the current state, one of audioStates_
 
     // The sizes prepared for fillFrames and thumbnailFiles, width in the high
     // half, height in the low one; 0 when none.
     std::atomic<uint64_t> frameSize_{0};
     std::atomic<uint64_t> thumbnailSize_{0};
 
-    mutable std::mutex lock_;                     // leaf: guards the two members below only
+    mutable std::mutex lock_;                     // leaf: guards the three members below only
     Range range_;                                 // guarded by lock_
     std::map<std::string, ZorProperty> properties_;  // guarded by lock_: the settable properties
+    std::vector<std::unique_ptr<AudioState>> audioStates_;  // guarded by lock_: every state the clip had
 };
 
 }  // namespace ZOR

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "DataModel/DmTimeline.h"
+#include "DmEditSteps.h"
 #include "DmTimelineClip.h"
 #include "DmTrack.h"
 
@@ -18,9 +19,16 @@ namespace ZOR {
 DmTimeline::DmTimeline(std::string name) : name_(std::move(name)) {}
 
 DmTimeline::~DmTimeline() {
+    // The history names its objects by plain pointers: it goes first.
+    undo_.clear();
+    redo_.clear();
     for (DmTrack* track : tracks_) {
         track->detachFromTimeline();
         track->Release();
+    }
+    for (DmTimelineClip* clip : retained_) {
+        clip->forgetTimeline();
+        clip->Release();
     }
 }
 
@@ -59,15 +67,14 @@ IDmClip* DmTimeline::clip(int32_t trackIndex, int32_t clipIndex) {
 int64_t DmTimeline::duration() {
     int64_t end = 0;
     for (DmTrack* track : tracks_)
-        for (int32_t i = 0; i < track->clipCount(); ++i) end = std::max(end, track->clipAt(i)->endTime());
+        for (DmTimelineClip* clip : track->clips()) end = std::max(end, clip->endTime());
     return end;
 }
 
 int32_t DmTimeline::usesMedia(const char* mediaId) {
     if (mediaId == nullptr || *mediaId == '\0') return 0;
     for (DmTrack* track : tracks_) {
-        for (int32_t i = 0; i < track->clipCount(); ++i) {
-            DmTimelineClip* clip = track->clipAt(i);
+        for (DmTimelineClip* clip : track->clips()) {
             // The canonical path (what IDmClip::mediaId gives) or the path as
             // the description wrote it.
             if (std::strcmp(clip->mediaPath(), mediaId) == 0 || clip->describedMediaPath() == mediaId) return 1;
@@ -80,6 +87,58 @@ int32_t DmTimeline::registerCallback(IDmBaseObj* listener) { return callbacks_.a
 int32_t DmTimeline::unregisterCallback(IDmBaseObj* listener) { return callbacks_.remove(listener); }
 
 void DmTimeline::appendTrack(DmTrack* track) { tracks_.push_back(track); }
+
+void DmTimeline::retainClip(DmTimelineClip* clip) {
+    std::lock_guard<std::mutex> lock(historyLock_);
+    if (std::find(retained_.begin(), retained_.end(), clip) != retained_.end()) return;
+    clip->AddRef();
+    retained_.push_back(clip);
+}
+
+void DmTimeline::recordEdit(std::shared_ptr<DmEditStep> step) {
+    std::vector<std::shared_ptr<DmEditStep>> forgotten;  // destroyed after the lock is left
+    std::lock_guard<std::mutex> lock(historyLock_);
+    undo_.push_back(std::move(step));
+    forgotten.swap(redo_);
+}
+
+std::shared_ptr<DmEditStep> DmTimeline::takeUndo() {
+    std::lock_guard<std::mutex> lock(historyLock_);
+    if (undo_.empty()) return nullptr;
+    std::shared_ptr<DmEditStep> step = std::move(undo_.back());
+    undo_.pop_back();
+    redo_.push_back(step);
+    return step;
+}
+
+std::shared_ptr<DmEditStep> DmTimeline::takeRedo() {
+    std::lock_guard<std::mutex> lock(historyLock_);
+    if (redo_.empty()) return nullptr;
+    std::shared_ptr<DmEditStep> step = std::move(redo_.back());
+    redo_.pop_back();
+    undo_.push_back(step);
+    return step;
+}
+
+int32_t DmTimeline::undoCount() const {
+    std::lock_guard<std::mutex> lock(historyLock_);
+    return static_cast<int32_t>(undo_.size());
+}
+
+int32_t DmTimeline::redoCount() const {
+    std::lock_guard<std::mutex> lock(historyLock_);
+    return static_cast<int32_t>(redo_.size());
+}
+
+bool DmTimeline::close() {
+    if (closed_.exchange(true, std::memory_order_acq_rel)) return false;
+    std::vector<std::shared_ptr<DmEditStep>> forgottenUndo;  // destroyed after the lock is left
+    std::vector<std::shared_ptr<DmEditStep>> forgottenRedo;
+    std::lock_guard<std::mutex> lock(historyLock_);
+    forgottenUndo.swap(undo_);
+    forgottenRedo.swap(redo_);
+    return true;
+}
 
 // ---------------------------------------------------------------------------
 // Factory
@@ -103,23 +162,12 @@ std::string clipLabel(size_t trackIndex, const DmTrackDesc& track, size_t clipIn
     return text.str();
 }
 
-// What is wrong with clip; "" when nothing.
-std::string clipFault(const DmClipDesc& clip) {
+}  // namespace
+
+std::string speedPartsFault(const std::vector<DmSpeedPartDesc>& speedParts) {
     std::ostringstream text;
-    if (clip.end < clip.begin) {
-        text << "ends (" << clip.end << ") before it begins (" << clip.begin << ")";
-        return text.str();
-    }
-    if (clip.markOut < clip.markIn) {
-        text << "marks out (" << clip.markOut << ") before it marks in (" << clip.markIn << ")";
-        return text.str();
-    }
-    if (!std::isfinite(clip.speed) || clip.speed < 0.0) {
-        text << "has speed " << clip.speed;
-        return text.str();
-    }
     std::vector<const DmSpeedPartDesc*> parts;
-    for (const DmSpeedPartDesc& part : clip.speedParts) parts.push_back(&part);
+    for (const DmSpeedPartDesc& part : speedParts) parts.push_back(&part);
     std::stable_sort(parts.begin(), parts.end(),
                      [](const DmSpeedPartDesc* a, const DmSpeedPartDesc* b) { return a->begin < b->begin; });
     const DmSpeedPartDesc* previous = nullptr;
@@ -142,6 +190,25 @@ std::string clipFault(const DmClipDesc& clip) {
     return "";
 }
 
+std::string clipDescriptionFault(const DmClipDesc& clip) {
+    std::ostringstream text;
+    if (clip.end < clip.begin) {
+        text << "ends (" << clip.end << ") before it begins (" << clip.begin << ")";
+        return text.str();
+    }
+    if (clip.markOut < clip.markIn) {
+        text << "marks out (" << clip.markOut << ") before it marks in (" << clip.markIn << ")";
+        return text.str();
+    }
+    if (!std::isfinite(clip.speed) || clip.speed < 0.0) {
+        text << "has speed " << clip.speed;
+        return text.str();
+    }
+    return speedPartsFault(clip.speedParts);
+}
+
+namespace {
+
 // The first fault of desc as one line; "" when it is consistent.
 std::string timelineFault(const DmTimelineDesc& desc) {
     for (size_t t = 0; t < desc.tracks.size(); ++t) {
@@ -152,7 +219,7 @@ std::string timelineFault(const DmTimelineDesc& desc) {
             return text.str();
         }
         for (size_t c = 0; c < track.clips.size(); ++c) {
-            const std::string fault = clipFault(track.clips[c]);
+            const std::string fault = clipDescriptionFault(track.clips[c]);
             if (!fault.empty()) return clipLabel(t, track, c, track.clips[c]) + " " + fault;
         }
     }

@@ -2,7 +2,9 @@
 // tracks and their clips keep.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -10,10 +12,13 @@
 
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
+#include "DataModel/DmTimeline.h"
 
 namespace ZOR {
 
 class DmTrack;
+class DmTimelineClip;
+class DmEditStep;
 
 // The listeners registered on one data-model object, in registration order,
 // each once. Registration takes no reference: a listener unregisters itself
@@ -21,9 +26,11 @@ class DmTrack;
 //
 // Notifying: listeners() gives a copy of the list to call outside the lock
 // (a listener may then unregister, or register others, while being called);
-// forEach() calls with the lock held, so that an unregisterCallback() that has
-// returned guarantees the listener is not called any more (a listener called
-// that way must not register or unregister on the same object).
+// edits call each listener of the copy only while contains() still finds it,
+// so one unregistered on the event thread meanwhile is skipped. forEach()
+// calls with the lock held, so that an unregisterCallback() that has returned
+// guarantees the listener is not called any more (a listener called that way
+// must not register or unregister on the same object).
 class DmCallbackList {
 public:
     static constexpr int32_t kOk = 0;
@@ -66,6 +73,13 @@ public:
         return listeners_.size();
     }
 
+    bool contains(IDmBaseObj* listener) const {
+        std::lock_guard<std::mutex> lock(lock_);
+        for (IDmBaseObj* registered : listeners_)
+            if (registered == listener) return true;
+        return false;
+    }
+
     // Calls call(IDmBaseObj*) for every listener in registration order, with
     // the list's lock held.
     template <class Call>
@@ -79,17 +93,21 @@ private:
     std::vector<IDmBaseObj*> listeners_;  // guarded by lock_
 };
 
-// A timeline: its tracks in order, each holding its clips. The tracks are
-// fixed once createTimeline() has built them, so the getters read them
-// without a lock.
+// A timeline: its tracks in order, each holding its clips, and the history of
+// its edits (DmEdit.h). The tracks are fixed once createTimeline() has built
+// them, so the getters read them without a lock; each track guards its own
+// list of clips.
 //
 // Ownership: the timeline holds one reference on each track, each track one
 // on each of its clips, a video clip one on its linked audio clip, and an
-// audio-carrying clip one on each of its effects. Every pointer back up
-// (track to timeline, clip to track and timeline, linked clip to video clip,
-// effect to clip) is plain, and is cleared when the owner goes, so there is no
-// cycle and an object held beyond its owner answers null instead of a dead
-// pointer.
+// audio-carrying clip one on each effect it has had. A clip taken off a track
+// by an edit is kept by the timeline (retainClip) until the timeline dies, so
+// a clip pointer a reader got from clip() stays valid while the timeline
+// lives; the history names clips, tracks and effects by plain pointers. Every
+// pointer back up (track to timeline, clip to track and timeline, linked clip
+// to video clip, effect to clip) is plain, and is cleared when the owner goes,
+// so there is no cycle and an object held beyond its owner answers null
+// instead of a dead pointer.
 class DmTimeline final : public RefCnt<void>, public virtual IDmTimeline, public virtual IDmCallbackSource {
 public:
     ZOR_IMPLEMENT_REFCNT
@@ -120,10 +138,39 @@ public:
     DmTrack* trackAt(int32_t index) const;
     DmCallbackList& callbacks() { return callbacks_; }
 
+    // Edits (event thread). Keeps clip alive (one reference) until the
+    // timeline dies; a clip retained already is not counted twice.
+    void retainClip(DmTimelineClip* clip);
+    // An edit that has been made: it can be undone; what could be redone is
+    // forgotten.
+    void recordEdit(std::shared_ptr<DmEditStep> step);
+    // The edit to undo (moved over to the redo side), or null.
+    std::shared_ptr<DmEditStep> takeUndo();
+    // The edit to redo (moved over to the undo side), or null.
+    std::shared_ptr<DmEditStep> takeRedo();
+    int32_t undoCount() const;
+    int32_t redoCount() const;
+    bool isClosed() const { return closed_.load(std::memory_order_acquire); }
+    // Closes the timeline for edits and forgets its history; false when it
+    // was closed already.
+    bool close();
+
 private:
     const std::string name_;
     std::vector<DmTrack*> tracks_;  // one reference each; filled while building only
     DmCallbackList callbacks_;
+    std::atomic<bool> closed_{false};
+
+    mutable std::mutex historyLock_;  // leaf: guards the three members below only
+    std::vector<std::shared_ptr<DmEditStep>> undo_;  // guarded by historyLock_; the last is undone first
+    std::vector<std::shared_ptr<DmEditStep>> redo_;  // guarded by historyLock_; the last is redone first
+    std::vector<DmTimelineClip*> retained_;          // guarded by historyLock_; one reference each
 };
+
+// What is wrong with a clip description ("ends (..) before it begins (..)",
+// ...); "" when it is consistent. speedPartsFault: the same for speed parts
+// given in any order.
+std::string clipDescriptionFault(const DmClipDesc& clip);
+std::string speedPartsFault(const std::vector<DmSpeedPartDesc>& parts);
 
 }  // namespace ZOR

@@ -109,11 +109,10 @@ DmTimelineClip::DmTimelineClip(DmMediaProbe probe, int32_t audioStreamId, int32_
       name_(desc.name),
       describedPath_(desc.mediaPath),
       speed_(desc.speed),
-      speedParts_(sortedParts(desc.speedParts)),
       timeline_(place.timeline),
       track_(place.track),
-      trackIndex_(place.trackIndex),
-      clipIndex_(place.clipIndex) {
+      position_(packPosition(place.trackIndex, place.clipIndex)),
+      speedParts_(std::make_shared<const std::vector<DmSpeedPartDesc>>(sortedParts(desc.speedParts))) {
     setRange(desc.markIn, desc.markOut, desc.begin, desc.end);
     DmMediaClip::setProperty(keytext::kAudioVolume, doubleProperty(desc.volumeDb));
     DmMediaClip::setProperty(keytext::kAudioMute, boolProperty(desc.mute));
@@ -135,7 +134,8 @@ DmTimelineClip* DmTimelineClip::create(const DmClipDesc& desc, int32_t trackKind
         auto* clip = new DmTimelineClip(withoutVideo(std::move(probe), "the clip is on an audio track"), audioStream,
                                         -1, desc, trackKind, place);
         clip->AddRef();
-        clip->effects_ = makeClipEffects(desc, static_cast<IDmClip*>(clip));
+        clip->allEffects_ = makeClipEffects(desc, static_cast<IDmClip*>(clip));
+        clip->effects_ = clip->allEffects_;
         return clip;
     }
 
@@ -148,7 +148,8 @@ DmTimelineClip* DmTimelineClip::create(const DmClipDesc& desc, int32_t trackKind
                                           audioStream, -1, desc, DmTrackAudio, place);
         linked->AddRef();
         linked->parent_.store(clip, std::memory_order_release);
-        linked->effects_ = makeClipEffects(desc, static_cast<IDmClip*>(linked));
+        linked->allEffects_ = makeClipEffects(desc, static_cast<IDmClip*>(linked));
+        linked->effects_ = linked->allEffects_;
         clip->linked_ = linked;
     }
     return clip;
@@ -156,7 +157,7 @@ DmTimelineClip* DmTimelineClip::create(const DmClipDesc& desc, int32_t trackKind
 
 DmTimelineClip::~DmTimelineClip() {
     if (styles_ != nullptr) styles_->Release();
-    for (DmEffect* effect : effects_) {
+    for (DmEffect* effect : allEffects_) {
         effect->detachFromClip();
         effect->Release();
     }
@@ -169,8 +170,25 @@ DmTimelineClip::~DmTimelineClip() {
 void DmTimelineClip::detachFromTrack() {
     timeline_.store(nullptr, std::memory_order_release);
     track_.store(nullptr, std::memory_order_release);
-    trackIndex_.store(-1, std::memory_order_release);
+    position_.store(-1, std::memory_order_release);
     if (linked_ != nullptr) linked_->detachFromTrack();
+}
+
+void DmTimelineClip::placeOn(DmTimeline* timeline, DmTrack* track, int32_t trackIndex, int32_t clipIndex) {
+    timeline_.store(timeline, std::memory_order_release);
+    track_.store(track, std::memory_order_release);
+    position_.store(packPosition(trackIndex, clipIndex), std::memory_order_release);
+    if (linked_ != nullptr) linked_->placeOn(timeline, track, trackIndex, clipIndex);
+}
+
+void DmTimelineClip::setPosition(int32_t trackIndex, int32_t clipIndex) {
+    position_.store(packPosition(trackIndex, clipIndex), std::memory_order_release);
+    if (linked_ != nullptr) linked_->setPosition(trackIndex, clipIndex);
+}
+
+int64_t DmTimelineClip::packPosition(int32_t trackIndex, int32_t clipIndex) {
+    if (trackIndex < 0 || clipIndex < 0) return -1;
+    return (static_cast<int64_t>(trackIndex) << 32) | static_cast<int64_t>(static_cast<uint32_t>(clipIndex));
 }
 
 void DmTimelineClip::forgetTimeline() {
@@ -210,9 +228,44 @@ IDmTrack* DmTimelineClip::track() {
 const char* DmTimelineClip::name() { return name_.c_str(); }
 
 IDmEffect* DmTimelineClip::effect(int32_t type) {
+    DmEffect* found = currentEffect(type);
+    return found != nullptr ? static_cast<IDmEffect*>(found) : nullptr;
+}
+
+DmTimelineClip* DmTimelineClip::soundCarrier() {
+    if (linked_ != nullptr) return linked_;
+    return kind_ == DmTrackAudio ? this : nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Effects
+
+DmEffect* DmTimelineClip::currentEffect(int32_t type) const {
+    std::lock_guard<std::mutex> lock(lock_);
     for (DmEffect* found : effects_)
-        if (found->effectType() == type) return static_cast<IDmEffect*>(found);
+        if (found->effectType() == type) return found;
     return nullptr;
+}
+
+DmEffect* DmTimelineClip::makeEffect(int32_t type, DmEffect::Settings settings) {
+    auto* made = new DmEffect(type, effectNameOf(type), static_cast<IDmClip*>(this), std::move(settings));
+    made->AddRef();
+    std::lock_guard<std::mutex> lock(lock_);
+    allEffects_.push_back(made);
+    return made;
+}
+
+void DmTimelineClip::addEffect(DmEffect* effect) {
+    std::lock_guard<std::mutex> lock(lock_);
+    std::erase_if(effects_, [effect](DmEffect* applied) {
+        return applied == effect || applied->effectType() == effect->effectType();
+    });
+    effects_.push_back(effect);
+}
+
+void DmTimelineClip::removeEffect(DmEffect* effect) {
+    std::lock_guard<std::mutex> lock(lock_);
+    std::erase(effects_, effect);
 }
 
 IDmAttachedItemList* DmTimelineClip::attachedItems() { return styles_; }
@@ -240,11 +293,33 @@ int32_t DmTimelineClip::setProperty(const char* key, const ZorProperty& value) {
 // ---------------------------------------------------------------------------
 // Time mapping
 
+std::shared_ptr<const std::vector<DmSpeedPartDesc>> DmTimelineClip::currentParts() const {
+    std::lock_guard<std::mutex> lock(lock_);
+    return speedParts_;
+}
+
+std::vector<DmSpeedPartDesc> DmTimelineClip::speedParts() const { return *currentParts(); }
+
+void DmTimelineClip::setSpeedParts(const std::vector<DmSpeedPartDesc>& parts) {
+    auto replacement = std::make_shared<const std::vector<DmSpeedPartDesc>>(sortedParts(parts));
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        speedParts_ = replacement;
+    }
+    if (linked_ != nullptr) linked_->setSpeedParts(parts);
+}
+
+void DmTimelineClip::setTimes(const Range& times) {
+    setRange(times.markIn, times.markOut, times.begin, times.end);
+    if (linked_ != nullptr) linked_->setTimes(times);
+}
+
 int64_t DmTimelineClip::sourcePosition(int64_t clipTime, bool reverse) {
     const Range current = range();
+    const std::shared_ptr<const std::vector<DmSpeedPartDesc>> parts = currentParts();
     int64_t position = clipTime;
-    if (!speedParts_.empty())
-        position = positionThroughParts(speedParts_, current.markIn, clipTime);
+    if (!parts->empty())
+        position = positionThroughParts(*parts, current.markIn, clipTime);
     else if (speed_ != 1.0)
         position = current.markIn + std::llround(static_cast<double>(clipTime - current.markIn) * speed_);
     return reverse ? current.markIn + current.markOut - position : position;
@@ -259,21 +334,22 @@ IDmClip* DmTimelineClip::parentClip() {
 }
 
 int32_t DmTimelineClip::containerPosition(int32_t* first, int32_t* second) {
-    const int32_t trackIndex = trackIndex_.load(std::memory_order_acquire);
-    const bool placed = trackIndex >= 0;
-    if (first != nullptr) *first = placed ? trackIndex : -1;
-    if (second != nullptr) *second = placed ? clipIndex_ : -1;
+    const int64_t position = position_.load(std::memory_order_acquire);
+    const bool placed = position >= 0;
+    if (first != nullptr) *first = placed ? static_cast<int32_t>(position >> 32) : -1;
+    if (second != nullptr) *second = placed ? static_cast<int32_t>(position & 0xFFFFFFFF) : -1;
     return placed ? kOk : -1;
 }
 
 // ---------------------------------------------------------------------------
 // IDmClipSpeedPart
 
-int32_t DmTimelineClip::speedPartCount() { return static_cast<int32_t>(speedParts_.size()); }
+int32_t DmTimelineClip::speedPartCount() { return static_cast<int32_t>(currentParts()->size()); }
 
 int32_t DmTimelineClip::speedPart(int32_t index, int64_t* begin, int64_t* end, double* speed) {
-    if (index < 0 || static_cast<size_t>(index) >= speedParts_.size()) return kBadArgument;
-    const DmSpeedPartDesc& part = speedParts_[static_cast<size_t>(index)];
+    const std::shared_ptr<const std::vector<DmSpeedPartDesc>> parts = currentParts();
+    if (index < 0 || static_cast<size_t>(index) >= parts->size()) return kBadArgument;
+    const DmSpeedPartDesc& part = (*parts)[static_cast<size_t>(index)];
     if (begin != nullptr) *begin = part.begin;
     if (end != nullptr) *end = part.end;
     if (speed != nullptr) *speed = part.speed;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,9 +15,10 @@ namespace ZOR {
 
 class DmTimelineClip;
 
-// A track: its kind, its place on the timeline, its clips in order (fixed once
-// built) and the trackKey properties (atomic, so readable and settable from
-// any thread).
+// A track: its kind, its place on the timeline, its clips in order and the
+// trackKey properties (atomic, so readable and settable from any thread).
+// Edits (on the event thread) change the list of clips under clipsLock_;
+// readers take it for each look.
 class DmTrack final : public RefCnt<void>,
                       public virtual IDmTrack,
                       public virtual IDmPropertyOwner,
@@ -50,8 +52,19 @@ public:
     // The timeline is going: forget it.
     void detachFromTimeline();
 
-    int32_t clipCount() const { return static_cast<int32_t>(clips_.size()); }
+    // Edits: puts clip at index (clamped to the clip count), with a reference
+    // of its own, and places it on this track.
+    void insertClip(DmTimelineClip* clip, int32_t index);
+    // Takes clip off: it is placed nowhere, and the track's reference is
+    // dropped (the timeline keeps the clip alive). The index it had, or -1
+    // when the track does not list it.
+    int32_t removeClip(DmTimelineClip* clip);
+
+    int32_t clipCount() const;
     DmTimelineClip* clipAt(int32_t index) const;
+    int32_t indexOf(const DmTimelineClip* clip) const;
+    // The clips now, in order (no references: they live as long as the timeline).
+    std::vector<DmTimelineClip*> clips() const;
     const std::string& name() const { return name_; }
     DmTimeline* timeline() const { return owner_.load(std::memory_order_acquire); }
     DmCallbackList& callbacks() { return callbacks_; }
@@ -66,7 +79,11 @@ private:
     std::atomic<bool> mute_;
     std::atomic<bool> visible_;
     std::atomic<bool> solo_;
-    std::vector<DmTimelineClip*> clips_;  // one reference each; filled while building only
+    // Renumbers the clips from index first on; clipsLock_ held.
+    void renumberLocked(size_t first);
+
+    mutable std::mutex clipsLock_;        // leaf: guards clips_ only
+    std::vector<DmTimelineClip*> clips_;  // guarded by clipsLock_; one reference each
     DmCallbackList callbacks_;
 };
 

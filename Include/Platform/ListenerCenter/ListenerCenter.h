@@ -35,3 +35,24 @@ protected:
 ZOR_PLATFORM_API IEventBus* defaultEventBus();
 
 }  // namespace ZOR
+
+namespace ZOR {
+
+// Host side: the default bus's delivery thread as the place where the data
+// model is changed, so that changes, their notifications and event delivery
+// never run at the same time.
+//
+// Runs work on the delivery thread and returns once it has run; called on
+// that thread (from a handler or from posted work), runs it at once. Returns
+// 0 once work has run, 1001 for empty work. What work throws is thrown again
+// here. Work must not wait for a thread that is itself waiting here.
+//
+// Once the bus has stopped (the process is exiting), work runs on the calling
+// thread, one piece at a time.
+ZOR_PLATFORM_API int32_t runOnEventThread(std::function<void()> work);
+
+// Whether the caller is the default bus's delivery thread (or runs work
+// handed over by runOnEventThread once the bus has stopped).
+ZOR_PLATFORM_API bool onEventThread();
+
+}  // namespace ZOR

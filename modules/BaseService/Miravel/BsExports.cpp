@@ -1,5 +1,6 @@
 // The library's exported entry points: the factories and the property key.
 #include "BsAudioWaveExtractWrapper.h"
+#include "BsClipThumbnailService/BsClipThumbnailService.h"
 #include "BsVideoFrameExtractWrapper.h"
 #include "Common/ZorInternalComUtility.h"
 #include "Miravel/ClipThumbnailKey.h"
@@ -18,6 +19,10 @@ MIRAVEL_API ZOR::IBsAudioWaveExtractWrapper* createBsAudioWaveExtractWrapper() {
 
 MIRAVEL_API ZOR::IBsVideoFrameExtractWrapper* createBsVideoFrameExtractWrapper() {
     return ZOR::zorCreateObject<ZOR::BsVideoFrameExtractWrapper, ZOR::IBsVideoFrameExtractWrapper>();
+}
+
+MIRAVEL_API ZOR::IBsClipThumbnailService* createBsClipThumbnaiService() {
+    return ZOR::zorCreateObject<ZOR::BsClipThumbnailService, ZOR::IBsClipThumbnailService>();
 }
 
 }  // extern "C"

@@ -765,12 +765,14 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
 
     bool available = false;
     bool cacheBusy = false;
+    int64_t busyToken = -1;
     const int32_t beginFrame = static_cast<int32_t>(frameFromCnsTime(kWaveRate, request.sourceBegin));
     const int32_t endFrame = static_cast<int32_t>(frameFromCnsTime(kWaveRate, request.sourceEnd));
     BsAudioSampleCache* cache = entry.sampleCache.get();
     if (cache != nullptr) {
         std::lock_guard<std::mutex> guard(cache->lock());
-        if (cache->taskToken() != -1)
+        busyToken = cache->taskToken();
+        if (busyToken != -1)
             cacheBusy = true;
         else
             available = cache->hasFrames(beginFrame, endFrame);
@@ -809,6 +811,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
         request.cancelled.store(false);
         return 0;
     }
+    request.waitedToken = cacheBusy ? busyToken : -1;
     pushWaveData(entry.clip, queryer);
     request.cancelled.store(false);
     return 0;
@@ -874,23 +877,47 @@ void BsAudioThumbnailBuilder::waveWorkerLoop() {
 }
 
 void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status) {
-    std::lock_guard<std::mutex> guard(lock_);
-    for (auto& [clipKey, entry] : clips_) {
-        bool refreshing = false;
-        if (entry->sampleCache) {
-            std::lock_guard<std::mutex> cacheGuard(entry->sampleCache->lock());
-            if (entry->sampleCache->taskToken() == token) entry->sampleCache->setTaskToken(-1);
-            refreshing = entry->sampleCache->taskToken() != -1;
+    std::set<uint64_t> stale;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (auto& [clipKey, entry] : clips_) {
+            bool refreshing = false;
+            if (entry->sampleCache) {
+                std::lock_guard<std::mutex> cacheGuard(entry->sampleCache->lock());
+                if (entry->sampleCache->taskToken() == token) entry->sampleCache->setTaskToken(-1);
+                refreshing = entry->sampleCache->taskToken() != -1;
+            }
+            for (auto& [queryerKey, request] : entry->requests) {
+                if (request.token != token) continue;
+                ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "===:ctsFINISH token:%lld,isRefreshing:%d",
+                        static_cast<long long>(token), refreshing ? 1 : 0);
+                if (status == 2) pushWaveData(entry->clip, queryerOf(queryerKey));
+                request.taskState = status;
+                request.token = -1;
+                break;
+            }
+            // Requests that were answered while this task was still extracting
+            // their media read what was there then: their values are dropped
+            // and their clip is told to ask again.
+            bool waited = false;
+            for (auto& [queryerKey, request] : entry->requests) waited = waited || request.waitedToken == token;
+            if (waited) {
+                std::lock_guard<std::mutex> param(entry->paramLock);
+                for (auto& [queryerKey, request] : entry->requests) {
+                    if (request.waitedToken != token) continue;
+                    request.waitedToken = -1;
+                    if (status != 2) continue;
+                    request.rawSamples.clear();
+                    request.samples.clear();
+                    stale.insert(clipKey);
+                }
+            }
         }
-        for (auto& [queryerKey, request] : entry->requests) {
-            if (request.token != token) continue;
-            ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "===:ctsFINISH token:%lld,isRefreshing:%d",
-                    static_cast<long long>(token), refreshing ? 1 : 0);
-            if (status == 2) pushWaveData(entry->clip, queryerOf(queryerKey));
-            request.taskState = status;
-            request.token = -1;
-            break;
-        }
+    }
+    for (uint64_t clipKey : stale) {
+        auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
+        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", hexOf(clip));
+        if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
 }
 

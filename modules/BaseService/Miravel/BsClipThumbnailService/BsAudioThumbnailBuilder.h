@@ -83,6 +83,10 @@ struct AudioThumbnailRequest {
     std::vector<float> rawSamples;
     std::vector<float> samples;
     std::atomic<bool> cancelled{false};  // also written by the service thread while the worker computes
+    // The token of another request's task that was still extracting this
+    // media when this request was answered from what the wave manager held;
+    // the request is refreshed when that task ends. -1 when none.
+    int64_t waitedToken = -1;
     std::atomic<bool> inWork{false};
 };
 
