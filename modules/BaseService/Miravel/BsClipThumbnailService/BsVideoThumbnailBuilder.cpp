@@ -39,21 +39,24 @@ BsVideoThumbnailBuilder::BsVideoThumbnailBuilder(IBsVideoClipThumbnailCallback* 
 }
 
 BsVideoThumbnailBuilder::~BsVideoThumbnailBuilder() {
+    if (task_ != nullptr) {
+        // No report reaches this builder once the callback is removed (a
+        // restart in flight may still store a record before that); the task's
+        // work is cancelled and joined before the task goes.
+        task_->removeCallBack(this);
+        task_->shutdown();
+    }
     std::map<int64_t, VideoThumbnailTaskRecord> records;
     {
         std::lock_guard<std::mutex> guard(lock_);
         records.swap(tasks_);
     }
+    for (auto& [token, record] : records) releaseRecord(record);
     if (task_ != nullptr) {
-        // No report reaches this builder once the callback is removed; the
-        // task's work is cancelled and joined before the task goes.
-        task_->removeCallBack(this);
-        task_->shutdown();
         task_->Release();  // the builder's own reference
         task_->Release();  // the creation's
         task_ = nullptr;
     }
-    for (auto& [token, record] : records) releaseRecord(record);
 }
 
 void BsVideoThumbnailBuilder::releaseRecord(VideoThumbnailTaskRecord& record) {
@@ -123,13 +126,16 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
 
     IZORLonglongList* frames = createZORLonglongList();
     IZORPByteList* pictures = createZORPByteList();
+    std::vector<BsVideoThumbnailCacheManager::Picture> held;  // the delivered pixels stay valid while delivering
 
     int64_t* begin = request.frames;
     int64_t* end = request.frames + request.frameCount;
     std::sort(begin, end);
     end = std::unique(begin, end);
     for (int64_t* frame = begin; frame != end; ++frame) {
-        if (unsigned char* picture = cache_.getThumbnail(key, *frame, request.width, request.height)) {
+        BsVideoThumbnailCacheManager::Picture holder;
+        if (unsigned char* picture = cache_.getThumbnail(key, *frame, request.width, request.height, &holder)) {
+            held.push_back(std::move(holder));
             frames->append(*frame);
             pictures->append(picture);
         } else {
@@ -140,6 +146,7 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
     if (frames->count() > 0) deliver(clip, request.width, request.height, frames, pictures);
     frames->Release();
     pictures->Release();
+    held.clear();
     if (record.missingFrames.empty()) {
         releaseRecord(record);
         return 0;
@@ -225,10 +232,7 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
 int32_t BsVideoThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                 const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    if (status == 1) {
-        onTaskProcessing(token, info != nullptr ? info->data : nullptr);
-        return 0;
-    }
+    if (status == 1) return onTaskProcessing(token, info != nullptr ? info->data : nullptr);
     ZOR_LOG(1, "ZOR::BsVideoThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     VideoThumbnailTaskRecord record;
@@ -249,6 +253,9 @@ int32_t BsVideoThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*
         task_->append(record.clip, record.missingFrames.data(), static_cast<int32_t>(record.missingFrames.size()),
                       &restarted, record.width, record.height, 0);
         record.requestedFrames = record.missingFrames;
+        // The new token's first report is a batch report again: it picks up
+        // what the store already holds.
+        record.hasTaskData = 0;
         VideoThumbnailTaskRecord previous;
         {
             std::lock_guard<std::mutex> guard(lock_);
@@ -293,6 +300,8 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
     const VideoThumbnailKey key{record.mediaId, record.styleId, record.streamId};
     IZORLonglongList* frames = createZORLonglongList();
     IZORPByteList* pictures = createZORPByteList();
+    std::vector<BsVideoThumbnailCacheManager::Picture> held;  // the delivered pixels stay valid while delivering
+    BsVideoThumbnailCacheManager::Picture holder;
     auto finish = [&](int32_t result) {
         frames->Release();
         pictures->Release();
@@ -315,20 +324,26 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
                 return finish(1001);
             }
             record.missingFrames.erase(position);
-            if (unsigned char* picture =
-                    cache_.addThumbnail(key, time, record.width, record.height, frame->bytes(), frame->byteSize())) {
+            if (unsigned char* picture = cache_.addThumbnail(key, time, record.width, record.height, frame->bytes(),
+                                                             frame->byteSize(), &holder)) {
+                held.push_back(std::move(holder));
                 frames->append(time);
                 pictures->append(picture);
             }
             {
+                // Frames may have been added to the request (addFrames on
+                // another thread) since the copy was taken: only this frame
+                // leaves the record's list.
                 std::lock_guard<std::mutex> guard(lock_);
                 auto it = tasks_.find(token);
                 if (it != tasks_.end()) {
-                    it->second.missingFrames = record.missingFrames;
-                    it->second.hasTaskData = 1;
+                    auto& current = it->second.missingFrames;
+                    current.erase(std::remove(current.begin(), current.end(), time), current.end());
+                    outstanding = current.size();
+                } else {
+                    outstanding = record.missingFrames.size();
                 }
             }
-            outstanding = outstanding - 1;
         }
     } else {
         const size_t count = record.missingFrames.size();
@@ -351,26 +366,39 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
             if (std::binary_search(stillMissing.begin(), stillMissing.end(), time)) continue;
             unsigned char* picture = nullptr;
             if (frame != nullptr && frame->requestedTime() == time) {
-                picture = cache_.addThumbnail(key, time, record.width, record.height, frame->bytes(), frame->byteSize());
+                picture = cache_.addThumbnail(key, time, record.width, record.height, frame->bytes(), frame->byteSize(),
+                                              &holder);
             } else {
                 char* slot = slots.data() + i * kPathSlotBytes;
                 slot[kPathSlotBytes - 1] = '\0';
-                picture = cache_.addThumbnail(key, time, record.width, record.height, slot);
+                picture = cache_.addThumbnail(key, time, record.width, record.height, slot, &holder);
             }
             if (picture != nullptr) {
+                held.push_back(std::move(holder));
                 frames->append(time);
                 pictures->append(picture);
             }
         }
+        outstanding = stillMissing.size();
         {
             std::lock_guard<std::mutex> guard(lock_);
             auto it = tasks_.find(token);
             if (it != tasks_.end()) {
-                it->second.missingFrames = stillMissing;
-                it->second.hasTaskData = 1;
+                if (it->second.missingFrames == record.missingFrames) {
+                    it->second.missingFrames = stillMissing;
+                    it->second.hasTaskData = 1;
+                } else {
+                    // Replaced by frames added meanwhile: drop what this
+                    // report delivered and leave the rest to the next batch.
+                    auto& current = it->second.missingFrames;
+                    for (int32_t i = 0; i < frames->count(); ++i) {
+                        const int64_t delivered = frames->get(i);
+                        current.erase(std::remove(current.begin(), current.end(), delivered), current.end());
+                    }
+                    outstanding = current.size();
+                }
             }
         }
-        outstanding = stillMissing.size();
     }
 
     bool present = false;

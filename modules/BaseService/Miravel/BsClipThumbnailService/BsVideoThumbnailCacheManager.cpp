@@ -37,7 +37,7 @@ std::string BsVideoThumbnailCacheManager::sizeKey(int32_t width, int32_t height)
 }
 
 unsigned char* BsVideoThumbnailCacheManager::getThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width,
-                                                          int32_t height) {
+                                                          int32_t height, Picture* holder) {
     const std::string size = sizeKey(width, height);
     const int64_t aligned = alignedTime(time);
     std::lock_guard<std::mutex> guard(lock_);
@@ -47,34 +47,36 @@ unsigned char* BsVideoThumbnailCacheManager::getThumbnail(const VideoThumbnailKe
     if (sized == media->second.end()) return nullptr;
     auto picture = sized->second.lower_bound(aligned);
     if (picture == sized->second.end() || picture->first != aligned) return nullptr;
+    if (holder != nullptr) *holder = picture->second;
     return picture->second.get();
 }
 
 unsigned char* BsVideoThumbnailCacheManager::insert(const VideoThumbnailKey& key, int64_t time, int32_t width,
-                                                    int32_t height, Picture picture) {
+                                                    int32_t height, Picture picture, Picture* holder) {
     const std::string size = sizeKey(width, height);
     std::lock_guard<std::mutex> guard(lock_);
     auto& times = store_[key][size];
     // The first stored picture stays; a picture that lost the race is freed
     // when `picture` goes, after the lock.
     auto [slot, inserted] = times.emplace(alignedTime(time), picture);
+    if (holder != nullptr) *holder = slot->second;
     return slot->second.get();
 }
 
 unsigned char* BsVideoThumbnailCacheManager::addThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width,
                                                           int32_t height, const unsigned char* pixels,
-                                                          int64_t size) {
-    if (unsigned char* stored = getThumbnail(key, time, width, height)) return stored;
+                                                          int64_t size, Picture* holder) {
+    if (unsigned char* stored = getThumbnail(key, time, width, height, holder)) return stored;
     if (size < 0) return nullptr;
     auto* copy = static_cast<unsigned char*>(allocate(static_cast<size_t>(size)));
     if (copy == nullptr) return nullptr;
     if (size > 0 && pixels != nullptr) std::memcpy(copy, pixels, static_cast<size_t>(size));
-    return insert(key, time, width, height, Picture(copy, &freePicture));
+    return insert(key, time, width, height, Picture(copy, &freePicture), holder);
 }
 
 unsigned char* BsVideoThumbnailCacheManager::addThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width,
-                                                          int32_t height, const char* pngPath) {
-    if (unsigned char* stored = getThumbnail(key, time, width, height)) return stored;
+                                                          int32_t height, const char* pngPath, Picture* holder) {
+    if (unsigned char* stored = getThumbnail(key, time, width, height, holder)) return stored;
     unsigned char* buffer = nullptr;
     int bufferWidth = 0;
     int bufferHeight = 0;
@@ -84,7 +86,7 @@ unsigned char* BsVideoThumbnailCacheManager::addThumbnail(const VideoThumbnailKe
                 "size not match, width = %d, height = %d, bufferWidth = %d, bufferHeight = %d", width, height,
                 bufferWidth, bufferHeight);
     // Stored even when the load gave nothing: the entry then reads as a miss.
-    return insert(key, time, width, height, Picture(buffer, &freeLoadedPicture));
+    return insert(key, time, width, height, Picture(buffer, &freeLoadedPicture), holder);
 }
 
 bool BsVideoThumbnailCacheManager::containsKey(const VideoThumbnailKey& key) {

@@ -39,14 +39,20 @@ public:
     static int64_t alignedTime(int64_t time) { return time - time % thumbnailTimeStep; }
     static std::string sizeKey(int32_t width, int32_t height);
 
-    unsigned char* getThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height);
+    // A picture's shared owner: whoever holds one keeps the pixels valid even
+    // after the entry is removed (the builder holds them while delivering).
+    using Picture = std::shared_ptr<unsigned char>;
+
+    // Each call below may also hand out the picture's owner through holder.
+    unsigned char* getThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
+                                Picture* holder = nullptr);
     // A copy of size bytes at pixels; the stored picture when one is there.
     unsigned char* addThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
-                                const unsigned char* pixels, int64_t size);
+                                const unsigned char* pixels, int64_t size, Picture* holder = nullptr);
     // The PNG file at pngPath, stored whatever its size (a size that differs
     // from width x height is logged).
     unsigned char* addThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
-                                const char* pngPath);
+                                const char* pngPath, Picture* holder = nullptr);
     bool containsKey(const VideoThumbnailKey& key);
     bool removeKey(const VideoThumbnailKey& key);
     bool removeMedia(const std::string& mediaId);
@@ -56,9 +62,8 @@ public:
     size_t pictureCount();
 
 private:
-    using Picture = std::shared_ptr<unsigned char>;
     unsigned char* insert(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
-                          Picture picture);
+                          Picture picture, Picture* holder);
 
     std::mutex lock_;  // alone: nothing else is locked while it is held
     std::map<VideoThumbnailKey, std::map<std::string, std::map<int64_t, Picture>>> store_;

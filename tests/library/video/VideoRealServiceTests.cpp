@@ -1,0 +1,358 @@
+// The video thumbnail builder on the real task service and a real timeline
+// (createTimeline), over a video made by the ffmpeg command whose colour
+// changes every second, with the frame store in a folder of the test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BsDataStructure/BsDataStructure.h"
+#include "BsVideoThumbnailBuilder.h"
+#include "CapturingLogger.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmMedia.h"
+#include "DataModel/DmTimeline.h"
+#include "MediaTestSupport.h"
+
+namespace ZOR::test {
+namespace {
+
+using MediaTest::ffmpeg;
+using MediaTest::TempFolder;
+
+constexpr auto kGenerous = std::chrono::seconds(60);
+constexpr int64_t kSecond = 10'000'000;  // cns
+constexpr int32_t kWidth = 160;
+constexpr int32_t kHeight = 90;
+constexpr int32_t kBytesPerPicture = kWidth * kHeight * 4;
+constexpr int kTimes = 20;
+
+struct Colour {
+    int r;
+    int g;
+    int b;
+};
+// The colour of each second of the video.
+const Colour kColours[] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 0}};
+
+// Times 0, 0.2 s, ... 3.8 s: five in each second.
+std::vector<int64_t> twentyTimes() {
+    std::vector<int64_t> times;
+    for (int i = 0; i < kTimes; ++i) times.push_back(i * kSecond / 5);
+    return times;
+}
+
+struct Delivery {
+    IDmClip* clip = nullptr;
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t count = 0;
+    int32_t bytesPerPicture = 0;
+    std::vector<int64_t> frames;
+    std::vector<unsigned char*> pointers;
+    std::vector<std::vector<unsigned char>> pictures;  // bytesPerPicture bytes each
+    std::thread::id thread;
+};
+
+// Keeps every delivery (pictures copied) and notice; the test waits for
+// them on a condition variable.
+class Recorder final : public IBsVideoClipThumbnailCallback {
+public:
+    int32_t onVideoThumbnailNotice(void*) override { return 0; }
+    int32_t onVideoThumbnailChanged(IDmClip* clip) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        changed_.push_back(clip);
+        return 0;
+    }
+    int32_t onVideoThumbnailData(IDmClip* clip, int32_t width, int32_t height, IZORLonglongList* frames,
+                                 IZORPByteList* pictures, int32_t count, int32_t bytesPerPicture) override {
+        Delivery delivery;
+        delivery.clip = clip;
+        delivery.width = width;
+        delivery.height = height;
+        delivery.count = count;
+        delivery.bytesPerPicture = bytesPerPicture;
+        delivery.thread = std::this_thread::get_id();
+        for (int32_t i = 0; i < frames->count(); ++i) delivery.frames.push_back(frames->get(i));
+        for (int32_t i = 0; i < pictures->count(); ++i) {
+            unsigned char* picture = pictures->get(i);
+            delivery.pointers.push_back(picture);
+            delivery.pictures.emplace_back(picture, picture + bytesPerPicture);
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (int64_t frame : delivery.frames) seen_.insert(frame);
+        deliveries_.push_back(std::move(delivery));
+        signal_.notify_all();
+        return 0;
+    }
+
+    // Waits until every one of times was delivered.
+    bool waitForFrames(const std::vector<int64_t>& times) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return signal_.wait_for(lock, kGenerous, [&] {
+            return std::all_of(times.begin(), times.end(), [&](int64_t time) { return seen_.count(time) > 0; });
+        });
+    }
+    std::vector<Delivery> deliveries() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return deliveries_;
+    }
+    std::vector<Delivery> pictureDeliveries() const {
+        std::vector<Delivery> found;
+        for (Delivery& delivery : deliveries())
+            if (!delivery.frames.empty()) found.push_back(std::move(delivery));
+        return found;
+    }
+    std::vector<IDmClip*> changed() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return changed_;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        deliveries_.clear();
+        changed_.clear();
+        seen_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;  // leaf
+    std::condition_variable signal_;
+    std::vector<Delivery> deliveries_;
+    std::vector<IDmClip*> changed_;
+    std::set<int64_t> seen_;
+};
+
+std::string pointerText(const void* pointer) {
+    std::ostringstream text;
+    text << pointer;
+    return text.str();
+}
+
+std::vector<std::string> textsOf(const CapturingSink& sink, const std::string& function) {
+    std::vector<std::string> found;
+    for (const CapturedLine& line : sink.lines())
+        if (line.function == function) found.push_back(line.text);
+    return found;
+}
+
+// Checks the deliveries: each ascending and in step, of the request's size,
+// every frame once, each with the colour of its second at its centre. The
+// delivered frames, in delivery order.
+std::vector<int64_t> checkDeliveries(const std::vector<Delivery>& deliveries, IDmClip* clip) {
+    std::vector<int64_t> all;
+    for (const Delivery& delivery : deliveries) {
+        EXPECT_EQ(delivery.clip, clip);
+        EXPECT_EQ(delivery.width, kWidth);
+        EXPECT_EQ(delivery.height, kHeight);
+        EXPECT_EQ(delivery.bytesPerPicture, kBytesPerPicture);
+        EXPECT_EQ(delivery.count, static_cast<int32_t>(delivery.frames.size()));
+        EXPECT_EQ(delivery.pictures.size(), delivery.frames.size());
+        EXPECT_TRUE(std::is_sorted(delivery.frames.begin(), delivery.frames.end()));
+        EXPECT_EQ(std::adjacent_find(delivery.frames.begin(), delivery.frames.end()), delivery.frames.end());
+        for (size_t i = 0; i < delivery.frames.size() && i < delivery.pictures.size(); ++i) {
+            const int64_t time = delivery.frames[i];
+            all.push_back(time);
+            const Colour expected = kColours[std::clamp<int64_t>(time / kSecond, 0, 3)];
+            const size_t centre = (static_cast<size_t>(kHeight / 2) * kWidth + kWidth / 2) * 4;
+            const std::vector<unsigned char>& picture = delivery.pictures[i];
+            EXPECT_NEAR(picture[centre], expected.r, 40) << "time " << time;
+            EXPECT_NEAR(picture[centre + 1], expected.g, 40) << "time " << time;
+            EXPECT_NEAR(picture[centre + 2], expected.b, 40) << "time " << time;
+            EXPECT_EQ(picture[centre + 3], 255) << "time " << time;
+        }
+    }
+    std::vector<int64_t> sorted = all;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(sorted, twentyTimes()) << "every time once";
+    return all;
+}
+
+class VideoRealServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        store_ = folder_.file("store");
+        setFrameStoreRoot(store_.c_str());
+        video_ = folder_.file("colours.mp4");
+        std::string inputs;
+        for (const char* colour : {"0xFF0000", "0x00FF00", "0x0000FF", "0xFFFF00"})
+            inputs += std::string(" -f lavfi -i \"color=c=") + colour + ":s=160x90:r=25:d=1\"";
+        ASSERT_TRUE(ffmpeg(inputs + " -filter_complex \"[0][1][2][3]concat=n=4:v=1:a=0\" -c:v libx264 "
+                           "-pix_fmt yuv420p '" + video_ + "'"));
+
+        DmClipDesc clip;
+        clip.name = "colours";
+        clip.mediaPath = video_;
+        clip.begin = 0;
+        clip.end = 4 * kSecond;
+        clip.markIn = 0;
+        clip.markOut = 4 * kSecond;
+        DmTrackDesc track;
+        track.name = "video";
+        track.kind = DmTrackVideo;
+        track.clips.push_back(clip);
+        DmTimelineDesc desc;
+        desc.name = "timeline";
+        desc.tracks.push_back(track);
+        std::string error;
+        timeline_ = createTimeline(desc, &error);
+        ASSERT_NE(timeline_, nullptr) << error;
+        clip_ = timeline_->clip(0, 0);
+        ASSERT_NE(clip_, nullptr);
+        ASSERT_NE(clip_->queryInterface("IDmVideoFeature"), nullptr);
+        char id[1024] = {};
+        clip_->mediaId(id, sizeof id);
+        mediaId_ = std::string(id).substr(0, 63);  // as the builder reads it: 64 bytes
+    }
+    void TearDown() override {
+        builder_.reset();
+        if (timeline_ != nullptr) timeline_->Release();
+        setFrameStoreRoot(nullptr);
+    }
+
+    BsVideoThumbnailBuilder& builder() {
+        if (!builder_) builder_ = std::make_unique<BsVideoThumbnailBuilder>(&recorder_);
+        return *builder_;
+    }
+    int32_t request(BsVideoThumbnailBuilder& target, uint32_t refresh = 0) {
+        frames_ = twentyTimes();
+        VideoThumbnailRequest r;
+        r.clip = clip_;
+        r.width = kWidth;
+        r.height = kHeight;
+        r.frames = frames_.data();
+        r.frameCount = static_cast<int32_t>(frames_.size());
+        r.refresh = refresh;
+        return target.requestThumbnails(r);
+    }
+    // The first request, answered by extraction.
+    void firstPass() {
+        ASSERT_EQ(request(builder()), 0);
+        ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
+        checkDeliveries(recorder_.pictureDeliveries(), clip_);
+        EXPECT_EQ(builder().taskCount(), 0u);
+    }
+
+    TempFolder folder_;
+    std::string store_;
+    std::string video_;
+    std::string mediaId_;
+    IDmTimeline* timeline_ = nullptr;
+    IDmClip* clip_ = nullptr;  // the timeline's
+    Recorder recorder_;
+    std::unique_ptr<BsVideoThumbnailBuilder> builder_;
+    std::vector<int64_t> frames_;
+};
+
+constexpr const char* kAppend = "ZOR::VideoFrameExtractTask::append";
+
+TEST_F(VideoRealServiceTest, TwentyTimesAreDeliveredWithTheColoursOfTheirTimes) {
+    ScopedCapture capture(IBsLogger::Info);
+    ASSERT_EQ(request(builder()), 0);
+    ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
+
+    const auto deliveries = recorder_.pictureDeliveries();
+    checkDeliveries(deliveries, clip_);
+    for (const Delivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
+    EXPECT_EQ(builder().taskCount(), 0u);
+    const auto appends = textsOf(capture.sink(), kAppend);
+    ASSERT_EQ(appends.size(), 1u);
+    EXPECT_NE(appends[0].find(" 20 frames 160x90"), std::string::npos) << appends[0];
+    EXPECT_EQ(appends[0].find("refresh"), std::string::npos) << appends[0];
+    // Every picture is in the store for later runs.
+    size_t stored = 0;
+    for (const std::string& file : MediaTest::filesUnder(store_))
+        if (file.size() > 4 && file.compare(file.size() - 4, 4, ".png") == 0) ++stored;
+    EXPECT_EQ(stored, static_cast<size_t>(kTimes));
+}
+
+TEST_F(VideoRealServiceTest, TheSameRequestAgainIsAnsweredFromTheCacheOnTheCallersThread) {
+    ScopedCapture capture(IBsLogger::Info);
+    firstPass();
+    const auto first = recorder_.pictureDeliveries();
+    std::map<int64_t, unsigned char*> pointers;
+    for (const Delivery& delivery : first)
+        for (size_t i = 0; i < delivery.frames.size(); ++i) pointers[delivery.frames[i]] = delivery.pointers[i];
+    recorder_.clear();
+
+    ASSERT_EQ(request(builder()), 0);
+
+    // Delivered before the request returned, all at once.
+    const auto deliveries = recorder_.deliveries();
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(deliveries[0].frames, twentyTimes());
+    checkDeliveries(deliveries, clip_);
+    for (size_t i = 0; i < deliveries[0].frames.size(); ++i)
+        EXPECT_EQ(deliveries[0].pointers[i], pointers[deliveries[0].frames[i]]);
+    EXPECT_EQ(textsOf(capture.sink(), kAppend).size(), 1u);  // the first pass's only
+    EXPECT_EQ(builder().taskCount(), 0u);
+}
+
+TEST_F(VideoRealServiceTest, ARefreshClearsTheCacheAndExtractsAnew) {
+    ScopedCapture capture(IBsLogger::Info);
+    firstPass();
+    ASSERT_TRUE(builder().cache().containsKey({mediaId_, "", -1}));
+    recorder_.clear();
+
+    ASSERT_EQ(request(builder(), /*refresh=*/1), 0);
+
+    EXPECT_EQ(recorder_.changed(), (std::vector<IDmClip*>{clip_}));
+    const auto cleared = textsOf(capture.sink(), "ZOR::BsVideoThumbnailBuilder::clearCache");
+    ASSERT_EQ(cleared.size(), 1u);
+    EXPECT_EQ(cleared[0], "clear cache clipPtr:" + pointerText(clip_) + "mediaId:" + mediaId_);
+    const auto appends = textsOf(capture.sink(), kAppend);
+    ASSERT_EQ(appends.size(), 2u);
+    EXPECT_NE(appends[1].find(" 20 frames 160x90 refresh"), std::string::npos) << appends[1];
+
+    ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
+    const auto deliveries = recorder_.pictureDeliveries();
+    checkDeliveries(deliveries, clip_);
+    for (const Delivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
+    EXPECT_EQ(builder().taskCount(), 0u);
+}
+
+TEST_F(VideoRealServiceTest, PicturesStoredByAnEarlierRunComeBackThroughTheStore) {
+    firstPass();
+    builder_.reset();
+
+    // A builder with an empty cache over the same store.
+    ScopedCapture capture(IBsLogger::Verbose);
+    Recorder later;
+    BsVideoThumbnailBuilder second(&later);
+    VideoThumbnailRequest r;
+    std::vector<int64_t> frames = twentyTimes();
+    r.clip = clip_;
+    r.width = kWidth;
+    r.height = kHeight;
+    r.frames = frames.data();
+    r.frameCount = kTimes;
+    ASSERT_EQ(second.requestThumbnails(r), 0);
+    EXPECT_TRUE(later.deliveries().empty());  // nothing in its memory
+    ASSERT_TRUE(later.waitForFrames(twentyTimes()));
+
+    // The first report found every file: one delivery, nothing decoded.
+    const auto deliveries = later.pictureDeliveries();
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].frames, twentyTimes());
+    EXPECT_NE(deliveries[0].thread, std::this_thread::get_id());
+    checkDeliveries(deliveries, clip_);
+    EXPECT_EQ(second.taskCount(), 0u);
+    EXPECT_EQ(second.cache().pictureCount(), static_cast<size_t>(kTimes));
+    EXPECT_EQ(textsOf(capture.sink(), kAppend).size(), 1u);
+    EXPECT_TRUE(textsOf(capture.sink(), "ZOR::VideoFrameExtractTask::decode").empty());
+    EXPECT_TRUE(textsOf(capture.sink(), "ZOR::BsVideoThumbnailCacheManager::addThumbnail").empty());
+}
+
+}  // namespace
+}  // namespace ZOR::test
