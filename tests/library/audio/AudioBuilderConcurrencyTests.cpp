@@ -97,14 +97,15 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
     auto reporting = std::async(std::launch::async, [&] {
         std::mt19937 random(4);
         const int32_t statuses[] = {2, 2, 3, 4, 7, 1};
-        int i = 0;
-        // Reports keep coming until after the builder is gone.
-        while (!builderGone.load() || i < kIterations) {
-            const auto appends = task->appends();
+        std::vector<ScriptedAppend> appends;
+        int afterGone = 0;
+        // Reports keep coming until a while after the builder is gone.
+        for (int i = 0; afterGone < 200; ++i) {
+            if (i % 64 == 0) appends = task->appends();
             const int64_t token = appends.empty() ? 1 : appends[random() % appends.size()].token;
             task->deliver(token, statuses[random() % 6]);
-            ++i;
-            if (builderGone.load() && i >= kIterations) break;
+            if (builderGone.load()) ++afterGone;
+            std::this_thread::yield();
         }
     });
 
