@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "DataModel/IDmBaseObj.h"
+#include "Miravel/MiravelExport.h"
 
 namespace ZOR {
 
@@ -71,3 +72,10 @@ protected:
 };
 
 }  // namespace ZOR
+
+extern "C" {
+
+// A new media thumbnail manager with one reference owned by the caller.
+MIRAVEL_API ZOR::IBsThumbManager* createThumbManager();
+
+}  // extern "C"

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <utility>
 
+#include "../Adapter/AdapterKeyTexts.h"
 #include "DataModel/DmTimeline.h"
 #include "DmEditSteps.h"
 #include "DmTimelineClip.h"
@@ -36,9 +37,39 @@ void* DmTimeline::queryInterface(const char* name) {
     if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IDmTimeline") == 0) return static_cast<IDmTimeline*>(this);
     if (std::strcmp(name, "IDmCallbackSource") == 0) return static_cast<IDmCallbackSource*>(this);
+    if (std::strcmp(name, "IDmTimelineInternal") == 0) return static_cast<IDmTimelineInternal*>(this);
     if (std::strcmp(name, "IDmBaseObj") == 0) return static_cast<IDmBaseObj*>(static_cast<IDmTimeline*>(this));
     if (std::strcmp(name, "RefCnt") == 0) return static_cast<RefCnt<void>*>(this);
     return nullptr;
+}
+
+int32_t DmTimeline::settings(Settings* settings) {
+    if (settings == nullptr) return 1001;
+    *settings = Settings{1920, 16, 9};
+    for (int32_t t = trackCount() - 1; t >= 0; --t) {
+        IDmTrack* track = this->track(t);
+        if (track == nullptr || track->trackKind() != DmTrackVideo) continue;
+        ZorProperty visible;
+        if (track->getProperty(keytext::kTrackVisible, &visible) == 0 && !visible.boolValue()) continue;
+        for (int32_t i = 0; i < clipCount(t); ++i) {
+            auto* video = static_cast<IDmVideoFeature*>(clip(t, i)->queryInterface("IDmVideoFeature"));
+            int32_t width = 0;
+            int32_t height = 0;
+            ZorProperty value;
+            auto* owner = static_cast<IDmPropertyOwner*>(clip(t, i)->queryInterface("IDmPropertyOwner"));
+            if (video == nullptr || owner == nullptr) continue;
+            if (owner->getProperty(keytext::kMediaInfoWidth, &value) == 0) width = static_cast<int32_t>(value.intValue);
+            if (owner->getProperty(keytext::kMediaInfoHeight, &value) == 0) height = static_cast<int32_t>(value.intValue);
+            if (width < 1 || height < 1) continue;
+            *settings = Settings{width, width, height};
+            return 0;
+        }
+    }
+    return 0;
+}
+
+int64_t DmTimeline::adapterHandle() {
+    return static_cast<int64_t>(reinterpret_cast<uintptr_t>(static_cast<IDmTimeline*>(this)));
 }
 
 int32_t DmTimeline::trackCount() { return static_cast<int32_t>(tracks_.size()); }

@@ -108,7 +108,10 @@ private:
 // to video clip, effect to clip) is plain, and is cleared when the owner goes,
 // so there is no cycle and an object held beyond its owner answers null
 // instead of a dead pointer.
-class DmTimeline final : public RefCnt<void>, public virtual IDmTimeline, public virtual IDmCallbackSource {
+class DmTimeline final : public RefCnt<void>,
+                         public virtual IDmTimeline,
+                         public virtual IDmCallbackSource,
+                         public virtual IDmTimelineInternal {
 public:
     ZOR_IMPLEMENT_REFCNT
 
@@ -130,6 +133,13 @@ public:
     // IDmCallbackSource
     int32_t registerCallback(IDmBaseObj* listener) override;
     int32_t unregisterCallback(IDmBaseObj* listener) override;
+
+    // IDmTimelineInternal: the timeline as a media object. Its picture is that
+    // of the topmost visible video track's first clip with a picture (1920
+    // wide at 16:9 when there is none); the thumb adapter opens it by its
+    // IDmTimeline pointer.
+    int32_t settings(Settings* settings) override;
+    int64_t adapterHandle() override;
 
     // While building: takes over the one reference the caller holds on track.
     void appendTrack(DmTrack* track);

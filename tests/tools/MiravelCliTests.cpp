@@ -3,8 +3,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <set>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -103,6 +107,23 @@ TEST(MiravelCli, WaveValuesEqualTheDefinitionForGeneratedSamples) {
     }
 }
 
+// The PNG file is width x height, opaque, with colour at its centre.
+void expectPicture(const std::string& file, int width, int height, const std::array<int, 3>& colour, int tolerance) {
+    unsigned char* pixels = nullptr;
+    int loadedWidth = 0, loadedHeight = 0;
+    ASSERT_EQ(ZOR::loadPNG(file.c_str(), &pixels, &loadedWidth, &loadedHeight), 0) << file;
+    EXPECT_EQ(loadedWidth, width) << file;
+    EXPECT_EQ(loadedHeight, height) << file;
+    if (loadedWidth == width && loadedHeight == height) {
+        const unsigned char* centre =
+            pixels + (static_cast<size_t>(height / 2) * static_cast<size_t>(width) + static_cast<size_t>(width / 2)) * 4;
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(centre[c], colour[static_cast<size_t>(c)], tolerance) << file << " channel " << c;
+        EXPECT_EQ(centre[3], 255) << file;
+    }
+    ZOR::freeImageBuffer(pixels);
+}
+
 TEST(MiravelCli, FramesShowTheColourOfTheirSecondInRequestOrder) {
     TempFolder folder;
     const std::string video = folder.file("colours.mp4");
@@ -122,16 +143,7 @@ TEST(MiravelCli, FramesShowTheColourOfTheirSecondInRequestOrder) {
         SCOPED_TRACE(i);
         EXPECT_EQ(frames[i].at("time").get<int64_t>(), times[i]);
         EXPECT_EQ(frames[i].at("shown").get<int64_t>(), times[i] / 400'000 * 400'000);
-        const std::string file = frames[i].at("file").get<std::string>();
-        unsigned char* pixels = nullptr;
-        int width = 0, height = 0;
-        ASSERT_EQ(ZOR::loadPNG(file.c_str(), &pixels, &width, &height), 0) << file;
-        EXPECT_EQ(width, 160);
-        EXPECT_EQ(height, 90);
-        const unsigned char* centre = pixels + (static_cast<size_t>(45) * 160 + 80) * 4;
-        for (int c = 0; c < 3; ++c) EXPECT_NEAR(centre[c], colours[i][static_cast<size_t>(c)], 12) << "channel " << c;
-        EXPECT_EQ(centre[3], 255);
-        ZOR::freeImageBuffer(pixels);
+        expectPicture(frames[i].at("file").get<std::string>(), 160, 90, colours[i], 12);
     }
 }
 
@@ -183,6 +195,362 @@ TEST(MiravelCli, LogOptionWritesLibraryLinesToStderr) {
     EXPECT_NE(run.err.find("query wav clip id "), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("finsh wav clip id "), std::string::npos) << run.err;
     EXPECT_EQ(run.err.find("append token:"), std::string::npos) << "trace lines are below info";
+}
+
+// ---------------------------------------------------------------------------
+// Timeline documents: audio, video and render through the clip thumbnail
+// service.
+
+using Json = nlohmann::json;
+
+// A RationalTime of cns.
+Json otioTime(int64_t cns) { return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", cns}, {"rate", 10'000'000}}; }
+
+Json otioRange(int64_t start, int64_t duration) {
+    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", otioTime(start)}, {"duration", otioTime(duration)}};
+}
+
+Json otioGap(int64_t duration) { return Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", otioRange(0, duration)}}; }
+
+// A clip of [start, start + duration) of the media file.
+Json otioClip(const std::string& name, const std::string& media, int64_t start, int64_t duration,
+              const Json& miravel = Json::object()) {
+    return Json{{"OTIO_SCHEMA", "Clip.1"},
+                {"name", name},
+                {"source_range", otioRange(start, duration)},
+                {"media_reference", {{"OTIO_SCHEMA", "ExternalReference.1"}, {"target_url", media}}},
+                {"metadata", {{"miravel", miravel}}}};
+}
+
+Json otioTrack(const std::string& name, const std::string& kind, const Json& children) {
+    return Json{{"OTIO_SCHEMA", "Track.1"}, {"name", name}, {"kind", kind}, {"children", children}};
+}
+
+std::string writeDocument(const TempFolder& folder, const std::string& name, const Json& tracks) {
+    const std::string path = folder.file(name);
+    MediaTest::writeText(path, Json{{"OTIO_SCHEMA", "Timeline.1"},
+                                    {"name", "cut"},
+                                    {"tracks", {{"OTIO_SCHEMA", "Stack.1"}, {"children", tracks}}}}
+                                   .dump());
+    return path;
+}
+
+// The thumbnail of a clip at speed 1 and a constant volume without ducking:
+// point i at clip time t = begin + trunc(i / count x (end - begin)), read at
+// source position t from frame floor(t / 400,000), value index
+// trunc(float(t - frame start) / 400,000 x 40) (at most 39), scaled by the
+// square root of the volume's gain 10^(dB x 0.05) (power in single
+// precision), at most 1.
+std::vector<float> expectedAudio(const std::vector<float>& windows, int64_t begin, int64_t end, int64_t count,
+                                 double db) {
+    const double gain = static_cast<double>(powf(10.0f, static_cast<float>(db * static_cast<double>(0.05f))));
+    std::vector<float> values;
+    for (int64_t i = 0; i < count; ++i) {
+        const int64_t t = begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
+                                                       static_cast<double>(end - begin));
+        const int64_t frame = t / 400'000;
+        const float fraction = static_cast<float>(t - frame * 400'000) / 400'000.0f;
+        const uint32_t index = std::min<uint32_t>(static_cast<uint32_t>(fraction * 40.0f), 39);
+        const size_t window = static_cast<size_t>(frame) * 40 + index;
+        const float raw = window < windows.size() ? windows[window] : 0.0f;
+        values.push_back(std::min(1.0f, static_cast<float>(std::sqrt(gain) * static_cast<double>(raw))));
+    }
+    return values;
+}
+
+std::vector<float> printedValues(const Json& json) {
+    std::vector<float> values;
+    for (const Json& value : json.at("values")) values.push_back(value.get<float>());
+    return values;
+}
+
+void expectSameValues(const std::vector<float>& printed, const std::vector<float>& expected) {
+    ASSERT_EQ(printed.size(), expected.size());
+    int mismatches = 0;
+    for (size_t i = 0; i < expected.size(); ++i)
+        if (printed[i] != expected[i] && ++mismatches <= 5)
+            ADD_FAILURE() << "value " << i << ": " << printed[i] << " expected " << expected[i];
+    EXPECT_EQ(mismatches, 0);
+}
+
+// A 2.5 s stereo WAV file whose levels change over time, and a document with
+// one audio clip "Tone" of it at -6 dB: source 0.4 s .. 2.0 s, placed at 1 s
+// after a gap.
+struct ToneDocument {
+    std::string wav;
+    std::string document;
+    std::vector<float> windows;
+};
+
+constexpr int64_t kToneMarkIn = 4'000'000;
+constexpr int64_t kToneLength = 16'000'000;
+
+Json toneTrack(const std::string& wav) {
+    return otioTrack("Music", "Audio",
+                     Json::array({otioGap(10'000'000), otioClip("Tone", wav, kToneMarkIn, kToneLength, {{"volume_db", -6.0}})}));
+}
+
+ToneDocument toneDocument(const TempFolder& folder) {
+    ToneDocument tone;
+    tone.wav = rampWav(folder, 44100);
+    tone.windows = MediaTest::waveValues(MediaTest::readWav16(tone.wav));
+    tone.document = writeDocument(folder, "tone.otio", Json::array({toneTrack(tone.wav)}));
+    return tone;
+}
+
+TEST(MiravelCli, AudioValuesAreTheWaveDataShapedByTheClipVolume) {
+    TempFolder folder;
+    const ToneDocument tone = toneDocument(folder);
+    ASSERT_FALSE(tone.windows.empty());
+
+    // The default range: the clip's whole clip time, from its mark in.
+    CliRun run = runMiravel(folder, "audio '" + tone.document + "' --clip Tone --points 97");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    Json json = Json::parse(run.out);
+    EXPECT_EQ(json.at("clip").get<std::string>(), "Tone");
+    EXPECT_EQ(json.at("begin").get<int64_t>(), kToneMarkIn);
+    EXPECT_EQ(json.at("end").get<int64_t>(), kToneMarkIn + kToneLength);
+    EXPECT_EQ(json.at("count").get<int64_t>(), 97);
+    expectSameValues(printedValues(json), expectedAudio(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, 97, -6.0));
+
+    // A range given: passed on as it is.
+    run = runMiravel(folder, "audio '" + tone.document + "' --clip Tone --begin 5000000 --end 12345678 --points 333");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    json = Json::parse(run.out);
+    EXPECT_EQ(json.at("begin").get<int64_t>(), 5'000'000);
+    EXPECT_EQ(json.at("end").get<int64_t>(), 12'345'678);
+    EXPECT_EQ(json.at("count").get<int64_t>(), 333);
+    expectSameValues(printedValues(json), expectedAudio(tone.windows, 5'000'000, 12'345'678, 333, -6.0));
+}
+
+TEST(MiravelCli, AudioDuckingCanBeTurnedOff) {
+    TempFolder folder;
+    const ToneDocument tone = toneDocument(folder);
+    // A voice over timeline 1.5 s .. 2.0 s ducks the tone: clip time 0.9 s .. 1.4 s.
+    const Json voice = otioTrack(
+        "Voice", "Audio",
+        Json::array({otioGap(15'000'000),
+                     otioClip("Voice", tone.wav, 0, 5'000'000,
+                              {{"ducking", {{"enabled", true}, {"depth", 0.5}, {"fade", 0.0}, {"fade_ratio", 0.0}}}})}));
+    const std::string document = writeDocument(folder, "ducked.otio", Json::array({toneTrack(tone.wav), voice}));
+    constexpr int64_t kPoints = 160;  // one every 0.01 s
+    const std::vector<float> plain =
+        expectedAudio(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, kPoints, -6.0);
+
+    CliRun run = runMiravel(folder, "audio '" + document + "' --clip Tone --points 160 --no-ducking");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    expectSameValues(printedValues(Json::parse(run.out)), plain);
+
+    run = runMiravel(folder, "audio '" + document + "' --clip Tone --points 160");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::vector<float> ducked = printedValues(Json::parse(run.out));
+    ASSERT_EQ(ducked.size(), plain.size());
+    int lower = 0;
+    for (size_t i = 0; i < plain.size(); ++i) {
+        const int64_t t = kToneMarkIn + static_cast<int64_t>(i) * 100'000;  // clip time of point i
+        if (t < 8'000'000 || t > 15'000'000) {
+            EXPECT_EQ(ducked[i], plain[i]) << "point " << i << " lies outside the voice";
+        } else if (t >= 10'000'000 && t <= 13'000'000) {
+            EXPECT_LT(ducked[i], plain[i]) << "point " << i << " lies under the voice";
+            ++lower;
+        }
+    }
+    EXPECT_GT(lower, 0);
+}
+
+TEST(MiravelCli, AudioOfAClipWithoutSoundFails) {
+    TempFolder folder;
+    const std::string video = folder.file("silent.mp4");
+    ASSERT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=64x36:d=1:r=25 -c:v libx264 -pix_fmt yuv420p '" + video + "'"));
+    const std::string document =
+        writeDocument(folder, "silent.otio", Json::array({otioTrack("V", "Video", Json::array({otioClip("Mute shot", video, 0, 10'000'000)}))}));
+    const CliRun run = runMiravel(folder, "audio '" + document + "' --clip 'Mute shot' --points 10");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.out.empty());
+    EXPECT_EQ(run.err, "miravel: " + document + ": clip 'Mute shot' has no sound\n");
+}
+
+TEST(MiravelCli, ClipNamesThatAreMissingOrNotUniqueAreUsageErrors) {
+    TempFolder folder;
+    const std::string wav = rampWav(folder, 44100);
+    const std::string document = writeDocument(
+        folder, "names.otio",
+        Json::array({otioTrack("A1", "Audio", Json::array({otioClip("Intro", wav, 0, 5'000'000), otioClip("Twice", wav, 0, 5'000'000)})),
+                     otioTrack("A2", "Audio", Json::array({otioClip("Twice", wav, 0, 5'000'000)}))}));
+
+    CliRun run = runMiravel(folder, "audio '" + document + "' --clip Outro --points 10");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.out.empty());
+    EXPECT_NE(run.err.find("miravel: no clip named 'Outro' in " + document + "; its clips: 'Intro', 'Twice'\n"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("usage: miravel"), std::string::npos) << run.err;
+
+    run = runMiravel(folder, "audio '" + document + "' --clip Twice --points 10");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("miravel: more than one clip named 'Twice' in " + document + "; its clips: 'Intro', 'Twice'\n"),
+              std::string::npos)
+        << run.err;
+
+    run = runMiravel(folder, "video '" + document + "' --clip Nobody --times 0 --size 16x9 --out '" + folder.file("p") + "'");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("no clip named 'Nobody'"), std::string::npos) << run.err;
+}
+
+TEST(MiravelCli, BadServiceCommandArgumentsAreUsageErrors) {
+    TempFolder folder;
+    const std::string doc = folder.file("x.otio");
+    const std::string out = folder.file("out");
+    for (const std::string& arguments :
+         {"audio '" + doc + "' --clip A", "audio '" + doc + "' --points 3", std::string("audio --clip A --points 3"),
+          "audio '" + doc + "' --clip A --points 0", "audio '" + doc + "' --clip A --points 3 --begin 5",
+          "audio '" + doc + "' --clip A --points 3 --begin 9 --end 1", "audio '" + doc + "' --clip A --points 3 --timeout 0",
+          "video '" + doc + "' --clip A --times 0 --size 16x9", "video '" + doc + "' --clip A --size 16x9 --out '" + out + "'",
+          "video '" + doc + "' --clip A --times 0 --out '" + out + "'",
+          "video '" + doc + "' --clip A --times 0,y --size 16x9 --out '" + out + "'",
+          "render '" + doc + "'", "render '" + doc + "' --out '" + out + "' --width 10",
+          "render '" + doc + "' --out '" + out + "' --width wide", std::string("demo extra"), std::string("demo --bogus 1")}) {
+        const CliRun run = runMiravel(folder, arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments << "\n" << run.err;
+        EXPECT_NE(run.err.find("usage: miravel"), std::string::npos) << arguments;
+        EXPECT_TRUE(run.out.empty()) << arguments;
+    }
+}
+
+TEST(MiravelCli, BadDocumentFailsWithOneLineNamingIt) {
+    TempFolder folder;
+    const std::string broken = folder.file("broken.otio");
+    MediaTest::writeText(broken, "{\"OTIO_SCHEMA\": \"Timeline.1\", ");
+    const std::string missing = folder.file("missing.otio");
+    for (const std::string& command : {std::string("audio '") + broken + "' --clip A --points 3",
+                                       std::string("video '") + broken + "' --clip A --times 0 --size 8x8 --out '" +
+                                           folder.file("p") + "'",
+                                       std::string("render '") + broken + "' --out '" + folder.file("t.png") + "'"}) {
+        const CliRun run = runMiravel(folder, command);
+        EXPECT_EQ(run.exitCode, 1) << command;
+        EXPECT_TRUE(run.out.empty()) << command;
+        EXPECT_EQ(run.err.rfind("miravel: " + broken + ": invalid JSON at byte ", 0), 0u) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    }
+    const CliRun run = runMiravel(folder, "render '" + missing + "' --out '" + folder.file("t.png") + "'");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err, "miravel: " + missing + ": cannot open: No such file or directory\n");
+    EXPECT_FALSE(std::filesystem::exists(folder.file("t.png")));
+}
+
+// Red, blue and lime, one second each, and a document with one video clip of
+// it named "Colour bars" on a video track and a sound clip on an audio track.
+std::string coloursDocument(const TempFolder& folder) {
+    const std::string video = folder.file("colours.mp4");
+    EXPECT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=320x180:d=1:r=25 -f lavfi -i color=c=blue:s=320x180:d=1:r=25 "
+                       "-f lavfi -i color=c=lime:s=320x180:d=1:r=25 -filter_complex '[0][1][2]concat=n=3:v=1:a=0' "
+                       "-c:v libx264 -pix_fmt yuv420p -g 25 '" + video + "'"));
+    const std::string wav = rampWav(folder, 48000);
+    return writeDocument(folder, "colours.otio",
+                         Json::array({otioTrack("V1", "Video", Json::array({otioClip("Colour bars", video, 0, 30'000'000)})),
+                                      otioTrack("A1", "Audio", Json::array({otioGap(5'000'000), otioClip("Ramp", wav, 0, 20'000'000)}))}));
+}
+
+TEST(MiravelCli, VideoWritesTheDeliveredPicturesAsFiles) {
+    TempFolder folder;
+    const std::string document = coloursDocument(folder);
+    const std::string out = folder.file("pictures");
+    const std::vector<int64_t> times{22'500'000, 2'500'000, 12'500'000};
+    const std::map<int64_t, std::array<int, 3>> colours{
+        {2'500'000, {255, 0, 0}}, {12'500'000, {0, 0, 255}}, {22'500'000, {0, 255, 0}}};
+    for (const char* refresh : {"", " --refresh"}) {
+        SCOPED_TRACE(refresh);
+        const CliRun run = runMiravel(folder, "video '" + document + "' --clip 'Colour bars' --times 22500000,2500000,12500000 "
+                                              "--size 64x36 --out '" + out + "'" + refresh);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const Json json = Json::parse(run.out);
+        EXPECT_EQ(json.at("clip").get<std::string>(), "Colour bars");
+        EXPECT_EQ(json.at("width").get<int>(), 64);
+        EXPECT_EQ(json.at("height").get<int>(), 36);
+        const Json& frames = json.at("frames");
+        ASSERT_EQ(frames.size(), 3u);
+        std::set<int64_t> seen;
+        for (const Json& frame : frames) {
+            const int64_t time = frame.at("time").get<int64_t>();
+            ASSERT_EQ(colours.count(time), 1u) << time;
+            seen.insert(time);
+            const std::string file = frame.at("file").get<std::string>();
+            EXPECT_EQ(file, out + "/Colour_bars-" + std::to_string(time) + ".png");
+            expectPicture(file, 64, 36, colours.at(time), 40);
+        }
+        EXPECT_EQ(seen.size(), 3u);
+    }
+    // Only the pictures: no partial files left beside them.
+    EXPECT_EQ(MediaTest::filesUnder(out).size(), 3u);
+}
+
+TEST(MiravelCli, VideoOfAClipWithoutPicturesFails) {
+    TempFolder folder;
+    const std::string document = coloursDocument(folder);
+    const CliRun run =
+        runMiravel(folder, "video '" + document + "' --clip Ramp --times 0 --size 16x9 --out '" + folder.file("p") + "'");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err, "miravel: " + document + ": clip 'Ramp' has no video\n");
+}
+
+TEST(MiravelCli, RenderWritesAPictureOfThePrintedSize) {
+    TempFolder folder;
+    const std::string document = coloursDocument(folder);
+    for (const std::string& width : {std::string(), std::string(" --width 640")}) {
+        const std::string out = folder.file("render/timeline" + std::to_string(width.size()) + ".png");
+        const CliRun run = runMiravel(folder, "render '" + document + "' --out '" + out + "'" + width);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const Json json = Json::parse(run.out);
+        EXPECT_EQ(json.at("file").get<std::string>(), out);
+        EXPECT_EQ(json.at("width").get<int>(), width.empty() ? 1600 : 640);
+        unsigned char* pixels = nullptr;
+        int pictureWidth = 0, pictureHeight = 0;
+        ASSERT_EQ(ZOR::loadPNG(out.c_str(), &pixels, &pictureWidth, &pictureHeight), 0) << out;
+        EXPECT_EQ(pictureWidth, json.at("width").get<int>());
+        EXPECT_EQ(pictureHeight, json.at("height").get<int>());
+        // The first second of the clip shows its red frames.
+        size_t red = 0;
+        for (size_t i = 0; i < static_cast<size_t>(pictureWidth) * static_cast<size_t>(pictureHeight); ++i)
+            if (pixels[i * 4] > 200 && pixels[i * 4 + 1] < 60 && pixels[i * 4 + 2] < 60) ++red;
+        EXPECT_GT(red, 100u);
+        ZOR::freeImageBuffer(pixels);
+    }
+}
+
+TEST(MiravelCli, DemoMakesItsMediaAndRunsEveryPipeline) {
+    TempFolder folder;
+    const std::string out = folder.file("demo");
+    const CliRun run = runMiravel(folder, "demo --out '" + out + "'");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const Json json = Json::parse(run.out);
+    EXPECT_EQ(json.at("out").get<std::string>(), out);
+    std::set<std::string> files;
+    for (const Json& file : json.at("files")) {
+        const std::string name = file.get<std::string>();
+        files.insert(name);
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::path(out) / name)) << name;
+    }
+    for (const char* name : {"video.mp4", "music.wav", "voice.wav", "timeline.otio", "wave.json", "frames.json",
+                             "audio-music.json", "video.json", "timeline.png", "summary.json"})
+        EXPECT_EQ(files.count(name), 1u) << name;
+    for (const char* step : {"media", "wave", "frames", "audio", "video", "render", "total"})
+        EXPECT_GE(json.at("timings").at(step).get<int64_t>(), 0) << step;
+    const std::string summary = (std::filesystem::path(out) / "summary.json").string();
+    std::ifstream in(summary);
+    const Json parsed = Json::parse(in);
+    EXPECT_EQ(parsed.at("files"), json.at("files"));
+    unsigned char* pixels = nullptr;
+    int width = 0, height = 0;
+    const std::string picture = (std::filesystem::path(out) / "timeline.png").string();
+    ASSERT_EQ(ZOR::loadPNG(picture.c_str(), &pixels, &width, &height), 0);
+    EXPECT_EQ(width, 1600);
+    ZOR::freeImageBuffer(pixels);
+    // The document loads and its clips answer: the music is ducked under the voice.
+    const CliRun ducked = runMiravel(folder, "audio '" + out + "/timeline.otio' --clip 'Music Bed' --points 600");
+    const CliRun plain = runMiravel(folder, "audio '" + out + "/timeline.otio' --clip 'Music Bed' --points 600 --no-ducking");
+    ASSERT_EQ(ducked.exitCode, 0) << ducked.err;
+    ASSERT_EQ(plain.exitCode, 0) << plain.err;
+    EXPECT_NE(Json::parse(ducked.out).at("values"), Json::parse(plain.out).at("values"));
 }
 
 }  // namespace

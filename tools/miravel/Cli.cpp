@@ -4,10 +4,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 #include "ZorLogger/ZorLogger.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace miravel {
 
@@ -84,6 +89,12 @@ std::vector<int64_t> Arguments::integerList(const std::string& name) const {
     return values;
 }
 
+std::chrono::seconds commandTimeout(const Arguments& arguments) {
+    const int64_t timeout = arguments.integer("timeout", 600);
+    if (timeout < 1 || timeout > 1'000'000'000) throw UsageError("--timeout needs a number of seconds, at least 1");
+    return std::chrono::seconds(timeout);
+}
+
 std::pair<int32_t, int32_t> Arguments::size(const std::string& name, std::pair<int32_t, int32_t> fallback) const {
     auto value = text(name);
     if (!value) return fallback;
@@ -119,7 +130,35 @@ void setupCommandLogging(const Arguments& arguments) {
     if (arguments.has("log")) wrapper->setThreshold(*threshold);
 }
 
-Progress::Progress(std::string label) : label_(std::move(label)), terminal_(::isatty(STDERR_FILENO) != 0) {}
+namespace {
+
+void forwardFfmpegMessage(void* object, int level, const char* format, va_list arguments) {
+    if (level > av_log_get_level()) return;
+    ZOR::ZorLoggerWrapper* logger = ZOR::loggerWrapper(0);
+    if (logger == nullptr) return;
+    ZOR::IBsLogger::Severity severity = ZOR::IBsLogger::Verbose;
+    if (level <= AV_LOG_ERROR)
+        severity = ZOR::IBsLogger::Warning;
+    else if (level <= AV_LOG_WARNING)
+        severity = ZOR::IBsLogger::Debug;
+    else if (level <= AV_LOG_INFO)
+        severity = ZOR::IBsLogger::Trace;
+    if (!logger->testSeverity(severity)) return;
+    char line[1024];
+    int printPrefix = 1;
+    av_log_format_line2(object, level, format, arguments, line, sizeof line, &printPrefix);
+    std::string text = line;
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (text.empty()) return;
+    logger->createLogStream(severity, "ffmpeg", 0, "ffmpeg", "").format("%s", text.c_str());
+}
+
+}  // namespace
+
+void routeFfmpegLogging() { av_log_set_callback(forwardFfmpegMessage); }
+
+Progress::Progress(std::string label)
+    : label_(std::move(label)), terminal_(::isatty(STDERR_FILENO) != 0), started_(std::chrono::steady_clock::now()) {}
 
 void Progress::update(double fraction) {
     fraction = std::clamp(fraction, 0.0, 1.0);
@@ -127,15 +166,30 @@ void Progress::update(double fraction) {
     if (terminal_) {
         if (percent == lastShown_) return;
         lastShown_ = percent;
-        const int filled = percent * 30 / 100;
-        std::fprintf(stderr, "\r%s [%.*s%*s] %3d%%", label_.c_str(), filled, "##############################",
-                     30 - filled, "", percent);
+        draw(percent);
     } else {
         const int tenth = percent / 10;
         if (tenth == lastShown_) return;
         lastShown_ = tenth;
         std::fprintf(stderr, "%s: %d%%\n", label_.c_str(), tenth * 10);
+        std::fflush(stderr);
     }
+}
+
+int64_t Progress::seconds() const {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_).count();
+}
+
+void Progress::tick() {
+    if (!terminal_ || finished_ || lastShown_ < 0) return;
+    if (seconds() != lastSeconds_) draw(lastShown_);
+}
+
+void Progress::draw(int percent) {
+    lastSeconds_ = seconds();
+    const int filled = percent * 30 / 100;
+    std::fprintf(stderr, "\r%s [%.*s%*s] %3d%% %3lld s", label_.c_str(), filled, "##############################",
+                 30 - filled, "", percent, static_cast<long long>(lastSeconds_));
     std::fflush(stderr);
 }
 

@@ -1,6 +1,7 @@
 // Shared pieces of the command line: arguments, errors, logging, progress.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -49,22 +50,41 @@ private:
 
 int64_t parseInteger(const std::string& option, const std::string& text);
 
+// --timeout SECONDS (default 600, at least 1): how long a command waits for
+// the library's answers.
+std::chrono::seconds commandTimeout(const Arguments& arguments);
+
 // Sets the library's logging up from --log / --log-file / MIRAVEL_LOG.
 void setupCommandLogging(const Arguments& arguments);
 
-// A progress line on stderr: a bar when stderr is a terminal, otherwise a
-// line at each tenth of the way. Finish() ends the line.
+// Sends the FFmpeg libraries' own messages (those of the platform libraries
+// that decode, and of the demo's encoders) to the library's logging instead
+// of stderr: FFmpeg errors at warning severity, its warnings at debug, the
+// rest below. Nothing is written when logging is not set up.
+void routeFfmpegLogging();
+
+// A progress line on stderr: a bar with the seconds spent when stderr is a
+// terminal, otherwise a line at each tenth of the way. finish() ends the line.
 class Progress {
 public:
     explicit Progress(std::string label);
     void update(double fraction);
+    // Redraws the bar when the seconds spent changed (waits without news).
+    void tick();
     void finish();
     ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
 
 private:
+    int64_t seconds() const;  // since the start
+    void draw(int percent);
+
     std::string label_;
     bool terminal_;
+    std::chrono::steady_clock::time_point started_;
     int lastShown_ = -1;
+    int64_t lastSeconds_ = -1;
     bool finished_ = false;
 };
 
@@ -91,10 +111,23 @@ public:
         done_ = true;
         changed_.notify_all();
     }
-    // False when the request did not end within the limit.
-    bool wait(std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [this] { return done_; });
+    // False when the request did not end within the limit. The progress bar
+    // goes from 0 to 100% at the end, its seconds running meanwhile.
+    bool wait(std::chrono::seconds limit, Progress& progress) {
+        progress.update(0.0);
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        for (;;) {
+            const auto slice = std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(250));
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                if (changed_.wait_until(lock, slice, [this] { return done_; })) break;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            progress.tick();  // not under the lock: the callback need not wait for stderr
+        }
+        progress.update(1.0);
+        progress.finish();
+        return true;
     }
 
 private:

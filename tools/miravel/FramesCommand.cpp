@@ -4,9 +4,9 @@
 // at the given media times (cns) and prints, in request order,
 // {"frames": [{"time", "file", "shown"}, ...]}: the file of each picture in
 // the frame store and the presentation time of the frame shown.
-#include <chrono>
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Cli.h"
@@ -40,39 +40,31 @@ public:
 
 }  // namespace
 
-int runFrames(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"stream", "times", "size", "timeout"}, {});
-    if (arguments.positional().size() != 1) throw UsageError("frames needs one MEDIA file");
-    const std::string media = arguments.positional()[0];
-    const int64_t stream = arguments.integer("stream", -1);
-    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
-    const std::vector<int64_t> times = arguments.integerList("times");
-    if (times.size() > 100'000) throw UsageError("--times takes at most 100000 times");
-    if (!arguments.has("size")) throw UsageError("--size is required");
-    const auto [width, height] = arguments.size("size", {0, 0});
-    const int64_t timeout = arguments.integer("timeout", 600);
-    if (timeout < 1) throw UsageError("--timeout needs a number of seconds, at least 1");
-    setupCommandLogging(arguments);
-
+std::string framesJson(const FramesRequest& request) {
+    const std::string& media = request.media;
+    const std::vector<int64_t>& times = request.times;
     std::string error;
-    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, static_cast<int32_t>(stream), &error)};
+    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, request.stream, &error)};
     if (clip.object == nullptr) throw Failure(error);
     auto* feature = static_cast<ZOR::IDmVideoFeature*>(clip.object->queryInterface("IDmVideoFeature"));
     if (feature == nullptr)
         throw Failure(!error.empty() ? error
                                      : media + ": no video stream" +
-                                           (stream >= 0 ? " at index " + std::to_string(stream) : ""));
+                                           (request.stream >= 0 ? " at index " + std::to_string(request.stream) : ""));
 
     FramesResult result;
     ReleaseOnExit<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
     wrapper.object->addCallBack(&result);
     int64_t token = -1;
-    if (wrapper.object->queryVideoFrame(clip.object, width, height, times.data(), static_cast<uint32_t>(times.size()),
-                                        0, &token) != 0)
+    if (wrapper.object->queryVideoFrame(clip.object, request.width, request.height, times.data(),
+                                        static_cast<uint32_t>(times.size()), 0, &token) != 0) {
+        wrapper.object->removeCallBack(&result);
         throw Failure(media + ": the frame request was not accepted");
-    const bool ended = result.completion.wait(std::chrono::seconds(timeout));
+    }
+    Progress progress("frames");
+    const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.object->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
+    if (!ended) throw Failure(media + ": no answer within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) throw Failure(media + ": the video could not be decoded (see --log error)");
     if (result.status_ == 4) throw Failure(media + ": the frame request was cancelled");
 
@@ -80,7 +72,7 @@ int runFrames(int argc, char** argv) {
     std::vector<char> slots(times.size() * kSlotBytes + 1, '\0');
     std::vector<int64_t> shown(times.size() + 1, -1);
     int32_t filled = 0;
-    feature->prepareFrames(width, height, 25, 1);
+    feature->prepareFrames(request.width, request.height, 25, 1);
     feature->fillFrames(times.data(), static_cast<int32_t>(times.size()), slots.data(), shown.data(), &filled);
 
     JsonWriter json;
@@ -93,7 +85,24 @@ int runFrames(int argc, char** argv) {
             .endObject();
     }
     json.endArray().endObject();
-    std::printf("%s\n", json.text().c_str());
+    return json.text();
+}
+
+int runFrames(int argc, char** argv) {
+    Arguments arguments(argc, argv, 2, {"stream", "times", "size", "timeout"}, {});
+    if (arguments.positional().size() != 1) throw UsageError("frames needs one MEDIA file");
+    FramesRequest request;
+    request.media = arguments.positional()[0];
+    const int64_t stream = arguments.integer("stream", -1);
+    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
+    request.stream = static_cast<int32_t>(stream);
+    request.times = arguments.integerList("times");
+    if (request.times.size() > 100'000) throw UsageError("--times takes at most 100000 times");
+    if (!arguments.has("size")) throw UsageError("--size is required");
+    std::tie(request.width, request.height) = arguments.size("size", {0, 0});
+    request.timeout = commandTimeout(arguments);
+    setupCommandLogging(arguments);
+    printJson(framesJson(request));
     return 0;
 }
 

@@ -1,8 +1,14 @@
 #include "Json.h"
 
+#include <unistd.h>
+
 #include <charconv>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+
+#include "Cli.h"
 
 namespace miravel {
 
@@ -27,6 +33,27 @@ std::string jsonQuote(std::string_view text) {
     }
     out += '"';
     return out;
+}
+
+void printJson(const std::string& document) {
+    std::fwrite(document.data(), 1, document.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void writeJsonFile(const std::string& path, const std::string& document) {
+    const std::string temporary = path + "." + std::to_string(::getpid()) + ".partial";
+    std::FILE* file = std::fopen(temporary.c_str(), "wb");
+    if (file == nullptr) throw Failure(path + ": cannot write: " + std::strerror(errno));
+    bool written = std::fwrite(document.data(), 1, document.size(), file) == document.size() &&
+                   std::fputc('\n', file) != EOF;
+    const int writeError = errno;
+    written = std::fclose(file) == 0 && written;
+    if (!written || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int cause = written ? errno : writeError;
+        std::remove(temporary.c_str());
+        throw Failure(path + ": cannot write: " + std::strerror(cause != 0 ? cause : EIO));
+    }
 }
 
 void JsonWriter::separate() {

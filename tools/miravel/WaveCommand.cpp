@@ -4,7 +4,6 @@
 // [begin, end) and prints what the finished request's callback received:
 // {"token", "status", "count", "span", "values": [...]}. --timeout SECONDS
 // (default 600) bounds the wait.
-#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -47,38 +46,28 @@ public:
 
 }  // namespace
 
-int runWave(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"stream", "begin", "end", "samples", "timeout"}, {});
-    if (arguments.positional().size() != 1) throw UsageError("wave needs one MEDIA file");
-    const std::string media = arguments.positional()[0];
-    const int64_t stream = arguments.integer("stream", -1);
-    const int64_t begin = arguments.requiredInteger("begin");
-    const int64_t end = arguments.requiredInteger("end");
-    const int64_t samples = arguments.requiredInteger("samples");
-    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
-    if (samples < 1 || samples > 10'000'000) throw UsageError("--samples needs a count from 1 to 10000000");
-    if (end < begin) throw UsageError("--end must not be before --begin");
-    const int64_t timeout = arguments.integer("timeout", 600);
-    if (timeout < 1) throw UsageError("--timeout needs a number of seconds, at least 1");
-    setupCommandLogging(arguments);
-
+std::string waveJson(const WaveRequest& request) {
+    const std::string& media = request.media;
     std::string error;
-    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), static_cast<int32_t>(stream), -1, &error)};
+    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), request.stream, -1, &error)};
     if (clip.object == nullptr) throw Failure(error);
     if (clip.object->queryInterface("IDmAudioFeature") == nullptr)
         throw Failure(!error.empty() ? error
                                      : media + ": no audio stream" +
-                                           (stream >= 0 ? " at index " + std::to_string(stream) : ""));
+                                           (request.stream >= 0 ? " at index " + std::to_string(request.stream) : ""));
 
     WaveResult result;
     ReleaseOnExit<ZOR::IBsAudioWaveExtractWrapper> wrapper{createBsAudioWaveExtractWrapper()};
     wrapper.object->addCallBack(&result);
     int64_t token = -1;
-    if (wrapper.object->queryAudioWave(clip.object, begin, end, static_cast<int32_t>(samples), 0, &token) != 0)
+    if (wrapper.object->queryAudioWave(clip.object, request.begin, request.end, request.samples, 0, &token) != 0) {
+        wrapper.object->removeCallBack(&result);
         throw Failure(media + ": the audio wave request was not accepted");
-    const bool ended = result.completion.wait(std::chrono::seconds(timeout));
+    }
+    Progress progress("wave");
+    const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.object->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": no answer within " + std::to_string(timeout) + " s");
+    if (!ended) throw Failure(media + ": no answer within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) throw Failure(media + ": the audio could not be decoded (see --log error)");
     if (result.status_ == 4) throw Failure(media + ": the audio wave request was cancelled");
 
@@ -91,7 +80,26 @@ int runWave(int argc, char** argv) {
         .key("values").beginArray();
     for (float value : result.values_) json.value(value);
     json.endArray().endObject();
-    std::printf("%s\n", json.text().c_str());
+    return json.text();
+}
+
+int runWave(int argc, char** argv) {
+    Arguments arguments(argc, argv, 2, {"stream", "begin", "end", "samples", "timeout"}, {});
+    if (arguments.positional().size() != 1) throw UsageError("wave needs one MEDIA file");
+    WaveRequest request;
+    request.media = arguments.positional()[0];
+    const int64_t stream = arguments.integer("stream", -1);
+    request.begin = arguments.requiredInteger("begin");
+    request.end = arguments.requiredInteger("end");
+    const int64_t samples = arguments.requiredInteger("samples");
+    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
+    if (samples < 1 || samples > 10'000'000) throw UsageError("--samples needs a count from 1 to 10000000");
+    if (request.end < request.begin) throw UsageError("--end must not be before --begin");
+    request.stream = static_cast<int32_t>(stream);
+    request.samples = static_cast<int32_t>(samples);
+    request.timeout = commandTimeout(arguments);
+    setupCommandLogging(arguments);
+    printJson(waveJson(request));
     return 0;
 }
 

@@ -22,7 +22,12 @@ constexpr const char* kUsage =
     "  version\n"
     "  wave MEDIA [--stream N] --begin CNS --end CNS --samples N\n"
     "  frames MEDIA [--stream N] --times T1,T2,... --size WxH\n"
-    "options of every command: --log <severity>, --log-file <path>\n";
+    "  audio DOC --clip NAME [--begin CNS --end CNS] --points N [--no-ducking]\n"
+    "  video DOC --clip NAME --times T1,T2,... --size WxH --out DIR [--refresh]\n"
+    "  render DOC --out PNG [--width W]\n"
+    "  demo [--out DIR]\n"
+    "options of every command: --log <severity>, --log-file <path>;\n"
+    "of those that wait for the library: --timeout SECONDS (default 600)\n";
 
 int runVersion(int argc) {
     if (argc > 2) throw miravel::UsageError("version takes no arguments");
@@ -37,6 +42,10 @@ int dispatch(int argc, char** argv) {
     if (command == "version" || command == "--version") return runVersion(argc);
     if (command == "wave") return miravel::runWave(argc, argv);
     if (command == "frames") return miravel::runFrames(argc, argv);
+    if (command == "audio") return miravel::runAudio(argc, argv);
+    if (command == "video") return miravel::runVideo(argc, argv);
+    if (command == "render") return miravel::runRender(argc, argv);
+    if (command == "demo") return miravel::runDemo(argc, argv);
     if (command == "help" || command == "--help" || command == "-h") {
         std::fputs(kUsage, stdout);
         return 0;
@@ -48,6 +57,7 @@ int dispatch(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     int code = 1;
+    miravel::routeFfmpegLogging();
     try {
         code = dispatch(argc, argv);
     } catch (const miravel::UsageError& error) {

@@ -1,6 +1,7 @@
 // The library's exported entry points: the factories and the property key.
 #include "BsAudioWaveExtractWrapper.h"
 #include "BsClipThumbnailService/BsClipThumbnailService.h"
+#include "BsThumbManager.h"
 #include "BsVideoFrameExtractWrapper.h"
 #include "Common/ZorInternalComUtility.h"
 #include "Miravel/ClipThumbnailKey.h"
@@ -23,6 +24,10 @@ MIRAVEL_API ZOR::IBsVideoFrameExtractWrapper* createBsVideoFrameExtractWrapper()
 
 MIRAVEL_API ZOR::IBsClipThumbnailService* createBsClipThumbnaiService() {
     return ZOR::zorCreateObject<ZOR::BsClipThumbnailService, ZOR::IBsClipThumbnailService>();
+}
+
+MIRAVEL_API ZOR::IBsThumbManager* createThumbManager() {
+    return ZOR::zorCreateObject<ZOR::BsThumbManager, ZOR::IBsThumbManager>();
 }
 
 }  // extern "C"

@@ -1,0 +1,805 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "../../../platform/Adapter/ThumbAdapterInternal.h"
+#include "Adapter/Adapter.h"
+#include "CapturingLogger.h"
+#include "Common/ZorInternalComUtility.h"
+#include "DataModel/DataModel.h"
+#include "DataModel/DmTimeline.h"
+#include "MediaTestSupport.h"
+
+namespace ZOR::test {
+namespace {
+
+using MediaTest::ffmpeg;
+using MediaTest::TempFolder;
+
+constexpr int64_t kSecond = 10'000'000;
+constexpr int64_t kFrame = 400'000;  // 25 frames per second
+constexpr int32_t kOk = 0;
+constexpr int32_t kBadArgument = 1001;
+
+// ---------------------------------------------------------------------------
+// Pictures
+
+using Rgb = std::array<int, 3>;
+
+// The colour of each second of the colour video, in order.
+const std::vector<Rgb>& palette() {
+    static const std::vector<Rgb> colours{
+        {255, 0, 0},   {0, 255, 0},   {0, 0, 255},     {255, 255, 0},   {0, 255, 255},
+        {255, 0, 255}, {255, 255, 255}, {0, 0, 0},     {128, 128, 128}, {255, 128, 0},
+    };
+    return colours;
+}
+
+std::string hex(const Rgb& colour) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%02X%02X%02X", colour[0], colour[1], colour[2]);
+    return text;
+}
+
+constexpr int kClear = -1;
+constexpr int kOther = -2;
+
+struct Picture {
+    int width = 0;
+    int height = 0;
+    std::vector<unsigned char> rgba;
+
+    Picture() = default;
+    Picture(int w, int h) : width(w), height(h), rgba(static_cast<size_t>(w) * h * 4, 0xAB) {}
+    const unsigned char* at(int x, int y) const { return rgba.data() + (static_cast<size_t>(y) * width + x) * 4; }
+    // The palette index of pixel (x, y) (within the error of a YUV 4:2:0
+    // round trip), kClear for (0, 0, 0, 0), kOther otherwise.
+    int colourAt(int x, int y) const {
+        const unsigned char* p = at(x, y);
+        if (p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 0) return kClear;
+        if (p[3] != 255) return kOther;
+        for (size_t i = 0; i < palette().size(); ++i) {
+            const Rgb& c = palette()[i];
+            if (std::abs(p[0] - c[0]) <= 40 && std::abs(p[1] - c[1]) <= 40 && std::abs(p[2] - c[2]) <= 40)
+                return static_cast<int>(i);
+        }
+        return kOther;
+    }
+    int centreColour() const { return colourAt(width / 2, height / 2); }
+};
+
+// The colour the colour video shows at time (exact), and the colour of the
+// keyframe at or before time (a keyframe every 2 s).
+int colourOfSecond(int64_t time) { return static_cast<int>(std::clamp<int64_t>(time / kSecond, 0, 9)); }
+int colourOfKeyframe(int64_t time) { return 2 * static_cast<int>(std::clamp<int64_t>(time / (2 * kSecond), 0, 4)); }
+
+constexpr int kNumberedWidth = 128;
+constexpr int kNumberedHeight = 64;
+constexpr int kNumberedFrames = 250;
+
+// The frame number the band of a numbered picture spells (bit k white in the
+// stripe 16k..16k+15 of the top rows), or -1.
+int numberOf(const Picture& picture) {
+    int number = 0;
+    for (int bit = 0; bit < 8; ++bit) {
+        const unsigned char* p = picture.at(16 * bit + 8, 8);
+        if (p[0] > 200 && p[1] > 200 && p[2] > 200)
+            number |= 1 << bit;
+        else if (p[0] > 50 || p[1] > 50 || p[2] > 50)
+            return -1;
+    }
+    return number;
+}
+
+// ---------------------------------------------------------------------------
+// Media, each file made when a test first needs it (ctest runs every test in
+// a process of its own)
+
+class Media {
+public:
+    const std::string& colours() {
+        // 10 s at 25/1, 320x180: a colour of the palette each second, a
+        // keyframe every 2 s and B-frames in a pyramid.
+        return made(colours_, "colours.mp4", [&](const std::string& path) {
+            std::string inputs;
+            std::string pads;
+            for (size_t i = 0; i < palette().size(); ++i) {
+                inputs += " -f lavfi -i \"color=c=" + hex(palette()[i]) + ":s=320x180:r=25:d=1\"";
+                pads += '[';
+                pads += std::to_string(i);
+                pads += ']';
+            }
+            return ffmpeg(inputs + " -filter_complex \"" + pads + "concat=n=10:v=1:a=0\"" + kX264 + "'" + path + "'");
+        });
+    }
+    const std::string& coloursTs() {
+        // The same in an MPEG transport stream: no keyframe index, seeks by
+        // timestamps, and a start time other than 0.
+        return made(coloursTs_, "colours.ts", [&](const std::string& path) {
+            return ffmpeg("-i '" + colours() + "' -c copy -f mpegts '" + path + "'");
+        });
+    }
+    const std::string& numbered() {
+        // 10 s at 25/1, 128x64: a moving test pattern under a band that
+        // spells each frame's number; most pictures depend on others, and
+        // many frames are never referred to.
+        return made(numbered_, "numbered.mp4", [&](const std::string& path) {
+            return ffmpeg("-f lavfi -i \"testsrc2=s=128x64:r=25:d=10\" -vf \"format=yuv420p,"
+                          "geq=lum='if(lt(Y,16),if(gt(bitand(N,pow(2,floor(X/16))),0),235,16),lum(X,Y))':"
+                          "cb='if(lt(Y/SH,16),128,cb(X,Y))':cr='if(lt(Y/SH,16),128,cr(X,Y))'\"" +
+                          std::string(kX264) + "'" + path + "'");
+        });
+    }
+    const std::string& rotated() {
+        // 320x180 whose top half is blue and bottom half red, turned a
+        // quarter by its display matrix.
+        return made(rotated_, "rotated.mp4", [&](const std::string& path) {
+            const std::string plain = folder_.file("halves.mp4");
+            return ffmpeg("-f lavfi -i \"color=c=0xFF0000:s=320x180:r=25:d=1\" -vf "
+                          "\"drawbox=x=0:y=0:w=320:h=90:color=0x0000FF:t=fill\" -c:v libx264 -pix_fmt yuv420p '" +
+                          plain + "'") &&
+                   ffmpeg("-i '" + plain + "' -c copy -metadata:s:v rotate=90 '" + path + "'");
+        });
+    }
+    const std::string& rotatedReference() {
+        // The player's own view of the rotated video, upright.
+        return made(rotatedReference_, "rotated.rgba", [&](const std::string& path) {
+            return ffmpeg("-i '" + rotated() + "' -frames:v 1 -f rawvideo -pix_fmt rgba '" + path + "'");
+        });
+    }
+    const std::string& anamorphic() {
+        // 160x180 pixels twice as wide as high: a 320x180 picture, left half
+        // green and right half blue.
+        return made(anamorphic_, "anamorphic.mp4", [&](const std::string& path) {
+            return ffmpeg("-f lavfi -i \"color=c=0x0000FF:s=160x180:r=25:d=1\" -vf "
+                          "\"drawbox=x=0:y=0:w=80:h=180:color=0x00FF00:t=fill,setsar=2/1\" -c:v libx264 "
+                          "-pix_fmt yuv420p '" + path + "'");
+        });
+    }
+    const std::string& sound() {
+        return made(sound_, "sound.wav", [&](const std::string& path) {
+            return ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" '" + path + "'");
+        });
+    }
+    const std::string& soundFirst() {
+        // Sound as stream 0, a green video as stream 1.
+        return made(soundFirst_, "soundfirst.mp4", [&](const std::string& path) {
+            return ffmpeg("-f lavfi -i \"color=c=0x00FF00:s=64x36:r=25:d=1\" -f lavfi -i \"sine=f=440:r=44100:d=1\" "
+                          "-map 1:a -map 0:v -c:v libx264 -pix_fmt yuv420p -c:a aac '" + path + "'");
+        });
+    }
+    const std::string& text() {
+        return made(text_, "notes.txt", [&](const std::string& path) {
+            MediaTest::writeText(path, "these are not pictures\n");
+            return true;
+        });
+    }
+    std::string file(const std::string& name) const { return folder_.file(name); }
+    std::string folder() const { return folder_.path().string(); }
+
+private:
+    static constexpr const char* kX264 = " -c:v libx264 -pix_fmt yuv420p -x264-params "
+                                         "keyint=50:min-keyint=50:scenecut=0:bframes=3:b-adapt=0:b-pyramid=normal ";
+
+    template <class Make>
+    const std::string& made(std::string& path, const std::string& name, Make make) {
+        if (path.empty()) {
+            const std::string target = folder_.file(name);
+            EXPECT_TRUE(make(target)) << "cannot make " << name;
+            path = target;
+        }
+        return path;
+    }
+
+    TempFolder folder_;
+    std::string colours_;
+    std::string coloursTs_;
+    std::string numbered_;
+    std::string rotated_;
+    std::string rotatedReference_;
+    std::string anamorphic_;
+    std::string sound_;
+    std::string soundFirst_;
+    std::string text_;
+};
+
+// ---------------------------------------------------------------------------
+// Fixture
+
+// Releases an adapter when the test ends.
+struct AdapterRelease {
+    void operator()(IThumbAdapter* adapter) const {
+        if (adapter != nullptr) adapter->Release();
+    }
+};
+using AdapterPtr = std::unique_ptr<IThumbAdapter, AdapterRelease>;
+
+class ThumbAdapterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { media_ = new Media(); }
+    static void TearDownTestSuite() {
+        delete media_;
+        media_ = nullptr;
+    }
+    static Media& media() { return *media_; }
+
+    static AdapterPtr newAdapter() {
+        AdapterPtr adapter(createThumbAdapter());
+        EXPECT_NE(adapter, nullptr);
+        return adapter;
+    }
+    // An adapter with path open at width x height in mode.
+    static AdapterPtr openFile(const std::string& path, int32_t width, int32_t height,
+                               int32_t mode = ThumbSeekExact, int32_t stream = -1) {
+        AdapterPtr adapter = newAdapter();
+        EXPECT_EQ(adapter->setMediaPath(path.c_str()), kOk);
+        EXPECT_EQ(adapter->setOutputSize(width, height), kOk);
+        EXPECT_EQ(adapter->setSeekMode(mode), kOk);
+        EXPECT_EQ(adapter->open(stream), kOk) << path;
+        return adapter;
+    }
+    static Picture frame(IThumbAdapter* adapter, int64_t time) {
+        int32_t width = 0;
+        int32_t height = 0;
+        EXPECT_EQ(adapter->outputSize(&width, &height), kOk);
+        Picture picture(width, height);
+        EXPECT_EQ(adapter->frameAt(time, picture.rgba.data(), static_cast<int64_t>(picture.rgba.size())), kOk)
+            << "at " << time;
+        return picture;
+    }
+    static IThumbAdapterInternal* internal(IThumbAdapter* adapter) {
+        auto* inner = static_cast<IThumbAdapterInternal*>(adapter->queryInterface("IThumbAdapterInternal"));
+        EXPECT_NE(inner, nullptr);
+        return inner;
+    }
+    static ThumbDecodeCounts counts(IThumbAdapter* adapter) {
+        IThumbAdapterInternal* inner = internal(adapter);
+        return inner != nullptr ? inner->decodeCounts() : ThumbDecodeCounts{};
+    }
+
+    static Media* media_;
+};
+
+Media* ThumbAdapterTest::media_ = nullptr;
+
+// ---------------------------------------------------------------------------
+// The object
+
+TEST_F(ThumbAdapterTest, IsACountedObjectWithItsSettings) {
+    AdapterPtr adapter = newAdapter();
+    EXPECT_EQ(adapter->refCount(), 1);
+    EXPECT_EQ(adapter->queryInterface("IThumbAdapter"), static_cast<void*>(adapter.get()));
+    EXPECT_EQ(adapter->queryInterface("IDmBaseObj"), static_cast<void*>(adapter.get()));
+    EXPECT_EQ(adapter->queryInterface("IDmTimeline"), nullptr);
+    EXPECT_EQ(adapter->queryInterface(nullptr), nullptr);
+
+    int32_t mode = -5;
+    EXPECT_EQ(adapter->seekMode(&mode), kOk);
+    EXPECT_EQ(mode, ThumbSeekExact);
+    EXPECT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
+    EXPECT_EQ(adapter->seekMode(&mode), kOk);
+    EXPECT_EQ(mode, ThumbSeekKeyframe);
+    EXPECT_EQ(adapter->setSeekMode(2), kBadArgument);
+    EXPECT_EQ(adapter->setSeekMode(-1), kBadArgument);
+    EXPECT_EQ(adapter->seekMode(&mode), kOk);
+    EXPECT_EQ(mode, ThumbSeekKeyframe) << "an unknown mode changes nothing";
+    EXPECT_EQ(adapter->seekMode(nullptr), kBadArgument);
+
+    int32_t width = -1;
+    int32_t height = -1;
+    EXPECT_EQ(adapter->outputSize(&width, &height), kOk);
+    EXPECT_EQ(width, 0);
+    EXPECT_EQ(height, 0);
+    EXPECT_EQ(adapter->setOutputSize(160, 90), kOk);
+    EXPECT_EQ(adapter->setOutputSize(0, 90), kBadArgument);
+    EXPECT_EQ(adapter->setOutputSize(160, -3), kBadArgument);
+    EXPECT_EQ(adapter->setOutputSize(100000, 100000), kBadArgument);
+    EXPECT_EQ(adapter->outputSize(&width, &height), kOk);
+    EXPECT_EQ(width, 160);
+    EXPECT_EQ(height, 90);
+    EXPECT_EQ(adapter->outputSize(nullptr, &height), kBadArgument);
+
+    EXPECT_EQ(adapter->setMediaPath(nullptr), kBadArgument);
+    EXPECT_EQ(adapter->setMediaObject(0), kBadArgument);
+}
+
+TEST_F(ThumbAdapterTest, CallsOutOfOrderAreRefused) {
+    test::ScopedCapture capture(IBsLogger::Warning);
+    AdapterPtr adapter = newAdapter();
+    std::vector<unsigned char> buffer(320 * 180 * 4);
+    const auto size = static_cast<int64_t>(buffer.size());
+    EXPECT_EQ(adapter->open(-1), kBadArgument) << "nothing to open";
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "not open";
+    int64_t duration = 0;
+    int64_t num = 0;
+    int64_t den = 0;
+    EXPECT_EQ(adapter->mediaDuration(&duration, 0), kBadArgument);
+    EXPECT_EQ(adapter->frameRate(&num, &den, 0), kBadArgument);
+    EXPECT_EQ(adapter->close(), kOk) << "closing what is not open";
+
+    ASSERT_EQ(adapter->setMediaPath(media().colours().c_str()), kOk);
+    ASSERT_EQ(adapter->open(-1), kOk);
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "no output size";
+    ASSERT_EQ(adapter->setOutputSize(320, 180), kOk);
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size - 1), kBadArgument) << "a buffer one byte short";
+    EXPECT_EQ(adapter->frameAt(0, nullptr, size), kBadArgument);
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kOk);
+    EXPECT_EQ(adapter->mediaDuration(nullptr, 0), kBadArgument);
+    EXPECT_EQ(adapter->frameRate(nullptr, &den, 0), kBadArgument);
+
+    EXPECT_EQ(adapter->close(), kOk);
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "closed";
+    EXPECT_EQ(adapter->close(), kOk);
+    // The path stays set: open() opens it again.
+    ASSERT_EQ(adapter->open(-1), kOk);
+    EXPECT_EQ(adapter->frameAt(3 * kSecond, buffer.data(), size), kOk);
+}
+
+// ---------------------------------------------------------------------------
+// Exact pictures
+
+TEST_F(ThumbAdapterTest, ExactPicturesShowTheColourOfTheTimeAskedFor) {
+    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    std::vector<int64_t> times;
+    // Increasing, including times in the middle of a group of pictures and
+    // on both sides of each change of colour.
+    for (int64_t t = 0; t < 10 * kSecond; t += 3 * kSecond / 10) times.push_back(t);
+    for (int second = 1; second < 10; ++second) {
+        times.push_back(second * kSecond - 1);
+        times.push_back(second * kSecond);
+    }
+    std::sort(times.begin(), times.end());
+    for (int64_t t : times) EXPECT_EQ(frame(adapter.get(), t).centreColour(), colourOfSecond(t)) << "at " << t;
+    // Decreasing.
+    for (auto it = times.rbegin(); it != times.rend(); ++it)
+        EXPECT_EQ(frame(adapter.get(), *it).centreColour(), colourOfSecond(*it)) << "at " << *it;
+    // Random.
+    std::mt19937_64 random(7);
+    std::uniform_int_distribution<int64_t> anyTime(0, 10 * kSecond - 1);
+    for (int i = 0; i < 60; ++i) {
+        const int64_t t = anyTime(random);
+        EXPECT_EQ(frame(adapter.get(), t).centreColour(), colourOfSecond(t)) << "at " << t;
+    }
+    // Before the first frame: the first; after the last: the last.
+    EXPECT_EQ(frame(adapter.get(), -kSecond).centreColour(), 0);
+    EXPECT_EQ(frame(adapter.get(), 60 * kSecond).centreColour(), 9);
+    EXPECT_EQ(frame(adapter.get(), std::numeric_limits<int64_t>::min()).centreColour(), 0);
+    EXPECT_EQ(frame(adapter.get(), std::numeric_limits<int64_t>::max()).centreColour(), 9);
+}
+
+TEST_F(ThumbAdapterTest, ExactPicturesAreTheFramesOfAPlainDecode) {
+    // Every frame in order, one after the other: a plain decode.
+    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    std::vector<Picture> frames;
+    for (int n = 0; n < kNumberedFrames; ++n) {
+        frames.push_back(frame(plain.get(), n * kFrame + kFrame / 2));
+        ASSERT_EQ(numberOf(frames.back()), n);
+    }
+    EXPECT_EQ(counts(plain.get()).seeks, 0) << "in order, the decoder only moves forward";
+
+    // The same frames asked for in random order, in the middle of groups of
+    // pictures: with the frames no picture needs skipped, and with nothing
+    // skipped.
+    AdapterPtr skipping = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    AdapterPtr full = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ASSERT_NE(internal(full.get()), nullptr);
+    internal(full.get())->setFrameSkipping(false);
+    std::mt19937_64 generator(11);
+    std::uniform_int_distribution<int64_t> anyTime(0, kNumberedFrames * kFrame - 1);
+    for (int i = 0; i < 150; ++i) {
+        const int64_t t = anyTime(generator);
+        const int n = static_cast<int>(t / kFrame);
+        for (IThumbAdapter* adapter : {skipping.get(), full.get()}) {
+            const Picture picture = frame(adapter, t);
+            ASSERT_EQ(numberOf(picture), n) << "at " << t;
+            ASSERT_EQ(picture.rgba, frames[static_cast<size_t>(n)].rgba) << "frame " << n << " differs";
+        }
+    }
+    const ThumbDecodeCounts skipped = counts(skipping.get());
+    const ThumbDecodeCounts decoded = counts(full.get());
+    EXPECT_GT(skipped.discarded, 0) << "frames no picture needed were skipped";
+    EXPECT_EQ(skipped.redone, 0);
+    EXPECT_EQ(decoded.discarded, 0);
+    EXPECT_EQ(skipped.seeks, decoded.seeks);
+    EXPECT_LT(skipped.frames, decoded.frames) << "the decoder gave fewer frames";
+}
+
+TEST_F(ThumbAdapterTest, TheDecoderMovesForwardWithinAGroupOfPicturesAndSeeksOnlyWhenNeeded) {
+    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    auto expectFrame = [&](int64_t t) {
+        const Picture picture = frame(adapter.get(), t);
+        EXPECT_EQ(numberOf(picture), static_cast<int>(t / kFrame)) << "at " << t;
+    };
+    // The first group (0 s to 2 s) from the start of the file: no seek.
+    expectFrame(2 * kSecond / 10);
+    const int64_t opened = counts(adapter.get()).seeks;
+    EXPECT_EQ(opened, 0);
+    for (int64_t t : {5 * kSecond / 10, 9 * kSecond / 10, 13 * kSecond / 10, 19 * kSecond / 10}) expectFrame(t);
+    EXPECT_EQ(counts(adapter.get()).seeks, 0) << "later times in the same group";
+
+    // The same time again, and an earlier one the frame held still shows:
+    // nothing decoded.
+    const ThumbDecodeCounts held = counts(adapter.get());
+    expectFrame(19 * kSecond / 10);
+    expectFrame(19 * kSecond / 10 - 10);
+    EXPECT_EQ(counts(adapter.get()).seeks, held.seeks);
+    EXPECT_EQ(counts(adapter.get()).frames, held.frames);
+
+    // Earlier in the group: back to its keyframe.
+    expectFrame(11 * kSecond / 10);
+    EXPECT_EQ(counts(adapter.get()).seeks, held.seeks + 1);
+    // Later in a group ahead: a seek to that group's keyframe, then forward
+    // again without seeking.
+    expectFrame(73 * kSecond / 10);
+    const int64_t ahead = counts(adapter.get()).seeks;
+    EXPECT_EQ(ahead, held.seeks + 2);
+    for (int64_t t : {74 * kSecond / 10, 77 * kSecond / 10, 79 * kSecond / 10}) expectFrame(t);
+    EXPECT_EQ(counts(adapter.get()).seeks, ahead);
+    // Decreasing times, group by group.
+    for (int64_t t = 99 * kSecond / 10; t >= 0; t -= 7 * kSecond / 10) expectFrame(t);
+}
+
+// ---------------------------------------------------------------------------
+// Keyframe pictures
+
+TEST_F(ThumbAdapterTest, KeyframePicturesShowTheKeyframeAtOrBeforeTheTime) {
+    AdapterPtr adapter = openFile(media().colours(), 320, 180, ThumbSeekKeyframe);
+    std::vector<int64_t> times{0, 1 * kSecond, 19 * kSecond / 10, 2 * kSecond, 35 * kSecond / 10,
+                               4 * kSecond - 1, 4 * kSecond, 5 * kSecond, 79 * kSecond / 10, 8 * kSecond,
+                               99 * kSecond / 10};
+    for (int64_t t : times) EXPECT_EQ(frame(adapter.get(), t).centreColour(), colourOfKeyframe(t)) << "at " << t;
+    for (auto it = times.rbegin(); it != times.rend(); ++it)
+        EXPECT_EQ(frame(adapter.get(), *it).centreColour(), colourOfKeyframe(*it)) << "at " << *it;
+    EXPECT_EQ(frame(adapter.get(), -kSecond).centreColour(), 0);
+    EXPECT_EQ(frame(adapter.get(), 50 * kSecond).centreColour(), 8);
+}
+
+TEST_F(ThumbAdapterTest, KeyframePicturesDecodeOnePacketEach) {
+    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight, ThumbSeekKeyframe);
+    std::vector<int64_t> times{73 * kSecond / 10, 31 * kSecond / 10, 91 * kSecond / 10, 5 * kSecond / 10,
+                               55 * kSecond / 10};
+    for (int64_t t : times) {
+        const ThumbDecodeCounts before = counts(adapter.get());
+        const Picture picture = frame(adapter.get(), t);
+        EXPECT_EQ(numberOf(picture), static_cast<int>(t / (2 * kSecond)) * 50) << "at " << t;
+        const ThumbDecodeCounts after = counts(adapter.get());
+        EXPECT_EQ(after.packets - before.packets, 1) << "at " << t;
+        EXPECT_EQ(after.frames - before.frames, 1) << "at " << t;
+    }
+    // Another time of the same group: the keyframe given last, again.
+    const ThumbDecodeCounts before = counts(adapter.get());
+    EXPECT_EQ(numberOf(frame(adapter.get(), 59 * kSecond / 10)), 100);
+    const ThumbDecodeCounts after = counts(adapter.get());
+    EXPECT_EQ(after.packets, before.packets);
+    EXPECT_EQ(after.reused, before.reused + 1);
+}
+
+TEST_F(ThumbAdapterTest, AFileWithoutAKeyframeIndexGivesTheSamePictures) {
+    AdapterPtr exact = openFile(media().coloursTs(), 320, 180);
+    AdapterPtr keyframes = openFile(media().coloursTs(), 320, 180, ThumbSeekKeyframe);
+    std::mt19937_64 random(5);
+    std::uniform_int_distribution<int64_t> anyTime(0, 10 * kSecond - 1);
+    std::vector<int64_t> times{0, 95 * kSecond / 10, 45 * kSecond / 10, 4 * kSecond - 1, 2 * kSecond};
+    for (int i = 0; i < 30; ++i) times.push_back(anyTime(random));
+    for (int64_t t : times) {
+        EXPECT_EQ(frame(exact.get(), t).centreColour(), colourOfSecond(t)) << "at " << t;
+        EXPECT_EQ(frame(keyframes.get(), t).centreColour(), colourOfKeyframe(t)) << "at " << t;
+    }
+    int64_t duration = 0;
+    ASSERT_EQ(exact->mediaDuration(&duration, 0), kOk);
+    EXPECT_NEAR(static_cast<double>(duration), 10.0 * kSecond, 2.0 * kFrame);
+}
+
+TEST_F(ThumbAdapterTest, ModesMixOnOneOpenFile) {
+    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    EXPECT_EQ(frame(adapter.get(), 5 * kSecond / 10).centreColour(), 0);
+    ASSERT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
+    EXPECT_EQ(frame(adapter.get(), 75 * kSecond / 10).centreColour(), 6);
+    ASSERT_EQ(adapter->setSeekMode(ThumbSeekExact), kOk);
+    EXPECT_EQ(frame(adapter.get(), 75 * kSecond / 10).centreColour(), 7);
+    EXPECT_EQ(frame(adapter.get(), 85 * kSecond / 10).centreColour(), 8);
+    ASSERT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
+    EXPECT_EQ(frame(adapter.get(), 35 * kSecond / 10).centreColour(), 2);
+    ASSERT_EQ(adapter->setSeekMode(ThumbSeekExact), kOk);
+    EXPECT_EQ(frame(adapter.get(), 35 * kSecond / 10).centreColour(), 3);
+}
+
+// ---------------------------------------------------------------------------
+// Media information
+
+TEST_F(ThumbAdapterTest, DurationAndFrameRateComeFromTheVideoStream) {
+    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    int64_t duration = 0;
+    ASSERT_EQ(adapter->mediaDuration(&duration, 0), kOk);
+    EXPECT_NEAR(static_cast<double>(duration), 10.0 * kSecond, static_cast<double>(kFrame));
+    int64_t num = 0;
+    int64_t den = 0;
+    ASSERT_EQ(adapter->frameRate(&num, &den, 0), kOk);
+    ASSERT_GT(den, 0);
+    EXPECT_EQ(num * 1, den * 25) << num << "/" << den;
+}
+
+// ---------------------------------------------------------------------------
+// Shapes
+
+TEST_F(ThumbAdapterTest, AWideVideoInATallerBoxIsCentredBetweenTransparentBars) {
+    // 320x180 into 320x240: 320x180 at rows 30..209.
+    AdapterPtr adapter = openFile(media().colours(), 320, 240);
+    const Picture picture = frame(adapter.get(), 35 * kSecond / 10);
+    for (int x : {0, 100, 319}) {
+        for (int y : {0, 29, 210, 239}) EXPECT_EQ(picture.colourAt(x, y), kClear) << x << "," << y;
+        for (int y : {30, 120, 209}) EXPECT_EQ(picture.colourAt(x, y), 3) << x << "," << y;
+    }
+    // Scaled down: 320x180 into 100x100 gives 100x56 at rows 22..77.
+    ASSERT_EQ(adapter->setOutputSize(100, 100), kOk);
+    const Picture small = frame(adapter.get(), 5 * kSecond / 10);
+    for (int y : {0, 21, 78, 99}) EXPECT_EQ(small.colourAt(50, y), kClear) << y;
+    for (int y : {23, 50, 76}) EXPECT_EQ(small.colourAt(50, y), 0) << y;
+    for (int y : {23, 50, 76}) EXPECT_EQ(small.colourAt(0, y), 0) << "the bound side fills the box, at " << y;
+}
+
+TEST_F(ThumbAdapterTest, ARotatedVideoComesOutUpright) {
+    // Upright it is 180x320, the blue half on the left (as the player shows it).
+    const std::vector<char> player = MediaTest::readBytes(media().rotatedReference());
+    ASSERT_EQ(player.size(), 180u * 320u * 4u) << "the player shows it 180x320";
+    Picture reference(180, 320);
+    reference.rgba.assign(player.begin(), player.end());
+
+    AdapterPtr adapter = openFile(media().rotated(), 180, 320);
+    const Picture upright = frame(adapter.get(), 0);
+    for (int y : {10, 160, 310}) {
+        EXPECT_EQ(upright.colourAt(20, y), 2) << y;
+        EXPECT_EQ(upright.colourAt(160, y), 0) << y;
+        for (int x : {20, 160}) EXPECT_EQ(upright.colourAt(x, y), reference.colourAt(x, y)) << x << "," << y;
+    }
+    // Into a square box: 180x320 fits as 180x320 inside 320x320, columns 70..249.
+    ASSERT_EQ(adapter->setOutputSize(320, 320), kOk);
+    const Picture boxed = frame(adapter.get(), 0);
+    for (int y : {10, 160, 310}) {
+        EXPECT_EQ(boxed.colourAt(69, y), kClear) << y;
+        EXPECT_EQ(boxed.colourAt(90, y), 2) << y;
+        EXPECT_EQ(boxed.colourAt(230, y), 0) << y;
+        EXPECT_EQ(boxed.colourAt(250, y), kClear) << y;
+    }
+}
+
+TEST_F(ThumbAdapterTest, NonSquarePixelsKeepTheDisplayShape) {
+    // 160x180 pixels of 2:1 show as 320x180: they fill a 320x180 box.
+    AdapterPtr adapter = openFile(media().anamorphic(), 320, 180);
+    const Picture picture = frame(adapter.get(), 0);
+    for (int y : {0, 90, 179}) {
+        EXPECT_EQ(picture.colourAt(2, y), 1) << y;
+        EXPECT_EQ(picture.colourAt(150, y), 1) << y;
+        EXPECT_EQ(picture.colourAt(170, y), 2) << y;
+        EXPECT_EQ(picture.colourAt(317, y), 2) << y;
+    }
+    // And into a square box: 320x180 scaled to 200x112 at rows 44..155.
+    ASSERT_EQ(adapter->setOutputSize(200, 200), kOk);
+    const Picture boxed = frame(adapter.get(), 0);
+    EXPECT_EQ(boxed.colourAt(100, 43), kClear);
+    EXPECT_EQ(boxed.colourAt(50, 100), 1);
+    EXPECT_EQ(boxed.colourAt(150, 100), 2);
+    EXPECT_EQ(boxed.colourAt(100, 156), kClear);
+}
+
+// ---------------------------------------------------------------------------
+// Streams and failures
+
+TEST_F(ThumbAdapterTest, StreamZeroThatIsNotVideoMeansTheBestVideoStream) {
+    for (int32_t stream : {-1, 0, 1}) {
+        AdapterPtr adapter = openFile(media().soundFirst(), 64, 36, ThumbSeekExact, stream);
+        EXPECT_EQ(frame(adapter.get(), 0).centreColour(), 1) << "stream " << stream;
+    }
+}
+
+TEST_F(ThumbAdapterTest, MediaThatCannotGivePicturesFailsWithALogLine) {
+    test::ScopedCapture capture(IBsLogger::Warning);
+    const std::string missing = media().file("missing.mp4");
+    const std::string garbage = media().file("garbage.mp4");
+    {
+        std::string bytes(4096, '\0');
+        std::mt19937 random(3);
+        for (char& c : bytes) c = static_cast<char>(random());
+        MediaTest::writeText(garbage, bytes);
+    }
+    struct Case {
+        std::string path;
+        int32_t stream;
+        std::string cause;
+    };
+    const std::vector<Case> cases{
+        {missing, -1, "No such file"},
+        {media().text(), -1, "Invalid data"},
+        {garbage, -1, ""},
+        {media().sound(), -1, "no video stream"},
+        {media().sound(), 0, "no video stream"},
+        {media().soundFirst(), 0 + 5, "no stream 5"},
+        {media().colours(), 1, "no stream 1"},
+        {media().folder(), -1, "not a regular file"},
+    };
+    for (const Case& c : cases) {
+        capture.sink().clear();
+        AdapterPtr adapter = newAdapter();
+        ASSERT_EQ(adapter->setMediaPath(c.path.c_str()), kOk);
+        EXPECT_NE(adapter->open(c.stream), kOk) << c.path;
+        bool named = false;
+        for (const std::string& line : capture.sink().texts())
+            if (line.find(c.path) != std::string::npos && line.find(c.cause) != std::string::npos) named = true;
+        EXPECT_TRUE(named) << "no log line names " << c.path << " and '" << c.cause << "'";
+        std::vector<unsigned char> buffer(64 * 64 * 4);
+        ASSERT_EQ(adapter->setOutputSize(64, 64), kOk);
+        EXPECT_EQ(adapter->frameAt(0, buffer.data(), static_cast<int64_t>(buffer.size())), kBadArgument);
+    }
+}
+
+TEST_F(ThumbAdapterTest, ACutShortFileGivesWhatItHoldsOrFails) {
+    // The first half of a file whose index is at its end, and the same file
+    // with its index first cut short: pictures or failures, never a crash.
+    const std::string front = media().file("front.mp4");
+    ASSERT_TRUE(ffmpeg("-i '" + media().colours() + "' -c copy -movflags +faststart '" + front + "'"));
+    for (const std::string& source : {media().colours(), front}) {
+        const std::vector<char> bytes = MediaTest::readBytes(source);
+        const std::string cut = media().file("cut.mp4");
+        MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
+        AdapterPtr adapter = newAdapter();
+        ASSERT_EQ(adapter->setMediaPath(cut.c_str()), kOk);
+        ASSERT_EQ(adapter->setOutputSize(32, 18), kOk);
+        if (adapter->open(-1) != kOk) continue;
+        std::vector<unsigned char> buffer(32 * 18 * 4);
+        for (int64_t t : {9 * kSecond, 0 * kSecond, 4 * kSecond, 2 * kSecond}) {
+            for (int32_t mode : {ThumbSeekExact, ThumbSeekKeyframe}) {
+                ASSERT_EQ(adapter->setSeekMode(mode), kOk);
+                const int32_t result = adapter->frameAt(t, buffer.data(), static_cast<int64_t>(buffer.size()));
+                EXPECT_TRUE(result == kOk || result == 1002) << result;
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Timelines
+
+struct TimelineRelease {
+    void operator()(IDmTimeline* timeline) const {
+        if (timeline != nullptr) timeline->Release();
+    }
+};
+using TimelinePtr = std::unique_ptr<IDmTimeline, TimelineRelease>;
+
+// The value the data model gives the thumb adapter for a timeline.
+int64_t handleOf(IDmTimeline* timeline) {
+    if (auto* internal = static_cast<IDmTimelineInternal*>(timeline->queryInterface("IDmTimelineInternal")))
+        return internal->adapterHandle();
+    return static_cast<int64_t>(reinterpret_cast<intptr_t>(timeline));
+}
+
+class ThumbAdapterTimelineTest : public ThumbAdapterTest {
+protected:
+    // Track 0: the colour video from 5 s, shown over [0 s, 3 s), then a gap,
+    // then its start over [6 s, 8 s). Track 1 (above): the numbered video
+    // over [0 s, 10 s), visible or not.
+    static TimelinePtr makeTimeline(bool upperVisible) {
+        DmTimelineDesc desc;
+        desc.name = "thumbs";
+        DmTrackDesc lower;
+        lower.name = "lower";
+        DmClipDesc first;
+        first.name = "first";
+        first.mediaPath = media().colours();
+        first.begin = 0;
+        first.end = 3 * kSecond;
+        first.markIn = 5 * kSecond;
+        first.markOut = 8 * kSecond;
+        DmClipDesc second = first;
+        second.name = "second";
+        second.begin = 6 * kSecond;
+        second.end = 8 * kSecond;
+        second.markIn = 0;
+        second.markOut = 2 * kSecond;
+        lower.clips = {first, second};
+        DmTrackDesc sound;
+        sound.name = "sound";
+        sound.kind = DmTrackAudio;
+        DmClipDesc tone;
+        tone.name = "tone";
+        tone.mediaPath = media().sound();
+        tone.begin = 0;
+        tone.end = kSecond;
+        tone.markOut = kSecond;
+        sound.clips = {tone};
+        DmTrackDesc upper;
+        upper.name = "upper";
+        upper.visible = upperVisible;
+        DmClipDesc numbers;
+        numbers.name = "numbers";
+        numbers.mediaPath = media().numbered();
+        numbers.begin = 0;
+        numbers.end = 10 * kSecond;
+        numbers.markIn = 0;
+        numbers.markOut = 10 * kSecond;
+        upper.clips = {numbers};
+        desc.tracks = {lower, sound, upper};
+        std::string error;
+        TimelinePtr timeline(createTimeline(desc, &error));
+        EXPECT_NE(timeline, nullptr) << error;
+        return timeline;
+    }
+    static AdapterPtr openTimeline(IDmTimeline* timeline, int32_t width, int32_t height) {
+        AdapterPtr adapter = newAdapter();
+        EXPECT_EQ(adapter->setMediaObject(handleOf(timeline)), kOk);
+        EXPECT_EQ(adapter->setOutputSize(width, height), kOk);
+        EXPECT_EQ(adapter->open(-1), kOk);
+        return adapter;
+    }
+};
+
+TEST_F(ThumbAdapterTimelineTest, TheTopmostVisibleClipGivesThePicture) {
+    TimelinePtr timeline = makeTimeline(false);
+    ASSERT_NE(timeline, nullptr);
+    AdapterPtr adapter = openTimeline(timeline.get(), 320, 180);
+    // The lower track's first clip: media time 5 s + (t - 0).
+    EXPECT_EQ(frame(adapter.get(), 0).centreColour(), 5);
+    EXPECT_EQ(frame(adapter.get(), 15 * kSecond / 10).centreColour(), 6);
+    EXPECT_EQ(frame(adapter.get(), 29 * kSecond / 10).centreColour(), 7);
+    // Its second clip: media time 0 s + (t - 6 s).
+    EXPECT_EQ(frame(adapter.get(), 65 * kSecond / 10).centreColour(), 0);
+    EXPECT_EQ(frame(adapter.get(), 75 * kSecond / 10).centreColour(), 1);
+    // Backwards into the first clip again.
+    EXPECT_EQ(frame(adapter.get(), 25 * kSecond / 10).centreColour(), 7);
+    // The gap, and past the end: nothing shown, every byte 0.
+    for (int64_t t : {3 * kSecond, 45 * kSecond / 10, 8 * kSecond, 95 * kSecond / 10, 30 * kSecond, -kSecond}) {
+        const Picture picture = frame(adapter.get(), t);
+        EXPECT_TRUE(std::all_of(picture.rgba.begin(), picture.rgba.end(), [](unsigned char b) { return b == 0; }))
+            << "at " << t;
+    }
+    // Keyframe pictures of a clip: the keyframe at or before its media time.
+    ASSERT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
+    EXPECT_EQ(frame(adapter.get(), 15 * kSecond / 10).centreColour(), 6);
+    EXPECT_EQ(frame(adapter.get(), 5 * kSecond / 10).centreColour(), 4);
+    EXPECT_EQ(frame(adapter.get(), 75 * kSecond / 10).centreColour(), 0);
+
+    int64_t duration = 0;
+    ASSERT_EQ(adapter->mediaDuration(&duration, 0), kOk);
+    EXPECT_EQ(duration, timeline->duration());
+    int64_t num = 0;
+    int64_t den = 0;
+    ASSERT_EQ(adapter->frameRate(&num, &den, 0), kOk);
+    ASSERT_GT(den, 0);
+    EXPECT_EQ(num, 25 * den);
+}
+
+TEST_F(ThumbAdapterTimelineTest, AVisibleUpperTrackCoversTheLowerOne) {
+    TimelinePtr timeline = makeTimeline(true);
+    ASSERT_NE(timeline, nullptr);
+    AdapterPtr adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
+    for (int64_t t : {5 * kSecond / 10, 45 * kSecond / 10, 72 * kSecond / 10, 23 * kSecond / 10})
+        EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>(t / kFrame)) << "at " << t;
+}
+
+TEST_F(ThumbAdapterTimelineTest, TheAdapterHoldsTheTimelineWhileItUsesIt) {
+    TimelinePtr timeline = makeTimeline(false);
+    ASSERT_NE(timeline, nullptr);
+    const int32_t before = timeline->refCount();
+    {
+        AdapterPtr adapter = openTimeline(timeline.get(), 32, 18);
+        EXPECT_GT(timeline->refCount(), before);
+        // A file set after it: the timeline is let go once closed.
+        ASSERT_EQ(adapter->setMediaPath(media().colours().c_str()), kOk);
+        ASSERT_EQ(adapter->open(-1), kOk);
+        EXPECT_EQ(timeline->refCount(), before);
+        ASSERT_EQ(adapter->setMediaObject(handleOf(timeline.get())), kOk);
+        EXPECT_GT(timeline->refCount(), before);
+    }
+    EXPECT_EQ(timeline->refCount(), before);
+}
+
+}  // namespace
+}  // namespace ZOR::test

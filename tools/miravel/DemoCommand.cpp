@@ -1,0 +1,276 @@
+// miravel demo [--out DIR]
+//
+// Makes sample media in DIR (default ./miravel-demo): a 60 s video with
+// sound, a music bed and a voice track, and a timeline document
+// (timeline.otio) that uses them with volume keyframes, loudness, a frozen
+// stretch and a voice that ducks the music. Then runs every pipeline on them,
+// as the commands of the same names do, and keeps each result in DIR:
+//   wave    wave.json      the audio wave wrapper over the music file
+//   frames  frames.json    the video frame wrapper over the video file
+//   audio   audio-*.json   audio thumbnails of clips through the service
+//   video   video.json     pictures of a clip through the service (video/)
+//   render  timeline.png   the timeline picture
+// (media thumbnails are not made by the demo yet: their step has its place
+// after the render step, and summary.json says they were not run) and writes summary.json with what was made and how long each step took.
+// Prints {"out", "files": [...], "timings": {...}} (milliseconds).
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Cli.h"
+#include "Commands.h"
+#include "DataModel/DmMedia.h"
+#include "DemoMedia.h"
+#include "Json.h"
+#include "ZorUtils/ZorUtils.h"
+
+namespace miravel {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int64_t kSecond = 10'000'000;
+constexpr int kRate = 25;  // the document's times are whole frames at 25/s
+
+Json rationalTime(double seconds) {
+    return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", std::round(seconds * kRate)}, {"rate", kRate}};
+}
+
+Json timeRange(double start, double duration) {
+    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
+}
+
+Json gap(double duration) { return Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", timeRange(0, duration)}}; }
+
+// A clip of [start, start + duration) of a media file beside the document.
+Json clip(const std::string& name, const std::string& file, double mediaSeconds, double start, double duration,
+          Json miravel) {
+    Json item{{"OTIO_SCHEMA", "Clip.1"},
+              {"name", name},
+              {"source_range", timeRange(start, duration)},
+              {"media_reference",
+               {{"OTIO_SCHEMA", "ExternalReference.1"},
+                {"target_url", file},
+                {"available_range", timeRange(0, mediaSeconds)}}}};
+    if (!miravel.is_null()) item["metadata"] = Json{{"miravel", std::move(miravel)}};
+    return item;
+}
+
+Json track(const std::string& name, const char* kind, Json children) {
+    return Json{{"OTIO_SCHEMA", "Track.1"}, {"name", name}, {"kind", kind}, {"children", std::move(children)}};
+}
+
+// The demo's timeline, 60 s: the video in three clips (the second with a
+// frozen stretch), the music bed under it all, and two voice clips that duck
+// the music and the video's sound.
+std::string timelineDocument() {
+    const double video = demo::kDemoVideoSeconds;
+    const Json ducking{{"enabled", true}, {"depth", 0.7}, {"fade", 0.6}, {"fade_ratio", 0.5}};
+    Json videoTrack = track(
+        "Video", "Video",
+        Json::array({clip("Opening", "video.mp4", video, 0, 20,
+                          {{"volume_db", -3.0}, {"volume_keyframes", Json::array({{0, -24.0}, {2, 0.0}})}}),
+                     clip("Freeze", "video.mp4", video, 20, 20,
+                          {{"speed_parts", Json::array({{{"begin", 0}, {"end", 6}, {"speed", 1.0}},
+                                                        {{"begin", 6}, {"end", 10}, {"speed", 0.0}},
+                                                        {{"begin", 10}, {"end", 20}, {"speed", 1.0}}})}}),
+                     clip("Closing", "video.mp4", video, 40, 20,
+                          {{"loudness", {{"enabled", true}, {"gain", 0.5}}},
+                           {"volume_keyframes", Json::array({{16, 0.0}, {20, -30.0}})}})}));
+    Json musicTrack = track(
+        "Music", "Audio",
+        Json::array({clip("Music Bed", "music.wav", demo::kDemoMusicSeconds, 0, 60,
+                          {{"volume_db", -2.0},
+                           {"volume_gain_db", 1.5},
+                           {"loudness", {{"enabled", true}, {"gain", 0.8}}},
+                           {"volume_keyframes", Json::array({{0, -30.0}, {3, 0.0}, {55, 0.0}, {60, -30.0}})}})}));
+    Json voiceTrack =
+        track("Voice", "Audio",
+              Json::array({gap(6), clip("Voice 1", "voice.wav", demo::kDemoVoiceSeconds, 0, 14, {{"ducking", ducking}}),
+                           gap(14),
+                           clip("Voice 2", "voice.wav", demo::kDemoVoiceSeconds, 14, 16,
+                                {{"volume_db", 2.0}, {"ducking", ducking}})}));
+    const Json document{{"OTIO_SCHEMA", "Timeline.1"},
+                        {"name", "Miravel demo"},
+                        {"tracks",
+                         {{"OTIO_SCHEMA", "Stack.1"},
+                          {"children", Json::array({std::move(videoTrack), std::move(musicTrack), std::move(voiceTrack)})}}}};
+    return document.dump(2);
+}
+
+// Times the steps and keeps the files they made.
+class Steps {
+public:
+    Steps(std::string out, int count) : out_(std::move(out)), count_(count) {}
+
+    template <class Work>
+    void run(const std::string& name, const std::string& title, Work work) {
+        ++index_;
+        std::fprintf(stderr, "demo [%d/%d] %s\n", index_, count_, title.c_str());
+        std::fflush(stderr);
+        const auto start = std::chrono::steady_clock::now();
+        work();
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        timings_.emplace_back(name, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+    }
+
+    // A file of the folder, by its name there; kept for the list.
+    std::string file(const std::string& name) {
+        files_.push_back(name);
+        return (std::filesystem::path(out_) / name).string();
+    }
+    // Keeps a result document as a file of the folder.
+    void keep(const std::string& name, const std::string& document) { writeJsonFile(file(name), document); }
+
+    const std::vector<std::string>& files() const { return files_; }
+    const std::vector<std::pair<std::string, int64_t>>& timings() const { return timings_; }
+
+private:
+    std::string out_;
+    int count_;
+    int index_ = 0;
+    std::vector<std::string> files_;
+    std::vector<std::pair<std::string, int64_t>> timings_;  // milliseconds, in step order
+};
+
+// Lists the picture files of a frames or video result, by their names in out.
+void keepFrameFiles(Steps& steps, const std::string& out, const std::string& result) {
+    const Json parsed = Json::parse(result);
+    for (const auto& frame : parsed.at("frames"))
+        steps.file(std::filesystem::path(frame.at("file").get<std::string>()).lexically_relative(out).generic_string());
+}
+
+}  // namespace
+
+int runDemo(int argc, char** argv) {
+    Arguments arguments(argc, argv, 2, {"out", "timeout"}, {});
+    if (!arguments.positional().empty()) throw UsageError("demo takes no file arguments");
+    const std::string out = arguments.text("out").value_or("miravel-demo");
+    if (out.empty()) throw UsageError("--out needs a folder");
+    const std::chrono::seconds timeout = commandTimeout(arguments);
+    setupCommandLogging(arguments);
+
+    if (!ZOR::DirUtil::create(out)) throw Failure(out + ": cannot create the folder");
+    // The frame store lives in the folder, emptied first so that every run
+    // decodes what it shows.
+    const std::string store = (std::filesystem::path(out) / "frame-store").string();
+    ZOR::DirUtil::removeAll(store);
+    ZOR::setFrameStoreRoot(store.c_str());
+
+    const auto started = std::chrono::steady_clock::now();
+    Steps steps(out, 6);
+    demo::DemoMediaFiles media;
+    const std::string document = (std::filesystem::path(out) / "timeline.otio").string();
+    steps.run("media", "sample media and the timeline document", [&] {
+        Progress progress("media");
+        media = demo::writeDemoMedia(out, [&](double done) { progress.update(done); });
+        progress.finish();
+        steps.file("video.mp4");
+        steps.file("music.wav");
+        steps.file("voice.wav");
+        writeJsonFile(steps.file("timeline.otio"), timelineDocument());
+    });
+
+    steps.run("wave", "waveform of the music file (audio wave wrapper)", [&] {
+        WaveRequest request;
+        request.media = media.music;
+        request.end = demo::kDemoMusicSeconds * kSecond;
+        request.samples = 150;
+        request.timeout = timeout;
+        steps.keep("wave.json", waveJson(request));
+    });
+
+    steps.run("frames", "frames of the video file (video frame wrapper)", [&] {
+        FramesRequest request;
+        request.media = media.video;
+        for (int second = 0; second < demo::kDemoVideoSeconds; second += 12) request.times.push_back(second * kSecond);
+        request.width = 160;
+        request.height = 90;
+        request.timeout = timeout;
+        const std::string result = framesJson(request);
+        steps.keep("frames.json", result);
+        keepFrameFiles(steps, out, result);
+    });
+
+    steps.run("audio", "audio thumbnails of clips (clip thumbnail service)", [&] {
+        struct Query {
+            const char* clip;
+            uint32_t points;
+            bool ducking;
+            const char* file;
+        };
+        for (const Query& query : {Query{"Music Bed", 1200, true, "audio-music.json"},
+                                   Query{"Music Bed", 1200, false, "audio-music-no-ducking.json"},
+                                   Query{"Freeze", 400, true, "audio-freeze.json"}}) {
+            AudioRequest request;
+            request.document = document;
+            request.clip = query.clip;
+            request.points = query.points;
+            request.ducking = query.ducking;
+            request.timeout = timeout;
+            steps.keep(query.file, audioJson(request));
+        }
+    });
+
+    steps.run("video", "pictures of a clip (clip thumbnail service)", [&] {
+        VideoRequest request;
+        request.document = document;
+        request.clip = "Opening";
+        for (int i = 0; i < 8; ++i) request.times.push_back(i * 25 * kSecond / 10);
+        request.width = 160;
+        request.height = 90;
+        request.outDir = (std::filesystem::path(out) / "video").string();
+        request.timeout = timeout;
+        const std::string result = videoJson(request);
+        steps.keep("video.json", result);
+        keepFrameFiles(steps, out, result);
+    });
+
+    Json render;
+    steps.run("render", "the timeline picture", [&] {
+        RenderRequest request;
+        request.document = document;
+        request.out = steps.file("timeline.png");
+        request.timeout = timeout;
+        render = Json::parse(renderJson(request));
+    });
+
+    // Media thumbnails (the media thumbnail manager) are not made by the demo
+    // yet; their step goes here, with its files and its timing, and its entry
+    // in the summary below replaces the "not yet run" one.
+
+    const int64_t total =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
+    Json timings = Json::object();
+    for (const auto& [name, milliseconds] : steps.timings()) timings[name] = milliseconds;
+    timings["total"] = total;
+
+    const std::string summaryPath = steps.file("summary.json");
+    Json summary{{"out", out},
+                 {"document", "timeline.otio"},
+                 {"video_encoder", media.videoEncoder},
+                 {"files", steps.files()},
+                 {"timings_ms", timings},
+                 {"picture", "timeline.png"},
+                 {"render", render},
+                 {"media_thumbnails", {{"status", "not yet run by the demo"}}}};
+    writeJsonFile(summaryPath, summary.dump(2));
+
+    JsonWriter json;
+    json.beginObject().key("out").value(out).key("files").beginArray();
+    for (const std::string& file : steps.files()) json.value(file);
+    json.endArray().key("timings").beginObject();
+    for (const auto& [name, milliseconds] : steps.timings()) json.key(name).value(milliseconds);
+    json.key("total").value(total).endObject().endObject();
+    printJson(json.text());
+    return 0;
+}
+
+}  // namespace miravel
