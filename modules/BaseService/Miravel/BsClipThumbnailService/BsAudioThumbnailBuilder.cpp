@@ -121,6 +121,14 @@ bool sameRecords(const std::vector<FAudioDuckInfo>& a, const std::vector<FAudioD
     return true;
 }
 
+// A cancelled task no longer fills the cache: requests of its media stop
+// waiting for it.
+void forgetCacheTask(const std::shared_ptr<BsAudioSampleCache>& cache, int64_t token) {
+    if (!cache) return;
+    std::lock_guard<std::mutex> guard(cache->lock());
+    if (cache->taskToken() == token) cache->setTaskToken(-1);
+}
+
 // The point times of a request: t = begin + trunc(i / count x (end - begin)).
 int64_t pointTime(int64_t begin, int64_t end, int32_t i, int32_t count) {
     return begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
@@ -247,7 +255,10 @@ BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
         std::lock_guard<std::mutex> guard(lock_);
         for (auto& [clipKey, entry] : clips_)
             for (auto& [queryerKey, request] : entry->requests)
-                if (request.token >= 0 && task_ != nullptr) task_->cancel(request.token);
+                if (request.token >= 0 && task_ != nullptr) {
+                    task_->cancel(request.token);
+                    forgetCacheTask(entry->sampleCache, request.token);
+                }
     }
     if (worker_.joinable()) {
         {
@@ -432,8 +443,10 @@ void BsAudioThumbnailBuilder::cancelRequests(IBsAudioThumbnailQueryer* queryer, 
                 continue;
             }
             request->second.cancelled.store(true);
-            if (request->second.token >= 0 && request->second.taskState == 1 && task_ != nullptr)
+            if (request->second.token >= 0 && request->second.taskState == 1 && task_ != nullptr) {
                 task_->cancel(request->second.token);
+                forgetCacheTask(entry.sampleCache, request->second.token);
+            }
             // Waits for a computation of this entry in progress on the worker.
             std::lock_guard<std::mutex> param(entry.paramLock);
             request = entry.requests.erase(request);
@@ -528,7 +541,10 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
             std::lock_guard<std::mutex> param(entry->paramLock);
             for (auto& [queryerKey, request] : entry->requests) {
                 request.cancelled.store(true);
-                if (request.token >= 0 && task_ != nullptr) task_->cancel(request.token);
+                if (request.token >= 0 && task_ != nullptr) {
+                    task_->cancel(request.token);
+                    forgetCacheTask(entry->sampleCache, request.token);
+                }
                 request.rawSamples.clear();
                 request.samples.clear();
             }
@@ -758,6 +774,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
     AudioThumbnailRequest& request = entry.requests[keyOf(queryer)];
     if (request.rawSamples.empty() && request.token >= 0 && request.taskState == 1) {
         if (task_ != nullptr) task_->cancel(request.token);
+        forgetCacheTask(entry.sampleCache, request.token);
         request.token = -1;
         request.taskState = 0;
         ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dispatchAudioThumbnailTask", "===:appendWaveTask");
@@ -906,7 +923,6 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
                 for (auto& [queryerKey, request] : entry->requests) {
                     if (request.waitedToken != token) continue;
                     request.waitedToken = -1;
-                    if (status != 2) continue;
                     request.rawSamples.clear();
                     request.samples.clear();
                     stale.insert(clipKey);

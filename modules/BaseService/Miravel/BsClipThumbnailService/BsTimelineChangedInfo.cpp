@@ -138,11 +138,13 @@ void BsTimelineChangedInfo::detachClip(IDmClip* clip) {
 }
 
 void BsTimelineChangedInfo::watchClip(IDmClip* clip) {
+    std::lock_guard<std::mutex> guard(lock_);
     if (timeline_ != nullptr) attachClip(clip);
     watchedClips_.insert(clip);
 }
 
 void BsTimelineChangedInfo::unwatchClip(IDmClip* clip) {
+    std::lock_guard<std::mutex> guard(lock_);
     if (timeline_ != nullptr) detachClip(clip);
     watchedClips_.erase(clip);
 }
@@ -159,6 +161,7 @@ void BsTimelineChangedInfo::propertyFilter(IDmClip* clip, const char* key) {
     IDmClip* audioClip = getBaseAudioClip(clip);
     if (audioClip == nullptr) return;
     ScopedRef hold(audioClip);
+    std::lock_guard<std::mutex> guard(lock_);
     uint32_t& flags = changeFlags_[audioClip];
     if (key == nullptr) return;
     const struct {
@@ -193,6 +196,7 @@ void BsTimelineChangedInfo::effectFilter(IDmEffect* effect) {
     IDmClip* owner = effect->ownerClip();
     if (owner == nullptr) return;
     ScopedRef hold(owner);
+    std::lock_guard<std::mutex> guard(lock_);
     addFlags(owner, bits);
 }
 
@@ -202,6 +206,7 @@ void BsTimelineChangedInfo::trackFilter(IDmTrack* track, const char* key) {
     IDmTimeline* owner = track->owner();
     if (owner == nullptr) return;
     const int32_t index = track->trackIndex();
+    std::lock_guard<std::mutex> guard(lock_);
     for (int32_t i = 0; i < owner->clipCount(index); ++i) {
         IDmClip* audioClip = getBaseAudioClip(owner->clip(index, i));
         if (audioClip != nullptr) addFlags(audioClip, kEnable);
@@ -220,6 +225,7 @@ int32_t BsTimelineChangedInfo::onTrackAdded(IDmTimeline*, IDmCallbackSource* tra
 
 int32_t BsTimelineChangedInfo::onTrackRemoved(IDmTimeline*, IDmCallbackSource* track) {
     if (track != nullptr) track->unregisterCallback(static_cast<IDmBaseObj*>(this));
+    std::lock_guard<std::mutex> guard(lock_);
     if (timeline_ == nullptr) return 0;
     // Detach from the clips the timeline no longer holds.
     std::set<IDmClip*> held;
@@ -239,6 +245,7 @@ int32_t BsTimelineChangedInfo::onTrackMoved(IDmTimeline*, IDmTrack*) { return 0;
 
 int32_t BsTimelineChangedInfo::onClipAdded(IDmTimeline*, IDmClip* clip) {
     if (clip == nullptr) return 0;
+    std::lock_guard<std::mutex> guard(lock_);
     addFlags(getBaseAudioClip(clip), kRange);
     eraseHeld(removedClips_, clip);
     insertHeld(addedClips_, clip);
@@ -248,6 +255,7 @@ int32_t BsTimelineChangedInfo::onClipAdded(IDmTimeline*, IDmClip* clip) {
 
 int32_t BsTimelineChangedInfo::onClipRemoved(IDmTimeline*, IDmClip* clip) {
     if (clip == nullptr) return 0;
+    std::lock_guard<std::mutex> guard(lock_);
     eraseHeld(addedClips_, clip);
     insertHeld(removedClips_, clip);
     detachClip(clip);
@@ -257,12 +265,18 @@ int32_t BsTimelineChangedInfo::onClipRemoved(IDmTimeline*, IDmClip* clip) {
 int32_t BsTimelineChangedInfo::onClipMoved(IDmTimeline*, IDmClip*) { return 0; }
 
 int32_t BsTimelineChangedInfo::onTimelineGone(IDmTimeline*) {
-    if (timeline_ != nullptr) {
-        for (IDmClip* clip : std::set<IDmClip*>(attachedClips_)) detachClip(clip);
-        for (int32_t t = 0; t < timeline_->trackCount(); ++t) unregisterFrom(timeline_->track(t));
-        unregisterFrom(timeline_);
+    IDmTimeline* gone = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        gone = timeline_;
+        if (timeline_ != nullptr) {
+            for (IDmClip* clip : std::set<IDmClip*>(attachedClips_)) detachClip(clip);
+            for (int32_t t = 0; t < timeline_->trackCount(); ++t) unregisterFrom(timeline_->track(t));
+            unregisterFrom(timeline_);
+        }
     }
-    if (callback_ != nullptr) callback_->onAllClipsChanged(timeline_);
+    if (callback_ != nullptr) callback_->onAllClipsChanged(gone);
+    std::lock_guard<std::mutex> guard(lock_);
     watchedClips_.clear();
     timeline_ = nullptr;
     return 0;
@@ -274,7 +288,9 @@ int32_t BsTimelineChangedInfo::onClipPropertyChanged(IDmClip* clip, const char* 
 }
 
 int32_t BsTimelineChangedInfo::onMediaChanged(IDmClip* clip) {
-    addFlags(getBaseAudioClip(clip), kSpeed);
+    IDmClip* audioClip = getBaseAudioClip(clip);
+    std::lock_guard<std::mutex> guard(lock_);
+    addFlags(audioClip, kSpeed);
     return 0;
 }
 int32_t BsTimelineChangedInfo::onStreamChanged(IDmClip* clip) { return onMediaChanged(clip); }
@@ -289,6 +305,7 @@ int32_t BsTimelineChangedInfo::onAudioPropertyChanged(IDmClip* clip, const char*
     return 0;
 }
 int32_t BsTimelineChangedInfo::onAudioStreamReplaced(IDmClip* clip) {
+    std::lock_guard<std::mutex> guard(lock_);
     addFlags(clip, kStream);
     return 0;
 }
@@ -316,32 +333,41 @@ int32_t BsTimelineChangedInfo::onTimelineClipPropertyChanged(IDmClip* clip, cons
 // Reporting
 
 void BsTimelineChangedInfo::processChanges(const std::shared_ptr<BsClipThumbnailServiceImpl>& /*impl*/) {
-    if (removedClips_.empty() && addedClips_.empty() && changeFlags_.empty()) return;
-    for (IDmClip* clip : removedClips_)
-        if (IDmClip* audioClip = getBaseAudioClip(clip)) changeFlags_[audioClip] = kRemoved;
-    for (IDmClip* clip : addedClips_)
-        if (IDmClip* audioClip = getBaseAudioClip(clip)) changeFlags_[audioClip] = kAdded;
+    // The records are taken under the lock and reported after it.
+    std::map<IDmClip*, uint32_t> flagsOf;
+    std::set<IDmClip*> removed;  // one reference each, as the set held them
+    std::set<IDmClip*> added;    // likewise
+    IDmTimeline* timeline = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (removedClips_.empty() && addedClips_.empty() && changeFlags_.empty()) return;
+        for (IDmClip* clip : removedClips_)
+            if (IDmClip* audioClip = getBaseAudioClip(clip)) changeFlags_[audioClip] = kRemoved;
+        for (IDmClip* clip : addedClips_)
+            if (IDmClip* audioClip = getBaseAudioClip(clip)) changeFlags_[audioClip] = kAdded;
+        for (IDmClip* clip : removedClips_)
+            if (IDmClip* audioClip = getBaseAudioClip(clip)) watchedClips_.erase(audioClip);
+        flagsOf.swap(changeFlags_);
+        removed.swap(removedClips_);
+        added.swap(addedClips_);
+        timeline = timeline_;
+    }
 
     IDmFactory* factory = getDmFactoryInstance();
     IDmClipList* clips = factory != nullptr ? factory->createIDmClipList() : nullptr;
     IZORIntList* flags = createZORIntList();
     if (clips != nullptr && flags != nullptr) {
-        for (const auto& [clip, bits] : changeFlags_) {
+        for (const auto& [clip, bits] : flagsOf) {
             if (bits == 0) continue;
             clips->append(clip);
             flags->append(static_cast<int32_t>(bits));
         }
-        if (clips->count() > 0 && callback_ != nullptr) callback_->onAudioChanged(timeline_, clips, flags);
+        if (clips->count() > 0 && callback_ != nullptr) callback_->onAudioChanged(timeline, clips, flags);
     }
-    for (IDmClip* clip : removedClips_) {
-        if (IDmClip* audioClip = getBaseAudioClip(clip)) watchedClips_.erase(audioClip);
-        if (callback_ != nullptr) callback_->onClipChanged(timeline_, clip);
-    }
-    changeFlags_.clear();
-    for (IDmClip* clip : removedClips_) clip->Release();
-    removedClips_.clear();
-    for (IDmClip* clip : addedClips_) clip->Release();
-    addedClips_.clear();
+    for (IDmClip* clip : removed)
+        if (callback_ != nullptr) callback_->onClipChanged(timeline, clip);
+    for (IDmClip* clip : removed) clip->Release();
+    for (IDmClip* clip : added) clip->Release();
     if (clips != nullptr) clips->Release();
     if (flags != nullptr) flags->Release();
 }

@@ -3,13 +3,17 @@
 // clip, clips added and removed); processChanges() reports the records through
 // IChangedCallback after each data-model event and empties them.
 //
-// No lock of its own: the data model's notifications and processChanges() run
-// on the same thread (the event bus's), never at the same time.
+// The data model's notifications and processChanges() run on the event bus's
+// thread; watchClip() and unwatchClip() come from the clients' threads (every
+// service sharing the timeline's implementation). lock_ guards the records
+// and the clip sets; it is taken before the data model's listener locks and is
+// never held while callback_ is called.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 
 #include "Common/ZorInternalComUtility.h"
@@ -56,8 +60,14 @@ public:
     void unwatchClip(IDmClip* clip);
     void processChanges(const std::shared_ptr<BsClipThumbnailServiceImpl>& impl);
 
-    std::set<IDmClip*> watchedClips() const { return watchedClips_; }
-    IDmTimeline* timeline() const { return timeline_; }
+    std::set<IDmClip*> watchedClips() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return watchedClips_;
+    }
+    IDmTimeline* timeline() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return timeline_;
+    }
 
     // IDmTimelineCallback
     int32_t onTimelineChanged(IDmTimeline* timeline) override;
@@ -108,6 +118,7 @@ private:
     static void eraseHeld(std::set<IDmClip*>& set, IDmClip* clip);
 
     IChangedCallback* callback_;
+    mutable std::mutex lock_;  // guards every field below; see above
     std::set<IDmClip*> removedClips_;  // one reference each
     std::set<IDmClip*> addedClips_;    // one reference each
     std::map<IDmClip*, uint32_t> changeFlags_;

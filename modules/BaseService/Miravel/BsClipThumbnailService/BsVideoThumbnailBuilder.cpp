@@ -52,6 +52,9 @@ BsVideoThumbnailBuilder::~BsVideoThumbnailBuilder() {
         records.swap(tasks_);
     }
     for (auto& [token, record] : records) releaseRecord(record);
+    for (EarlyReport& report : early_)
+        if (report.data != nullptr) report.data->Release();
+    early_.clear();
     if (task_ != nullptr) {
         task_->Release();  // the builder's own reference
         task_->Release();  // the creation's
@@ -208,22 +211,67 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
     releaseRecord(replaced);
 
     int64_t token = -1;
+    appendsInFlight_.fetch_add(1);
     const int32_t result =
         task_->append(clip, record.missingFrames.data(), static_cast<int32_t>(record.missingFrames.size()), &token,
                       request.width, request.height, request.refresh);
     if (result != 0) {
         releaseRecord(record);
+        storeRecord(-1, nullptr);
         return result;
     }
+    storeRecord(token, &record);
+    return 0;
+}
+
+void BsVideoThumbnailBuilder::storeRecord(int64_t token, VideoThumbnailTaskRecord* record) {
     VideoThumbnailTaskRecord previous;
+    std::vector<EarlyReport> dropped;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        auto& slot = tasks_[token];
-        previous = std::move(slot);
-        slot = std::move(record);
+        if (record != nullptr) {
+            auto& slot = tasks_[token];
+            previous = std::move(slot);
+            slot = std::move(*record);
+            record->clip = nullptr;
+            replaying_.insert(token);
+        }
+        if (appendsInFlight_.fetch_sub(1) == 1) {
+            // No append is in flight any more: reports of tokens that no
+            // record claims are of nobody.
+            for (auto it = early_.begin(); it != early_.end();) {
+                if (replaying_.count(it->token) == 0) {
+                    dropped.push_back(*it);
+                    it = early_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
     }
     releaseRecord(previous);
-    return 0;
+    for (EarlyReport& report : dropped)
+        if (report.data != nullptr) report.data->Release();
+    if (record == nullptr) return;
+    // The task may have reported the token before append() returned: those
+    // reports were kept and are handled now, in their order, before any later
+    // one (reports that arrive meanwhile join the queue).
+    for (;;) {
+        EarlyReport report;
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            auto it = std::find_if(early_.begin(), early_.end(),
+                                   [&](const EarlyReport& kept) { return kept.token == token; });
+            if (it == early_.end()) {
+                replaying_.erase(token);
+                return;
+            }
+            report = *it;
+            early_.erase(it);
+        }
+        handleReport(token, report.status, report.data);
+        if (report.data != nullptr) report.data->Release();
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -232,7 +280,20 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
 int32_t BsVideoThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                 const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    if (status == 1) return onTaskProcessing(token, info != nullptr ? info->data : nullptr);
+    IDmBaseObj* data = info != nullptr ? info->data : nullptr;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (replaying_.count(token) != 0 || (appendsInFlight_.load() > 0 && tasks_.count(token) == 0)) {
+            if (data != nullptr) data->AddRef();
+            early_.push_back(EarlyReport{token, status, data});
+            return 0;
+        }
+    }
+    return handleReport(token, status, data);
+}
+
+int32_t BsVideoThumbnailBuilder::handleReport(int64_t token, int32_t status, IDmBaseObj* data) {
+    if (status == 1) return onTaskProcessing(token, data);
     ZOR_LOG(1, "ZOR::BsVideoThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     VideoThumbnailTaskRecord record;
@@ -250,20 +311,14 @@ int32_t BsVideoThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*
         // The request moves to a new token with what is still outstanding;
         // if the restart writes no token, the record stays under 0.
         int64_t restarted = 0;
+        appendsInFlight_.fetch_add(1);
         task_->append(record.clip, record.missingFrames.data(), static_cast<int32_t>(record.missingFrames.size()),
                       &restarted, record.width, record.height, 0);
         record.requestedFrames = record.missingFrames;
         // The new token's first report is a batch report again: it picks up
         // what the store already holds.
         record.hasTaskData = 0;
-        VideoThumbnailTaskRecord previous;
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            auto& slot = tasks_[restarted];
-            previous = std::move(slot);
-            slot = std::move(record);
-        }
-        releaseRecord(previous);
+        storeRecord(restarted, &record);
         return 0;
     }
     releaseRecord(record);

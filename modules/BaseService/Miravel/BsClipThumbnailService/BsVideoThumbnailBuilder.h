@@ -7,7 +7,9 @@
 // called.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <set>
 #include <map>
 #include <mutex>
 #include <string>
@@ -60,6 +62,17 @@ public:
     static std::string mediaIdOf(IDmClip* clip);
 
 private:
+    // A report that came before its token's record was stored.
+    struct EarlyReport {
+        int64_t token = -1;
+        int32_t status = 0;
+        IDmBaseObj* data = nullptr;  // one reference
+    };
+
+    int32_t handleReport(int64_t token, int32_t status, IDmBaseObj* data);
+    // Stores record under token (null: the append failed), ends the append's
+    // flight and handles the reports the token got before.
+    void storeRecord(int64_t token, VideoThumbnailTaskRecord* record);
     int32_t onTaskProcessing(int64_t token, IDmBaseObj* data);
     void deliver(IDmClip* clip, int32_t width, int32_t height, IZORLonglongList* frames, IZORPByteList* pictures);
     static void releaseRecord(VideoThumbnailTaskRecord& record);
@@ -68,6 +81,9 @@ private:
     IBsVideoFrameExtractTask* task_ = nullptr;  // one reference
     std::mutex lock_;  // guards tasks_; never held with the cache's lock or while calling out
     std::map<int64_t, VideoThumbnailTaskRecord> tasks_;
+    std::vector<EarlyReport> early_;   // guarded by lock_
+    std::set<int64_t> replaying_;      // guarded by lock_: tokens whose early reports are being handled
+    std::atomic<int32_t> appendsInFlight_{0};
     BsVideoThumbnailCacheManager cache_;
 };
 
