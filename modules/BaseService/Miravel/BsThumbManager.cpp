@@ -16,6 +16,10 @@ namespace {
 constexpr size_t kPathBytes = 1024;
 constexpr const char* kCacheFolder = "media_thumbnail";
 
+uint64_t boxKey(int32_t width, int32_t height) {
+    return (static_cast<uint64_t>(static_cast<uint32_t>(width)) << 32) | static_cast<uint32_t>(height);
+}
+
 std::string textOf(const char* buffer, size_t size) {
     return std::string(buffer, strnlen(buffer, size));
 }
@@ -131,6 +135,7 @@ int32_t BsThumbManager::open() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         fitted = adjust(width, height, thumbWidth_, thumbHeight_, &fittedWidth, &fittedHeight);
+        openedBox_.store(boxKey(thumbWidth_, thumbHeight_));
     }
     // Without a size there is nothing to render into: the media counts as
     // unreadable, so that its task completes instead of being retried.
@@ -431,10 +436,17 @@ void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
     if (!PathUtil::exists(Path(task.cacheDir)) && !DirUtil::create(Path(task.cacheDir))) return;
 
     bool holds = false;
+    uint64_t box = 0;
     {
+        std::lock_guard<std::mutex> guard(mutex_);
+        box = boxKey(thumbWidth_, thumbHeight_);
+    }
+    {
+        // The adapter must hold this media, fitted into the current box (the
+        // file names carry the box, so must the pictures).
         std::lock_guard<std::mutex> guard(mediaLock_);
-        holds = currentPath_ == task.mediaPath &&
-                reinterpret_cast<uint64_t>(currentObject_) == task.mediaObject && adapterOpen_.load();
+        holds = currentPath_ == task.mediaPath && reinterpret_cast<uint64_t>(currentObject_) == task.mediaObject &&
+                adapterOpen_.load() && openedBox_.load() == box;
     }
     if (!holds) {
         close();

@@ -110,6 +110,9 @@ private:
     std::atomic<int32_t> framesPerStep_{3};
     std::atomic<ThumbTaskFilter> taskFilter_{nullptr};
     std::atomic<bool> adapterOpen_{false};
+    // The box the adapter's output size was fitted into at open(), width in
+    // the high half: a new box makes the worker open the media again.
+    std::atomic<uint64_t> openedBox_{0};
     std::atomic<int32_t> interrupt_{0};
 
     std::mutex workerLock_;  // alone: guards worker_
