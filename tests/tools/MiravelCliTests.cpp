@@ -517,6 +517,185 @@ TEST(MiravelCli, RenderWritesAPictureOfThePrintedSize) {
     }
 }
 
+// ---------------------------------------------------------------------------
+// Media thumbnails: the media thumbnail manager through `miravel media`.
+
+// Ten colours, one second each, 25 frames a second, a keyframe every two
+// seconds (no scene cuts): 10 s of video.
+const std::vector<std::pair<const char*, std::array<int, 3>>> kSecondColours{
+    {"red", {255, 0, 0}},       {"blue", {0, 0, 255}},     {"lime", {0, 255, 0}},   {"yellow", {255, 255, 0}},
+    {"white", {255, 255, 255}}, {"black", {0, 0, 0}},      {"magenta", {255, 0, 255}}, {"cyan", {0, 255, 255}},
+    {"gray", {128, 128, 128}},  {"navy", {0, 0, 128}}};
+constexpr int64_t kTenSeconds = 100'000'000;
+
+std::string tenColoursVideo(const TempFolder& folder) {
+    const std::string video = folder.file("ten-colours.mp4");
+    std::string inputs;
+    for (const auto& [name, rgb] : kSecondColours) {
+        inputs += "-f lavfi -i color=c=";
+        inputs += name;
+        inputs += ":s=320x180:d=1:r=25 ";
+    }
+    EXPECT_TRUE(ffmpeg(inputs + "-filter_complex 'concat=n=10:v=1:a=0' -c:v libx264 -pix_fmt yuv420p "
+                                "-x264-params keyint=50:min-keyint=50:scenecut=0 '" + video + "'"));
+    return video;
+}
+
+// The manager's rendering order of count pictures: 0 and count - 1, then
+// pass by pass over the sorted indices' neighbours, from the last pair to
+// the first, a + (b - a) / 2 wherever b - a > 1.
+std::vector<int> renderingOrder(int count) {
+    std::vector<int> order{0};
+    if (count > 1) order.push_back(count - 1);
+    std::vector<int> sorted = order;
+    for (bool added = true; added;) {
+        added = false;
+        for (size_t i = sorted.size() - 1; i-- > 0;) {
+            const int a = sorted[i];
+            const int b = sorted[i + 1];
+            if (b - a <= 1) continue;
+            order.push_back(a + (b - a) / 2);
+            sorted.insert(sorted.begin() + static_cast<std::ptrdiff_t>(i) + 1, a + (b - a) / 2);
+            added = true;
+        }
+    }
+    return order;
+}
+
+// Picture i of count shows media time trunc(i / count x duration).
+int64_t pictureTime(int index, int count) {
+    return static_cast<int64_t>(static_cast<double>(index) / static_cast<double>(count) *
+                                static_cast<double>(kTenSeconds));
+}
+
+std::string thumbnailFile(const std::string& root, int index, const std::string& box) {
+    return root + "/media_thumbnail/" + std::to_string(index) + "_" + box + ".png";
+}
+
+// The printed document: root and count, and the files as index and path.
+std::vector<std::pair<int, std::string>> mediaFiles(const CliRun& run, const std::string& root, int count) {
+    const Json json = Json::parse(run.out);
+    EXPECT_EQ(json.at("root").get<std::string>(), root);
+    EXPECT_EQ(json.at("count").get<int>(), count);
+    std::vector<std::pair<int, std::string>> files;
+    for (const Json& file : json.at("files"))
+        files.emplace_back(file.at("index").get<int>(), file.at("file").get<std::string>());
+    return files;
+}
+
+TEST(MiravelCli, MediaThumbnailsComeCoarseToFineShowingTheirTimes) {
+    TempFolder folder;
+    const std::string video = tenColoursVideo(folder);
+    const std::string root = folder.file("thumbs");
+    const CliRun run = runMiravel(folder, "media '" + video + "' --root '" + root + "' --count 20 --box 64x36");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::vector<std::pair<int, std::string>> files = mediaFiles(run, root, 20);
+    const std::vector<int> order = renderingOrder(20);
+    ASSERT_EQ(order.size(), 20u);
+    EXPECT_EQ(std::vector<int>(order.begin(), order.begin() + 9), (std::vector<int>{0, 19, 9, 14, 4, 16, 11, 6, 2}));
+    ASSERT_EQ(files.size(), order.size());
+    for (size_t k = 0; k < order.size(); ++k) {
+        SCOPED_TRACE(k);
+        const int index = order[k];
+        EXPECT_EQ(files[k].first, index);
+        EXPECT_EQ(files[k].second, thumbnailFile(root, index, "64_36"));
+        // The exact frame: the colour of the second its time falls in.
+        const size_t second = static_cast<size_t>(pictureTime(index, 20) / 10'000'000);
+        expectPicture(files[k].second, 64, 36, kSecondColours[second].second, 30);
+    }
+    EXPECT_EQ(MediaTest::filesUnder(root).size(), 20u);
+
+    // All on disk: nothing is made again, nor listed.
+    const CliRun again = runMiravel(folder, "media '" + video + "' --root '" + root + "' --count 20 --box 64x36");
+    ASSERT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_EQ(again.out, "{\"root\": \"" + root + "\", \"count\": 20, \"files\": []}\n");
+    EXPECT_EQ(again.err, "media: 100%\n");
+    EXPECT_EQ(MediaTest::filesUnder(root).size(), 20u);
+}
+
+TEST(MiravelCli, MediaThumbnailsInKeyframeModeShowTheKeyframes) {
+    TempFolder folder;
+    const std::string video = tenColoursVideo(folder);
+    const std::string root = folder.file("keyframes");
+    const CliRun run =
+        runMiravel(folder, "media '" + video + "' --root '" + root + "' --count 20 --box 64x36 --seek keyframe");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::vector<std::pair<int, std::string>> files = mediaFiles(run, root, 20);
+    ASSERT_EQ(files.size(), 20u);
+    std::vector<int> indices;
+    for (const auto& [index, file] : files) {
+        SCOPED_TRACE(index);
+        indices.push_back(index);
+        EXPECT_EQ(file, thumbnailFile(root, index, "64_36"));
+        // The keyframe at or before the time: one every two seconds.
+        const size_t second = static_cast<size_t>(pictureTime(index, 20) / 20'000'000 * 2);
+        expectPicture(file, 64, 36, kSecondColours[second].second, 30);
+    }
+    EXPECT_EQ(indices, renderingOrder(20));
+}
+
+TEST(MiravelCli, MediaThumbnailsMissingFromAnEarlierRunAreMadeAndListed) {
+    TempFolder folder;
+    const std::string video = tenColoursVideo(folder);
+    const std::string root = folder.file("partial");
+    // Another box, another set of files; the item queued at its last position.
+    CliRun run = runMiravel(folder, "media '" + video + "' --root '" + root + "' --count 7 --box 48x48 --position 1");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    std::vector<std::pair<int, std::string>> files = mediaFiles(run, root, 7);
+    ASSERT_EQ(files.size(), 7u);
+    for (size_t k = 0; k < files.size(); ++k) {
+        EXPECT_EQ(files[k].first, renderingOrder(7)[k]);
+        // 16:9 fitted into 48x48: 48x27.
+        expectPicture(files[k].second, 48, 27, kSecondColours[static_cast<size_t>(pictureTime(files[k].first, 7) / 10'000'000)].second, 30);
+    }
+    // Pictures 2 and 5 gone, picture 0 (at the default position) still there.
+    std::filesystem::remove(thumbnailFile(root, 2, "48_48"));
+    std::filesystem::remove(thumbnailFile(root, 5, "48_48"));
+    run = runMiravel(folder, "media '" + video + "' --root '" + root + "' --count 7 --box 48x48");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    files = mediaFiles(run, root, 7);
+    EXPECT_EQ(files, (std::vector<std::pair<int, std::string>>{{5, thumbnailFile(root, 5, "48_48")},
+                                                               {2, thumbnailFile(root, 2, "48_48")}}));
+    EXPECT_EQ(MediaTest::filesUnder(root).size(), 7u);
+}
+
+TEST(MiravelCli, MediaThumbnailsOfAFileThatCannotBeShownFail) {
+    TempFolder folder;
+    const std::string missing = folder.file("missing.mp4");
+    const std::string root = folder.file("thumbs");
+    CliRun run = runMiravel(folder, "media '" + missing + "' --root '" + root + "'");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.out.empty());
+    EXPECT_EQ(run.err, "miravel: '" + missing + "': No such file or directory\n");
+
+    const std::string wav = rampWav(folder, 44100);
+    run = runMiravel(folder, "media '" + wav + "' --root '" + root + "'");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.out.empty());
+    EXPECT_EQ(run.err, "miravel: '" + wav + "': no video stream\n");
+    EXPECT_TRUE(MediaTest::filesUnder(root).empty());
+}
+
+TEST(MiravelCli, BadMediaArgumentsAreUsageErrors) {
+    TempFolder folder;
+    const std::string video = folder.file("v.mp4");
+    const std::string root = " --root '" + folder.file("thumbs") + "'";
+    for (const std::string& arguments :
+         {std::string("media"), "media '" + video + "'", "media '" + video + "' '" + video + "'" + root,
+          "media '" + video + "'" + root + " --count 0", "media '" + video + "'" + root + " --count many",
+          "media '" + video + "'" + root + " --box 0x9", "media '" + video + "'" + root + " --box 64",
+          "media '" + video + "'" + root + " --position -0.1", "media '" + video + "'" + root + " --position 1.5",
+          "media '" + video + "'" + root + " --position half", "media '" + video + "'" + root + " --seek fast",
+          "media '" + video + "'" + root + " --timeout 0", "media '" + video + "'" + root + " --bogus 1"}) {
+        const CliRun run = runMiravel(folder, arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments << "\n" << run.err;
+        EXPECT_NE(run.err.find("usage: miravel"), std::string::npos) << arguments;
+        EXPECT_TRUE(run.out.empty()) << arguments;
+    }
+    const CliRun run = runMiravel(folder, "media '" + video + "'" + root + " --seek fast");
+    EXPECT_EQ(run.err.substr(0, run.err.find('\n') + 1), "miravel: --seek needs exact or keyframe, not 'fast'\n");
+}
+
 TEST(MiravelCli, DemoMakesItsMediaAndRunsEveryPipeline) {
     TempFolder folder;
     const std::string out = folder.file("demo");
@@ -531,14 +710,44 @@ TEST(MiravelCli, DemoMakesItsMediaAndRunsEveryPipeline) {
         EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::path(out) / name)) << name;
     }
     for (const char* name : {"video.mp4", "music.wav", "voice.wav", "timeline.otio", "wave.json", "frames.json",
-                             "audio-music.json", "video.json", "timeline.png", "summary.json"})
+                             "audio-music.json", "video.json", "timeline.png", "media-thumbnails.json", "summary.json"})
         EXPECT_EQ(files.count(name), 1u) << name;
-    for (const char* step : {"media", "wave", "frames", "audio", "video", "render", "total"})
+    for (const char* step : {"media", "wave", "frames", "audio", "video", "render", "media_thumbnails", "total"})
         EXPECT_GE(json.at("timings").at(step).get<int64_t>(), 0) << step;
     const std::string summary = (std::filesystem::path(out) / "summary.json").string();
     std::ifstream in(summary);
     const Json parsed = Json::parse(in);
     EXPECT_EQ(parsed.at("files"), json.at("files"));
+
+    // The media thumbnail manager's 24 pictures of the video, 160x90, in its
+    // rendering order, listed in the output and in the summary.
+    const Json& thumbnails = parsed.at("media_thumbnails");
+    EXPECT_EQ(thumbnails.at("status").get<std::string>(), "done");
+    EXPECT_EQ(thumbnails.at("media").get<std::string>(), "video.mp4");
+    EXPECT_EQ(thumbnails.at("root").get<std::string>(), "media-thumbnails/video");
+    EXPECT_EQ(thumbnails.at("count").get<int>(), 24);
+    EXPECT_EQ(thumbnails.at("box").get<std::string>(), "160x90");
+    EXPECT_EQ(thumbnails.at("seek").get<std::string>(), "exact");
+    EXPECT_GE(thumbnails.at("milliseconds").get<int64_t>(), 0);
+    EXPECT_LE(thumbnails.at("milliseconds").get<int64_t>(), json.at("timings").at("media_thumbnails").get<int64_t>());
+    const std::vector<int> order = renderingOrder(24);
+    ASSERT_EQ(thumbnails.at("files").size(), order.size());
+    for (size_t k = 0; k < order.size(); ++k) {
+        const std::string name = "media-thumbnails/video/media_thumbnail/" + std::to_string(order[k]) + "_160_90.png";
+        EXPECT_EQ(thumbnails.at("files")[k].get<std::string>(), name);
+        EXPECT_EQ(files.count(name), 1u) << name;
+        unsigned char* thumbnail = nullptr;
+        int thumbnailWidth = 0, thumbnailHeight = 0;
+        const std::string path = (std::filesystem::path(out) / name).string();
+        ASSERT_EQ(ZOR::loadPNG(path.c_str(), &thumbnail, &thumbnailWidth, &thumbnailHeight), 0) << path;
+        EXPECT_EQ(thumbnailWidth, 160) << name;
+        EXPECT_EQ(thumbnailHeight, 90) << name;
+        ZOR::freeImageBuffer(thumbnail);
+    }
+    std::ifstream listed((std::filesystem::path(out) / "media-thumbnails.json").string());
+    const Json media = Json::parse(listed);
+    EXPECT_EQ(media.at("count").get<int>(), 24);
+    EXPECT_EQ(media.at("files").size(), 24u);
     unsigned char* pixels = nullptr;
     int width = 0, height = 0;
     const std::string picture = (std::filesystem::path(out) / "timeline.png").string();

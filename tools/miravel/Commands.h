@@ -18,6 +18,7 @@ int runFrames(int argc, char** argv);
 int runAudio(int argc, char** argv);
 int runVideo(int argc, char** argv);
 int runRender(int argc, char** argv);
+int runMedia(int argc, char** argv);
 int runDemo(int argc, char** argv);
 
 // wave MEDIA: the audio wave wrapper's values of [begin, end).
@@ -76,5 +77,20 @@ struct RenderRequest {
     std::chrono::seconds timeout{600};
 };
 std::string renderJson(const RenderRequest& request);
+
+// media MEDIA: the media thumbnail manager's count pictures of a media file,
+// rendered under root until the item is complete. Prints the files the
+// manager announced, in the order it announced them.
+struct MediaRequest {
+    std::string media;
+    std::string root;
+    int32_t count = 100;
+    int32_t width = 320;
+    int32_t height = 180;
+    double position = 0.0;  // the getFrame position that queues the item, 0..1
+    bool keyframe = false;  // ThumbSeekKeyframe instead of ThumbSeekExact
+    std::chrono::seconds timeout{600};
+};
+std::string mediaJson(const MediaRequest& request);
 
 }  // namespace miravel

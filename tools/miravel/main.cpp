@@ -25,6 +25,9 @@ constexpr const char* kUsage =
     "  audio DOC --clip NAME [--begin CNS --end CNS] --points N [--no-ducking]\n"
     "  video DOC --clip NAME --times T1,T2,... --size WxH --out DIR [--refresh]\n"
     "  render DOC --out PNG [--width W]\n"
+    "  media MEDIA --root DIR [--count N] [--box WxH] [--position P] [--seek exact|keyframe]\n"
+    "        (lists the pictures the manager announced; those already on disk\n"
+    "        from an earlier run over DIR are not made again, nor listed)\n"
     "  demo [--out DIR]\n"
     "options of every command: --log <severity>, --log-file <path>;\n"
     "of those that wait for the library: --timeout SECONDS (default 600)\n";
@@ -45,6 +48,7 @@ int dispatch(int argc, char** argv) {
     if (command == "audio") return miravel::runAudio(argc, argv);
     if (command == "video") return miravel::runVideo(argc, argv);
     if (command == "render") return miravel::runRender(argc, argv);
+    if (command == "media") return miravel::runMedia(argc, argv);
     if (command == "demo") return miravel::runDemo(argc, argv);
     if (command == "help" || command == "--help" || command == "-h") {
         std::fputs(kUsage, stdout);

@@ -85,6 +85,7 @@ int32_t BsThumbManager::setThumbSize(int32_t width, int32_t height) {
     std::lock_guard<std::mutex> guard(mutex_);
     thumbWidth_ = width;
     thumbHeight_ = height;
+    box_.store(boxKey(width, height));
     return 0;
 }
 
@@ -229,14 +230,14 @@ std::string BsThumbManager::thumbnailDir(const char* rootDir) {
 
 std::string BsThumbManager::thumbnailPath(const std::string& dir, int64_t frameIndex) {
     std::string name = std::to_string(frameIndex);
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (thumbWidth_ >= 1 && thumbHeight_ >= 1) {
-            name += '_';
-            name += std::to_string(thumbWidth_);
-            name += '_';
-            name += std::to_string(thumbHeight_);
-        }
+    const uint64_t box = box_.load();
+    const auto width = static_cast<int32_t>(box >> 32);
+    const auto height = static_cast<int32_t>(box & 0xFFFFFFFFu);
+    if (width >= 1 && height >= 1) {
+        name += '_';
+        name += std::to_string(width);
+        name += '_';
+        name += std::to_string(height);
     }
     name += ".png";
     return PathUtil::join(Path(dir), name).str();

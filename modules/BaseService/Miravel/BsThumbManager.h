@@ -99,6 +99,9 @@ private:
     std::mutex mutex_;  // guards the fields down to callbacks_; held while telling callbacks
     int32_t thumbWidth_ = 320;
     int32_t thumbHeight_ = 180;
+    // The same box, width in the high half, written with the two above: file
+    // names are built from it without waiting for mutex_ (getFrame never waits).
+    std::atomic<uint64_t> box_{(uint64_t{320} << 32) | 180};
     std::atomic<bool> isCaching_{true};  // written under mutex_, read without it by getFrame
     int32_t maxTasks_ = 3;
     std::list<std::shared_ptr<_ThumbTask>> queue_;  // newest first
