@@ -9,8 +9,9 @@
 //
 // The times of a batch are sorted and split into runs, one per keyframe the
 // decoding starts from (VideoSession::runs). The job of the request queues
-// helper jobs, up to one per worker; each job takes the next run, the longest
-// first, and decodes it with its own decoder on its own thread, so runs are
+// helper jobs, up to one per worker; each job takes the next run (first the
+// one whose first picture is nearest its keyframe, then the longest first)
+// and decodes it with its own decoder on its own thread, so runs are
 // decoded in parallel. Each
 // picture is handed to the request's outbox; whichever job finds nobody
 // reporting reports what the outbox holds, one report after the other,
@@ -78,6 +79,7 @@ private:
 struct Run {
     std::vector<int64_t> times;
     int64_t cost = 0;   // VideoRun::cost
+    int64_t lead = 0;   // VideoRun::lead
 };
 
 // A report waiting in a request's outbox.
@@ -315,10 +317,16 @@ size_t takeBatch(TaskCore& core, VideoRequest& r, const std::string& folder, Vid
     if (!needed.empty() && !core.stopping(r)) {
         for (const VideoRun& run : session.runs(needed)) {
             const auto begin = needed.begin() + static_cast<std::ptrdiff_t>(run.first);
-            runs.push_back(Run{std::vector<int64_t>(begin, begin + static_cast<std::ptrdiff_t>(run.count)), run.cost});
+            runs.push_back(Run{std::vector<int64_t>(begin, begin + static_cast<std::ptrdiff_t>(run.count)), run.cost,
+                               run.lead});
         }
-        // The longest first, so that the last ones to end are short.
+        // First the run whose first picture is nearest its keyframe, so that
+        // the caller sees a picture soon; then the longest first, so that
+        // the last ones to end are short.
         std::stable_sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.cost > b.cost; });
+        const auto quickest = std::min_element(runs.begin(), runs.end(),
+                                               [](const Run& a, const Run& b) { return a.lead < b.lead; });
+        std::rotate(runs.begin(), quickest, quickest + 1);
     }
     const size_t made = runs.size();
     r.addBatch(count, have, std::move(runs));

@@ -160,7 +160,7 @@ std::vector<VideoRun> VideoSession::runs(const std::vector<int64_t>& times) {
     int64_t key = 0;
     const bool indexed = useIndex_ && keyTime(times.front(), &key);
     if (!indexed) key = times.front() - kSecondCns;  // a keyframe somewhere before
-    found.push_back(VideoRun{0, 1, 0});
+    found.push_back(VideoRun{0, 1, 0, std::max<int64_t>(0, times.front() - key)});
     for (size_t i = 1; i < times.size(); ++i) {
         int64_t next = key;
         bool split = false;
@@ -173,8 +173,8 @@ std::vector<VideoRun> VideoSession::runs(const std::vector<int64_t>& times) {
         }
         if (split) {
             found.back().cost = std::max<int64_t>(0, times[i - 1] - key);
-            found.push_back(VideoRun{i, 0, 0});
             key = next;
+            found.push_back(VideoRun{i, 0, 0, std::max<int64_t>(0, times[i] - key)});
         }
         ++found.back().count;
     }

@@ -31,6 +31,7 @@ struct VideoRun {
     size_t first = 0;   // index of the run's first time
     size_t count = 0;
     int64_t cost = 0;   // estimate: media cns from the keyframe to the last time
+    int64_t lead = 0;   // estimate: media cns from the keyframe to the first time
 };
 
 // What a session did, for the logs.

@@ -1,6 +1,7 @@
 #include "BsVideoThumbnailCacheManager.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,20 +31,33 @@ BsVideoThumbnailCacheManager::Allocator BsVideoThumbnailCacheManager::setAllocat
 }
 
 std::string BsVideoThumbnailCacheManager::sizeKey(int32_t width, int32_t height) {
-    std::string key = std::to_string(width);
-    key += '_';
-    key += std::to_string(height);
-    return key;
+    return std::string(sizeText(width, height).view());
+}
+
+BsVideoThumbnailCacheManager::SizeText BsVideoThumbnailCacheManager::sizeText(int32_t width, int32_t height) {
+    // Two 32-bit numbers with their signs and the underscore need 23 bytes.
+    SizeText out;
+    char* end = out.text + sizeof out.text;
+    char* next = std::to_chars(out.text, end, width).ptr;
+    *next++ = '_';
+    next = std::to_chars(next, end, height).ptr;
+    out.length = static_cast<size_t>(next - out.text);
+    return out;
+}
+
+void BsVideoThumbnailCacheManager::takePictures(SizeMap& sizes, std::vector<Picture>& out) {
+    for (auto& [size, times] : sizes)
+        for (auto& [time, picture] : times) out.push_back(std::move(picture));
 }
 
 unsigned char* BsVideoThumbnailCacheManager::getThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width,
                                                           int32_t height, Picture* holder) {
-    const std::string size = sizeKey(width, height);
+    const SizeText size = sizeText(width, height);
     const int64_t aligned = alignedTime(time);
     std::lock_guard<std::mutex> guard(lock_);
     auto media = store_.find(key);
     if (media == store_.end()) return nullptr;
-    auto sized = media->second.find(size);
+    auto sized = media->second.find(size.view());
     if (sized == media->second.end()) return nullptr;
     auto picture = sized->second.lower_bound(aligned);
     if (picture == sized->second.end() || picture->first != aligned) return nullptr;
@@ -53,9 +67,12 @@ unsigned char* BsVideoThumbnailCacheManager::getThumbnail(const VideoThumbnailKe
 
 unsigned char* BsVideoThumbnailCacheManager::insert(const VideoThumbnailKey& key, int64_t time, int32_t width,
                                                     int32_t height, Picture picture, Picture* holder) {
-    const std::string size = sizeKey(width, height);
+    const SizeText size = sizeText(width, height);
     std::lock_guard<std::mutex> guard(lock_);
-    auto& times = store_[key][size];
+    SizeMap& sizes = store_[key];
+    auto sized = sizes.find(size.view());
+    if (sized == sizes.end()) sized = sizes.emplace(std::string(size.view()), TimeMap{}).first;
+    TimeMap& times = sized->second;
     // The first stored picture stays; a picture that lost the race is freed
     // when `picture` goes, after the lock.
     auto [slot, inserted] = times.emplace(alignedTime(time), picture);
@@ -94,20 +111,25 @@ bool BsVideoThumbnailCacheManager::containsKey(const VideoThumbnailKey& key) {
     return store_.find(key) != store_.end();
 }
 
+// The nodes go back to the pool under the lock; the pictures they held are
+// freed after it (declared before the guard, destroyed after it).
 bool BsVideoThumbnailCacheManager::removeKey(const VideoThumbnailKey& key) {
-    decltype(store_)::node_type removed;  // its pictures are freed after the lock
+    std::vector<Picture> pictures;
     std::lock_guard<std::mutex> guard(lock_);
     auto found = store_.find(key);
     if (found == store_.end()) return false;
-    removed = store_.extract(found);
+    takePictures(found->second, pictures);
+    store_.erase(found);
     return true;
 }
 
 bool BsVideoThumbnailCacheManager::removeMedia(const std::string& mediaId) {
+    std::vector<Picture> pictures;
     bool removed = false;
     std::lock_guard<std::mutex> guard(lock_);
     for (auto it = store_.begin(); it != store_.end();) {
         if (it->first.mediaId == mediaId) {
+            takePictures(it->second, pictures);
             it = store_.erase(it);
             removed = true;
         } else {
@@ -118,7 +140,9 @@ bool BsVideoThumbnailCacheManager::removeMedia(const std::string& mediaId) {
 }
 
 void BsVideoThumbnailCacheManager::clear() {
+    std::vector<Picture> pictures;
     std::lock_guard<std::mutex> guard(lock_);
+    for (auto& [key, sizes] : store_) takePictures(sizes, pictures);
     store_.clear();
 }
 

@@ -6,8 +6,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace ZOR {
 
@@ -16,13 +19,12 @@ struct VideoThumbnailKey {
     std::string styleId;
     int32_t streamId = 0;
 
-    // Media first, then stream, then style.
+    // Media first, then stream, then style. The media identifiers of one
+    // project share long prefixes, so they are compared once, three-way.
     bool operator<(const VideoThumbnailKey& other) const {
-        if (mediaId == other.mediaId) {
-            if (streamId != other.streamId) return streamId < other.streamId;
-            return styleId < other.styleId;
-        }
-        return mediaId < other.mediaId;
+        if (const int media = mediaId.compare(other.mediaId); media != 0) return media < 0;
+        if (streamId != other.streamId) return streamId < other.streamId;
+        return styleId < other.styleId;
     }
 };
 
@@ -38,6 +40,15 @@ public:
     // Aligned towards zero to the start of its quantum.
     static int64_t alignedTime(int64_t time) { return time - time % thumbnailTimeStep; }
     static std::string sizeKey(int32_t width, int32_t height);
+
+    // The same text written into a caller's buffer, for lookups that build
+    // no string.
+    struct SizeText {
+        char text[24];
+        size_t length;
+        std::string_view view() const { return {text, length}; }
+    };
+    static SizeText sizeText(int32_t width, int32_t height);
 
     // A picture's shared owner: whoever holds one keeps the pixels valid even
     // after the entry is removed (the builder holds them while delivering).
@@ -65,8 +76,20 @@ private:
     unsigned char* insert(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
                           Picture picture, Picture* holder);
 
+    using TimeMap = std::pmr::map<int64_t, Picture>;
+    using SizeMap = std::pmr::map<std::string, TimeMap, std::less<>>;
+    using Store = std::pmr::map<VideoThumbnailKey, SizeMap>;
+
+    // Hands out the pictures of the entries that erase() is about to drop,
+    // so that they are freed after the lock.
+    static void takePictures(SizeMap& sizes, std::vector<Picture>& out);
+
     std::mutex lock_;  // alone: nothing else is locked while it is held
-    std::map<VideoThumbnailKey, std::map<std::string, std::map<int64_t, Picture>>> store_;
+    // The maps' nodes come from this pool, under lock_, so that they lie
+    // next to each other instead of between the pictures: a lookup then
+    // walks cached lines rather than one page per tree level.
+    std::pmr::unsynchronized_pool_resource nodes_;
+    Store store_{&nodes_};
 };
 
 }  // namespace ZOR
