@@ -19,6 +19,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,6 +29,7 @@
 #include "DataModel/DmMediaInternal.h"
 #include "ThumbAdapterInternal.h"
 #include "ThumbFrameSession.h"
+#include "ThumbReadAhead.h"
 
 ZOR_LOG_SOURCE("platform/Adapter/ThumbAdapter")
 
@@ -46,6 +49,9 @@ constexpr int64_t kLargestArea = int64_t{8192} * 8192;
 constexpr int64_t kFarthestTime = 1'000'000'000'000'000;
 // Decoders kept open for the clips of a timeline.
 constexpr size_t kClipSessions = 3;
+// Lanes that read pictures of a file ahead: one a core, within reason (each
+// holds a decoder of its own).
+constexpr size_t kMostLanes = 4;
 // The longest media identifier read from a clip without an IDmMediaSource.
 constexpr int32_t kLongestMediaId = 1 << 16;
 
@@ -175,6 +181,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         width_ = width;
         height_ = height;
+        stopReadAhead();
         return kOk;
     }
 
@@ -190,6 +197,7 @@ public:
         if (mode != ThumbSeekExact && mode != ThumbSeekKeyframe) return kBadArgument;
         std::lock_guard<std::mutex> lock(mutex_);
         mode_ = mode;
+        stopReadAhead();
         return kOk;
     }
 
@@ -247,6 +255,17 @@ public:
         time = clampTime(time);
         const bool keyframe = mode_ == ThumbSeekKeyframe;
         std::string problem;
+        if (file_ && aheadStarted_) {
+            // A picture planned ahead is taken from its lane (waiting for it
+            // when it is being decoded); one that is not is decoded here.
+            const int taken = ahead_->take(time, buffer, &problem);
+            if (taken > 0) return kOk;
+            if (taken < 0) {
+                ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
+                        problem.c_str());
+                return kMediaFailed;
+            }
+        }
         if (file_) {
             if (file_->pictureAt(time, keyframe, width_, height_, buffer, &problem) != 0) {
                 ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
@@ -299,20 +318,66 @@ public:
         return kBadArgument;
     }
 
+    int32_t readAhead(const int64_t* times, int32_t count) override {
+        if (count < 0 || (count > 0 && times == nullptr)) return kBadArgument;
+        std::lock_guard<std::mutex> lock(mutex_);
+        // Only a file is read ahead; the pictures of a timeline come from
+        // the clips' files one by one.
+        if (!file_ || width_ < 1 || height_ < 1) return kOk;
+        if (!ahead_) {
+            const size_t lanes = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, kMostLanes);
+            try {
+                ahead_ = std::make_unique<thumb::ReadAhead>(lanes);
+            } catch (const std::system_error& error) {
+                ZOR_LOG(5, "ZOR::ThumbAdapter::readAhead", "no thread to read ahead: %s", error.what());
+                return kOk;
+            }
+        }
+        if (!aheadStarted_) {
+            ahead_->start(file_->path(), file_->requestedStream(), width_, height_, mode_ == ThumbSeekKeyframe,
+                          skipping_);
+            aheadStarted_ = true;
+        }
+        std::vector<int64_t> clamped(times, times + count);
+        for (int64_t& time : clamped) time = clampTime(time);
+        ahead_->plan(clamped.data(), clamped.size());
+        return kOk;
+    }
+
     ThumbDecodeCounts decodeCounts() override {
         std::lock_guard<std::mutex> lock(mutex_);
-        return counts_;
+        ThumbDecodeCounts total = counts_;
+        if (ahead_) {
+            const ThumbDecodeCounts lanes = ahead_->counts();
+            total.opens += lanes.opens;
+            total.seeks += lanes.seeks;
+            total.packets += lanes.packets;
+            total.discarded += lanes.discarded;
+            total.frames += lanes.frames;
+            total.redone += lanes.redone;
+            total.reused += lanes.reused;
+        }
+        return total;
     }
 
     void setFrameSkipping(bool enable) override {
         std::lock_guard<std::mutex> lock(mutex_);
         skipping_ = enable;
+        stopReadAhead();
         if (file_) file_->setSkipping(enable);
         for (auto& session : clipSessions_) session->setSkipping(enable);
     }
 
 private:
+    // What was planned ahead is forgotten (a new plan starts the lanes on
+    // the file open then, with the size and mode then).
+    void stopReadAhead() {
+        if (aheadStarted_) ahead_->stop();
+        aheadStarted_ = false;
+    }
+
     void closeLocked() {
+        stopReadAhead();
         file_.reset();
         clipSessions_.clear();
         timeline_.reset();
@@ -371,6 +436,10 @@ private:
     int32_t mode_ = ThumbSeekExact;
     bool skipping_ = true;
     ThumbDecodeCounts counts_;
+    // Lanes reading the open file's planned pictures ahead; made on the
+    // first plan. Declared last: its lanes end before the rest goes.
+    std::unique_ptr<thumb::ReadAhead> ahead_;
+    bool aheadStarted_ = false;
 };
 
 }  // namespace

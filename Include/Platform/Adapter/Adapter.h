@@ -73,6 +73,10 @@ public:
     virtual int32_t frameAt(int64_t time, unsigned char* buffer, int64_t bufferSize) = 0;
     virtual int32_t mediaDuration(int64_t* duration, int32_t reserved) = 0;           // 10
     virtual int32_t frameRate(int64_t* num, int64_t* den, int32_t reserved) = 0;      // 11
+    // 12: the times frameAt will be asked for next, in that order. A hint:
+    // the adapter may decode them ahead, on other threads; each call
+    // replaces the one before, and open() and close() forget it.
+    virtual int32_t readAhead(const int64_t* times, int32_t count) = 0;
 
 protected:
     ~IThumbAdapter() = default;

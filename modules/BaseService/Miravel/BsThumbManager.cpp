@@ -15,6 +15,8 @@ namespace {
 
 constexpr size_t kPathBytes = 1024;
 constexpr const char* kCacheFolder = "media_thumbnail";
+// Pictures planned ahead with the adapter at each step.
+constexpr size_t kReadAheadFrames = 8;
 
 uint64_t boxKey(int32_t width, int32_t height) {
     return (static_cast<uint64_t>(static_cast<uint32_t>(width)) << 32) | static_cast<uint32_t>(height);
@@ -229,30 +231,40 @@ std::string BsThumbManager::thumbnailDir(const char* rootDir) {
 }
 
 std::string BsThumbManager::thumbnailPath(const std::string& dir, int64_t frameIndex) {
-    std::string name = std::to_string(frameIndex);
-    const uint64_t box = box_.load();
-    const auto width = static_cast<int32_t>(box >> 32);
-    const auto height = static_cast<int32_t>(box & 0xFFFFFFFFu);
-    if (width >= 1 && height >= 1) {
-        name += '_';
-        name += std::to_string(width);
-        name += '_';
-        name += std::to_string(height);
-    }
-    name += ".png";
-    return PathUtil::join(Path(dir), name).str();
+    return PathUtil::join(Path(dir), BsThumbDiskListing::fileName(frameIndex, box_.load())).str();
 }
 
 std::string BsThumbManager::findThumbnail(const std::string& dir, int64_t index, int64_t searchRadius, bool* found) {
-    std::string path = thumbnailPath(dir, index);
+    const uint64_t box = box_.load();
+    auto fileOf = [&](int64_t frameIndex) {
+        return PathUtil::join(Path(dir), BsThumbDiskListing::fileName(frameIndex, box)).str();
+    };
+    std::string path = fileOf(index);
     if (PathUtil::exists(Path(path))) {
         if (found != nullptr) *found = true;
         return path;
     }
     if (found != nullptr) *found = false;
+    if (searchRadius < 1) return path;
+    // The neighbours in order (+1, -1, +2, -2, ...), asked of the folder's
+    // listing; the one chosen is asked of the disk. When the disk says no,
+    // the listing was out of date, and every candidate is asked of the disk.
+    if (const std::shared_ptr<const BsThumbDiskListing::Listing> listing = diskListing_.current(dir, box)) {
+        bool stale = false;
+        for (int64_t distance = 1; distance <= searchRadius && !stale; ++distance) {
+            for (const int64_t candidate : {index + distance, index - distance}) {
+                if (listing->indices.count(candidate) == 0) continue;
+                std::string neighbour = fileOf(candidate);
+                if (PathUtil::exists(Path(neighbour))) return neighbour;
+                stale = true;
+                break;
+            }
+        }
+        if (!stale) return path;
+    }
     for (int64_t distance = 1; distance <= searchRadius; ++distance) {
         for (const int64_t candidate : {index + distance, index - distance}) {
-            std::string neighbour = thumbnailPath(dir, candidate);
+            std::string neighbour = fileOf(candidate);
             if (PathUtil::exists(Path(neighbour))) return neighbour;
         }
     }
@@ -269,7 +281,9 @@ int32_t BsThumbManager::clearCache(const char* rootDir) {
     }
     ZOR_LOG_STREAM(4, "ZOR::BsThumbManager::clearCache", "isCaching: " << std::boolalpha << inUse);
     if (inUse) return 1001;
-    return DirUtil::removeAll(Path(thumbnailDir(rootDir))) ? 0 : 1001;
+    const bool removed = DirUtil::removeAll(Path(thumbnailDir(rootDir)));
+    diskListing_.changed();
+    return removed ? 0 : 1001;
 }
 
 // ---------------------------------------------------------------------------
@@ -431,6 +445,26 @@ void BsThumbManager::workerLoop() {
     }
 }
 
+int64_t BsThumbManager::frameTime(const _ThumbTask& task, int32_t frameIndex) {
+    return static_cast<int64_t>(static_cast<double>(frameIndex) / static_cast<double>(task.thumbCount) *
+                                    static_cast<double>(task.duration) +
+                                static_cast<double>(task.startTime));
+}
+
+void BsThumbManager::planReadAhead(const _ThumbTask& task) {
+    // The next pictures this task will ask the adapter for, in order, so
+    // that the adapter can decode them on its other cores meanwhile. Only a
+    // few: the plan is renewed every step, and a new request may cut it.
+    std::vector<int64_t> times;
+    for (size_t i = static_cast<size_t>(task.progress); i < task.frames.size() && times.size() < kReadAheadFrames;
+         ++i) {
+        const int32_t frameIndex = task.frames[i];
+        if (!PathUtil::exists(Path(thumbnailPath(task.cacheDir, frameIndex))))
+            times.push_back(frameTime(task, frameIndex));
+    }
+    if (adapter_ != nullptr) adapter_->readAhead(times.data(), static_cast<int32_t>(times.size()));
+}
+
 void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
     if (ThumbTaskFilter filter = taskFilter_.load())
         if (!filter(this, &task, framesPerStep)) return;
@@ -468,17 +502,17 @@ void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
     const size_t bytes = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
     std::vector<unsigned char> buffer(bytes, 0);
 
+    planReadAhead(task);
+
     int32_t done = 0;
     while (task.progress < static_cast<int64_t>(task.frames.size()) && stop_.load() == 0 && interrupt_.load() == 0) {
         const int32_t frameIndex = task.frames[static_cast<size_t>(task.progress)];
         const std::string path = thumbnailPath(task.cacheDir, frameIndex);
         if (!PathUtil::exists(Path(path))) {
-            const int64_t time = static_cast<int64_t>(static_cast<double>(frameIndex) /
-                                                          static_cast<double>(task.thumbCount) *
-                                                          static_cast<double>(task.duration) +
-                                                      static_cast<double>(task.startTime));
+            const int64_t time = frameTime(task, frameIndex);
             if (getAdapterFrame(time, buffer.data(), static_cast<int64_t>(bytes)) == 0) {
                 dumpPNG(width, height, buffer.data(), path.c_str(), -1);
+                diskListing_.changed();
                 {
                     std::lock_guard<std::mutex> guard(mutex_);
                     for (IBsThumbManagerCallback* callback : callbacks_)

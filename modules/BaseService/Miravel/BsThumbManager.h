@@ -5,7 +5,8 @@
 // Locks: mutex_ guards the queue, the box size, the caching switch and the
 // callbacks; it is held while callbacks are told of a file. mediaLock_ (leaf)
 // guards which media the adapter holds; workerLock_ (taken alone) guards the
-// worker thread's start and stop. getFrame() never waits for mutex_.
+// worker thread's start and stop; the disk listing's lock is a leaf, only
+// try-locked. getFrame() never waits for a lock.
 #pragma once
 
 #include <atomic>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "BsThumbDiskListing.h"
 #include "Common/ZorInternalComUtility.h"
 #include "Miravel/IBsThumbManager.h"
 
@@ -88,6 +90,11 @@ private:
     static void workerMain(BsThumbManager* manager);
     void workerLoop();
     void runStep(_ThumbTask& task, int32_t framesPerStep);
+    // The media time of a frame index: frameIndex / N x duration + start,
+    // in double, truncated.
+    static int64_t frameTime(const _ThumbTask& task, int32_t frameIndex);
+    // Tells the adapter which pictures the task asks for next.
+    void planReadAhead(const _ThumbTask& task);
     void ensureWorker();
     static bool sameMedia(const _ThumbTask& task, const MediaThumbRequest& request);
 
@@ -117,6 +124,10 @@ private:
     // the high half: a new box makes the worker open the media again.
     std::atomic<uint64_t> openedBox_{0};
     std::atomic<int32_t> interrupt_{0};
+
+    // What the cache folder last looked up holds (try-locked: getFrame
+    // never waits for it).
+    BsThumbDiskListing diskListing_;
 
     std::mutex workerLock_;  // alone: guards worker_
     std::thread worker_;

@@ -203,6 +203,61 @@ TEST_F(ThumbManagerEdgeTest, AMissingFileWithANeighbourAtPlusOneReturnsTheNeighb
     EXPECT_EQ(manager_.queued(), std::vector<std::string>{mediaKey(request)});
 }
 
+TEST_F(ThumbManagerEdgeTest, OnlyFilesNamedForTheBoxAreNeighbours) {
+    ASSERT_EQ(manager_->setCaching(0), 0);
+    // At distance 1 from index 10, files that are not the picture of 11 in
+    // this box; at distance 2, the picture of 8.
+    createFile(cacheDir() + "/011_320_180.png", "padded number");
+    createFile(cacheDir() + "/+11_320_180.png", "signed number");
+    createFile(thumbFile(root_, 11, 160, 90), "other box");
+    createFile(cacheDir() + "/11.png", "no box");
+    createFile(cacheDir() + "/11_320_180.png.tmp", "partial");
+    const std::string file8 = thumbFile(root_, 8, 320, 180);
+    createFile(file8, "picture 8");
+    const MediaThumbRequest request =
+        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    char out[1024];
+    fill(out, "untouched");
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 0);
+    EXPECT_STREQ(out, file8.c_str());
+}
+
+TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundOnceTheFolderTimeMovesOn) {
+    ASSERT_EQ(manager_->setCaching(0), 0);
+    fs::create_directories(cacheDir());
+    const MediaThumbRequest request =
+        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    char out[1024];
+    fill(out, "untouched");
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);  // index 10: nothing on disk
+    const std::string file12 = thumbFile(root_, 12, 320, 180);
+    createFile(file12, "picture 12");
+    // The folder's time moves on, as it does once the file system's clock
+    // ticks.
+    fs::last_write_time(cacheDir(), fs::last_write_time(cacheDir()) + std::chrono::seconds(1));
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 0);
+    EXPECT_STREQ(out, file12.c_str());
+}
+
+TEST_F(ThumbManagerEdgeTest, APictureTheWorkerWritesIsANeighbourAtOnce) {
+    const std::string video = smallVideo();
+    ASSERT_EQ(manager_->setThumbCount(8), 0);
+    ASSERT_EQ(manager_->setThumbSize(160, 90), 0);
+    createFile(thumbFile(root_, 0, 160, 90), "kept 0");
+    queueSentinel();
+    const MediaThumbRequest request = makeRequest(video, root_, 0, 4 * kSecond, 4 * kSecond);
+    char out[1024];
+    // Position 1 names index 8, past the last picture; within 4 of it
+    // nothing is on disk yet.
+    fill(out, "untouched");
+    EXPECT_EQ(requestUntilTaken(manager_, probe_, request, 1.0, out), 1001);
+    EXPECT_STREQ(out, "untouched");
+    ASSERT_TRUE(waitUntilDone({mediaKey(request)}));
+    // The worker wrote 7 after the folder was first looked at.
+    EXPECT_EQ(manager_->getFrame(&request, 1.0, out), 0);
+    EXPECT_STREQ(out, thumbFile(root_, 7, 160, 90).c_str());
+}
+
 TEST_F(ThumbManagerEdgeTest, ABoxBelowOneNamesFilesByIndexOnly) {
     ASSERT_EQ(manager_->setCaching(0), 0);
     const std::string plain = (fs::path(cacheDir()) / "7.png").string();

@@ -448,6 +448,146 @@ TEST_F(ThumbAdapterTest, TheDecoderMovesForwardWithinAGroupOfPicturesAndSeeksOnl
 }
 
 // ---------------------------------------------------------------------------
+// Reading ahead
+
+// The frames of the numbered video at times, one plain decode each.
+std::vector<Picture> plainFrames(IThumbAdapter* adapter, const std::vector<int64_t>& times) {
+    std::vector<Picture> pictures;
+    for (int64_t t : times) {
+        int32_t width = 0;
+        int32_t height = 0;
+        EXPECT_EQ(adapter->outputSize(&width, &height), kOk);
+        Picture picture(width, height);
+        EXPECT_EQ(adapter->frameAt(t, picture.rgba.data(), static_cast<int64_t>(picture.rgba.size())), kOk);
+        pictures.push_back(std::move(picture));
+    }
+    return pictures;
+}
+
+TEST_F(ThumbAdapterTest, PicturesReadAheadAreThoseDecodedInPlace) {
+    // Coarse to fine over the numbered video, as a strip is rendered.
+    const std::vector<int64_t> times{0,           99 * kSecond / 10, 49 * kSecond / 10, 74 * kSecond / 10,
+                                     24 * kSecond / 10, 86 * kSecond / 10, 61 * kSecond / 10, 36 * kSecond / 10,
+                                     12 * kSecond / 10, 93 * kSecond / 10};
+    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    const std::vector<Picture> expected = plainFrames(plain.get(), times);
+
+    AdapterPtr ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ASSERT_EQ(ahead->readAhead(times.data(), static_cast<int32_t>(times.size())), kOk);
+    for (size_t i = 0; i < times.size(); ++i) {
+        const Picture picture = frame(ahead.get(), times[i]);
+        EXPECT_EQ(numberOf(picture), static_cast<int>(times[i] / kFrame)) << "at " << times[i];
+        EXPECT_EQ(picture.rgba, expected[i].rgba) << "at " << times[i];
+    }
+    // The lanes did the decoding: the adapter's own decoder was never
+    // opened past its open() (one open), while the lanes opened the file
+    // and sought.
+    const ThumbDecodeCounts counts = this->counts(ahead.get());
+    EXPECT_GE(counts.opens, 2);
+    EXPECT_GE(counts.seeks, 1);
+    EXPECT_GT(counts.frames, 0);
+}
+
+TEST_F(ThumbAdapterTest, APlanIsAHintThatFollowsTheCaller) {
+    const std::vector<int64_t> times{1 * kSecond, 3 * kSecond, 5 * kSecond, 7 * kSecond, 9 * kSecond};
+    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    AdapterPtr ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ASSERT_EQ(ahead->readAhead(times.data(), static_cast<int32_t>(times.size())), kOk);
+    // Skipping ahead drops the times before; they are then decoded in place.
+    EXPECT_EQ(frame(ahead.get(), 7 * kSecond).rgba, frame(plain.get(), 7 * kSecond).rgba);
+    EXPECT_EQ(frame(ahead.get(), 1 * kSecond).rgba, frame(plain.get(), 1 * kSecond).rgba);
+    // A time never planned, then a new plan that replaces the old one.
+    EXPECT_EQ(frame(ahead.get(), 2 * kSecond).rgba, frame(plain.get(), 2 * kSecond).rgba);
+    const std::vector<int64_t> next{8 * kSecond, 4 * kSecond};
+    ASSERT_EQ(ahead->readAhead(next.data(), static_cast<int32_t>(next.size())), kOk);
+    EXPECT_EQ(frame(ahead.get(), 4 * kSecond).rgba, frame(plain.get(), 4 * kSecond).rgba);
+    EXPECT_EQ(frame(ahead.get(), 9 * kSecond).rgba, frame(plain.get(), 9 * kSecond).rgba);
+    // The same time twice in a plan, an empty plan.
+    const std::vector<int64_t> twice{6 * kSecond, 6 * kSecond};
+    ASSERT_EQ(ahead->readAhead(twice.data(), 2), kOk);
+    EXPECT_EQ(frame(ahead.get(), 6 * kSecond).rgba, frame(plain.get(), 6 * kSecond).rgba);
+    EXPECT_EQ(frame(ahead.get(), 6 * kSecond).rgba, frame(plain.get(), 6 * kSecond).rgba);
+    EXPECT_EQ(ahead->readAhead(nullptr, 0), kOk);
+    EXPECT_EQ(frame(ahead.get(), 5 * kSecond).rgba, frame(plain.get(), 5 * kSecond).rgba);
+}
+
+TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
+    const std::vector<int64_t> times{3 * kSecond, 5 * kSecond};
+    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ASSERT_EQ(adapter->readAhead(times.data(), 2), kOk);
+    // A new size forgets what was planned at the old one.
+    ASSERT_EQ(adapter->setOutputSize(64, 32), kOk);
+    EXPECT_EQ(frame(adapter.get(), 3 * kSecond).width, 64);
+    ASSERT_EQ(adapter->readAhead(times.data(), 2), kOk);
+    const Picture small = frame(adapter.get(), 5 * kSecond);
+    EXPECT_EQ(small.width, 64);
+    EXPECT_EQ(small.rgba.size(), 64u * 32u * 4u);
+
+    // Keyframe mode: the keyframe at or before each time (one every 2 s).
+    AdapterPtr colours = openFile(media().colours(), 32, 18, ThumbSeekKeyframe);
+    const std::vector<int64_t> seconds{7 * kSecond + kSecond / 2, 3 * kSecond + kSecond / 2};
+    ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
+    for (int64_t t : seconds) EXPECT_EQ(frame(colours.get(), t).centreColour(), colourOfKeyframe(t)) << t;
+
+    // Another file opened: its pictures, not those planned before.
+    ASSERT_EQ(colours->setSeekMode(ThumbSeekExact), kOk);
+    ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
+    ASSERT_EQ(colours->setMediaPath(media().numbered().c_str()), kOk);
+    ASSERT_EQ(colours->open(-1), kOk);
+    EXPECT_EQ(numberOf(frame(colours.get(), seconds[0])), -1) << "32x18 is too small for the band";
+    ASSERT_EQ(colours->setOutputSize(kNumberedWidth, kNumberedHeight), kOk);
+    ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
+    EXPECT_EQ(numberOf(frame(colours.get(), seconds[0])), static_cast<int>(seconds[0] / kFrame));
+
+    // Closed: nothing planned is given, and the adapter refuses.
+    ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
+    ASSERT_EQ(colours->close(), kOk);
+    std::vector<unsigned char> buffer(static_cast<size_t>(kNumberedWidth) * kNumberedHeight * 4);
+    EXPECT_EQ(colours->frameAt(seconds[1], buffer.data(), static_cast<int64_t>(buffer.size())), kBadArgument);
+}
+
+TEST_F(ThumbAdapterTest, ABadPlanIsRefusedAndAPlanWithoutAFileIsIgnored) {
+    AdapterPtr adapter = newAdapter();
+    const int64_t time = kSecond;
+    EXPECT_EQ(adapter->readAhead(&time, -1), kBadArgument);
+    EXPECT_EQ(adapter->readAhead(nullptr, 1), kBadArgument);
+    EXPECT_EQ(adapter->readAhead(&time, 1), kOk) << "nothing open: nothing to read ahead";
+    EXPECT_EQ(counts(adapter.get()).opens, 0);
+}
+
+TEST_F(ThumbAdapterTest, APlannedPictureThatCannotBeDecodedFailsAsInPlace) {
+    // The first half of the colour video, its index at the end cut away:
+    // the times past the cut fail (or give a picture) the same way planned
+    // or not.
+    const std::string front = media().file("front-plan.mp4");
+    ASSERT_TRUE(ffmpeg("-i '" + media().colours() + "' -c copy -movflags +faststart '" + front + "'"));
+    const std::vector<char> bytes = MediaTest::readBytes(front);
+    const std::string cut = media().file("cut-plan.mp4");
+    MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
+    AdapterPtr plain = newAdapter();
+    AdapterPtr ahead = newAdapter();
+    for (IThumbAdapter* adapter : {plain.get(), ahead.get()}) {
+        ASSERT_EQ(adapter->setMediaPath(cut.c_str()), kOk);
+        ASSERT_EQ(adapter->setOutputSize(32, 18), kOk);
+        ASSERT_EQ(adapter->open(-1), kOk);
+    }
+    const std::vector<int64_t> times{9 * kSecond, 1 * kSecond, 8 * kSecond};
+    ASSERT_EQ(ahead->readAhead(times.data(), 3), kOk);
+    std::vector<unsigned char> a(32 * 18 * 4);
+    std::vector<unsigned char> b(32 * 18 * 4);
+    int failed = 0;
+    for (int64_t t : times) {
+        const int32_t expected = plain->frameAt(t, a.data(), static_cast<int64_t>(a.size()));
+        EXPECT_EQ(ahead->frameAt(t, b.data(), static_cast<int64_t>(b.size())), expected) << "at " << t;
+        if (expected == kOk)
+            EXPECT_EQ(a, b) << "at " << t;
+        else
+            ++failed;
+    }
+    EXPECT_GT(failed, 0) << "the cut file still held every time";
+}
+
+// ---------------------------------------------------------------------------
 // Keyframe pictures
 
 TEST_F(ThumbAdapterTest, KeyframePicturesShowTheKeyframeAtOrBeforeTheTime) {
