@@ -347,16 +347,7 @@ public:
     ThumbDecodeCounts decodeCounts() override {
         std::lock_guard<std::mutex> lock(mutex_);
         ThumbDecodeCounts total = counts_;
-        if (ahead_) {
-            const ThumbDecodeCounts lanes = ahead_->counts();
-            total.opens += lanes.opens;
-            total.seeks += lanes.seeks;
-            total.packets += lanes.packets;
-            total.discarded += lanes.discarded;
-            total.frames += lanes.frames;
-            total.redone += lanes.redone;
-            total.reused += lanes.reused;
-        }
+        if (ahead_) total += ahead_->counts();
         return total;
     }
 

@@ -17,6 +17,17 @@ struct ThumbDecodeCounts {
     int64_t frames = 0;     // frames received from the decoder
     int64_t redone = 0;     // pictures decoded again with nothing skipped
     int64_t reused = 0;     // keyframe pictures given again without decoding
+
+    ThumbDecodeCounts& operator+=(const ThumbDecodeCounts& other) {
+        opens += other.opens;
+        seeks += other.seeks;
+        packets += other.packets;
+        discarded += other.discarded;
+        frames += other.frames;
+        redone += other.redone;
+        reused += other.reused;
+        return *this;
+    }
 };
 
 // The inner face of a thumb adapter. Name: "IThumbAdapterInternal".

@@ -138,15 +138,7 @@ int ReadAhead::take(int64_t time, unsigned char* out, std::string* problem) {
 ThumbDecodeCounts ReadAhead::counts() {
     std::lock_guard<std::mutex> guard(lock_);
     ThumbDecodeCounts total;
-    for (const ThumbDecodeCounts& c : laneCounts_) {
-        total.opens += c.opens;
-        total.seeks += c.seeks;
-        total.packets += c.packets;
-        total.discarded += c.discarded;
-        total.frames += c.frames;
-        total.redone += c.redone;
-        total.reused += c.reused;
-    }
+    for (const ThumbDecodeCounts& lane : laneCounts_) total += lane;
     return total;
 }
 
