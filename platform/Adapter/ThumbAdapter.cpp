@@ -11,7 +11,9 @@
 // moves forward between pictures where it can (see FrameSession). A timeline
 // is opened without reading anything; each picture is that of the clip shown
 // at the time, and the decoders of the clips' files last met are kept open
-// the same way.
+// the same way. The pictures of a file that the caller plans with
+// readAhead() are decoded ahead on lanes of their own (see ReadAhead), one a
+// core; frameAt() then takes them from there.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
