@@ -2,18 +2,15 @@
 // video stream of one file, kept open between pictures.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "../AvShared/AvFrames.h"
+#include "../AvShared/AvPicture.h"
 #include "ThumbAdapterInternal.h"
 #include "ThumbMediaReader.h"
-
-struct SwsContext;
 
 namespace ZOR::thumb {
 
@@ -90,23 +87,20 @@ private:
     // at no more cost than seeking.
     bool canContinue(int64_t time) const;
     // Positions the decoder so that the next frame is at or before time (or
-    // is the stream's first frame), with that frame in lookahead_.
+    // is the stream's first frame), with that frame in cursor_.frames.lookahead.
     int seekBefore(int64_t time, std::string* problem);
-    // Decodes until current_ is the frame shown at time.
+    // Decodes until cursor_.frames.current is the frame shown at time.
     void decodeTo(int64_t time);
-    // The next frame into lookahead_; AVERROR_EOF at the end.
+    // The next frame into cursor_.frames.lookahead; AVERROR_EOF at the end.
     int readAhead(int64_t time);
     // Sends one packet (or the end of the stream) to the decoder; false when
     // the decoder took nothing.
     bool feed(int64_t time);
-    // Reads one packet into window_; false at the end of the stream.
+    // Reads one packet into cursor_.packets; false at the end of the stream.
     bool readPacket();
     // Whether the frame of a packet with this pts may be shown at time or
     // after it (reads further ahead when that helps to know).
     bool needed(int64_t pts, int64_t time);
-    // The pts of the frame shown at time by the packets read, when no packet
-    // still to be read can change it; false otherwise.
-    bool answerKnown(int64_t time, int64_t* pts) const;
 
     // Keyframe pictures.
     int keyFrame(int64_t time, const AVFrame** shown, int64_t* shownPts, std::string* problem);
@@ -124,12 +118,6 @@ private:
     // before the start) the beginning of the file, which sets *fromStart.
     // False when the file cannot be opened again.
     bool positionAt(int64_t target, bool startOver, bool* fromStart, std::string* problem);
-    // The last pts (stream time base) that is at or before media time.
-    int64_t lastPtsAt(int64_t time) const;
-    int64_t toStreamTime(int64_t time) const;  // media cns to pts
-    int64_t frameTime(int64_t pts) const;      // pts to media cns
-    // cmp(frame pts, media time t): <0, 0, >0.
-    int compare(int64_t pts, int64_t time) const;
     bool convert(const AVFrame* frame, int32_t width, int32_t height, unsigned char* out, std::string* problem);
     std::string failure(const std::string& cause) const { return "'" + path_ + "': " + cause; }
 
@@ -138,37 +126,20 @@ private:
     int resolvedStream_;   // the stream decoded, once known
     ThumbDecodeCounts* const counts_;
     std::unique_ptr<MediaReader> reader_;
-    int64_t origin_ = 0;   // stream time base
-    AVRational timeBase_{1, 1};
     int64_t duration_ = 0;
     int rotation_ = 0;
     bool useIndex_ = false;  // the container's keyframe index covers the stream
     int64_t firstEntry_ = 0; // the timestamp of the index's first keyframe
     bool fresh_ = false;     // just opened: nothing read yet
 
-    FramePtr current_;       // the frame shown at the previous time asked for
-    int64_t currentPts_ = 0;
-    bool haveCurrent_ = false;
-    FramePtr lookahead_;     // the frame after current_, already decoded
-    int64_t lookaheadPts_ = 0;
-    bool haveLookahead_ = false;
-    bool ended_ = false;     // the decoder gave its last frame
-    int64_t lastPts_ = 0;    // for frames without a timestamp
-
-    // Packets since the last seek.
-    std::deque<PacketPtr> window_;  // read, not sent yet
-    std::multiset<int64_t> known_;  // pts of every packet read (stream time base)
-    std::set<int64_t> discarded_;   // pts of the packets sent with AVDISCARD_NONREF
-    bool readEnded_ = false;        // no packet left to read
+    // The stream's clock, the packets read since the last seek, and the frame
+    // shown at the previous time asked for with the one after it.
+    av::DecodeCursor cursor_;
     bool draining_ = false;         // the end was sent to the decoder
     bool mustSeek_ = false;         // the decoder is not where the packets say: seek before going on
-    bool readPosKnown_ = false;
-    int64_t readPos_ = 0;           // dts (else pts) of the last packet read
-    bool readDts_ = false;          // readPos_ is a dts
     int64_t keyRead_ = 0;           // the largest pts of a keyframe packet read
     bool haveKeyRead_ = false;
     bool awaitKey_ = false;         // after a seek: packets before the first keyframe are dropped
-    bool timesUnsure_ = false;      // a packet without pts, or presented before decoded
     bool skipping_ = true;          // discarding is allowed in this session
     bool skipNow_ = false;          // discarding is allowed for the packets being sent
 
@@ -179,8 +150,7 @@ private:
     bool haveKey_ = false;
     bool haveKeyEntry_ = false;
 
-    SwsContext* sws_ = nullptr;
-    std::vector<unsigned char> scaled_;
+    av::RgbaConverter converter_;
     // The picture given last, to give again without converting.
     std::vector<unsigned char> converted_;
     int64_t convertedPts_ = 0;

@@ -81,10 +81,6 @@ bool parseMpegHeader(const uint8_t* data, int size, MpegHeader* header) {
     return true;
 }
 
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-
 // The indexes built so far, newest first. Failures are kept too (null index).
 struct IndexCache {
     struct Entry {
@@ -175,7 +171,7 @@ std::shared_ptr<const PacketIndex> PacketIndex::build(MediaDecoder& decoder, con
     auto index = std::make_shared<PacketIndex>();
     index->rate_ = stream->codecpar->sample_rate;
     index->timeBase_ = stream->time_base;
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    PacketPtr packet(av_packet_alloc());
     if (!packet) return reject(avErrorText(AVERROR(ENOMEM)));
 
     // The decoder's skip and trimming, replayed over the packets.

@@ -3,16 +3,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "../AvShared/AvFrames.h"
+#include "../AvShared/AvPicture.h"
 #include "BtmMediaDecoder.h"
-
-struct SwsContext;
 
 namespace ZOR::btm {
 
@@ -20,11 +18,6 @@ struct Picture {
     int64_t shown = 0;                 // presentation time of the frame, media cns
     std::vector<unsigned char> rgba;   // width x height x 4, R G B A, rows without padding
 };
-
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
 // Times decoded one after the other from the same keyframe.
 struct VideoRun {
@@ -101,27 +94,19 @@ private:
     // Positions the decoder so that the next frame is at or before time
     // (or is the stream's first frame).
     int seekBefore(int64_t time, const std::function<bool()>& stop, std::string* problem);
-    // Decodes until current_ is the frame shown at time.
+    // Decodes until cursor_.frames.current is the frame shown at time.
     int decodeTo(int64_t time, const std::function<bool()>& stop);
-    // The next frame into lookahead_; AVERROR_EOF at the end.
+    // The next frame into cursor_.frames.lookahead; AVERROR_EOF at the end.
     int readAhead(int64_t time, const std::function<bool()>& stop);
     // Sends one packet (or the end of the stream) to the decoder.
     void feed(int64_t time);
-    // Reads one packet into window_; false at the end of the stream.
+    // Reads one packet into cursor_.packets; false at the end of the stream.
     bool readPacket();
     // Whether the frame of a packet with this pts may be shown at time or at
     // a planned time after it (reads further ahead when that helps to know).
     bool needed(int64_t pts, int64_t time);
     // The smallest wanted time at or after pts (media cns); false when none.
     bool wantedFrom(int64_t pts, int64_t time, int64_t* wanted) const;
-    // The pts of the frame shown at time by the packets read, when no packet
-    // still to be read can change it; false otherwise.
-    bool answerKnown(int64_t time, int64_t* pts) const;
-    // The last pts (stream time base) that is at or before media time.
-    int64_t lastPtsAt(int64_t time) const;
-    int64_t frameTime(int64_t pts) const;  // media cns
-    // cmp(frame pts, media time t): <0, 0, >0.
-    int compare(int64_t pts, int64_t time) const;
     bool convert(const AVFrame* frame, std::vector<unsigned char>* rgba, std::string* problem);
 
     const std::string path_;
@@ -129,8 +114,6 @@ private:
     const int32_t width_;
     const int32_t height_;
     std::unique_ptr<MediaDecoder> decoder_;
-    int64_t origin_ = 0;       // stream time base
-    AVRational timeBase_{1, 1};
     int rotation_ = 0;
     bool useIndex_ = false;    // the container's keyframe index covers the stream
 
@@ -140,33 +123,17 @@ private:
     size_t planPos_ = 0;
     bool planned_ = false;
 
-    FramePtr current_;          // the last frame at or before the previous time asked for
-    int64_t currentPts_ = 0;
-    bool haveCurrent_ = false;
-    FramePtr lookahead_;        // the frame after current_, already decoded
-    int64_t lookaheadPts_ = 0;
-    bool haveLookahead_ = false;
-    bool ended_ = false;        // the decoder gave its last frame
-    int64_t lastPts_ = 0;       // for frames without a timestamp
-
-    // Packets since the last seek.
-    std::deque<PacketPtr> window_;  // read, not sent yet
-    std::multiset<int64_t> known_;  // pts of every packet read (stream time base)
-    std::set<int64_t> discarded_;   // pts of the packets sent with AVDISCARD_NONREF
-    bool readEnded_ = false;        // no packet left to read
+    // The stream's clock, the packets read since the last seek, and the last
+    // frame at or before the previous time asked for with the one after it.
+    av::DecodeCursor cursor_;
     bool draining_ = false;         // the end was sent to the decoder
     bool mustSeek_ = false;         // drained early, or decoding again: seek before going on
-    bool readPosKnown_ = false;
-    int64_t readPos_ = 0;           // dts (else pts) of the last packet read
-    bool readDts_ = false;          // readPos_ is a dts
-    bool timesUnsure_ = false;      // a packet without pts, or presented before decoded: reading ahead settles nothing
     bool skipping_ = true;          // discarding is allowed in this session
     bool skipNow_ = false;          // discarding is allowed for the packets being sent
 
     VideoSessionCounts counts_;
 
-    SwsContext* sws_ = nullptr;
-    std::vector<unsigned char> scaled_;
+    av::RgbaConverter converter_;
     int64_t convertedPts_ = 0;  // the frame the cached picture shows
     bool haveConverted_ = false;
     std::vector<unsigned char> converted_;

@@ -1,0 +1,117 @@
+#include "AvDecoder.h"
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+namespace ZOR::av {
+
+std::string avErrorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    if (av_strerror(code, text, sizeof text) < 0) return "error " + std::to_string(code);
+    return text;
+}
+
+bool isAttachedPicture(const AVStream* stream) { return (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0; }
+
+bool isVideoStream(const AVStream* stream) {
+    return stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isAttachedPicture(stream);
+}
+
+int bestVideoStream(AVFormatContext* format) {
+    const int best = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (best >= 0 && !isAttachedPicture(format->streams[best])) return best;
+    for (unsigned i = 0; i < format->nb_streams; ++i)
+        if (isVideoStream(format->streams[i])) return static_cast<int>(i);
+    return -1;
+}
+
+StreamDecoder::~StreamDecoder() {
+    avcodec_free_context(&codec_);
+    avformat_close_input(&format_);
+}
+
+bool StreamDecoder::openInput(const std::string& path, std::string* cause) {
+    int result = avformat_open_input(&format_, path.c_str(), nullptr, nullptr);
+    if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
+    if (result >= 0) return true;
+    *cause = avErrorText(result);
+    return false;
+}
+
+bool StreamDecoder::openDecoder(int index, std::string* cause) {
+    auto fail = [&](const std::string& text) {
+        *cause = text;
+        return false;
+    };
+    stream_ = format_->streams[index];
+    const AVCodec* decoder = avcodec_find_decoder(stream_->codecpar->codec_id);
+    if (decoder == nullptr) return fail(std::string("no decoder for ") + avcodec_get_name(stream_->codecpar->codec_id));
+    codec_ = avcodec_alloc_context3(decoder);
+    if (codec_ == nullptr) return fail(avErrorText(AVERROR(ENOMEM)));
+    int result = avcodec_parameters_to_context(codec_, stream_->codecpar);
+    if (result < 0) return fail(avErrorText(result));
+    codec_->pkt_timebase = stream_->time_base;
+    // One decoding thread: the frames to skip are chosen packet by packet and
+    // must apply to the packet being sent, and the callers' workers already
+    // keep the cores busy.
+    codec_->thread_count = 1;
+    result = avcodec_open2(codec_, decoder, nullptr);
+    if (result < 0) return fail(avErrorText(result));
+    // Only this stream's packets matter.
+    for (unsigned i = 0; i < format_->nb_streams; ++i)
+        if (static_cast<int>(i) != index) format_->streams[i]->discard = AVDISCARD_ALL;
+    return true;
+}
+
+void StreamDecoder::noteReadError(int code) {
+    if (code != AVERROR_EOF && readError_ == 0) readError_ = code;
+}
+
+void StreamDecoder::noteDecodeError(int code) {
+    decodeError_ = code;
+    ++decodeErrors_;
+}
+
+int StreamDecoder::failureCause() const {
+    if (readError_ != 0) return readError_;
+    return decodeError_ != 0 ? decodeError_ : AVERROR_INVALIDDATA;
+}
+
+int StreamDecoder::seek(int64_t ts) {
+    const int result = av_seek_frame(format_, stream_->index, ts, AVSEEK_FLAG_BACKWARD);
+    avcodec_flush_buffers(codec_);
+    return result;
+}
+
+int StreamDecoder::readPacket(AVPacket* packet) {
+    for (;;) {
+        const int result = av_read_frame(format_, packet);
+        if (result < 0) {
+            noteReadError(result);
+            return AVERROR_EOF;
+        }
+        if (packet->stream_index == stream_->index) return 0;
+        av_packet_unref(packet);
+    }
+}
+
+int StreamDecoder::sendPacket(const AVPacket* packet, AVDiscard discard) {
+    codec_->skip_frame = discard;
+    const int result = avcodec_send_packet(codec_, packet);
+    if (result == AVERROR(EAGAIN)) return result;
+    if (result < 0 && result != AVERROR_EOF) noteDecodeError(result);
+    return 0;
+}
+
+bool StreamDecoder::sendEnd() { return sendPacket(nullptr, AVDISCARD_DEFAULT) != AVERROR(EAGAIN); }
+
+int StreamDecoder::receiveFrame(AVFrame* frame) {
+    const int result = avcodec_receive_frame(codec_, frame);
+    if (result == 0 || result == AVERROR(EAGAIN) || result == AVERROR_EOF) return result;
+    // A frame the decoder could not make: ask for the next packet.
+    noteDecodeError(result);
+    return AVERROR(EAGAIN);
+}
+
+}  // namespace ZOR::av
