@@ -15,10 +15,12 @@
 #include <vector>
 
 #include "MediaTestSupport.h"
+#include "WavePeaks.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace {
 
+using MediaTest::expectedThumbnail;
 using MediaTest::ffmpeg;
 using MediaTest::TempFolder;
 
@@ -235,29 +237,6 @@ std::string writeDocument(const TempFolder& folder, const std::string& name, con
     return path;
 }
 
-// The thumbnail of a clip at speed 1 and a constant volume without ducking:
-// point i at clip time t = begin + trunc(i / count x (end - begin)), read at
-// source position t from frame floor(t / 400,000), value index
-// trunc(float(t - frame start) / 400,000 x 40) (at most 39), scaled by the
-// square root of the volume's gain 10^(dB x 0.05) (power in single
-// precision), at most 1.
-std::vector<float> expectedAudio(const std::vector<float>& windows, int64_t begin, int64_t end, int64_t count,
-                                 double db) {
-    const double gain = static_cast<double>(powf(10.0f, static_cast<float>(db * static_cast<double>(0.05f))));
-    std::vector<float> values;
-    for (int64_t i = 0; i < count; ++i) {
-        const int64_t t = begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
-                                                       static_cast<double>(end - begin));
-        const int64_t frame = t / 400'000;
-        const float fraction = static_cast<float>(t - frame * 400'000) / 400'000.0f;
-        const uint32_t index = std::min<uint32_t>(static_cast<uint32_t>(fraction * 40.0f), 39);
-        const size_t window = static_cast<size_t>(frame) * 40 + index;
-        const float raw = window < windows.size() ? windows[window] : 0.0f;
-        values.push_back(std::min(1.0f, static_cast<float>(std::sqrt(gain) * static_cast<double>(raw))));
-    }
-    return values;
-}
-
 std::vector<float> printedValues(const Json& json) {
     std::vector<float> values;
     for (const Json& value : json.at("values")) values.push_back(value.get<float>());
@@ -311,7 +290,7 @@ TEST(MiravelCli, AudioValuesAreTheWaveDataShapedByTheClipVolume) {
     EXPECT_EQ(json.at("begin").get<int64_t>(), kToneMarkIn);
     EXPECT_EQ(json.at("end").get<int64_t>(), kToneMarkIn + kToneLength);
     EXPECT_EQ(json.at("count").get<int64_t>(), 97);
-    expectSameValues(printedValues(json), expectedAudio(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, 97, -6.0));
+    expectSameValues(printedValues(json), expectedThumbnail(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, 97, -6.0));
 
     // A range given: passed on as it is.
     run = runMiravel(folder, "audio '" + tone.document + "' --clip Tone --begin 5000000 --end 12345678 --points 333");
@@ -320,7 +299,7 @@ TEST(MiravelCli, AudioValuesAreTheWaveDataShapedByTheClipVolume) {
     EXPECT_EQ(json.at("begin").get<int64_t>(), 5'000'000);
     EXPECT_EQ(json.at("end").get<int64_t>(), 12'345'678);
     EXPECT_EQ(json.at("count").get<int64_t>(), 333);
-    expectSameValues(printedValues(json), expectedAudio(tone.windows, 5'000'000, 12'345'678, 333, -6.0));
+    expectSameValues(printedValues(json), expectedThumbnail(tone.windows, 5'000'000, 12'345'678, 333, -6.0));
 }
 
 TEST(MiravelCli, AudioDuckingCanBeTurnedOff) {
@@ -335,7 +314,7 @@ TEST(MiravelCli, AudioDuckingCanBeTurnedOff) {
     const std::string document = writeDocument(folder, "ducked.otio", Json::array({toneTrack(tone.wav), voice}));
     constexpr int64_t kPoints = 160;  // one every 0.01 s
     const std::vector<float> plain =
-        expectedAudio(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, kPoints, -6.0);
+        expectedThumbnail(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, kPoints, -6.0);
 
     CliRun run = runMiravel(folder, "audio '" + document + "' --clip Tone --points 160 --no-ducking");
     ASSERT_EQ(run.exitCode, 0) << run.err;

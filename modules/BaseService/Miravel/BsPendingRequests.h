@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "BsPointerValue.h"
 #include "DataModel/DataModel.h"
 
 namespace ZOR {
@@ -18,10 +19,6 @@ inline void addRefClip(IDmClip* clip) {
 }
 inline void releaseClip(IDmClip* clip) {
     if (clip != nullptr) clip->Release();
-}
-// A pointer as the log lines print it.
-inline long long pointerValue(const void* pointer) {
-    return static_cast<long long>(reinterpret_cast<uintptr_t>(pointer));
 }
 
 // Query: a value type with a member `IDmClip* clip`. Clips are released after

@@ -14,27 +14,6 @@ namespace {
 
 constexpr int kIterations = 3000;
 
-class ClipList final : public RefCnt<void>, public virtual IDmClipList {
-public:
-    ZOR_IMPLEMENT_REFCNT
-    ~ClipList() override {
-        for (IDmClip* clip : clips_) clip->Release();
-    }
-    void* queryInterface(const char* name) override {
-        return zorQueryInterface(name, "IDmClipList", static_cast<IDmClipList*>(this));
-    }
-    int32_t count() override { return static_cast<int32_t>(clips_.size()); }
-    IDmClip* get(int32_t index) override { return clips_[static_cast<size_t>(index)]; }
-    int32_t append(IDmClip* clip) override {
-        clip->AddRef();
-        clips_.push_back(clip);
-        return 0;
-    }
-
-private:
-    std::vector<IDmClip*> clips_;
-};
-
 TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoesWhileReportsArrive) {
     // Two media: one whose wave data is held (answered at once), one that
     // needs tasks.
@@ -81,7 +60,7 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
         std::mt19937 random(3);
         const uint32_t bits[] = {0x40, 0x200, 0x10, 0x8, 0x800, 0x22, 0x400, 0x50};
         for (int i = 0; i < kIterations; ++i) {
-            auto* list = new ClipList();
+            auto* list = new FakeClipList();
             list->AddRef();
             IZORIntList* flags = createZORIntList();
             for (int k = 0; k < 2; ++k) {

@@ -4,65 +4,15 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <vector>
+#include <string>
 
+#include "AudioRecording.h"
 #include "BsAudioThumbnailBuilder.h"
 #include "FakeTimeline.h"
 #include "ScriptedTaskService.h"
 
 namespace ZOR::test {
-
-struct AudioDelivery {
-    IDmClip* clip = nullptr;
-    int64_t begin = 0;
-    int64_t end = 0;
-    std::vector<float> values;
-};
-
-// Records every onAudioThumbnailData and lets the test wait for a number of
-// them.
-class RecordingCallback final : public IBsAudioClipThumbnailCallback {
-public:
-    int32_t onAudioThumbnailNotice(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(clip);
-        signal_.notify_all();
-        return 0;
-    }
-    int32_t onAudioThumbnailChanged(IDmClip*) override { return 0; }
-    int32_t onAudioThumbnailData(IDmClip* clip, int64_t begin, int64_t end, const float* samples,
-                                 int32_t count) override {
-        AudioDelivery delivery{clip, begin, end, std::vector<float>(samples, samples + count)};
-        std::lock_guard<std::mutex> lock(mutex_);
-        deliveries_.push_back(std::move(delivery));
-        signal_.notify_all();
-        return 0;
-    }
-
-    // Waits (at most 20 s) until at least count deliveries arrived.
-    bool waitForDeliveries(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, std::chrono::seconds(20), [&] { return deliveries_.size() >= count; });
-    }
-    std::vector<AudioDelivery> deliveries() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return deliveries_;
-    }
-    std::vector<IDmClip*> notices() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return notices_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable signal_;
-    std::vector<AudioDelivery> deliveries_;
-    std::vector<IDmClip*> notices_;
-};
 
 class RecordingQueryer final : public IBsAudioThumbnailQueryer {
 public:

@@ -2,30 +2,27 @@
 // and ducking. Every expectation is worked out here from the definitions of
 // the envelope, independently of the builder's code, and compared exactly.
 #include <cmath>
-#include <cstring>
 #include <functional>
 
 #include "AudioBuilderFixture.h"
+#include "WavePeaks.h"
 
 namespace ZOR::test {
 namespace {
 
 // --- The definitions, written out for the tests -----------------------------
 
-// dB to gain: 10^(dB * 0.05) with the factor the float 0.05, the product in
-// double narrowed to float, the power in single precision; silence at or
-// below -48 dB.
-double expectedGain(double db) {
-    if (db <= -48.0) return 0.0;
-    const double factor = 0.05000000074505806;
-    return static_cast<double>(std::pow(10.0f, static_cast<float>(db * factor)));
-}
+// dB to gain (gainOf), the point times of a query (pointTime) and the exact
+// comparison (expectSameFloats) are those of WavePeaks.h.
+using MediaTest::expectSameFloats;
+using MediaTest::gainOf;
+using MediaTest::pointTime;
 
 // The static factor.
 float expectedStatic(float volume, double volumeGain, float loudness) {
     if (loudness == 0.0f && volumeGain == 0.0) return 1.0f;
     const float l = loudness != 0.0f ? 20.0f * std::log10(loudness) : 0.0f;
-    double g = expectedGain(static_cast<double>(volume) + volumeGain + static_cast<double>(l));
+    double g = gainOf(static_cast<double>(volume) + volumeGain + static_cast<double>(l));
     if (g > 50.0) g = 50.0;
     return std::sqrt(static_cast<float>(g));
 }
@@ -36,16 +33,16 @@ struct Keyframe {
 };
 
 double expectedEnvelope(const std::vector<Keyframe>& keys, float volume, double volumeGain, int64_t t) {
-    if (keys.empty()) return expectedGain(static_cast<double>(volume) + volumeGain);
-    if (keys.size() == 1) return expectedGain(keys[0].db);
-    if (t < keys.front().time) return expectedGain(keys.front().db);
-    if (t >= keys.back().time) return expectedGain(keys.back().db);
+    if (keys.empty()) return gainOf(static_cast<double>(volume) + volumeGain);
+    if (keys.size() == 1) return gainOf(keys[0].db);
+    if (t < keys.front().time) return gainOf(keys.front().db);
+    if (t >= keys.back().time) return gainOf(keys.back().db);
     size_t next = 1;
     while (keys[next].time <= t) ++next;
     const Keyframe& p = keys[next - 1];
     const Keyframe& n = keys[next];
-    const double gp = expectedGain(p.db);
-    const double gn = expectedGain(n.db);
+    const double gp = gainOf(p.db);
+    const double gn = gainOf(n.db);
     return gp + static_cast<double>(t - p.time) / static_cast<double>(n.time - p.time) * (gn - gp);
 }
 
@@ -79,10 +76,6 @@ double expectedDucking(const std::vector<Duck>& ducks, int64_t t) {
     return deepest > 0.0 ? 1.0 - deepest : 1.0;
 }
 
-int64_t pointTime(int64_t begin, int64_t end, int i, int count) {
-    return begin + static_cast<int64_t>(std::trunc(static_cast<double>(i) / count * static_cast<double>(end - begin)));
-}
-
 struct Expectation {
     float volume = 0.0f;
     double volumeGain = 0.0;
@@ -108,17 +101,6 @@ std::vector<float> expectedValues(const Expectation& e, int64_t begin, int64_t e
         out.push_back(v > 1.0f ? 1.0f : v);
     }
     return out;
-}
-
-void expectSameFloats(const std::vector<float>& actual, const std::vector<float>& expected) {
-    ASSERT_EQ(actual.size(), expected.size());
-    for (size_t i = 0; i < actual.size(); ++i) {
-        uint32_t a = 0;
-        uint32_t b = 0;
-        std::memcpy(&a, &actual[i], 4);
-        std::memcpy(&b, &expected[i], 4);
-        EXPECT_EQ(a, b) << "point " << i << ": " << actual[i] << " vs " << expected[i];
-    }
 }
 
 // --- Fixture -----------------------------------------------------------------
@@ -177,7 +159,7 @@ TEST_F(AudioEnvelope, HugeGainIsCappedAtFiftyBeforeTheSquareRoot) {
     e.volumeGain = 40.0;
     expectSameFloats(values, expectedValues(e, 0, 10 * kSecond, 4, [](int64_t) { return 0.001f; }));
     // Uncapped the static factor would be 10; capped it is sqrt(50).
-    const double envelope = expectedGain(40.0);
+    const double envelope = gainOf(40.0);
     EXPECT_EQ(values[0], static_cast<float>(std::sqrt(envelope * static_cast<double>(std::sqrt(50.0f))) *
                                             static_cast<double>(0.001f)));
 }
@@ -189,7 +171,7 @@ TEST_F(AudioEnvelope, ValuesAboveOneAreDeliveredAsExactlyOneAndNegativeValuesPas
     const auto values = query(clip, 0, 10 * kSecond, 2);
     ASSERT_EQ(values.size(), 2u);
     EXPECT_EQ(values[0], 1.0f);
-    const float negative = static_cast<float>(std::sqrt(expectedGain(12.0)) * static_cast<double>(-0.9f));
+    const float negative = static_cast<float>(std::sqrt(gainOf(12.0)) * static_cast<double>(-0.9f));
     EXPECT_LT(negative, -1.0f);
     EXPECT_EQ(values[1], negative);
 }
@@ -327,8 +309,8 @@ TEST_F(AudioEnvelope, TimesBeforeTheFirstKeyframeAndAfterTheLastHoldTheirGains) 
     clip->addEffect(4110)->setKeyframes({{3 * kSecond, -6.0}, {7 * kSecond, 3.0}});
     const auto values = query(clip, 0, 10 * kSecond, 10);
     ASSERT_EQ(values.size(), 10u);
-    const float first = static_cast<float>(std::sqrt(expectedGain(-6.0)) * 0.5);
-    const float last = static_cast<float>(std::sqrt(expectedGain(3.0)) * 0.5);
+    const float first = static_cast<float>(std::sqrt(gainOf(-6.0)) * 0.5);
+    const float last = static_cast<float>(std::sqrt(gainOf(3.0)) * 0.5);
     EXPECT_EQ(values[0], first);
     EXPECT_EQ(values[2], first);
     EXPECT_EQ(values[8], last);

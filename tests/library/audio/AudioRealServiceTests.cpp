@@ -6,20 +6,14 @@
 // gain, and compared bit for bit with what the builder delivers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cmath>
-#include <condition_variable>
 #include <cstdint>
-#include <cstring>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "AudioRecording.h"
 #include "BsAudioSampleCache.h"
 #include "BsAudioThumbnailBuilder.h"
 #include "BsDataStructure/BsDataStructure.h"
@@ -27,18 +21,19 @@
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
+#include "FakeTimeline.h"
 #include "MediaTestSupport.h"
+#include "TimelineDescs.h"
+#include "WavePeaks.h"
 
 namespace ZOR::test {
 namespace {
 
-using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+// The test media, and the thumbnails worked out from their samples.
+using namespace MediaTest;
 
 constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
-constexpr int64_t kFrame = 400'000;      // one wave frame at 25/1, cns
-constexpr int32_t kValuesPerFrame = 40;
 constexpr uint32_t kChangeVolume = 0x40;
 
 // Releases a data-model object at the end of a scope.
@@ -58,164 +53,14 @@ private:
     T* object_;
 };
 
-struct Delivery {
-    IDmClip* clip = nullptr;
-    int64_t begin = 0;
-    int64_t end = 0;
-    std::vector<float> values;
-};
-
 // A queryer that keeps every delivery, and an owner that keeps every notice;
-// the test waits for them on a condition variable.
-class Recorder final : public IBsAudioClipThumbnailCallback, public IBsAudioThumbnailQueryer {
+// the test waits for them.
+class Recorder final : public RecordingCallback, public IBsAudioThumbnailQueryer {
 public:
-    int32_t onAudioThumbnailNotice(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(clip);
-        signal_.notify_all();
-        return 0;
-    }
-    int32_t onAudioThumbnailChanged(IDmClip*) override { return 0; }
-    int32_t onAudioThumbnailData(IDmClip* clip, int64_t begin, int64_t end, const float* samples,
-                                 int32_t count) override {
-        Delivery delivery{clip, begin, end, std::vector<float>(samples, samples + count)};
-        std::lock_guard<std::mutex> lock(mutex_);
-        deliveries_.push_back(std::move(delivery));
-        signal_.notify_all();
-        return 0;
-    }
+    Recorder() : RecordingCallback(kGenerous) {}
     IBsAudioClipThumbnailCallback* getResultCallback() override { return this; }
     bool isCalcDuckingEnabled() override { return true; }
-
-    bool waitForDeliveries(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kGenerous, [&] { return deliveries_.size() >= count; });
-    }
-    std::vector<Delivery> deliveries() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return deliveries_;
-    }
-    std::vector<IDmClip*> notices() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return notices_;
-    }
-
-private:
-    mutable std::mutex mutex_;  // leaf: guards the two lists
-    std::condition_variable signal_;
-    std::vector<Delivery> deliveries_;
-    std::vector<IDmClip*> notices_;
 };
-
-// The clips of one change batch.
-class ClipList final : public RefCnt<void>, public virtual IDmClipList {
-public:
-    ZOR_IMPLEMENT_REFCNT
-    ~ClipList() override {
-        for (IDmClip* clip : clips_) clip->Release();
-    }
-    void* queryInterface(const char* name) override {
-        return zorQueryInterface(name, "IDmClipList", static_cast<IDmClipList*>(this));
-    }
-    int32_t count() override { return static_cast<int32_t>(clips_.size()); }
-    IDmClip* get(int32_t index) override { return clips_[static_cast<size_t>(index)]; }
-    int32_t append(IDmClip* clip) override {
-        clip->AddRef();
-        clips_.push_back(clip);
-        return 0;
-    }
-
-private:
-    std::vector<IDmClip*> clips_;
-};
-
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
-// --- The definitions, written out for the tests -----------------------------
-
-// dB to gain: 10^(dB x 0.05), the factor being the float 0.05 widened to
-// double, the product narrowed to float and the power in single precision;
-// silence at or below -48 dB.
-double expectedGain(double db) {
-    if (db <= -48.0) return 0.0;
-    return static_cast<double>(std::pow(10.0f, static_cast<float>(db * static_cast<double>(0.05f))));
-}
-
-// Point i of count over [begin, end): begin + trunc(i / count x (end - begin)).
-int64_t pointTime(int64_t begin, int64_t end, int i, int count) {
-    return begin + static_cast<int64_t>(std::trunc(static_cast<double>(i) / count * static_cast<double>(end - begin)));
-}
-
-// The raw value at source position s: frame floor(s / 400,000), value index
-// trunc(float(s - frame start) / 400,000 x 40), at most 39.
-float rawValueAt(const std::vector<float>& windows, int64_t s) {
-    const int64_t frame = s / kFrame;
-    const float fraction = static_cast<float>(s - frame * kFrame) / static_cast<float>(kFrame);
-    const auto index = std::min<uint32_t>(static_cast<uint32_t>(fraction * static_cast<float>(kValuesPerFrame)),
-                                          kValuesPerFrame - 1);
-    const size_t window = static_cast<size_t>(frame) * kValuesPerFrame + index;
-    return window < windows.size() ? windows[window] : 0.0f;
-}
-
-// The thumbnail of a clip playing forwards at speed 1 (source position =
-// clip time) at a constant volume, without loudness, gain or ducking:
-// min(1, sqrt(gain(volume)) x raw).
-std::vector<float> expectedThumbnail(const std::vector<float>& windows, int64_t begin, int64_t end, int count,
-                                     double volumeDb) {
-    const double gain = expectedGain(static_cast<double>(static_cast<float>(volumeDb)));
-    std::vector<float> values;
-    for (int i = 0; i < count; ++i) {
-        const int64_t s = pointTime(begin, end, i, count);
-        const float value = static_cast<float>(std::sqrt(gain) * static_cast<double>(rawValueAt(windows, s)));
-        values.push_back(std::min(1.0f, value));
-    }
-    return values;
-}
-
-void expectSameFloats(const std::vector<float>& actual, const std::vector<float>& expected) {
-    ASSERT_EQ(actual.size(), expected.size());
-    int mismatches = 0;
-    for (size_t i = 0; i < actual.size(); ++i) {
-        uint32_t a = 0;
-        uint32_t b = 0;
-        std::memcpy(&a, &actual[i], sizeof a);
-        std::memcpy(&b, &expected[i], sizeof b);
-        if (a != b && ++mismatches <= 5)
-            ADD_FAILURE() << "point " << i << ": " << actual[i] << " expected " << expected[i];
-    }
-    EXPECT_EQ(mismatches, 0);
-}
-
-// How many different values there are: a thumbnail of a waveform whose level
-// changes all the time has many, so matching it says something.
-size_t distinctValues(const std::vector<float>& values) { return std::set<float>(values.begin(), values.end()).size(); }
-
-// A level that changes every 40 ms frame, different in each channel, on sines
-// whose peaks fall anywhere inside the millisecond windows.
-std::string steppedSource(int channels, double seconds) {
-    const std::string d = std::to_string(seconds);
-    const std::string left = "(0.05+0.9*mod(floor(t*25)*37+11,100)/100)*sin(2*PI*523*t)";
-    const std::string right = "(0.05+0.9*mod(floor(t*25)*61+3,100)/100)*sin(2*PI*347*t+1)";
-    return "-f lavfi -i \"aevalsrc=exprs='" + left + (channels == 2 ? "|" + right : std::string()) +
-           "':s=48000:d=" + d + "\"";
-}
-
-DmClipDesc clipOf(const std::string& path, int64_t begin, int64_t markIn, int64_t length, double volumeDb) {
-    DmClipDesc clip;
-    clip.name = "clip";
-    clip.mediaPath = path;
-    clip.begin = begin;
-    clip.end = begin + length;
-    clip.markIn = markIn;
-    clip.markOut = markIn + length;
-    clip.volumeDb = volumeDb;
-    return clip;
-}
 
 IDmTimeline* timelineOf(int32_t kind, const DmClipDesc& clip) {
     DmTimelineDesc desc;
@@ -248,9 +93,9 @@ protected:
         const size_t before = queryer.deliveries().size();
         EXPECT_EQ(builder.queryAudioThumbnailData(&queryer, clip, begin, end, count), 0);
         EXPECT_TRUE(queryer.waitForDeliveries(before + 1));
-        const std::vector<Delivery> deliveries = queryer.deliveries();
+        const std::vector<AudioDelivery> deliveries = queryer.deliveries();
         if (deliveries.size() <= before) return {};
-        const Delivery& delivery = deliveries[before];
+        const AudioDelivery& delivery = deliveries[before];
         EXPECT_EQ(delivery.clip, clip);
         EXPECT_EQ(delivery.begin, begin);
         EXPECT_EQ(delivery.end, end);
@@ -278,7 +123,7 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
     const int64_t markIn = 7'123'457;  // 0.7123457 s: inside a frame and inside a window
     const int64_t length = 3 * kSecond;
     const int64_t markOut = markIn + length;
-    Held<IDmTimeline> timeline(timelineOf(DmTrackAudio, clipOf(path, 2 * kSecond, markIn, length, -6.0)));
+    Held<IDmTimeline> timeline(timelineOf(DmTrackAudio, clipOf("clip", path, 2 * kSecond, markIn, length, -6.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* clip = timeline->clip(0, 0);
     ASSERT_NE(clip, nullptr);
@@ -304,7 +149,7 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
 
     // The volume to 0 dB, and the change told to the builder.
     ASSERT_EQ(audio->setProperty(audioKey::volume, doubleValue(0.0)), 0);
-    Held<ClipList> clips(zorCreateObject<ClipList, ClipList>());
+    Held<FakeClipList> clips(zorCreateObject<FakeClipList, FakeClipList>());
     clips->append(clip);
     Held<IZORIntList> bits(createZORIntList());
     bits->append(static_cast<int32_t>(kChangeVolume));
@@ -338,7 +183,7 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     ASSERT_EQ(BsAudioSampleCache::registrySize(), 0u);
 
     const int64_t length = 2 * kSecond;
-    Held<IDmTimeline> first(timelineOf(DmTrackAudio, clipOf(path, 0, 5'000'000, length, -3.0)));
+    Held<IDmTimeline> first(timelineOf(DmTrackAudio, clipOf("clip", path, 0, 5'000'000, length, -3.0)));
     ASSERT_NE(first.get(), nullptr);
     IDmClip* firstClip = first->clip(0, 0);
     Recorder firstOwner;
@@ -359,7 +204,7 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     // The second timeline uses a part of the same frames, at another place and volume.
     const int64_t secondIn = 9'000'000;
     const int64_t secondLength = kSecond;
-    Held<IDmTimeline> second(timelineOf(DmTrackAudio, clipOf(path, 3 * kSecond, secondIn, secondLength, 0.0)));
+    Held<IDmTimeline> second(timelineOf(DmTrackAudio, clipOf("clip", path, 3 * kSecond, secondIn, secondLength, 0.0)));
     ASSERT_NE(second.get(), nullptr);
     IDmClip* secondClip = second->clip(0, 0);
     ASSERT_NE(secondClip, firstClip);
@@ -372,8 +217,8 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     ASSERT_NE(firstManager.get(), nullptr);
     EXPECT_EQ(firstManager.get(), secondManager.get());
     // Every frame the second query needs is held already.
-    EXPECT_NE(secondManager->hasFrames(static_cast<int32_t>(secondIn / kFrame),
-                                       static_cast<int32_t>((secondIn + secondLength) / kFrame)),
+    EXPECT_NE(secondManager->hasFrames(static_cast<int32_t>(secondIn / kWaveFrame),
+                                       static_cast<int32_t>((secondIn + secondLength) / kWaveFrame)),
               0);
 
     Recorder secondOwner;
@@ -411,7 +256,7 @@ TEST_F(AudioRealService, VideoClipWithSoundIsQueriedThroughItsLinkedAudioClip) {
 
     const int64_t markIn = 3'210'000;
     const int64_t length = 2 * kSecond;
-    Held<IDmTimeline> timeline(timelineOf(DmTrackVideo, clipOf(movie, kSecond, markIn, length, -3.0)));
+    Held<IDmTimeline> timeline(timelineOf(DmTrackVideo, clipOf("clip", movie, kSecond, markIn, length, -3.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(0, 0);
     ASSERT_NE(video, nullptr);

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
@@ -28,6 +27,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "AudioRecording.h"
 #include "BsAudioSampleCache.h"
 #include "BsClipThumbnailService.h"
 #include "BsDataStructure/BsDataStructure.h"
@@ -35,21 +35,23 @@
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
+#include "FakeTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
+#include "TimelineDescs.h"
+#include "WavePeaks.h"
 
 namespace ZOR::test {
 namespace {
 
-using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+// The test media, and the thumbnails worked out from their samples.
+using namespace MediaTest;
 
 constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
-constexpr int64_t kFrame = 400'000;      // one wave frame at 25/1, cns
-constexpr int32_t kValuesPerFrame = 40;
+constexpr int64_t kFrame = 400'000;      // one frame at 25/1, cns
 
 constexpr int kClients = 4;
 constexpr int kTimelines = 2;
@@ -74,61 +76,15 @@ constexpr int64_t kFMarkIn = 5'000'000;
 constexpr int64_t kFLength = 10'000'000;
 constexpr double kFVolume = -4.0;
 
-// --- The expected values of F, from their definitions ------------------------
+// --- The values of F: expectedThumbnail (WavePeaks.h) ------------------------
 
-double gainOf(double db) {
-    if (!(db > -48.0)) return 0.0;
-    return static_cast<double>(std::pow(10.0f, static_cast<float>(db * static_cast<double>(0.05f))));
-}
-
-int64_t pointTime(int64_t begin, int64_t end, int i, int count) {
-    return begin + static_cast<int64_t>(std::trunc(static_cast<double>(i) / count * static_cast<double>(end - begin)));
-}
-
-float rawValueAt(const std::vector<float>& windows, int64_t s) {
-    const int64_t frame = s / kFrame;
-    const float fraction = static_cast<float>(s - frame * kFrame) / static_cast<float>(kFrame);
-    const auto index = std::min<uint32_t>(static_cast<uint32_t>(fraction * static_cast<float>(kValuesPerFrame)),
-                                          kValuesPerFrame - 1);
-    const size_t window = static_cast<size_t>(frame) * kValuesPerFrame + index;
-    return window < windows.size() ? windows[window] : 0.0f;
-}
-
-// A clip at speed 1, forwards, at a constant volume, not ducked.
-std::vector<float> expectedThumbnail(const std::vector<float>& windows, int64_t begin, int64_t end, int count,
-                                     double volumeDb) {
-    const double gain = gainOf(static_cast<double>(static_cast<float>(volumeDb)));
-    std::vector<float> values;
-    for (int i = 0; i < count; ++i) {
-        const float raw = rawValueAt(windows, pointTime(begin, end, i, count));
-        values.push_back(std::min(1.0f, static_cast<float>(std::sqrt(gain) * static_cast<double>(raw))));
-    }
-    return values;
-}
-
+// How many points differ from the expected values, bit for bit.
 int mismatchesOf(const std::vector<float>& actual, const std::vector<float>& expected) {
     if (actual.size() != expected.size()) return static_cast<int>(std::max(actual.size(), expected.size()));
     int mismatches = 0;
     for (size_t i = 0; i < actual.size(); ++i)
         if (std::memcmp(&actual[i], &expected[i], sizeof(float)) != 0) ++mismatches;
     return mismatches;
-}
-
-std::string steppedSource(int channels, double seconds, int seed) {
-    const std::string d = std::to_string(seconds);
-    const std::string a = std::to_string(37 + seed);
-    const std::string b = std::to_string(61 + seed);
-    const std::string left = "(0.05+0.9*mod(floor(t*25)*" + a + "+11,100)/100)*sin(2*PI*523*t)";
-    const std::string right = "(0.05+0.9*mod(floor(t*25)*" + b + "+3,100)/100)*sin(2*PI*347*t+1)";
-    return "-f lavfi -i \"aevalsrc=exprs='" + left + (channels == 2 ? "|" + right : std::string()) +
-           "':s=48000:d=" + d + "\"";
-}
-
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
 }
 
 bool flagOf(IDmAudioFeature* audio, const char* key) {
@@ -142,13 +98,6 @@ bool trackFlag(IDmTrack* track, const char* key) {
 }
 
 // --- The clients ---------------------------------------------------------------
-
-struct Delivery {
-    IDmClip* clip = nullptr;
-    int64_t begin = 0;
-    int64_t end = 0;
-    std::vector<float> values;  // kept for the clips watched only
-};
 
 // A client's callbacks: counts what it hears and keeps the deliveries and
 // notices of the clips it is told to watch.
@@ -170,7 +119,7 @@ public:
         if (count < 0 || (count > 0 && samples == nullptr)) bad_.fetch_add(1, std::memory_order_relaxed);
         std::lock_guard<std::mutex> lock(mutex_);
         if (isWatched(clip)) {
-            deliveries_.push_back(Delivery{clip, begin, end, std::vector<float>(samples, samples + count)});
+            deliveries_.push_back(AudioDelivery{clip, begin, end, std::vector<float>(samples, samples + count)});
             signal_.notify_all();
         }
         return 0;
@@ -208,19 +157,9 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return deliveries_.size();
     }
-    std::optional<Delivery> waitForDelivery(IDmClip* clip, size_t from) {
+    std::optional<AudioDelivery> waitForDelivery(IDmClip* clip, size_t from) {
         std::unique_lock<std::mutex> lock(mutex_);
-        std::optional<Delivery> found;
-        signal_.wait_for(lock, kGenerous, [&] {
-            for (size_t i = from; i < deliveries_.size(); ++i) {
-                if (deliveries_[i].clip == clip) {
-                    found = deliveries_[i];
-                    return true;
-                }
-            }
-            return false;
-        });
-        return found;
+        return waitForDeliveryOf(lock, signal_, kGenerous, deliveries_, clip, from);
     }
     void forgetFrames() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -257,7 +196,7 @@ private:
     mutable std::mutex mutex_;  // leaf: guards the lists below
     std::condition_variable signal_;
     std::vector<IDmClip*> watched_;
-    std::vector<Delivery> deliveries_;
+    std::vector<AudioDelivery> deliveries_;  // of the clips watched only
     std::vector<IDmClip*> watchedNotices_;
     std::vector<std::pair<IDmClip*, int64_t>> seenFrames_;
 };
@@ -273,19 +212,6 @@ struct Cut {
     IDmClip* vs = nullptr;  // the sound of V
     IDmClip* f = nullptr;
 };
-
-DmClipDesc clipOf(const std::string& name, const std::string& path, int64_t begin, int64_t markIn, int64_t length,
-                  double volumeDb) {
-    DmClipDesc clip;
-    clip.name = name;
-    clip.mediaPath = path;
-    clip.begin = begin;
-    clip.end = begin + length;
-    clip.markIn = markIn;
-    clip.markOut = markIn + length;
-    clip.volumeDb = volumeDb;
-    return clip;
-}
 
 class ServiceConcurrency : public ::testing::Test {
 protected:
@@ -534,7 +460,7 @@ TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
             const size_t from = clients[i].deliveryCount();
             EXPECT_EQ(services[i]->queryAudioThumbnailData(f, kFMarkIn, kFMarkIn + kFLength, static_cast<uint32_t>(count)),
                       0);
-            const std::optional<Delivery> delivery = clients[i].waitForDelivery(f, from);
+            const std::optional<AudioDelivery> delivery = clients[i].waitForDelivery(f, from);
             ASSERT_TRUE(delivery.has_value()) << "client " << i << " timeline " << t;
             EXPECT_EQ(delivery->begin, kFMarkIn);
             EXPECT_EQ(delivery->end, kFMarkIn + kFLength);

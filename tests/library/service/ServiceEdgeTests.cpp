@@ -5,21 +5,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "BsClipThumbnailService.h"
 #include "Adapter/Adapter.h"
+#include "AudioRecording.h"
 #include "CapturingLogger.h"
 #include "DataModel/DmTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "ScriptedTaskService.h"
+#include "TimelineDescs.h"
 
 namespace ZOR::test {
 namespace {
@@ -32,31 +31,6 @@ std::string hex(const void* pointer) {
     std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer)));
     return text;
 }
-
-class Notices final : public IBsAudioClipThumbnailCallback {
-public:
-    int32_t onAudioThumbnailNotice(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(clip);
-        signal_.notify_all();
-        return 0;
-    }
-    int32_t onAudioThumbnailChanged(IDmClip*) override { return 0; }
-    int32_t onAudioThumbnailData(IDmClip*, int64_t, int64_t, const float*, int32_t) override { return 0; }
-    bool waitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, std::chrono::seconds(20), [&] { return notices_.size() >= count; });
-    }
-    std::vector<IDmClip*> notices() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return notices_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable signal_;
-    std::vector<IDmClip*> notices_;
-};
 
 class ServiceEdge : public ::testing::Test {
 protected:
@@ -83,21 +57,13 @@ protected:
     }
 
     static IDmTimeline* makeTimeline() {
-        DmTimelineDesc desc;
         DmTrackDesc video;
         video.kind = DmTrackVideo;
-        DmClipDesc movie;
-        movie.name = "movie";
-        movie.mediaPath = movie_;
-        movie.end = movie.markOut = 20'000'000;
-        video.clips.push_back(movie);
+        video.clips.push_back(clipOf("movie", movie_, 0, 0, 20'000'000, 0.0));
         DmTrackDesc audio;
         audio.kind = DmTrackAudio;
-        DmClipDesc tone;
-        tone.name = "tone";
-        tone.mediaPath = tone_;
-        tone.end = tone.markOut = 20'000'000;
-        audio.clips.push_back(tone);
+        audio.clips.push_back(clipOf("tone", tone_, 0, 0, 20'000'000, 0.0));
+        DmTimelineDesc desc;
         desc.tracks = {video, audio};
         std::string error;
         IDmTimeline* timeline = createTimeline(desc, &error);
@@ -180,7 +146,7 @@ TEST_F(ServiceEdge, TwoServicesQueryingOneTimelineShareOneImpl) {
 
 TEST_F(ServiceEdge, AcquiringOneTimelineTwiceRegistersTheCallbacksOnceAndLogsOnce) {
     ScopedCapture capture;
-    Notices notices;
+    RecordingCallback notices;
     IBsClipThumbnailService* service = newService();
     service->addAudioClipThumbnailCallback(&notices);
     service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10);
@@ -192,7 +158,7 @@ TEST_F(ServiceEdge, AcquiringOneTimelineTwiceRegistersTheCallbacksOnceAndLogsOnc
 }
 
 TEST_F(ServiceEdge, CallbacksReachImplsAcquiredBeforeAndAfterAndLeaveThemOnRemoval) {
-    Notices notices;
+    RecordingCallback notices;
     IBsClipThumbnailService* service = newService();
     service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10);
     service->addAudioClipThumbnailCallback(&notices);
@@ -268,7 +234,7 @@ TEST_F(ServiceEdge, ClearingRawSamplesNeedsAClipWithSound) {
 
 TEST_F(ServiceEdge, DestroyingTheLastServiceCancelsItsQueriesAndDestroysTheImplAfterItsOwnReleaseLine) {
     ScopedCapture capture;
-    Notices notices;
+    RecordingCallback notices;
     IBsClipThumbnailService* service = newService();
     service->addAudioClipThumbnailCallback(&notices);
     EXPECT_EQ(service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10), 0);
@@ -294,7 +260,7 @@ TEST_F(ServiceEdge, DestroyingTheLastServiceCancelsItsQueriesAndDestroysTheImplA
 }
 
 TEST_F(ServiceEdge, AnyOfTheThirteenEventsMakesEveryLiveImplReportEvenForAnotherTimeline) {
-    Notices notices;
+    RecordingCallback notices;
     IBsClipThumbnailService* service = newService();
     service->addAudioClipThumbnailCallback(&notices);
     ASSERT_EQ(service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10), 0);
@@ -313,14 +279,14 @@ TEST_F(ServiceEdge, AnyOfTheThirteenEventsMakesEveryLiveImplReportEvenForAnother
         runOnEventThread([&] { impl->changedInfo()->onAudioPropertyChanged(tone(a_), audioKey::volume); });
         IDmTimeline* other = b_;
         ASSERT_EQ(defaultEventBus()->publish(key, &other, sizeof other), 0) << key;
-        ASSERT_TRUE(notices.waitFor(++expected)) << key;
+        ASSERT_TRUE(notices.waitForNotices(++expected)) << key;
     }
     runOnEventThread([] {});
     EXPECT_EQ(notices.notices(), std::vector<IDmClip*>(expected, tone(a_)));
 }
 
 TEST_F(ServiceEdge, EveryServiceSubscribesToTheThirteenKeysAndUnsubscribesAtItsEnd) {
-    Notices notices;
+    RecordingCallback notices;
     IBsClipThumbnailService* service = newService();
     service->addAudioClipThumbnailCallback(&notices);
     ASSERT_EQ(service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10), 0);
@@ -330,11 +296,11 @@ TEST_F(ServiceEdge, EveryServiceSubscribesToTheThirteenKeysAndUnsubscribesAtItsE
     IBsClipThumbnailService* second = newService();
     runOnEventThread([&] { impl->changedInfo()->onAudioPropertyChanged(tone(a_), audioKey::volume); });
     defaultEventBus()->publish(clipEventKey::audioPropertyChanged, nullptr, 0);
-    ASSERT_TRUE(notices.waitFor(1));
+    ASSERT_TRUE(notices.waitForNotices(1));
     release(second);
     runOnEventThread([&] { impl->changedInfo()->onAudioPropertyChanged(tone(a_), audioKey::volume); });
     defaultEventBus()->publish(clipEventKey::audioPropertyChanged, nullptr, 0);
-    ASSERT_TRUE(notices.waitFor(2));
+    ASSERT_TRUE(notices.waitForNotices(2));
     runOnEventThread([] {});
     EXPECT_EQ(notices.notices().size(), 2u);
 }

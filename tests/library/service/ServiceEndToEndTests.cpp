@@ -14,7 +14,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,6 +24,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "AudioRecording.h"
 #include "BsAudioSampleCache.h"
 #include "BsClipThumbnailService.h"
 #include "BsDataStructure/BsDataStructure.h"
@@ -33,21 +33,21 @@
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
+#include "FakeTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
+#include "WavePeaks.h"
 
 namespace ZOR::test {
 namespace {
 
-using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+// The test media, and the thumbnails worked out from their samples.
+using namespace MediaTest;
 
 constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
-constexpr int64_t kFrame = 400'000;      // one wave frame at 25/1, cns
-constexpr int32_t kValuesPerFrame = 40;
 
 // The document's layout, in cns. Music track: A on [0, 2 s) from 0.3 s of
 // music.wav at -6 dB; D on [2.5 s, 4.5 s) from 0.5 s of voice.wav at -2.5 dB,
@@ -79,95 +79,12 @@ unsigned long long hexOf(const void* pointer) {
     return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer));
 }
 
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
-// --- The expected values, from their definitions ----------------------------
-
-// dB to gain: 10^(dB x 0.05), the factor being the float 0.05 widened to
-// double, the product narrowed to float and the power in single precision;
-// silence at or below -48 dB.
-double gainOf(double db) {
-    if (!(db > -48.0)) return 0.0;
-    return static_cast<double>(std::pow(10.0f, static_cast<float>(db * static_cast<double>(0.05f))));
-}
-
-// Point i of count over [begin, end): begin + trunc(i / count x (end - begin)).
-int64_t pointTime(int64_t begin, int64_t end, int i, int count) {
-    return begin + static_cast<int64_t>(std::trunc(static_cast<double>(i) / count * static_cast<double>(end - begin)));
-}
-
-// The wave value at source position s: frame floor(s / 400,000), value index
-// trunc(float(s - frame start) / 400,000 x 40), at most 39.
-float rawValueAt(const std::vector<float>& windows, int64_t s) {
-    const int64_t frame = s / kFrame;
-    const float fraction = static_cast<float>(s - frame * kFrame) / static_cast<float>(kFrame);
-    const auto index = std::min<uint32_t>(static_cast<uint32_t>(fraction * static_cast<float>(kValuesPerFrame)),
-                                          kValuesPerFrame - 1);
-    const size_t window = static_cast<size_t>(frame) * kValuesPerFrame + index;
-    return window < windows.size() ? windows[window] : 0.0f;
-}
-
-// A stretch of clip time [from, to] (both ends in) where the clip is ducked
-// to factor of its power.
-struct Ducked {
-    int64_t from = 0;
-    int64_t to = -1;
-    double factor = 1.0;
-};
-
-// The thumbnail of a clip playing forwards at speed 1 (source position = clip
-// time) at a constant volume, without loudness or gain:
-// min(1, sqrt(gain(volume) x ducking) x raw).
-std::vector<float> expectedThumbnail(const std::vector<float>& windows, int64_t begin, int64_t end, int count,
-                                     double volumeDb, const Ducked& ducked = {}) {
-    const double gain = gainOf(static_cast<double>(static_cast<float>(volumeDb)));
-    std::vector<float> values;
-    for (int i = 0; i < count; ++i) {
-        const int64_t t = pointTime(begin, end, i, count);
-        const double power = ducked.from <= t && t <= ducked.to ? gain * ducked.factor : gain;
-        const float value = static_cast<float>(std::sqrt(power) * static_cast<double>(rawValueAt(windows, t)));
-        values.push_back(std::min(1.0f, value));
-    }
-    return values;
-}
+// --- The expected values, from their definitions (WavePeaks.h) --------------
 
 // D's range on the timeline as clip time of the sound of V placed at vBegin.
 Ducked duckedByD(int64_t vBegin, int64_t dBegin = kDBegin) {
     const int64_t shift = kVMarkIn - vBegin;
     return Ducked{dBegin + shift, dBegin + kLength + shift, 1.0 - kDuckDepth};
-}
-
-void expectSameFloats(const std::vector<float>& actual, const std::vector<float>& expected) {
-    ASSERT_EQ(actual.size(), expected.size());
-    int mismatches = 0;
-    for (size_t i = 0; i < actual.size(); ++i) {
-        uint32_t a = 0;
-        uint32_t b = 0;
-        std::memcpy(&a, &actual[i], sizeof a);
-        std::memcpy(&b, &expected[i], sizeof b);
-        if (a != b && ++mismatches <= 5)
-            ADD_FAILURE() << "point " << i << ": " << actual[i] << " expected " << expected[i];
-    }
-    EXPECT_EQ(mismatches, 0);
-}
-
-size_t distinctValues(const std::vector<float>& values) { return std::set<float>(values.begin(), values.end()).size(); }
-
-// A level that changes every 40 ms frame on a sine (a second channel with its
-// own levels when stereo); seed makes each file's levels its own.
-std::string steppedSource(int channels, double seconds, int seed) {
-    const std::string d = std::to_string(seconds);
-    const std::string a = std::to_string(37 + seed);
-    const std::string b = std::to_string(61 + seed);
-    const std::string left = "(0.05+0.9*mod(floor(t*25)*" + a + "+11,100)/100)*sin(2*PI*523*t)";
-    const std::string right = "(0.05+0.9*mod(floor(t*25)*" + b + "+3,100)/100)*sin(2*PI*347*t+1)";
-    return "-f lavfi -i \"aevalsrc=exprs='" + left + (channels == 2 ? "|" + right : std::string()) +
-           "':s=48000:d=" + d + "\"";
 }
 
 // --- The timeline document ---------------------------------------------------
@@ -208,13 +125,6 @@ std::string documentText(const std::string& music, const std::string& voice, con
 }
 
 // --- The client --------------------------------------------------------------
-
-struct AudioDelivery {
-    IDmClip* clip = nullptr;
-    int64_t begin = 0;
-    int64_t end = 0;
-    std::vector<float> values;
-};
 
 struct VideoDelivery {
     IDmClip* clip = nullptr;
@@ -298,17 +208,7 @@ public:
     // The first audio delivery of clip from index from on, once it came.
     std::optional<AudioDelivery> waitForAudio(IDmClip* clip, size_t from) {
         std::unique_lock<std::mutex> lock(mutex_);
-        std::optional<AudioDelivery> found;
-        signal_.wait_for(lock, kGenerous, [&] {
-            for (size_t i = from; i < audio_.size(); ++i) {
-                if (audio_[i].clip == clip) {
-                    found = audio_[i];
-                    return true;
-                }
-            }
-            return false;
-        });
-        return found;
+        return waitForDeliveryOf(lock, signal_, kGenerous, audio_, clip, from);
     }
     std::vector<AudioDelivery> audio() const {
         std::lock_guard<std::mutex> lock(mutex_);

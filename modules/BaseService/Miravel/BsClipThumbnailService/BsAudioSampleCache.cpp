@@ -1,6 +1,7 @@
 #include "BsAudioSampleCache.h"
 
 #include "Adapter/Adapter.h"
+#include "BsPointerValue.h"
 #include "Common/ZorInternalComUtility.h"
 
 ZOR_LOG_SOURCE("modules/BaseService/Miravel/BsClipThumbnailService/BsAudioSampleCache")
@@ -25,8 +26,6 @@ Registry& registry() {
     return *instance;
 }
 
-uint64_t keyOf(const void* pointer) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pointer)); }
-
 }  // namespace
 
 BsAudioSampleCache::BsAudioSampleCache(IDmAudioWaveMgrInternal* waveManager) : waveManager_(waveManager) {
@@ -41,7 +40,7 @@ void BsAudioSampleCache::destroy(BsAudioSampleCache* cache) {
     {
         Registry& shared = registry();
         std::lock_guard<std::mutex> guard(shared.lock);
-        auto found = shared.caches.find(keyOf(cache->waveManager_));
+        auto found = shared.caches.find(pointerKey(cache->waveManager_));
         // A new cache of the same manager may already have taken the slot
         // between the last owner going and this deleter running: only the
         // expired entry, this cache's, is erased.
@@ -53,7 +52,7 @@ void BsAudioSampleCache::destroy(BsAudioSampleCache* cache) {
 std::shared_ptr<BsAudioSampleCache> BsAudioSampleCache::obtain(IDmAudioWaveMgrInternal* waveManager) {
     Registry& shared = registry();
     std::lock_guard<std::mutex> guard(shared.lock);
-    auto& slot = shared.caches[keyOf(waveManager)];
+    auto& slot = shared.caches[pointerKey(waveManager)];
     if (auto existing = slot.lock()) return existing;
     std::shared_ptr<BsAudioSampleCache> made(new BsAudioSampleCache(waveManager), &BsAudioSampleCache::destroy);
     slot = made;

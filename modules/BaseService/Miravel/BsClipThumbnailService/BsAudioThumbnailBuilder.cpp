@@ -8,6 +8,7 @@
 
 #include "Adapter/Adapter.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "BsPointerValue.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmTime.h"
 
@@ -46,9 +47,6 @@ constexpr double kSilenceDb = -48.0;
 // (0.05000000074505806), which is what the envelope has always used.
 constexpr double kDbFactor = static_cast<double>(0.05f);
 constexpr double kMaxStaticGain = 50.0;
-
-uint64_t keyOf(const void* pointer) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pointer)); }
-unsigned long long hexOf(const void* pointer) { return static_cast<unsigned long long>(keyOf(pointer)); }
 
 IBsAudioThumbnailQueryer* queryerOf(uint64_t key) {
     return reinterpret_cast<IBsAudioThumbnailQueryer*>(static_cast<uintptr_t>(key));
@@ -246,7 +244,7 @@ BsAudioThumbnailBuilder::BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* 
             task_->AddRef();
         }
     }
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx", hexOf(this));
+    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx", pointerHex(this));
 }
 
 BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
@@ -291,7 +289,7 @@ BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
         task_ = nullptr;
     }
     ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip release %llx",
-            hexOf(timeline_));
+            pointerHex(timeline_));
 }
 
 // ---------------------------------------------------------------------------
@@ -301,7 +299,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
                                                          int64_t begincns, int64_t endcns, int32_t sampleCount) {
     constexpr const char* kFunction = "ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData";
     if (sampleCount < 1) {
-        ZOR_LOG(6, kFunction, "==wav clip:%llx sampleCount:%d", hexOf(clip), sampleCount);
+        ZOR_LOG(6, kFunction, "==wav clip:%llx sampleCount:%d", pointerHex(clip), sampleCount);
         return 1001;
     }
     ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293]", true, 0,
@@ -313,7 +311,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
     if (auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal")))
         internal->containerPosition(&first, &second);
     const char* clipId = clip->clipId();
-    std::string key = string_sprintf("0x%llx_%s_type:%d_(%d-%d)", hexOf(clip), clipId != nullptr ? clipId : "",
+    std::string key = string_sprintf("0x%llx_%s_type:%d_(%d-%d)", pointerHex(clip), clipId != nullptr ? clipId : "",
                                      clip->clipType(), first, second);
 
     // The first accepted query starts the worker; of two first queries on two
@@ -334,15 +332,15 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
     std::lock_guard<std::mutex> guard(lock_);
     updateDuckInfo();
 
-    auto found = clips_.find(keyOf(clip));
+    auto found = clips_.find(pointerKey(clip));
     ZOR_LOG(1, kFunction, "==wav clip:%s %llx new query %llx: begincns:%lld  endcns:%lld  sampleCount:%lld",
-            key.c_str(), hexOf(clip), hexOf(queryer), static_cast<long long>(begincns),
+            key.c_str(), pointerHex(clip), pointerHex(queryer), static_cast<long long>(begincns),
             static_cast<long long>(endcns), static_cast<long long>(sampleCount));
 
     if (found == clips_.end()) {
         // A clip queried for the first time.
         auto entry = std::make_shared<AudioThumbnailParam>();
-        clips_.emplace(keyOf(clip), entry);
+        clips_.emplace(pointerKey(clip), entry);
         entry->key = std::move(key);
         std::lock_guard<std::mutex> param(entry->paramLock);
         entry->sampleCache = BsAudioSampleCache::obtainForClip(clip);
@@ -350,7 +348,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
         if (entry->clip != nullptr) entry->clip->Release();
         entry->clip = clip;
         entry->dirty = 0xFFFFFFFFu;
-        AudioThumbnailRequest& request = entry->requests[keyOf(queryer)];
+        AudioThumbnailRequest& request = entry->requests[pointerKey(queryer)];
         request.begin = begincns;
         request.end = endcns;
         request.sampleCount = sampleCount;
@@ -363,7 +361,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
 
     AudioThumbnailParam& entry = *found->second;
     entry.key = std::move(key);
-    auto existing = entry.requests.find(keyOf(queryer));
+    auto existing = entry.requests.find(pointerKey(queryer));
     if (existing != entry.requests.end()) {
         const AudioThumbnailRequest& request = existing->second;
         // The sample count is not compared: the outstanding task answers with
@@ -373,13 +371,13 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
             return 0;
     } else {
         // A new queryer of a known clip starts from a zeroed request.
-        existing = entry.requests.try_emplace(keyOf(queryer)).first;
+        existing = entry.requests.try_emplace(pointerKey(queryer)).first;
         existing->second.token = 0;
     }
     AudioThumbnailRequest& request = existing->second;
 
     request.cancelled.store(true);
-    std::set<uint64_t> toDispatch{keyOf(queryer)};
+    std::set<uint64_t> toDispatch{pointerKey(queryer)};
     if (entry.dirty != 0) {
         for (auto& [queryerKey, other] : entry.requests) {
             if (other.inWork.load()) {
@@ -416,14 +414,14 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
 }
 
 int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer) {
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel %llx", hexOf(queryer));
+    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel %llx", pointerHex(queryer));
     cancelRequests(queryer, nullptr);
     return 0;
 }
 
 int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer, IDmClip* clip) {
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx", hexOf(queryer),
-            hexOf(clip));
+    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx", pointerHex(queryer),
+            pointerHex(clip));
     cancelRequests(queryer, clip);
     return 0;
 }
@@ -432,13 +430,13 @@ void BsAudioThumbnailBuilder::cancelRequests(IBsAudioThumbnailQueryer* queryer, 
     std::vector<Entry> erased;  // released after the lock, with their clips
     std::lock_guard<std::mutex> guard(lock_);
     for (auto it = clips_.begin(); it != clips_.end();) {
-        if (clip != nullptr && it->first != keyOf(clip)) {
+        if (clip != nullptr && it->first != pointerKey(clip)) {
             ++it;
             continue;
         }
         AudioThumbnailParam& entry = *it->second;
         for (auto request = entry.requests.begin(); request != entry.requests.end();) {
-            if (queryer != nullptr && request->first != keyOf(queryer)) {
+            if (queryer != nullptr && request->first != pointerKey(queryer)) {
                 ++request;
                 continue;
             }
@@ -472,7 +470,7 @@ int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipLi
             if (changed == nullptr) continue;
             const bool ducking = activeDuckingEffect(changed) != nullptr;
             if (!ducking && bits == kChangeEnable) {
-                toNotify.insert(keyOf(changed));
+                toNotify.insert(pointerKey(changed));
                 continue;
             }
             bool concernsDucking = false;
@@ -483,12 +481,12 @@ int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipLi
                     if (record.clip.get() == changed) concernsDucking = true;
             }
 
-            auto entry = clips_.find(keyOf(changed));
+            auto entry = clips_.find(pointerKey(changed));
             if (entry != clips_.end()) {
                 uint32_t dirty = (entry->second->dirty | bits) & ~kChangeRange;
                 if (!concernsDucking && (bits & kDuckingByOthers) != 0) dirty |= kChangeDucking;
                 entry->second->dirty = dirty;
-                toNotify.insert(keyOf(changed));
+                toNotify.insert(pointerKey(changed));
             }
 
             if (concernsDucking) {
@@ -523,7 +521,7 @@ int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipLi
     }
     for (uint64_t clipKey : toNotify) {
         auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::onAudioChanged", "==wav clip:%llx", hexOf(clip));
+        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::onAudioChanged", "==wav clip:%llx", pointerHex(clip));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
     return 0;
@@ -536,7 +534,7 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
         auto cache = BsAudioSampleCache::obtainForClip(clip);
         for (auto& [clipKey, entry] : clips_) {
             if (entry->sampleCache != cache) continue;
-            toNotify.insert(keyOf(entry->clip));
+            toNotify.insert(pointerKey(entry->clip));
             // The worker reads these under the entry's param lock.
             std::lock_guard<std::mutex> param(entry->paramLock);
             for (auto& [queryerKey, request] : entry->requests) {
@@ -553,7 +551,7 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
     }
     for (uint64_t clipKey : toNotify) {
         auto* notified = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx", hexOf(notified));
+        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx", pointerHex(notified));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(notified);
     }
     return 0;
@@ -771,7 +769,7 @@ int32_t BsAudioThumbnailBuilder::fillSamplePositions(IDmClip* clip, AudioThumbna
 
 int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam& entry,
                                                             IBsAudioThumbnailQueryer* queryer) {
-    AudioThumbnailRequest& request = entry.requests[keyOf(queryer)];
+    AudioThumbnailRequest& request = entry.requests[pointerKey(queryer)];
     if (request.rawSamples.empty() && request.token >= 0 && request.taskState == 1) {
         if (task_ != nullptr) task_->cancel(request.token);
         forgetCacheTask(entry.sampleCache, request.token);
@@ -810,7 +808,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
             record.frameStep = endFrame != beginFrame ? endFrame - beginFrame : 1;
             result = task_->append(&record, &token);
         }
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx", hexOf(entry.clip));
+        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx", pointerHex(entry.clip));
         if (result != 0) {
             request.token = -1;
             request.taskState = 0;
@@ -838,10 +836,11 @@ void BsAudioThumbnailBuilder::pushWaveData(IDmClip* clip, IBsAudioThumbnailQuery
     {
         std::lock_guard<std::mutex> guard(queueLock_);
         // One WaveData per clip at a time, whichever queryer it is for.
+        const auto clipKey = static_cast<int64_t>(pointerKey(clip));
         for (const WaveMessage& message : queue_)
-            if (message.kind == WaveMessage::WaveData && message.first == static_cast<int64_t>(keyOf(clip))) return;
-        queue_.push_back(WaveMessage{WaveMessage::WaveData, static_cast<int64_t>(keyOf(clip)),
-                                     static_cast<int64_t>(keyOf(queryer)), false});
+            if (message.kind == WaveMessage::WaveData && message.first == clipKey) return;
+        queue_.push_back(
+            WaveMessage{WaveMessage::WaveData, clipKey, static_cast<int64_t>(pointerKey(queryer)), false});
     }
     queueSignal_.notify_all();
 }
@@ -932,7 +931,7 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
     }
     for (uint64_t clipKey : stale) {
         auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", hexOf(clip));
+        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", pointerHex(clip));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
 }
@@ -945,14 +944,14 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
     std::unique_lock<std::mutex> param;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        auto found = clips_.find(keyOf(clip));
+        auto found = clips_.find(pointerKey(clip));
         if (found == clips_.end()) return;
         entry = found->second;
         entry->busy.store(true);
         param = std::unique_lock<std::mutex>(entry->paramLock);
         // The request is looked up while the map cannot change shape; from
         // here on the param lock alone keeps it (erasing takes that lock).
-        auto it = entry->requests.find(keyOf(queryer));
+        auto it = entry->requests.find(pointerKey(queryer));
         if (it != entry->requests.end()) request = &it->second;
     }
     if (request != nullptr) {

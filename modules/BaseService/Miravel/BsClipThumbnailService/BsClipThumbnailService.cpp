@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "BsPointerValue.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "Miravel/ClipThumbnailKey.h"
 
@@ -10,10 +11,6 @@ ZOR_LOG_SOURCE("modules/BaseService/Miravel/BsClipThumbnailService/BsClipThumbna
 namespace ZOR {
 
 namespace {
-
-unsigned long long hexOf(const void* pointer) {
-    return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer));
-}
 
 // The data-model events after which the timelines' records are reported, in
 // the order they are subscribed to.
@@ -39,7 +36,7 @@ constexpr size_t kEventKeyCount = 13;
 BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl(IDmTimeline* timeline) : timeline_(timeline) {
     if (timeline_ != nullptr) timeline_->AddRef();
     ZOR_LOG(4, "ZOR::BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl", "create %llx this %llx",
-            hexOf(timeline_), hexOf(this));
+            pointerHex(timeline_), pointerHex(this));
     videoBuilder_ = std::make_shared<BsVideoThumbnailBuilder>(static_cast<IBsVideoClipThumbnailCallback*>(this));
     audioBuilder_ =
         std::make_shared<BsAudioThumbnailBuilder>(static_cast<IBsAudioClipThumbnailCallback*>(this), timeline_);
@@ -52,7 +49,7 @@ BsClipThumbnailServiceImpl::~BsClipThumbnailServiceImpl() {
     audioBuilder_.reset();
     videoBuilder_.reset();
     ZOR_LOG(4, "ZOR::BsClipThumbnailServiceImpl::~BsClipThumbnailServiceImpl", "release %llx this %llx",
-            hexOf(timeline_), hexOf(this));
+            pointerHex(timeline_), pointerHex(this));
     if (timeline_ != nullptr) timeline_->Release();
 }
 
@@ -208,7 +205,7 @@ size_t BsClipThumbnailServiceRegistry::size() {
 
 BsClipThumbnailService::BsClipThumbnailService() {
     ZOR_LOG(4, "ZOR::BsClipThumbnailService::BsClipThumbnailService", "create %llx",
-            hexOf(static_cast<IBsAudioThumbnailQueryer*>(this)));
+            pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)));
     if (subscriptions_.empty()) {
         IEventBus* bus = defaultEventBus();
         const char* const* keys = eventKeys();
@@ -238,7 +235,7 @@ BsClipThumbnailService::~BsClipThumbnailService() {
         for (IBsAudioClipThumbnailCallback* callback : audioCallbacks) impl->removeAudioClipThumbnailCallback(callback);
     }
     ZOR_LOG(4, "ZOR::BsClipThumbnailService::~BsClipThumbnailService", "release %llx",
-            hexOf(static_cast<IBsAudioThumbnailQueryer*>(this)));
+            pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)));
     acquired_.clear();
 }
 
@@ -270,7 +267,7 @@ std::shared_ptr<BsClipThumbnailServiceImpl> BsClipThumbnailService::acquire(IDmT
     for (IBsAudioClipThumbnailCallback* callback : callbacksOf<IBsAudioClipThumbnailCallback>())
         impl->addAudioClipThumbnailCallback(callback);
     ZOR_LOG(4, "ZOR::BsClipThumbnailService::acquire", "this %llx acquire service %llx for timeline %llx",
-            hexOf(static_cast<IBsAudioThumbnailQueryer*>(this)), hexOf(impl.get()), hexOf(timeline));
+            pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)), pointerHex(impl.get()), pointerHex(timeline));
     acquired_.emplace(impl.get(), impl);
     return impl;
 }

@@ -6,6 +6,7 @@
 
 #include "Adapter/Adapter.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "BsPointerValue.h"
 #include "Common/ZorInternalComUtility.h"
 
 ZOR_LOG_SOURCE("modules/BaseService/Miravel/BsClipThumbnailService/BsVideoThumbnailBuilder")
@@ -16,8 +17,6 @@ namespace {
 
 constexpr int32_t kMediaIdBytes = 64;
 constexpr size_t kPathSlotBytes = 1024;
-
-long long valueOf(const void* pointer) { return static_cast<long long>(reinterpret_cast<uintptr_t>(pointer)); }
 
 // The text of a style data object, if it is one of the two kinds.
 bool styleText(IDmBaseObj* data, const char* kind, std::string* text) {
@@ -347,7 +346,7 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
     IDmClip* clip = record.clip;
     auto* feature = static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"));
     if (feature == nullptr) {
-        ZOR_LOG(6, kFunction, "can not find videoFeature %lld", valueOf(clip));
+        ZOR_LOG(6, kFunction, "can not find videoFeature %lld", pointerValue(clip));
         releaseRecord(record);
         return 1001;
     }
@@ -411,7 +410,7 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
             result = feature->thumbnailFiles(record.missingFrames.data(), static_cast<int32_t>(count), slots.data(),
                                              stillMissing.data(), &stillMissingCount);
         if (result != 0) {
-            ZOR_LOG(6, kFunction, "thumbnail failed %lld", valueOf(clip));
+            ZOR_LOG(6, kFunction, "thumbnail failed %lld", pointerValue(clip));
             return finish(1001);
         }
         stillMissing.resize(static_cast<size_t>(std::clamp<int32_t>(stillMissingCount, 0, static_cast<int32_t>(count))));

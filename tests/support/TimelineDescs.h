@@ -1,0 +1,26 @@
+// Descriptions for createTimeline, as the tests on real timelines write them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "DataModel/DmTimeline.h"
+
+namespace ZOR::test {
+
+// A clip named name over [begin, begin + length) of the timeline, playing
+// [markIn, markIn + length) of the media file at path at volumeDb.
+inline DmClipDesc clipOf(const std::string& name, const std::string& path, int64_t begin, int64_t markIn,
+                         int64_t length, double volumeDb) {
+    DmClipDesc clip;
+    clip.name = name;
+    clip.mediaPath = path;
+    clip.begin = begin;
+    clip.end = begin + length;
+    clip.markIn = markIn;
+    clip.markOut = markIn + length;
+    clip.volumeDb = volumeDb;
+    return clip;
+}
+
+}  // namespace ZOR::test
