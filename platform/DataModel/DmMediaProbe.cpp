@@ -12,6 +12,8 @@ extern "C" {
 #include <filesystem>
 #include <system_error>
 
+#include "../AvShared/AvDecoder.h"
+#include "../AvShared/AvPicture.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmMediaInternal.h"
 
@@ -21,11 +23,8 @@ namespace ZOR {
 
 namespace {
 
-std::string avErrorText(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    if (av_strerror(code, text, sizeof text) < 0) return "error " + std::to_string(code);
-    return text;
-}
+using av::avErrorText;
+using av::displayRotation;
 
 int64_t toCns(int64_t value, AVRational timeBase) {
     if (value == AV_NOPTS_VALUE || value <= 0 || timeBase.num <= 0 || timeBase.den <= 0) return 0;
@@ -39,31 +38,6 @@ int64_t streamDuration(const AVFormatContext* format, const AVStream* stream) {
     return toCns(format->duration, AVRational{1, AV_TIME_BASE});
 }
 
-int32_t displayRotation(const AVStream* stream) {
-    size_t size = 0;
-    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
-    if (matrix == nullptr || size < 9 * sizeof(int32_t)) return 0;
-    const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
-    if (std::isnan(angle)) return 0;
-    // Quarter turns only; the nearest one.
-    long quarter = std::lround(angle / 90.0) % 4;
-    if (quarter < 0) quarter += 4;
-    return static_cast<int32_t>(quarter * 90);
-}
-
-bool isPicture(const AVStream* stream) {
-    return (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
-}
-
-int findVideoStream(AVFormatContext* format) {
-    const int best = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (best >= 0 && !isPicture(format->streams[best])) return best;
-    for (unsigned i = 0; i < format->nb_streams; ++i) {
-        const AVStream* stream = format->streams[i];
-        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isPicture(stream)) return static_cast<int>(i);
-    }
-    return -1;
-}
 
 }  // namespace
 
@@ -138,7 +112,7 @@ DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t 
             probe.videoProblem = "'" + probe.path + "': stream " + std::to_string(videoStreamId) +
                                  " is not a video stream";
     } else {
-        video = findVideoStream(format);
+        video = av::bestVideoStream(format);
         if (video < 0) probe.videoProblem = "'" + probe.path + "': no video stream";
     }
     if (video >= 0) {
