@@ -353,6 +353,17 @@ public:
         return total;
     }
 
+    void waitForReadAhead() override {
+        // Not under mutex_: the lanes never take it, and a caller may hold
+        // the adapter busy meanwhile.
+        thumb::ReadAhead* ahead = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            ahead = ahead_.get();
+        }
+        if (ahead != nullptr) ahead->waitUntilIdle();
+    }
+
     void setFrameSkipping(bool enable) override {
         std::lock_guard<std::mutex> lock(mutex_);
         skipping_ = enable;

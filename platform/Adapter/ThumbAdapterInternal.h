@@ -38,6 +38,9 @@ public:
     // on (true by default); off, every frame from the keyframe on is decoded.
     // The pictures are the same either way; this is for measuring.
     virtual void setFrameSkipping(bool enable) = 0;
+    // Returns once no lane is decoding a picture read ahead (the counts then
+    // hold all they did).
+    virtual void waitForReadAhead() = 0;
 
 protected:
     ~IThumbAdapterInternal() = default;

@@ -98,6 +98,12 @@ bool FrameSession::frameRate(int64_t* num, int64_t* den) const {
 
 bool FrameSession::readPacket() {
     if (cursor_.packets.ended) return false;
+    // Abandoned: the stream ends here for this picture, so that every loop
+    // below stops at once.
+    if (abandoned()) {
+        cursor_.packets.ended = true;
+        return false;
+    }
     fresh_ = false;
     PacketPtr packet(av_packet_alloc());
     // After a seek, decoding starts at a keyframe: a seek by timestamps (in a
@@ -218,6 +224,7 @@ int FrameSession::seekBefore(int64_t time, std::string* problem) {
     // the end start over from the beginning of the file.
     int64_t back = 0;
     for (;;) {
+        if (abandoned()) return AVERROR_EXIT;
         bool fromStart = false;
         if (!positionAt(time - back, back > kLongestBackCns, &fromStart, problem)) return AVERROR(EIO);
         const int result = readAhead(time);
@@ -256,6 +263,7 @@ int FrameSession::exactFrame(int64_t time, const AVFrame** shown, int64_t* shown
             if (result != 0) return result;
         }
         decodeTo(time);
+        if (abandoned()) return AVERROR_EXIT;
         *shown = cursor_.frames.shown();
         *shownPts = cursor_.frames.shownPts();
         // The packets name the frame shown; when another came out while
@@ -358,6 +366,7 @@ int FrameSession::keyFrame(int64_t time, const AVFrame** shown, int64_t* shownPt
     haveKey_ = haveKeyEntry_ = false;
     int64_t back = 0;
     for (;;) {
+        if (abandoned()) return AVERROR_EXIT;
         const int64_t target = time - back;
         const bool startOver = back > kLongestBackCns;
         bool fromStart = false;
@@ -402,6 +411,10 @@ int FrameSession::pictureAt(int64_t time, bool keyframe, int32_t width, int32_t 
     const AVFrame* shown = nullptr;
     int64_t shownPts = 0;
     const int result = keyframe ? keyFrame(time, &shown, &shownPts, problem) : exactFrame(time, &shown, &shownPts, problem);
+    if (abandoned()) {
+        if (problem != nullptr) *problem = failure("abandoned");
+        return AVERROR_EXIT;
+    }
     if (result != 0) return result;
     const size_t bytes = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
     if (haveConverted_ && convertedPts_ == shownPts && convertedKeyframe_ == keyframe && convertedWidth_ == width &&

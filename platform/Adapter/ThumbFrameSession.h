@@ -2,6 +2,7 @@
 // video stream of one file, kept open between pictures.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -70,6 +71,11 @@ public:
     // Whether frames no picture needs may be skipped (see above).
     void setSkipping(bool enable) { skipping_ = enable; }
 
+    // A flag another thread sets when the picture being decoded is no longer
+    // wanted: pictureAt() then stops reading and returns AVERROR_EXIT. Where
+    // the decoder stood is lost; the owner lets the session go afterwards.
+    void setAbandon(const std::atomic<bool>* flag) { abandon_ = flag; }
+
     // The picture at media time (cns) fitted into width x height, as RGBA
     // into out (width x height x 4 bytes). 0 on success; otherwise a
     // negative code with *problem set ("'<path>': <cause>").
@@ -77,6 +83,7 @@ public:
                   std::string* problem);
 
 private:
+    bool abandoned() const { return abandon_ != nullptr && abandon_->load(std::memory_order_relaxed); }
     bool reopen(std::string* problem);
     // Forgets where the decoder is (after a seek or reopening).
     void resetPosition();
@@ -141,6 +148,7 @@ private:
     bool haveKeyRead_ = false;
     bool awaitKey_ = false;         // after a seek: packets before the first keyframe are dropped
     bool skipping_ = true;          // discarding is allowed in this session
+    const std::atomic<bool>* abandon_ = nullptr;  // set by another thread: stop decoding
     bool skipNow_ = false;          // discarding is allowed for the packets being sent
 
     // The keyframe given last.

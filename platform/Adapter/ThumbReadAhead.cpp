@@ -22,6 +22,8 @@ ReadAhead::ReadAhead(size_t lanes) {
     lanes = std::max<size_t>(lanes, 1);
     window_ = lanes * kAheadPerLane;
     laneCounts_.resize(lanes);
+    laneStates_ = std::make_unique<LaneState[]>(lanes);
+    laneCount_ = lanes;
     lanes_.reserve(lanes);
     try {
         for (size_t index = 0; index < lanes; ++index) lanes_.emplace_back([this, index] { lane(index); });
@@ -43,6 +45,7 @@ ReadAhead::~ReadAhead() {
         std::lock_guard<std::mutex> guard(lock_);
         stopping_ = true;
         entries_.clear();
+        abandonStale();
     }
     work_.notify_all();
     ready_.notify_all();
@@ -62,6 +65,7 @@ void ReadAhead::start(const std::string& path, int stream, int32_t width, int32_
         keyframe_ = keyframe;
         skipping_ = skipping;
         entries_.clear();
+        abandonStale();
     }
     work_.notify_all();
     ready_.notify_all();
@@ -73,6 +77,7 @@ void ReadAhead::stop() {
         ++epoch_;
         open_ = false;
         entries_.clear();
+        abandonStale();
     }
     work_.notify_all();
     ready_.notify_all();
@@ -98,6 +103,7 @@ void ReadAhead::plan(const int64_t* times, size_t count) {
         // A picture being decoded that is no longer planned is dropped when
         // its lane hands it in.
         entries_ = std::move(planned);
+        abandonStale();
     }
     work_.notify_all();
     ready_.notify_all();
@@ -114,6 +120,7 @@ int ReadAhead::take(int64_t time, unsigned char* out, std::string* problem) {
         // The times before it were passed over; the lanes move on to the
         // ones after it.
         entries_.erase(entries_.begin(), found);
+        abandonStale();
         work_.notify_all();
     }
     ready_.wait(lock, [&] {
@@ -142,11 +149,28 @@ ThumbDecodeCounts ReadAhead::counts() {
     return total;
 }
 
+void ReadAhead::waitUntilIdle() {
+    std::unique_lock<std::mutex> lock(lock_);
+    ready_.wait(lock, [&] {
+        for (size_t i = 0; i < laneCount_; ++i)
+            if (laneStates_[i].busy) return false;
+        return true;
+    });
+}
+
 size_t ReadAhead::claimable() const {
     const size_t limit = std::min(entries_.size(), window_);
     for (size_t i = 0; i < limit; ++i)
         if (entries_[i].state == State::Waiting) return i;
     return entries_.size();
+}
+
+void ReadAhead::abandonStale() {
+    for (size_t i = 0; i < laneCount_; ++i) {
+        LaneState& state = laneStates_[i];
+        if (state.busy && (stopping_ || state.epoch != epoch_ || find(state.time) == nullptr))
+            state.abandon.store(true);
+    }
 }
 
 ReadAhead::Entry* ReadAhead::find(int64_t time) {
@@ -179,20 +203,32 @@ void ReadAhead::lane(size_t index) {
             Entry& entry = entries_[claimable()];
             entry.state = State::Claimed;
             job = Job{epoch_, entry.time, path_, stream_, width_, height_, keyframe_, skipping_};
+            LaneState& state = laneStates_[index];
+            state.busy = true;
+            state.epoch = job.epoch;
+            state.time = job.time;
+            state.abandon.store(false);
         }
         // Each start() opens the file anew, as the adapter's own open does.
         if (!session || sessionEpoch != job.epoch) {
             session = std::make_unique<FrameSession>(job.path, job.stream, &counts);
+            session->setAbandon(&laneStates_[index].abandon);
             sessionEpoch = job.epoch;
         }
         session->setSkipping(job.skipping);
         pixels.assign(static_cast<size_t>(job.width) * static_cast<size_t>(job.height) * 4, 0);
         std::string problem;
         const int result = session->pictureAt(job.time, job.keyframe, job.width, job.height, pixels.data(), &problem);
+        bool abandoned = false;
         {
             std::lock_guard<std::mutex> guard(lock_);
             laneCounts_[index] = counts;
-            Entry* entry = job.epoch == epoch_ ? find(job.time) : nullptr;
+            LaneState& state = laneStates_[index];
+            state.busy = false;
+            abandoned = state.abandon.exchange(false);
+            // An abandoned picture is nobody's (its time may be planned
+            // again meanwhile, and taken by another lane).
+            Entry* entry = !abandoned && job.epoch == epoch_ ? find(job.time) : nullptr;
             if (entry != nullptr && entry->state == State::Claimed) {
                 if (result == 0) {
                     entry->state = State::Ready;
@@ -205,6 +241,9 @@ void ReadAhead::lane(size_t index) {
                 }
             }
         }
+        // A picture left half-way leaves the decoder somewhere unknown: the
+        // next one starts with the file opened anew.
+        if (abandoned) session.reset();
         ready_.notify_all();
         work_.notify_all();
     }

@@ -4,6 +4,7 @@
 // writes and announces the pictures already done.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -46,6 +47,8 @@ public:
 
     // What the lanes decoded, over every file.
     ThumbDecodeCounts counts();
+    // Returns once no lane is decoding.
+    void waitUntilIdle();
 
 private:
     enum class State { Waiting, Claimed, Ready, Failed };
@@ -68,11 +71,22 @@ private:
         bool skipping = true;
     };
 
+    // What a lane is doing, guarded by lock_ but for the flag.
+    struct LaneState {
+        bool busy = false;
+        uint64_t epoch = 0;
+        int64_t time = 0;
+        std::atomic<bool> abandon{false};  // set under lock_, read by the lane's decoder
+    };
+
     void lane(size_t index);
     // The first waiting entry a lane may take (within the window), or
     // entries_.size().
     size_t claimable() const;
     Entry* find(int64_t time);
+    // Under lock_: tells each lane whose picture is no longer wanted (another
+    // file, or gone from the plan) to stop decoding it.
+    void abandonStale();
 
     // Lock order: the adapter's mutex, then this one; the lanes take only
     // this one, and never hold it while decoding.
@@ -91,6 +105,8 @@ private:
     std::deque<Entry> entries_;      // the plan, in the caller's order
     size_t window_ = 1;              // entries at the front the lanes may take
     std::vector<ThumbDecodeCounts> laneCounts_;  // published by each lane after a picture
+    std::unique_ptr<LaneState[]> laneStates_;    // one a lane
+    size_t laneCount_ = 0;
     std::vector<std::thread> lanes_;             // joined by the destructor
 };
 

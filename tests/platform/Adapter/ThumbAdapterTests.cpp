@@ -138,6 +138,15 @@ public:
                           std::string(kX264) + "'" + path + "'");
         });
     }
+    const std::string& longGroup() {
+        // 60 s at 25/1, 640x360, one keyframe and no B-frames: the last
+        // picture depends on all 1,500 frames.
+        return made(longGroup_, "longgroup.mp4", [&](const std::string& path) {
+            return ffmpeg("-f lavfi -i \"testsrc2=s=640x360:r=25:d=60\" -c:v libx264 -preset ultrafast "
+                          "-pix_fmt yuv420p -x264-params keyint=1500:min-keyint=1500:scenecut=0:bframes=0 '" +
+                          path + "'");
+        });
+    }
     const std::string& rotated() {
         // 320x180 whose top half is blue and bottom half red, turned a
         // quarter by its display matrix.
@@ -203,6 +212,7 @@ private:
     std::string colours_;
     std::string coloursTs_;
     std::string numbered_;
+    std::string longGroup_;
     std::string rotated_;
     std::string rotatedReference_;
     std::string anamorphic_;
@@ -544,6 +554,28 @@ TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
     ASSERT_EQ(colours->close(), kOk);
     std::vector<unsigned char> buffer(static_cast<size_t>(kNumberedWidth) * kNumberedHeight * 4);
     EXPECT_EQ(colours->frameAt(seconds[1], buffer.data(), static_cast<int64_t>(buffer.size())), kBadArgument);
+}
+
+TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
+    const int64_t last = 60 * kSecond - kFrame / 2;  // frame 1499, 1,500 frames from the keyframe
+    // Read ahead and taken: the lane decodes every frame up to it.
+    AdapterPtr whole = openFile(media().longGroup(), 64, 36);
+    ASSERT_EQ(whole->readAhead(&last, 1), kOk);
+    frame(whole.get(), last);
+    internal(whole.get())->waitForReadAhead();
+    EXPECT_GE(counts(whole.get()).frames, 1500);
+
+    // Read ahead, then the file closed at once: the lane stops reading
+    // (long before the 1,500 frames, or before it starts).
+    AdapterPtr closed = openFile(media().longGroup(), 64, 36);
+    ASSERT_EQ(closed->readAhead(&last, 1), kOk);
+    ASSERT_EQ(closed->close(), kOk);
+    internal(closed.get())->waitForReadAhead();
+    EXPECT_LT(counts(closed.get()).frames, 1500);
+    // The lane opens the file anew for what comes next.
+    ASSERT_EQ(closed->open(-1), kOk);
+    ASSERT_EQ(closed->readAhead(&last, 1), kOk);
+    EXPECT_EQ(frame(closed.get(), last).rgba, frame(whole.get(), last).rgba);
 }
 
 TEST_F(ThumbAdapterTest, ABadPlanIsRefusedAndAPlanWithoutAFileIsIgnored) {
