@@ -71,13 +71,6 @@ std::string joined(std::initializer_list<std::string_view> parts) {
     return text;
 }
 
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
 void putLe(std::ofstream& out, uint32_t value, int bytes) {
     for (int i = 0; i < bytes; ++i) out.put(static_cast<char>((value >> (8 * i)) & 0xFF));
 }
@@ -419,7 +412,7 @@ void BM_VolumeEditToRefreshedThumbnail(benchmark::State& state) {
     for (int v = 0; v < 2; ++v) {
         const int64_t before = s.client.delivered();
         Client::Delivery delivery;
-        if (setClipProperty(s.edited, audioKey::volume, doubleValue(kEditVolumes[v])) != 0 ||
+        if (setClipProperty(s.edited, audioKey::volume, doubleProperty(kEditVolumes[v])) != 0 ||
             !s.client.waitBeyond(before, &delivery)) {
             s.client.disarm();
             state.SkipWithError("no thumbnail after the first edits");
@@ -454,7 +447,7 @@ void BM_VolumeEditToRefreshedThumbnail(benchmark::State& state) {
         const int v = static_cast<int>(edit++ % 2);
         const int64_t before = s.client.delivered();
         const Clock::time_point start = Clock::now();
-        const int32_t result = setClipProperty(s.edited, audioKey::volume, doubleValue(kEditVolumes[v]));
+        const int32_t result = setClipProperty(s.edited, audioKey::volume, doubleProperty(kEditVolumes[v]));
         const Clock::time_point returned = Clock::now();
         Client::Delivery delivery;
         if (result != 0 || !s.client.waitBeyond(before, &delivery)) {

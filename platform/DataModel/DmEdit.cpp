@@ -144,20 +144,6 @@ const ClipKey* clipKeyOf(const char* key) {
     return nullptr;
 }
 
-ZorProperty doubleProperty(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
-ZorProperty intProperty(int64_t value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Int;
-    property.intValue = value;
-    return property;
-}
-
 // value in the form the key keeps; false when it does not suit the key.
 bool canonicalValue(ValueKind kind, const ZorProperty& value, ZorProperty* out) {
     if (value.kind == ZorProperty::None) return false;

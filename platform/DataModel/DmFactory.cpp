@@ -48,13 +48,6 @@ private:
     std::vector<IDmClip*> clips_;
 };
 
-ZorProperty intProperty(int64_t value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Int;
-    property.intValue = value;
-    return property;
-}
-
 // What a file holds, probed once: its picture size (turned upright), its
 // video stream and its duration.
 class DmMediaInfo final : public RefCnt<void>, public virtual IDmMediaInfo {

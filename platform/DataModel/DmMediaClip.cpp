@@ -29,20 +29,6 @@ constexpr int32_t kTruncated = 1007;
 
 bool is(const char* key, const char* text) { return std::strcmp(key, text) == 0; }
 
-ZorProperty intProperty(int64_t value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Int;
-    property.intValue = value;
-    return property;
-}
-
-ZorProperty doubleProperty(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
 uint64_t packSize(int32_t width, int32_t height) {
     return (static_cast<uint64_t>(static_cast<uint32_t>(width)) << 32) | static_cast<uint32_t>(height);
 }

@@ -19,13 +19,6 @@ constexpr int32_t kBadArgument = 1001;
 
 bool is(const char* key, const char* text) { return std::strcmp(key, text) == 0; }
 
-ZorProperty doubleProperty(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
 std::string nextClipId() {
     static std::atomic<uint64_t> counter{0};
     return "timeline-clip-" + std::to_string(counter.fetch_add(1, std::memory_order_relaxed) + 1);

@@ -10,4 +10,18 @@ ZorProperty boolProperty(bool value) {
     return property;
 }
 
+ZorProperty intProperty(int64_t value) {
+    ZorProperty property;
+    property.kind = ZorProperty::Int;
+    property.intValue = value;
+    return property;
+}
+
+ZorProperty doubleProperty(double value) {
+    ZorProperty property;
+    property.kind = ZorProperty::Double;
+    property.doubleValue = value;
+    return property;
+}
+
 }  // namespace ZOR

@@ -24,20 +24,6 @@ namespace ZOR::test {
 
 inline bool sameName(const char* a, const char* b) { return a != nullptr && std::strcmp(a, b) == 0; }
 
-inline ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
-inline ZorProperty intValue(int64_t value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Int;
-    property.intValue = value;
-    return property;
-}
-
 // Values per frame default to 40; value(frame, k) defaults to
 // (frame % 100) / 100 + k / 1000. Frames in [heldFirst, heldLast] are held.
 class FakeWaveManager final : public RefCnt<void>, public virtual IDmAudioWaveMgrInternal {
@@ -215,12 +201,12 @@ public:
 
     FakeTimelineClip(std::string name, FakeWaveManager* waveManager) : name_(std::move(name)), wave_(waveManager) {
         if (wave_ != nullptr) wave_->AddRef();
-        properties_[audioKey::volume] = doubleValue(0.0);
+        properties_[audioKey::volume] = doubleProperty(0.0);
         properties_[audioKey::mute] = boolProperty(false);
-        properties_[audioKey::streamId] = intValue(-1);
-        properties_[clipVolumeKey::volumeGain] = doubleValue(0.0);
+        properties_[audioKey::streamId] = intProperty(-1);
+        properties_[clipVolumeKey::volumeGain] = doubleProperty(0.0);
         properties_[audioLoudness::enable] = boolProperty(false);
-        properties_[audioLoudness::gain] = doubleValue(1.0);
+        properties_[audioLoudness::gain] = doubleProperty(1.0);
         properties_[clipKey::enable] = boolProperty(true);
         setRange(0, 0, 0, 0);
     }
@@ -334,10 +320,10 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         markIn_ = markIn;
         markOut_ = markOut;
-        properties_[clipKey::markIn] = intValue(markIn);
-        properties_[clipKey::markOut] = intValue(markOut);
-        properties_[clipKey::timelineBegin] = intValue(begin);
-        properties_[clipKey::timelineEnd] = intValue(end);
+        properties_[clipKey::markIn] = intProperty(markIn);
+        properties_[clipKey::markOut] = intProperty(markOut);
+        properties_[clipKey::timelineBegin] = intProperty(begin);
+        properties_[clipKey::timelineEnd] = intProperty(end);
     }
     void setSpeedParts(std::vector<SpeedPart> parts) {
         std::lock_guard<std::mutex> lock(mutex_);

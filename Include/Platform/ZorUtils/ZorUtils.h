@@ -53,6 +53,8 @@ struct ZorProperty {
 };
 
 ZOR_PLATFORM_API ZorProperty boolProperty(bool value);
+ZOR_PLATFORM_API ZorProperty intProperty(int64_t value);
+ZOR_PLATFORM_API ZorProperty doubleProperty(double value);
 
 // ---------------------------------------------------------------------------
 // Paths and folders (UTF-8 text)

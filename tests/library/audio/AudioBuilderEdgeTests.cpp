@@ -219,7 +219,7 @@ TEST_F(AudioEdgeTest, EnableOnlyChangeOfAnUnduckedClipOnlyNotifiesTheOwner) {
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
     // A louder clip: seen only if the volume is read again.
-    clip->setProperty(audioKey::volume, doubleValue(6.0));
+    clip->setProperty(audioKey::volume, doubleProperty(6.0));
     const int32_t readsBefore = clip->propertyReads();
 
     auto clips = clipList({clip});

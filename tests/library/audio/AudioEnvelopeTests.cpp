@@ -130,8 +130,8 @@ const auto kHalf = [](int64_t) { return 0.5f; };
 TEST_F(AudioEnvelope, VolumePlusGainAtMinus48DbWithoutKeyframesGivesZeros) {
     constantRaw(0.5f);
     FakeTimelineClip* clip = addClip("quiet", 0, 0, 10 * kSecond);
-    clip->setProperty(audioKey::volume, doubleValue(-30.0));
-    clip->setProperty(clipVolumeKey::volumeGain, doubleValue(-18.0));
+    clip->setProperty(audioKey::volume, doubleProperty(-30.0));
+    clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(-18.0));
     const auto values = query(clip, 0, 10 * kSecond, 16);
     ASSERT_EQ(values.size(), 16u);
     for (float v : values) EXPECT_EQ(v, 0.0f);
@@ -140,7 +140,7 @@ TEST_F(AudioEnvelope, VolumePlusGainAtMinus48DbWithoutKeyframesGivesZeros) {
 TEST_F(AudioEnvelope, ZeroLoudnessAndZeroVolumeGainLeaveStaticFactorOneWhileVolumeActsThroughEnvelope) {
     constantRaw(0.25f);
     FakeTimelineClip* clip = addClip("loud", 0, 0, 10 * kSecond);
-    clip->setProperty(audioKey::volume, doubleValue(6.0));
+    clip->setProperty(audioKey::volume, doubleProperty(6.0));
     const auto values = query(clip, 0, 10 * kSecond, 8);
     Expectation e;
     e.volume = 6.0f;
@@ -153,7 +153,7 @@ TEST_F(AudioEnvelope, ZeroLoudnessAndZeroVolumeGainLeaveStaticFactorOneWhileVolu
 TEST_F(AudioEnvelope, HugeGainIsCappedAtFiftyBeforeTheSquareRoot) {
     constantRaw(0.001f);
     FakeTimelineClip* clip = addClip("huge", 0, 0, 10 * kSecond);
-    clip->setProperty(clipVolumeKey::volumeGain, doubleValue(40.0));
+    clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(40.0));
     const auto values = query(clip, 0, 10 * kSecond, 4);
     Expectation e;
     e.volumeGain = 40.0;
@@ -167,7 +167,7 @@ TEST_F(AudioEnvelope, HugeGainIsCappedAtFiftyBeforeTheSquareRoot) {
 TEST_F(AudioEnvelope, ValuesAboveOneAreDeliveredAsExactlyOneAndNegativeValuesPassUnclamped) {
     wave_->setValues([](int32_t frame, int32_t) { return frame < 125 ? 0.9f : -0.9f; });
     FakeTimelineClip* clip = addClip("clip", 0, 0, 10 * kSecond);
-    clip->setProperty(audioKey::volume, doubleValue(12.0));
+    clip->setProperty(audioKey::volume, doubleProperty(12.0));
     const auto values = query(clip, 0, 10 * kSecond, 2);
     ASSERT_EQ(values.size(), 2u);
     EXPECT_EQ(values[0], 1.0f);
@@ -327,10 +327,10 @@ TEST_F(AudioDucking, KeyframesLoudnessVolumeGainSilentRangesAndTwoDucksGiveTheEx
     // media: clip time = timeline time + 1 s.
     wave_->setValues([](int32_t frame, int32_t k) { return static_cast<float>((frame * 7 + k) % 50) / 64.0f; });
     FakeTimelineClip* clip = addClip("music", 2 * kSecond, 1 * kSecond, 11 * kSecond);
-    clip->setProperty(audioKey::volume, doubleValue(-3.5));
-    clip->setProperty(clipVolumeKey::volumeGain, doubleValue(2.25));
+    clip->setProperty(audioKey::volume, doubleProperty(-3.5));
+    clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(2.25));
     clip->setProperty(audioLoudness::enable, boolProperty(true));
-    clip->setProperty(audioLoudness::gain, doubleValue(1.7));
+    clip->setProperty(audioLoudness::gain, doubleProperty(1.7));
     clip->addEffect(4110)->setKeyframes({{3 * kSecond, -10.0}, {6 * kSecond, 4.0}, {9 * kSecond, -60.0},
                                          {11 * kSecond, 0.0}});
     clip->setSpeedParts({{7 * kSecond, 7 * kSecond + 5'000'000, 0.0}});

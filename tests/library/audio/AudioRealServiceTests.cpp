@@ -148,7 +148,7 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
     EXPECT_NEAR(quiet[100] / rawValueAt(windows, pointTime(markIn, markOut, 100, 997)), 0.708, 0.001);
 
     // The volume to 0 dB, and the change told to the builder.
-    ASSERT_EQ(audio->setProperty(audioKey::volume, doubleValue(0.0)), 0);
+    ASSERT_EQ(audio->setProperty(audioKey::volume, doubleProperty(0.0)), 0);
     Held<FakeClipList> clips(zorCreateObject<FakeClipList, FakeClipList>());
     clips->append(clip);
     Held<IZORIntList> bits(createZORIntList());

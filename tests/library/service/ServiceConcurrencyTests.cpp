@@ -338,11 +338,11 @@ protected:
             auto* vAudio = static_cast<IDmAudioFeature*>(cut.vs->queryInterface("IDmAudioFeature"));
             switch (random() % 10) {
                 case 0:
-                    check(setClipProperty(cut.a, audioKey::volume, doubleValue(volumes[random() % 5])));
+                    check(setClipProperty(cut.a, audioKey::volume, doubleProperty(volumes[random() % 5])));
                     ++edit;
                     break;
                 case 1:
-                    check(setClipProperty(cut.d, audioKey::volume, doubleValue(volumes[random() % 5])));
+                    check(setClipProperty(cut.d, audioKey::volume, doubleProperty(volumes[random() % 5])));
                     ++edit;
                     break;
                 case 2:
@@ -473,7 +473,7 @@ TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
     // A volume edit of F is heard once by every client (each has F's entry).
     for (Client& client : clients) (void)client.takeWatchedNotices();
     for (const Cut& cut : cuts_) {
-        ASSERT_EQ(setClipProperty(cut.f, audioKey::volume, doubleValue(-1.0)), 0);
+        ASSERT_EQ(setClipProperty(cut.f, audioKey::volume, doubleProperty(-1.0)), 0);
         ASSERT_EQ(runOnEventThread([] {}), 0);
         for (int i = 0; i < kClients; ++i)
             EXPECT_EQ(clients[i].takeWatchedNotices(), std::vector<IDmClip*>{cut.f}) << "client " << i;

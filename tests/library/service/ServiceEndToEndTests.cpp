@@ -588,7 +588,7 @@ TEST_F(ServiceEndToEnd, EveryClipHasItsAudioThumbnailAndTheVideoClipItsPictures)
 // A volume edit of A notices A once to each client, and A's next thumbnail
 // is the WAV file's peaks at the new gain (+4.5 dB: some reach full scale).
 TEST_F(ServiceEndToEnd, VolumeEditNoticesTheClipOnceAndItsValuesFollowTheNewGain) {
-    ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleValue(4.5)), 0);
+    ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleProperty(4.5)), 0);
     expectHeard({"A"});
 
     const std::vector<float> louder = query(first_, a_, kACount);
@@ -614,7 +614,7 @@ TEST_F(ServiceEndToEnd, VolumeEditNoticesTheClipOnceAndItsValuesFollowTheNewGain
     expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 
     // The same volume again is no edit: no event, no notice.
-    ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleValue(4.5)), 0);
+    ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleProperty(4.5)), 0);
     expectHeard({});
     // Muting A changes its volume and its ducking bits: A only.
     ASSERT_EQ(setClipProperty(a_, audioKey::mute, boolProperty(true)), 0);
@@ -836,7 +836,7 @@ TEST_F(ServiceEndToEnd, EventsAfterWhichNothingWasRecordedNoticeNobody) {
     std::string error;
     IDmTimeline* other = loadTimelineDocument(document_.c_str(), &error);
     ASSERT_NE(other, nullptr) << error;
-    ASSERT_EQ(setClipProperty(other->clip(0, 0), audioKey::volume, doubleValue(-1.0)), 0);
+    ASSERT_EQ(setClipProperty(other->clip(0, 0), audioKey::volume, doubleProperty(-1.0)), 0);
     expectHeard({});
     ASSERT_EQ(setTrackProperty(other->track(0), trackKey::mute, true), 0);
     expectHeard({});
@@ -848,9 +848,9 @@ TEST_F(ServiceEndToEnd, EventsAfterWhichNothingWasRecordedNoticeNobody) {
 
     // Setting D's volume to the value it has is no edit; a new volume is, and
     // being D's (a ducking clip's) it concerns the sound of V as well.
-    ASSERT_EQ(setClipProperty(d_, audioKey::volume, doubleValue(kDVolume)), 0);
+    ASSERT_EQ(setClipProperty(d_, audioKey::volume, doubleProperty(kDVolume)), 0);
     expectHeard({});
-    ASSERT_EQ(setClipProperty(d_, audioKey::volume, doubleValue(-1.0)), 0);
+    ASSERT_EQ(setClipProperty(d_, audioKey::volume, doubleProperty(-1.0)), 0);
     expectHeard({"D", "V.sound"});
 }
 

@@ -29,13 +29,6 @@ using MediaTest::TempFolder;
 constexpr int64_t kSecond = 10'000'000;  // cns
 constexpr std::chrono::seconds kGenerous{60};
 
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
 DmClipDesc clipOf(const std::string& path, const std::string& name, int64_t begin, int64_t end) {
     DmClipDesc clip;
     clip.name = name;
@@ -201,7 +194,7 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
         IDmTrack* a1Track = timeline->track(1);
         for (int k = 0; k < kCycles; ++k) {
             const bool even = k % 2 == 0;
-            edit(setClipProperty(music, audioKey::volume, doubleValue(even ? -1.0 : -2.0)), 1);
+            edit(setClipProperty(music, audioKey::volume, doubleProperty(even ? -1.0 : -2.0)), 1);
             edit(setClipProperty(scene, audioKey::mute, boolProperty(even)), 1);
             edit(moveClip(voice, kSecond + (even ? kSecond / 4 : 0)), 1);
             edit(trimClip(music, even ? kSecond / 8 : 0, kSecond), 1);

@@ -61,20 +61,6 @@ I* query(IDmBaseObj* object, const char* name) {
     return static_cast<I*>(object->queryInterface(name));
 }
 
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
-ZorProperty intValue(int64_t value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Int;
-    property.intValue = value;
-    return property;
-}
-
 ZorProperty propertyOf(IDmClip* clip, const char* key) {
     ZorProperty value;
     EXPECT_EQ(query<IDmPropertyOwner>(clip, "IDmPropertyOwner")->getProperty(key, &value), 0) << key;
@@ -440,9 +426,9 @@ TEST_F(DmEditTest, SoundPropertiesOfAVideoClipAreItsLinkedClips) {
         ZorProperty value;
     };
     const Case cases[] = {
-        {audioKey::volume, doubleValue(-6.5)},        {audioKey::mute, boolProperty(true)},
-        {clipVolumeKey::volumeGain, doubleValue(3.0)}, {audioLoudness::enable, boolProperty(true)},
-        {audioLoudness::gain, doubleValue(0.5)},       {audioReversePlayKey::enable, boolProperty(true)},
+        {audioKey::volume, doubleProperty(-6.5)},        {audioKey::mute, boolProperty(true)},
+        {clipVolumeKey::volumeGain, doubleProperty(3.0)}, {audioLoudness::enable, boolProperty(true)},
+        {audioLoudness::gain, doubleProperty(0.5)},       {audioReversePlayKey::enable, boolProperty(true)},
     };
     for (const Case& c : cases) {
         ASSERT_EQ(setClipProperty(scene_, c.key, c.value), 0) << c.key;
@@ -461,7 +447,7 @@ TEST_F(DmEditTest, SoundPropertiesOfAVideoClipAreItsLinkedClips) {
         EXPECT_EQ(propertyOf(scene_, c.key).doubleValue, stored.doubleValue) << key;
     }
     // A clip on an audio track carries its own; a number may come as Int.
-    ASSERT_EQ(setClipProperty(music_, audioKey::volume, intValue(-3)), 0);
+    ASSERT_EQ(setClipProperty(music_, audioKey::volume, intProperty(-3)), 0);
     EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
                               "onTimelineClipPropertyChanged music audio.volume",
                               "event clip.audioPropertyChanged timeline music audio.volume"}));
@@ -475,7 +461,7 @@ TEST_F(DmEditTest, SoundPropertiesOfAVideoClipAreItsLinkedClips) {
 }
 
 TEST_F(DmEditTest, SettingTheValueAlreadyThereDoesNothing) {
-    ASSERT_EQ(setClipProperty(music_, audioKey::volume, doubleValue(0.0)), 0);
+    ASSERT_EQ(setClipProperty(music_, audioKey::volume, doubleProperty(0.0)), 0);
     ASSERT_EQ(setTrackProperty(timeline_->track(1), trackKey::visible, true), 0);
     ASSERT_EQ(moveClip(music_, 0), 0);
     ASSERT_EQ(setClipReverse(music_, false), 0);
@@ -502,7 +488,7 @@ TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
     IDmBaseObj* firstManager = query<IDmClipInternal>(dual, "IDmClipInternal")->waveManagerSource();
     ASSERT_NE(firstManager, nullptr);
 
-    ASSERT_EQ(setClipProperty(dual, audioKey::streamId, intValue(1)), 0);
+    ASSERT_EQ(setClipProperty(dual, audioKey::streamId, intProperty(1)), 0);
     EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged dual audio.streamId",
                               "onTimelineClipPropertyChanged dual audio.streamId", "onAudioStreamReplaced dual",
                               "event clip.audioPropertyChanged dual timeline dual audio.streamId"}));
@@ -514,8 +500,8 @@ TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
     EXPECT_NE(secondManager, firstManager);
 
     // A stream the file does not have (or a video clip without sound): refused, nothing heard.
-    EXPECT_EQ(setClipProperty(dual, audioKey::streamId, intValue(7)), 1001);
-    EXPECT_EQ(setClipProperty(picture_, audioKey::streamId, intValue(0)), 1001);
+    EXPECT_EQ(setClipProperty(dual, audioKey::streamId, intProperty(7)), 1001);
+    EXPECT_EQ(setClipProperty(picture_, audioKey::streamId, intProperty(0)), 1001);
     EXPECT_EQ(heard(), Lines{});
     EXPECT_EQ(audio->audioStreamIndex(), 1);
 
@@ -540,7 +526,7 @@ TEST_F(DmEditTest, EnableNotifiesTheClipThenItsLinkedClip) {
     EXPECT_FALSE(propertyOf(scene_, clipKey::enable).boolValue());
     EXPECT_FALSE(propertyOf(sceneSound_, clipKey::enable).boolValue());
 
-    ASSERT_EQ(setClipProperty(music_, clipKey::enable, intValue(0)), 0);
+    ASSERT_EQ(setClipProperty(music_, clipKey::enable, intProperty(0)), 0);
     EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged music clip.enable",
                               "onClipPropertyChanged music clip.enable",
                               "event clip.basePropertyChanged timeline music clip.enable"}));
@@ -804,7 +790,7 @@ TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
     EXPECT_EQ(positionOf(music_), std::make_pair(-1, -1));
     EXPECT_EQ(getBaseAudioClip(music_), music_);  // still a whole clip
     EXPECT_EQ(removeClip(music_), 1001);          // on no timeline now
-    EXPECT_EQ(setClipProperty(music_, audioKey::volume, doubleValue(-1.0)), 1001);
+    EXPECT_EQ(setClipProperty(music_, audioKey::volume, doubleProperty(-1.0)), 1001);
 
     // A video clip moves with its linked clip; index counts the others.
     ASSERT_EQ(moveClipToTrack(scene_, 0, -1), 0);
@@ -832,7 +818,7 @@ TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
 }
 
 TEST_F(DmEditTest, UndoAndRedoRestoreValuesAndTheSameClips) {
-    ASSERT_EQ(setClipProperty(music_, audioKey::volume, doubleValue(-9.0)), 0);
+    ASSERT_EQ(setClipProperty(music_, audioKey::volume, doubleProperty(-9.0)), 0);
     ASSERT_EQ(moveClip(music_, 2 * kSecond), 0);
     ASSERT_EQ(removeClip(scene_), 0);
     EXPECT_EQ(undoableEditCount(timeline_), 3);
@@ -962,14 +948,14 @@ TEST_F(DmEditTest, ClosedTimelinesAreGoneForListenersAndEdits) {
 }
 
 TEST_F(DmEditTest, BadArgumentsChangeNothing) {
-    EXPECT_EQ(setClipProperty(nullptr, audioKey::volume, doubleValue(1.0)), 1001);
-    EXPECT_EQ(setClipProperty(music_, nullptr, doubleValue(1.0)), 1001);
-    EXPECT_EQ(setClipProperty(music_, "audio.pan", doubleValue(1.0)), 1001);
-    EXPECT_EQ(setClipProperty(music_, clipKey::markIn, intValue(1)), 1001);  // by trimClip only
+    EXPECT_EQ(setClipProperty(nullptr, audioKey::volume, doubleProperty(1.0)), 1001);
+    EXPECT_EQ(setClipProperty(music_, nullptr, doubleProperty(1.0)), 1001);
+    EXPECT_EQ(setClipProperty(music_, "audio.pan", doubleProperty(1.0)), 1001);
+    EXPECT_EQ(setClipProperty(music_, clipKey::markIn, intProperty(1)), 1001);  // by trimClip only
     EXPECT_EQ(setClipProperty(music_, audioKey::volume, ZorProperty{}), 1001);
     EXPECT_EQ(setClipProperty(music_, audioKey::volume, boolProperty(true)), 1001);
-    EXPECT_EQ(setClipProperty(music_, audioLoudness::gain, doubleValue(-1.0)), 1001);
-    EXPECT_EQ(setClipProperty(picture_, audioKey::volume, doubleValue(1.0)), 1001);  // no sound
+    EXPECT_EQ(setClipProperty(music_, audioLoudness::gain, doubleProperty(-1.0)), 1001);
+    EXPECT_EQ(setClipProperty(picture_, audioKey::volume, doubleProperty(1.0)), 1001);  // no sound
     EXPECT_EQ(setClipReverse(picture_, true), 1001);
     EXPECT_EQ(setClipDucking(picture_, DmDuckingDesc{}), 1001);
     EXPECT_EQ(moveClip(nullptr, 0), 1001);
@@ -980,7 +966,7 @@ TEST_F(DmEditTest, BadArgumentsChangeNothing) {
     std::string error;
     Held<IDmClip> loose(createMediaClip(tone_.c_str(), -1, -1, &error));
     ASSERT_NE(loose.get(), nullptr) << error;
-    EXPECT_EQ(setClipProperty(loose.get(), audioKey::volume, doubleValue(1.0)), 1001);
+    EXPECT_EQ(setClipProperty(loose.get(), audioKey::volume, doubleProperty(1.0)), 1001);
     EXPECT_EQ(moveClip(loose.get(), kSecond), 1001);
     EXPECT_EQ(removeClip(loose.get()), 1001);
 
@@ -1005,7 +991,7 @@ public:
     int32_t onTrackRemoved(IDmTimeline*, IDmCallbackSource*) override { return 0; }
     int32_t onTrackMoved(IDmTimeline*, IDmTrack*) override { return 0; }
     int32_t onClipAdded(IDmTimeline*, IDmClip* clip) override {
-        nestedResult = setClipProperty(clip, audioKey::volume, doubleValue(-20.0));
+        nestedResult = setClipProperty(clip, audioKey::volume, doubleProperty(-20.0));
         onEventThreadWhenNotified = onEventThread();
         return 0;
     }

@@ -47,13 +47,6 @@ I* query(IDmBaseObj* object, const char* name) {
     return static_cast<I*>(object->queryInterface(name));
 }
 
-ZorProperty doubleValue(double value) {
-    ZorProperty property;
-    property.kind = ZorProperty::Double;
-    property.doubleValue = value;
-    return property;
-}
-
 // Counts the objects it is installed on that were destroyed.
 class DestroyCounter final : public IDmReleaseNotifier {
 public:
@@ -335,13 +328,13 @@ TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
 
     // Settable as on media clips; the change shows through every interface.
     auto* owner = query<IDmPropertyOwner>(music, "IDmPropertyOwner");
-    EXPECT_EQ(audio->setProperty(audioKey::volume, doubleValue(-12.0)), 0);
+    EXPECT_EQ(audio->setProperty(audioKey::volume, doubleProperty(-12.0)), 0);
     ASSERT_EQ(owner->getProperty(audioKey::volume, &value), 0);
     EXPECT_EQ(value.doubleValue, -12.0);
     EXPECT_EQ(owner->setProperty(clipKey::enable, boolProperty(true)), 0);
     ASSERT_EQ(audio->getProperty(clipKey::enable, &value), 0);
     EXPECT_TRUE(value.boolValue());
-    EXPECT_NE(owner->setProperty(audioKey::streamId, doubleValue(1.0)), 0);
+    EXPECT_NE(owner->setProperty(audioKey::streamId, doubleProperty(1.0)), 0);
     EXPECT_NE(audio->getProperty("no.such.key", &value), 0);
 
     // The defaults when the description says nothing.
@@ -627,7 +620,7 @@ TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
     ASSERT_EQ(audio->getProperty(audioReversePlayKey::enable, &value), 0);
     EXPECT_TRUE(value.boolValue());
     auto* videoProperties = query<IDmPropertyOwner>(video, "IDmPropertyOwner");
-    EXPECT_EQ(videoProperties->setProperty(audioKey::volume, doubleValue(-9.0)), 0);
+    EXPECT_EQ(videoProperties->setProperty(audioKey::volume, doubleProperty(-9.0)), 0);
     ASSERT_EQ(audio->getProperty(audioKey::volume, &value), 0);
     EXPECT_EQ(value.doubleValue, -9.0);
     ASSERT_NE(linked->effect(DmEffectDucking), nullptr);
@@ -937,7 +930,7 @@ TEST_F(DmTimelineTest, GettersAndSettersMayRunOnManyThreads) {
     std::vector<std::thread> threads;
     threads.emplace_back([&] {
         for (int i = 0; i < kRounds; ++i) {
-            videoProperties->setProperty(audioKey::volume, doubleValue(-static_cast<double>(i % 7)));
+            videoProperties->setProperty(audioKey::volume, doubleProperty(-static_cast<double>(i % 7)));
             trackProperties->setProperty(trackKey::mute, boolProperty(i % 2 == 0));
         }
     });
