@@ -76,7 +76,7 @@ struct Scene {
         std::vector<std::pair<int64_t, double>> keys;
         for (int i = 0; i < 8; ++i) keys.emplace_back(i * 7 * kSecond, (i % 2 == 0) ? -6.0 : 2.0);
         music->addEffect(4110)->setKeyframes(keys);
-        music->setProperty(clipVolumeKey::volumeGain, test::doubleProperty(1.5));
+        music->setProperty(clipVolumeKey::volumeGain, doubleProperty(1.5));
         for (int i = 0; i < 4; ++i) {
             auto* voice = timeline->addClip(1, "voice" + std::to_string(i), wave, 0, (5 + 14 * i) * kSecond,
                                             (12 + 14 * i) * kSecond);
