@@ -39,6 +39,7 @@
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTime.h"
 #include "DataModel/DmTimeline.h"
+#include "TimelineDescs.h"
 
 namespace ZOR {
 namespace {
@@ -99,20 +100,7 @@ void restoreIdentity(const Media& file) {
 
 // A timeline of one audio track holding one clip of the whole file.
 IDmTimeline* timelineOf(const Media& file) {
-    DmClipDesc clip;
-    clip.name = "hour";
-    clip.mediaPath = file.path;
-    clip.begin = 0;
-    clip.end = file.duration;
-    clip.markIn = 0;
-    clip.markOut = file.duration;
-    DmTrackDesc track;
-    track.kind = DmTrackAudio;
-    track.clips.push_back(clip);
-    DmTimelineDesc desc;
-    desc.tracks.push_back(track);
-    std::string error;
-    return createTimeline(desc, &error);
+    return test::wholeFileTimeline("hour", file.path, file.duration, DmTrackAudio);
 }
 
 // The frames the 2,000 points of the clip's whole range fall in, as the

@@ -68,6 +68,7 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
+#include "TimelineDescs.h"
 
 // ---------------------------------------------------------------------------
 // Counting operator new and delete
@@ -219,20 +220,7 @@ const VideoFile& videoFile() {
 
 // A timeline of one video track holding one clip of the whole file.
 IDmTimeline* timelineOf(const VideoFile& file) {
-    DmClipDesc clip;
-    clip.name = "long";
-    clip.mediaPath = file.path;
-    clip.begin = 0;
-    clip.end = file.duration;
-    clip.markIn = 0;
-    clip.markOut = file.duration;
-    DmTrackDesc track;
-    track.kind = DmTrackVideo;
-    track.clips.push_back(clip);
-    DmTimelineDesc desc;
-    desc.tracks.push_back(track);
-    std::string error;
-    return createTimeline(desc, &error);
+    return test::wholeFileTimeline("long", file.path, file.duration, DmTrackVideo);
 }
 
 // A new empty folder for the frame store, removed with the object.

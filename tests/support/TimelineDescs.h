@@ -23,4 +23,17 @@ inline DmClipDesc clipOf(const std::string& name, const std::string& path, int64
     return clip;
 }
 
+// A timeline of one track of kind holding one clip, named name, of the
+// whole file at path (duration cns long); null when it cannot be made.
+inline IDmTimeline* wholeFileTimeline(const std::string& name, const std::string& path, int64_t duration,
+                                      DmTrackKind kind) {
+    DmTrackDesc track;
+    track.kind = kind;
+    track.clips.push_back(clipOf(name, path, 0, 0, duration, 0.0));
+    DmTimelineDesc desc;
+    desc.tracks.push_back(track);
+    std::string error;
+    return createTimeline(desc, &error);
+}
+
 }  // namespace ZOR::test
