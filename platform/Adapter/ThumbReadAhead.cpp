@@ -129,17 +129,17 @@ int ReadAhead::take(int64_t time, unsigned char* out, std::string* problem) {
     });
     found = position();
     if (found == entries_.end()) return 0;
-    int result = 1;
-    if (found->state == State::Ready) {
-        std::memcpy(out, found->pixels.data(), found->pixels.size());
-    } else {
-        result = found->result < 0 ? found->result : -1;
-        if (problem != nullptr) *problem = found->problem;
-    }
+    // Taken out of the plan; the picture is copied after the lock.
+    Entry taken = std::move(*found);
     entries_.erase(found);
     lock.unlock();
     work_.notify_all();
-    return result;
+    if (taken.state == State::Ready) {
+        std::memcpy(out, taken.pixels.data(), taken.pixels.size());
+        return 1;
+    }
+    if (problem != nullptr) *problem = std::move(taken.problem);
+    return taken.result < 0 ? taken.result : -1;
 }
 
 ThumbDecodeCounts ReadAhead::counts() {
