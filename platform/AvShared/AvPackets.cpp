@@ -14,18 +14,41 @@ StreamClock StreamClock::of(const AVStream* stream) {
     return StreamClock{stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0, stream->time_base};
 }
 
-int64_t StreamClock::frameTime(int64_t pts) const { return av_rescale_q(pts - origin, timeBase, kCns); }
+int64_t StreamClock::frameTime(int64_t pts) const {
+    int64_t offset = 0;
+    if (__builtin_sub_overflow(pts, origin, &offset)) return pts < origin ? kFarthestPast : kFarthestFuture;
+    const int64_t time = av_rescale_q(offset, timeBase, kCns);  // to the nearest cns, halves away from 0
+    if (time == std::numeric_limits<int64_t>::min()) return offset < 0 ? kFarthestPast : kFarthestFuture;
+    return std::clamp(time, kFarthestPast, kFarthestFuture);
+}
 
 int64_t StreamClock::toStreamTime(int64_t time) const { return origin + av_rescale_q(time, kCns, timeBase); }
 
-int StreamClock::compare(int64_t pts, int64_t time) const { return av_compare_ts(pts - origin, timeBase, time, kCns); }
+int StreamClock::compare(int64_t pts, int64_t time) const {
+    const int64_t frame = frameTime(pts);
+    return frame < time ? -1 : (frame > time ? 1 : 0);
+}
 
 int64_t StreamClock::lastPtsAt(int64_t time) const {
-    const int64_t offset = av_rescale_q_rnd(time, kCns, timeBase, AV_ROUND_DOWN);
-    if (offset == std::numeric_limits<int64_t>::min()) return time < 0 ? offset : std::numeric_limits<int64_t>::max();
-    if (offset > 0 && origin > std::numeric_limits<int64_t>::max() - offset) return std::numeric_limits<int64_t>::max();
-    if (offset < 0 && origin < std::numeric_limits<int64_t>::min() - offset) return std::numeric_limits<int64_t>::min();
-    return origin + offset;
+    constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+    constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+    // A frame's time is its offset rounded to the nearest cns, so the last
+    // offset whose time is at or before `time` lies just below time + 1/2
+    // cns: start from there (in half cns, exactly) and settle the rounding of
+    // the halves and of the time base by stepping.
+    int64_t offset = 0;
+    const int64_t limit = int64_t{1} << 61;
+    if (time > -limit && time < limit) {
+        offset = av_rescale_rnd(2 * time + 1, timeBase.den, int64_t{2} * kSecondCns * timeBase.num, AV_ROUND_UP) - 1;
+    } else {
+        offset = av_rescale_q_rnd(time, kCns, timeBase, AV_ROUND_DOWN);
+        if (offset == kMin) return time < 0 ? kMin : kMax;
+    }
+    int64_t pts = 0;
+    if (__builtin_add_overflow(origin, offset, &pts)) return offset < 0 ? kMin : kMax;
+    for (int step = 0; step < 4 && pts > kMin && frameTime(pts) > time; ++step) --pts;
+    for (int step = 0; step < 4 && pts < kMax && frameTime(pts + 1) <= time; ++step) ++pts;
+    return pts;
 }
 
 bool indexCoversStream(const AVFormatContext* format, AVStream* stream, int64_t origin, int64_t* firstKey) {

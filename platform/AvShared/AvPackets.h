@@ -21,19 +21,26 @@ namespace ZOR::av {
 constexpr AVRational kCns{1, 10'000'000};
 constexpr int64_t kSecondCns = 10'000'000;
 
-// The stream's timestamps (time base, start time) against media time.
+// The stream's timestamps (time base, start time) against media time. A
+// frame's media time is its timestamp counted from the start time, rounded to
+// the nearest cns: the time reported for a frame is the time that shows it.
 struct StreamClock {
+    // Media times far beyond any file (about 29,000 years), where a
+    // timestamp's offset from the start does not fit.
+    static constexpr int64_t kFarthestPast = -(int64_t{1} << 62);
+    static constexpr int64_t kFarthestFuture = int64_t{1} << 62;
+
     int64_t origin = 0;  // the start time, stream time base
     AVRational timeBase{1, 1};
 
     // The clock of a stream (a start time it does not tell is 0).
     static StreamClock of(const AVStream* stream);
-    int64_t frameTime(int64_t pts) const;      // pts to media cns
+    int64_t frameTime(int64_t pts) const;      // pts to media cns, rounded to the nearest
     int64_t toStreamTime(int64_t time) const;  // media cns to pts
-    // cmp(frame pts, media time t): <0, 0, >0.
+    // The frame time of pts against media time t: <0, 0, >0.
     int compare(int64_t pts, int64_t time) const;
-    // The last pts (stream time base) that is at or before media time,
-    // clamped to the range of int64_t.
+    // The last pts (stream time base) whose frame time is at or before media
+    // time, clamped to the range of int64_t.
     int64_t lastPtsAt(int64_t time) const;
 };
 

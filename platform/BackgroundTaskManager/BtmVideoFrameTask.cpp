@@ -366,7 +366,7 @@ void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
             Picture picture;
             std::string problem;
             const int result = session.pictureAt(time, stop, &picture, &problem);
-            if (result == MediaDecoder::kStopped) break;
+            if (result == VideoSession::kStopped) break;
             if (result != 0) {
                 ZOR_LOG(6, "ZOR::VideoFrameExtractTask::decode", "token:%lld cannot decode %s",
                         static_cast<long long>(r.token()), problem.c_str());
