@@ -29,6 +29,7 @@
 #include "Adapter/Adapter.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmMediaInternal.h"
+#include "DataModel/DmTimeline.h"
 #include "ThumbAdapterInternal.h"
 #include "ThumbFrameSession.h"
 #include "ThumbReadAhead.h"
@@ -288,7 +289,9 @@ public:
                     problem.c_str());
             return kMediaFailed;
         }
-        const int64_t sourceTime = clampTime(markInTimeOfClip(clip) + (time - beginTimeOfClip(clip)));
+        // The clip's media position at the time, as the clip plays it (speed,
+        // speed parts and direction applied).
+        const int64_t sourceTime = clampTime(mediaTimeOfClip(clip, markInTimeOfClip(clip) + (time - beginTimeOfClip(clip))));
         thumb::FrameSession* session = clipSession(path, stream);
         if (session->pictureAt(sourceTime, keyframe, width_, height_, buffer, &problem) != 0) {
             ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld (media %lld): %s",

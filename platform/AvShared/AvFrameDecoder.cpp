@@ -229,6 +229,7 @@ bool FrameDecoder::readPacket() {
         }
         if (!awaitKey_ || (packet->flags & AV_PKT_FLAG_KEY) != 0 || dropped >= kKeySearch) break;
         av_packet_unref(packet.get());
+        ++counts_->dropped;
     }
     awaitKey_ = false;
     if ((packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE) {
@@ -330,7 +331,7 @@ bool FrameDecoder::positionAt(int64_t target, bool startOver, bool* fromStart, s
     }
     ++counts_->seeks;
     if (!startOver && target >= 0) {
-        const int sought = reader_->seek(cursor_.clock.toStreamTime(target));
+        const int sought = reader_->seek(cursor_.clock.lastPtsAt(target));
         resetPosition();
         if (sought >= 0) {
             awaitKey_ = options_.awaitKeyAfterSeek;
@@ -345,7 +346,7 @@ bool FrameDecoder::positionAt(int64_t target, bool startOver, bool* fromStart, s
 
 bool FrameDecoder::indexEntryAt(int64_t time, int64_t* timestamp) const {
     if (!useIndex_ || !reader_) return false;
-    return indexEntryBefore(reader_->stream(), cursor_.clock.toStreamTime(time), timestamp);
+    return indexEntryBefore(reader_->stream(), cursor_.clock.lastPtsAt(time), timestamp);
 }
 
 // ---------------------------------------------------------------------------
@@ -485,6 +486,7 @@ bool FrameDecoder::decodeKeyPacket(int64_t time) {
             if (pts == AV_NOPTS_VALUE) pts = packet->pts;
             if (pts == AV_NOPTS_VALUE) pts = cursor_.clock.origin;
             keyPts_ = pts;
+            keyDts_ = packet->dts;
             return true;
         }
         if (result == AVERROR_EOF) break;
@@ -501,6 +503,7 @@ bool FrameDecoder::decodeFirstFrame(int64_t time) {
     av_frame_unref(keyFrame_.get());
     av_frame_move_ref(keyFrame_.get(), cursor_.frames.lookahead.get());
     keyPts_ = cursor_.frames.lookaheadPts;
+    keyDts_ = AV_NOPTS_VALUE;
     cursor_.frames.haveLookahead = false;
     return true;
 }
@@ -546,7 +549,11 @@ int FrameDecoder::keyFrame(int64_t time, const AVFrame** shown, int64_t* shownPt
         }
         if (fromStart || cursor_.clock.compare(keyPts_, time) <= 0) {
             haveKey_ = true;
-            haveKeyEntry_ = !fromStart && indexEntryAt(target, &keyEntry_);
+            // The index entry a later time can be matched against: the one of
+            // the keyframe given (the index holds a keyframe's dts or its pts;
+            // an entry of another keyframe says nothing of this one).
+            haveKeyEntry_ = !fromStart && indexEntryAt(target, &keyEntry_) &&
+                            (keyEntry_ == keyPts_ || (keyDts_ != AV_NOPTS_VALUE && keyEntry_ == keyDts_));
             break;
         }
         back = nextBack(back);

@@ -29,6 +29,7 @@ struct DecodeCounts {
     int64_t frames = 0;     // frames received from the decoder
     int64_t redone = 0;     // pictures decoded again with nothing skipped
     int64_t reused = 0;     // keyframe pictures given again without decoding
+    int64_t dropped = 0;    // packets dropped after a seek, before the first keyframe
 };
 
 // Times decoded one after the other from the same keyframe.
@@ -203,6 +204,7 @@ private:
     // The keyframe given last.
     FramePtr keyFrame_;
     int64_t keyPts_ = 0;
+    int64_t keyDts_ = 0;      // the dts of its packet (AV_NOPTS_VALUE when not known)
     int64_t keyEntry_ = 0;    // its index entry's timestamp
     bool haveKey_ = false;
     bool haveKeyEntry_ = false;

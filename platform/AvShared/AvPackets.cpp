@@ -22,8 +22,6 @@ int64_t StreamClock::frameTime(int64_t pts) const {
     return std::clamp(time, kFarthestPast, kFarthestFuture);
 }
 
-int64_t StreamClock::toStreamTime(int64_t time) const { return origin + av_rescale_q(time, kCns, timeBase); }
-
 int StreamClock::compare(int64_t pts, int64_t time) const {
     const int64_t frame = frameTime(pts);
     return frame < time ? -1 : (frame > time ? 1 : 0);

@@ -36,7 +36,6 @@ struct StreamClock {
     // The clock of a stream (a start time it does not tell is 0).
     static StreamClock of(const AVStream* stream);
     int64_t frameTime(int64_t pts) const;      // pts to media cns, rounded to the nearest
-    int64_t toStreamTime(int64_t time) const;  // media cns to pts
     // The frame time of pts against media time t: <0, 0, >0.
     int compare(int64_t pts, int64_t time) const;
     // The last pts (stream time base) whose frame time is at or before media

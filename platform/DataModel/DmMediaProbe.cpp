@@ -13,6 +13,7 @@ extern "C" {
 #include <system_error>
 
 #include "../AvShared/AvDecoder.h"
+#include "../AvShared/AvFrameDecoder.h"
 #include "../AvShared/AvPicture.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmMediaInternal.h"
@@ -30,14 +31,6 @@ int64_t toCns(int64_t value, AVRational timeBase) {
     if (value == AV_NOPTS_VALUE || value <= 0 || timeBase.num <= 0 || timeBase.den <= 0) return 0;
     return av_rescale_q(value, timeBase, AVRational{1, 10'000'000});
 }
-
-// The stream's duration in cns, or the container's when the stream has none.
-int64_t streamDuration(const AVFormatContext* format, const AVStream* stream) {
-    const int64_t own = toCns(stream->duration, stream->time_base);
-    if (own > 0) return own;
-    return toCns(format->duration, AVRational{1, AV_TIME_BASE});
-}
-
 
 }  // namespace
 
@@ -99,7 +92,7 @@ DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t 
         probe.audioStream = audio;
         probe.sampleRate = stream->codecpar->sample_rate;
         probe.channels = stream->codecpar->ch_layout.nb_channels;
-        probe.audioDuration = streamDuration(format, stream);
+        probe.audioDuration = av::streamDuration(format, format->streams[audio]);
     }
 
     // Video.
@@ -132,7 +125,7 @@ DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t 
             probe.frameRateNum = rate.num;
             probe.frameRateDen = rate.den;
         }
-        probe.videoDuration = streamDuration(format, stream);
+        probe.videoDuration = av::streamDuration(format, stream);
         if (probe.codedWidth <= 0 || probe.codedHeight <= 0) {
             probe.videoStream = -1;
             probe.videoProblem = "'" + probe.path + "': the video stream has no picture size";

@@ -356,3 +356,34 @@ int32_t DmTimelineClip::registerCallback(IDmBaseObj* listener) { return callback
 int32_t DmTimelineClip::unregisterCallback(IDmBaseObj* listener) { return callbacks_.remove(listener); }
 
 }  // namespace ZOR
+
+namespace ZOR {
+
+int64_t mediaTimeOfClip(IDmClip* clip, int64_t clipTime) {
+    DmTimelineClip* found = clip != nullptr ? dynamic_cast<DmTimelineClip*>(clip) : nullptr;
+    if (found == nullptr) {
+        // A media clip of its own plays at speed 1 and forwards; anything
+        // else maps through its audio face when it has one.
+        auto* audio = clip != nullptr ? static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature")) : nullptr;
+        return audio != nullptr ? audio->sourcePosition(clipTime, false) : clipTime;
+    }
+    // The sound and the pictures of a clip play the same media positions:
+    // the direction is the one its sound is given (the reverse effect of the
+    // clip that carries the sound), as the audio thumbnails read it.
+    DmTimelineClip* primary = found->primary();
+    DmTimelineClip* carrier = primary->soundCarrier();
+    bool reverse = false;
+    if (carrier != nullptr) {
+        IDmEffect* effect = carrier->effect(DmEffectReversePlay);
+        reverse = effect != nullptr && effect->value(0) != 0.0f;
+    } else {
+        // A clip without sound keeps its direction as a property only.
+        carrier = primary;
+        ZorProperty property;
+        reverse = carrier->getProperty(keytext::kReversePlayEnable, &property) == 0 &&
+                  property.kind == ZorProperty::Bool && property.boolValue();
+    }
+    return carrier->sourcePosition(clipTime, reverse);
+}
+
+}  // namespace ZOR

@@ -32,6 +32,8 @@ public:
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
         std::string name = "miravel-media-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
         if (info != nullptr) name += std::string("-") + info->name();
+        // Parameterised tests are named "Test/Param": one folder, not two.
+        std::replace(name.begin(), name.end(), '/', '-');
         path_ = std::filesystem::temp_directory_path() / name;
         std::error_code ec;
         std::filesystem::remove_all(path_, ec);

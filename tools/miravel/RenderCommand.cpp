@@ -20,6 +20,7 @@
 #include "ClipService.h"
 #include "Commands.h"
 #include "Json.h"
+#include "DataModel/DmTimeline.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace miravel {
@@ -180,13 +181,22 @@ std::string renderJson(const RenderRequest& request) {
                 layout.thumbWidth = std::clamp(
                     static_cast<int>(std::lround(static_cast<double>(kStripHeight) * videoWidth / videoHeight)), 8, 1024);
                 const int slots = std::max(1, (inner + layout.thumbWidth - 1) / layout.thumbWidth);
+                // Each slot shows what plays at its left edge: the clip time
+                // there mapped to the media as the clip plays it (frozen
+                // stretches hold, reversed clips run backwards).
                 const int64_t markIn = ZOR::markInTimeOfClip(clip);
-                const int64_t span = std::max<int64_t>(ZOR::markOutTimeOfClip(clip) - markIn, 0);
-                for (int slot = 0; slot < slots; ++slot)
-                    layout.slotTimes.push_back(markIn + static_cast<int64_t>(static_cast<double>(span) * slot / slots));
+                const int64_t length = std::max<int64_t>(ZOR::endTimeOfClip(clip) - ZOR::beginTimeOfClip(clip), 0);
+                for (int slot = 0; slot < slots; ++slot) {
+                    const int64_t clipTime = markIn + static_cast<int64_t>(static_cast<double>(length) * slot / slots);
+                    layout.slotTimes.push_back(ZOR::mediaTimeOfClip(clip, clipTime));
+                }
                 layout.videoQuery = videoQueries.size();
+                // A frozen stretch shows one picture in many slots: ask once.
+                std::vector<int64_t> times = layout.slotTimes;
+                std::sort(times.begin(), times.end());
+                times.erase(std::unique(times.begin(), times.end()), times.end());
                 videoQueries.push_back(
-                    VideoThumbnails::Query{clip, name, layout.thumbWidth, kStripHeight, layout.slotTimes, false});
+                    VideoThumbnails::Query{clip, name, layout.thumbWidth, kStripHeight, std::move(times), false});
             }
             if (ZOR::IDmClip* audioClip = ZOR::getBaseAudioClip(clip)) {
                 const auto [begin, end] = clipTimeRange(audioClip);

@@ -111,4 +111,10 @@ ZOR_PLATFORM_API int32_t parseTimelineDocument(const char* path, DmTimelineDesc*
 // nothing is half-loaded.
 ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error);
 
+// The media position (cns) that a clip of a timeline plays at clip time:
+// its constant speed or speed parts and its direction applied, exactly as its
+// sound is mapped (a video clip's pictures and its linked sound play the same
+// positions). A clip that is not on a timeline plays forwards at speed 1.
+ZOR_PLATFORM_API int64_t mediaTimeOfClip(IDmClip* clip, int64_t clipTime);
+
 }  // namespace ZOR
