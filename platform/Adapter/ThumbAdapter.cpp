@@ -28,6 +28,7 @@
 
 #include "Adapter/Adapter.h"
 #include "Common/ZorInternalComUtility.h"
+#include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
 #include "DataModel/DmTimeline.h"
 #include "ThumbAdapterInternal.h"
@@ -220,6 +221,7 @@ public:
             std::string problem;
             if (!session->open(&problem)) {
                 ZOR_LOG(5, "ZOR::ThumbAdapter::open", "cannot open %s", problem.c_str());
+                noteMediaFailure(nextPath_.c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
             }
             file_ = std::move(session);
@@ -266,13 +268,19 @@ public:
             if (taken < 0) {
                 ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
                         problem.c_str());
+                noteMediaFailure(file_->path().c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
             }
         }
         if (file_) {
-            if (file_->pictureAt(time, keyframe, width_, height_, buffer, &problem) != 0) {
+            const int result = file_->pictureAt(time, keyframe, width_, height_, buffer, &problem);
+            if (result != 0) {
                 ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
                         problem.c_str());
+                // Nothing of the file could be decoded (not a picture given
+                // up or one that could not be converted).
+                if (result != AVERROR_EXIT && result != AVERROR(EINVAL))
+                    noteMediaFailure(file_->path().c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
             }
             return kOk;

@@ -73,6 +73,7 @@ extern "C" {
 #include "BtmTaskControl.h"
 #include "BtmTaskCore.h"
 #include "Common/ZorInternalComUtility.h"
+#include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
 
 ZOR_LOG_SOURCE("platform/BackgroundTaskManager/BtmAudioWaveTask")
@@ -621,6 +622,7 @@ void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, con
     } else if (!failure.empty()) {
         ZOR_LOG(6, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot decode %s",
                 static_cast<long long>(request.token()), failure.c_str());
+        noteMediaFailure(request.path.c_str(), DmTrackAudio, failure.c_str());
         core.finish(request, request.percent(), BsTaskFailed);
     } else {
         core.finish(request, 100, BsTaskFinished);
@@ -704,6 +706,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
         if (!decoder.open(r.path, r.stream, &problem)) {
             ZOR_LOG(6, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot open %s",
                     static_cast<long long>(r.token()), problem.c_str());
+            noteMediaFailure(r.path.c_str(), DmTrackAudio, problem.c_str());
             core.finish(r, 0, BsTaskFailed);
             return;
         }

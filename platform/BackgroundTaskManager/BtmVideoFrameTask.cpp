@@ -36,6 +36,7 @@
 #include "BtmTaskCore.h"
 #include "BtmVideoPicture.h"
 #include "Common/ZorInternalComUtility.h"
+#include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
 #include "ZorUtils/ZorUtils.h"
 
@@ -370,6 +371,7 @@ void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
             if (result != 0) {
                 ZOR_LOG(6, "ZOR::VideoFrameExtractTask::decode", "token:%lld cannot decode %s",
                         static_cast<long long>(r.token()), problem.c_str());
+                noteMediaFailure(r.path.c_str(), DmTrackVideo, problem.c_str());
                 r.fail();
                 break;
             }

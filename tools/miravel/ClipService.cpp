@@ -6,6 +6,7 @@
 
 #include "Adapter/Adapter.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
 #include "DataModel/DmTimeline.h"
 
 namespace miravel {
@@ -111,6 +112,22 @@ void Wakeup::waitUntil(std::chrono::steady_clock::time_point until) {
 }
 
 // ---------------------------------------------------------------------------
+// Media failures
+
+std::string mediaFailureOf(ZOR::IDmClip* clip, int32_t kind) {
+    auto* source = clip != nullptr ? static_cast<ZOR::IDmMediaSource*>(clip->queryInterface("IDmMediaSource")) : nullptr;
+    const char* path = source != nullptr ? source->mediaPath() : nullptr;
+    std::string cause;
+    if (path == nullptr || !ZOR::mediaFailure(path, kind, &cause)) return {};
+    return cause;
+}
+
+MediaFailureWatch::MediaFailureWatch(Wakeup& wakeup)
+    : id_(ZOR::addMediaFailureListener([&wakeup](const ZOR::DmMediaFailure&) { wakeup.notify(); })) {}
+
+MediaFailureWatch::~MediaFailureWatch() { ZOR::removeMediaFailureListener(id_); }
+
+// ---------------------------------------------------------------------------
 // Audio
 
 AudioThumbnails::AudioThumbnails(ZOR::IBsClipThumbnailService* service, Wakeup& wakeup)
@@ -165,6 +182,21 @@ std::string AudioThumbnails::missing() {
         names += "'" + queries_[i].name + "'";
     }
     return names;
+}
+
+std::string AudioThumbnails::failure() {
+    std::vector<size_t> waiting;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (size_t i = 0; i < queries_.size(); ++i)
+            if (!answered_[i]) waiting.push_back(i);
+    }
+    // queries_ is written only by ask(), on this thread.
+    for (size_t i : waiting) {
+        const std::string cause = mediaFailureOf(queries_[i].clip, ZOR::DmTrackAudio);
+        if (!cause.empty()) return "clip '" + queries_[i].name + "': " + cause;
+    }
+    return {};
 }
 
 void AudioThumbnails::markStale(ZOR::IDmClip* clip) {
@@ -284,6 +316,21 @@ std::string VideoThumbnails::missing() {
         }
     }
     return text;
+}
+
+std::string VideoThumbnails::failure() {
+    std::vector<size_t> waiting;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (size_t i = 0; i < queries_.size(); ++i)
+            if (!outstanding_[i].empty()) waiting.push_back(i);
+    }
+    // queries_ is written only by ask(), on this thread.
+    for (size_t i : waiting) {
+        const std::string cause = mediaFailureOf(queries_[i].clip, ZOR::DmTrackVideo);
+        if (!cause.empty()) return "clip '" + queries_[i].name + "': " + cause;
+    }
+    return {};
 }
 
 int32_t VideoThumbnails::onVideoThumbnailNotice(void* /*value*/) { return 0; }

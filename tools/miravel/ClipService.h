@@ -106,6 +106,9 @@ public:
     const Answer& answer(size_t i) const { return answers_[i]; }
     // The names of the clips without an answer, quoted, comma separated.
     std::string missing();
+    // The first clip not answered yet whose media the host could not read or
+    // decode, as "clip '<name>': <cause>"; empty when none.
+    std::string failure();
 
     int32_t onAudioThumbnailNotice(ZOR::IDmClip* clip) override;
     int32_t onAudioThumbnailChanged(ZOR::IDmClip* audioClip) override;
@@ -156,6 +159,9 @@ public:
     size_t delivered();
     // What is missing: each clip with its times, for messages.
     std::string missing();
+    // The first clip with pictures missing whose media the host could not
+    // read or decode, as "clip '<name>': <cause>"; empty when none.
+    std::string failure();
 
     int32_t onVideoThumbnailNotice(void* value) override;
     int32_t onVideoThumbnailChanged(ZOR::IDmClip* clip) override;
@@ -172,12 +178,32 @@ private:
     std::vector<Picture> arrived_;
 };
 
+// The cause the host noted for a clip's media of this kind (DmTrackAudio or
+// DmTrackVideo): "'<path>': <cause>"; empty when it reads.
+std::string mediaFailureOf(ZOR::IDmClip* clip, int32_t kind);
+
+// Wakes the command's thread whenever the host notes a media failure, while
+// it lives.
+class MediaFailureWatch {
+public:
+    explicit MediaFailureWatch(Wakeup& wakeup);
+    ~MediaFailureWatch();
+    MediaFailureWatch(const MediaFailureWatch&) = delete;
+    MediaFailureWatch& operator=(const MediaFailureWatch&) = delete;
+
+private:
+    int64_t id_;
+};
+
 // Waits until every query of audio and video was answered, handing pictures
 // to onPictures as they come and showing progress; Failure naming the
 // document and what is missing when timeout passed first.
 template <class OnPictures>
 void waitForThumbnails(const std::string& document, AudioThumbnails* audio, VideoThumbnails* video, Wakeup& wakeup,
                        std::chrono::seconds timeout, Progress& progress, OnPictures onPictures) {
+    // A clip whose media cannot be read or decoded ends the wait at once:
+    // the service does not tell of failures, the host does.
+    const MediaFailureWatch watch(wakeup);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     const size_t total = (audio != nullptr ? audio->total() : 0) + (video != nullptr ? video->total() : 0);
     size_t shown = 0;  // the bar does not go back when an answer is asked for again
@@ -189,6 +215,9 @@ void waitForThumbnails(const std::string& document, AudioThumbnails* audio, Vide
         shown = std::max(shown, done);
         progress.update(total == 0 ? 1.0 : static_cast<double>(shown) / static_cast<double>(total));
         if (done == total) return;
+        std::string failed = audio != nullptr ? audio->failure() : std::string();
+        if (failed.empty() && video != nullptr) failed = video->failure();
+        if (!failed.empty()) throw Failure(document + ": " + failed);
         const auto now = std::chrono::steady_clock::now();
         if (now >= deadline) {
             std::string what;

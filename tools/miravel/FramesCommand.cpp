@@ -65,7 +65,12 @@ std::string framesJson(const FramesRequest& request) {
     const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.object->removeCallBack(&result);
     if (!ended) throw Failure(media + ": no answer within " + std::to_string(request.timeout.count()) + " s");
-    if (result.status_ == 3) throw Failure(media + ": the video could not be decoded (see --log error)");
+    if (result.status_ == 3) {
+        std::string cause;
+        if (ZOR::mediaFailure(media.c_str(), ZOR::DmTrackVideo, &cause))
+            throw Failure(media + ": the video could not be decoded: " + cause);
+        throw Failure(media + ": the video could not be decoded (see --log error)");
+    }
     if (result.status_ == 4) throw Failure(media + ": the frame request was cancelled");
 
     // The presentation times of the frames shown, from the same store.

@@ -329,7 +329,10 @@ std::string mediaJson(const MediaRequest& request) {
         if (!ZOR::PathUtil::exists(fileOf(i))) missing.push_back(i);
     if (!missing.empty()) {
         std::string message = quoted(request.media);
-        if (static_cast<int32_t>(missing.size()) == count) {
+        std::string cause;
+        if (static_cast<int32_t>(missing.size()) == count && ZOR::mediaFailure(request.media.c_str(), ZOR::DmTrackVideo, &cause)) {
+            message += ": no picture could be made: " + cause;
+        } else if (static_cast<int32_t>(missing.size()) == count) {
             message += ": no picture could be made (see --log warning)";
         } else {
             message += ": no picture ";

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "DataModel/DataModel.h"
@@ -57,5 +58,31 @@ ZOR_PLATFORM_API IDmClip* createMediaClip(const char* path, int32_t audioStreamI
 // already being written finish under the old root.
 ZOR_PLATFORM_API int32_t setFrameStoreRoot(const char* path);
 ZOR_PLATFORM_API std::string frameStoreRoot();
+
+// Media the host found it cannot read or decode. The extraction tasks note
+// each request that ends with status 3 here, with the cause, so that a
+// client waiting for thumbnails of that media (which the thumbnail service
+// does not tell of failures) can stop waiting and say why. A failure stands
+// until the file changes (its size or time) or it is forgotten. Thread-safe.
+struct DmMediaFailure {
+    std::string path;   // the media file, canonical
+    int32_t kind = 0;   // DmTrackAudio or DmTrackVideo: the stream that failed
+    std::string cause;  // one line: "'<path>': <cause>"
+};
+
+// Notes a failure of the media at path (any spelling of it) and calls the
+// listeners, on the calling thread, without holding any lock of its own.
+ZOR_PLATFORM_API void noteMediaFailure(const char* path, int32_t kind, const char* cause);
+// The failure noted for the media at path and kind, when it still stands:
+// true with *cause set.
+ZOR_PLATFORM_API bool mediaFailure(const char* path, int32_t kind, std::string* cause);
+// Forgets every failure noted for the media at path.
+ZOR_PLATFORM_API void forgetMediaFailures(const char* path);
+// Listeners are called with each failure noted, on the thread that notes it
+// (an extraction task's worker): they must return quickly and must not add or
+// remove listeners. Returns an identifier for removeMediaFailureListener;
+// once that returns, the listener is not running and is not called again.
+ZOR_PLATFORM_API int64_t addMediaFailureListener(std::function<void(const DmMediaFailure&)> listener);
+ZOR_PLATFORM_API void removeMediaFailureListener(int64_t id);
 
 }  // namespace ZOR
