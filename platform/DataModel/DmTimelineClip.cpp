@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "../Adapter/AdapterKeyTexts.h"
+#include "DmClipTimeMapping.h"
 #include "DmTrack.h"
 
 namespace ZOR {
@@ -94,6 +95,13 @@ int64_t positionThroughParts(const std::vector<DmSpeedPartDesc>& parts, int64_t 
 }
 
 }  // namespace
+
+int64_t forwardMediaPosition(const std::vector<DmSpeedPartDesc>& sortedParts, double speed, int64_t markIn,
+                             int64_t c) {
+    if (!sortedParts.empty()) return positionThroughParts(sortedParts, markIn, c);
+    if (speed != 1.0) return markIn + std::llround(static_cast<double>(c - markIn) * speed);
+    return c;
+}
 
 DmTimelineClip::DmTimelineClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId,
                                const DmClipDesc& desc, int32_t kind, const Place& place)
@@ -310,11 +318,7 @@ void DmTimelineClip::setTimes(const Range& times) {
 int64_t DmTimelineClip::sourcePosition(int64_t clipTime, bool reverse) {
     const Range current = range();
     const std::shared_ptr<const std::vector<DmSpeedPartDesc>> parts = currentParts();
-    int64_t position = clipTime;
-    if (!parts->empty())
-        position = positionThroughParts(*parts, current.markIn, clipTime);
-    else if (speed_ != 1.0)
-        position = current.markIn + std::llround(static_cast<double>(clipTime - current.markIn) * speed_);
+    const int64_t position = forwardMediaPosition(*parts, speed_, current.markIn, clipTime);
     return reverse ? current.markIn + current.markOut - position : position;
 }
 

@@ -5,13 +5,20 @@
 namespace ZOR {
 
 IDmTimeline* loadTimelineDocument(const char* path, std::string* error) {
+    return loadTimelineDocument(path, error, nullptr);
+}
+
+IDmTimeline* loadTimelineDocument(const char* path, std::string* error, std::vector<std::string>* warnings) {
+    if (warnings != nullptr) warnings->clear();
     DmTimelineDesc desc;
     std::string problem;
     if (parseTimelineDocument(path, &desc, &problem) != 0) {
         if (error != nullptr) *error = problem;
         return nullptr;
     }
-    return createTimeline(desc, error);
+    IDmTimeline* timeline = createTimeline(desc, error);
+    if (timeline != nullptr && warnings != nullptr) *warnings = std::move(desc.warnings);
+    return timeline;
 }
 
 }  // namespace ZOR

@@ -349,6 +349,33 @@ TEST(MiravelCli, AudioOfAClipWithoutSoundFails) {
     EXPECT_EQ(run.err, "miravel: " + document + ": clip 'Mute shot' has no sound\n");
 }
 
+TEST(MiravelCli, DocumentWarningsAreOneLineEachOnStderrBeforeTheResult) {
+    TempFolder folder;
+    // A tab in the document's name: the warnings name the document, and each
+    // stays one line.
+    const Json slate = {{"OTIO_SCHEMA", "Slate.1"}, {"name", "board"}, {"source_range", otioRange(0, 10'000'000)}};
+    const Json lost = {{"OTIO_SCHEMA", "Clip.1"},
+                       {"name", "Lost"},
+                       {"source_range", otioRange(0, 5'000'000)},
+                       {"media_reference", {{"OTIO_SCHEMA", "MissingReference.1"}}}};
+    const std::string document = writeDocument(
+        folder, "cut\ttake.otio",
+        Json::array({otioTrack("Notes", "Data", Json::array()), otioTrack("A", "Audio", Json::array({slate, lost}))}));
+    const std::string shown = folder.file("cut\\ttake.otio");
+    const CliRun run = runMiravel(folder, "audio '" + document + "' --clip Lost --points 3");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.out.empty());
+    EXPECT_EQ(run.err, "miravel: warning: " + shown +
+                           ": $.tracks.children[0]: track kind \"Data\" (\"Notes\") is neither \"Video\" nor "
+                           "\"Audio\"; the track is left out\n"
+                           "miravel: warning: " +
+                           shown +
+                           ": $.tracks.children[1].children[0]: unknown schema \"Slate.1\" (\"board\") taken as a gap "
+                           "of 1 s\n"
+                           "miravel: " +
+                           document + ": clip 'Lost' has no sound (its media is missing)\n");
+}
+
 TEST(MiravelCli, ClipNamesThatAreMissingOrNotUniqueAreUsageErrors) {
     TempFolder folder;
     const std::string wav = rampWav(folder, 44100);

@@ -1,6 +1,7 @@
 #include "ClipService.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -14,10 +15,40 @@ namespace miravel {
 // ---------------------------------------------------------------------------
 // The document
 
+namespace {
+
+// A warning as one line of stderr: control characters (a document path may
+// hold any) are written as C escapes.
+std::string oneLine(const std::string& text) {
+    std::string line;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\r') {
+            line += "\\r";
+        } else if (c == '\t') {
+            line += "\\t";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            line += escaped;
+        } else {
+            line += c;
+        }
+    }
+    return line;
+}
+
+}  // namespace
+
 TimelineSession::TimelineSession(std::string document) : document_(std::move(document)) {
     std::string error;
-    timeline_ = ZOR::loadTimelineDocument(document_.c_str(), &error);
+    std::vector<std::string> warnings;
+    timeline_ = ZOR::loadTimelineDocument(document_.c_str(), &error, &warnings);
     if (timeline_ == nullptr) throw Failure(error.empty() ? document_ + ": cannot read" : error);
+    for (const std::string& warning : warnings) std::fprintf(stderr, "miravel: warning: %s\n", oneLine(warning).c_str());
+    if (!warnings.empty()) std::fflush(stderr);
     service_ = createBsClipThumbnaiService();
     if (service_ == nullptr) {
         timeline_->Release();

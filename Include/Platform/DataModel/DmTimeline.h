@@ -94,6 +94,10 @@ struct DmTrackDesc {
 struct DmTimelineDesc {
     std::string name;
     std::vector<DmTrackDesc> tracks;  // in track order (index 0 first)
+    // What a document reader left out or read otherwise than written, one
+    // line each ("<document path>: <JSON path>: <what>"); createTimeline
+    // ignores them.
+    std::vector<std::string> warnings;
 };
 
 // A timeline made from desc, with one reference owned by the caller. Media
@@ -102,14 +106,21 @@ struct DmTimelineDesc {
 // end < begin or markOut < markIn, an unknown track kind).
 ZOR_PLATFORM_API IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::string* error);
 
-// Reads a timeline document into *desc. Returns 0 on success; otherwise a
-// non-zero code, *desc untouched, and *error one line naming the file, the
-// JSON path of the fault and what was expected there.
+// Reads a timeline document (OpenTimelineIO JSON) into *desc. Returns 0 on
+// success, with desc->warnings naming what was left out (each also logged at
+// warning severity); otherwise a non-zero code, *desc untouched, and *error
+// one line naming the file, the JSON path of the fault and what was expected
+// there.
 ZOR_PLATFORM_API int32_t parseTimelineDocument(const char* path, DmTimelineDesc* desc, std::string* error);
 
 // parseTimelineDocument, then createTimeline. Null (with *error) on failure;
 // nothing is half-loaded.
 ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error);
+
+// The same, handing out the document's warnings in *warnings (emptied when
+// nothing is loaded).
+ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error,
+                                                   std::vector<std::string>* warnings);
 
 // The media position (cns) that a clip of a timeline plays at clip time:
 // its constant speed or speed parts and its direction applied, exactly as its
