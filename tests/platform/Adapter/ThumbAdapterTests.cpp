@@ -956,6 +956,53 @@ TEST_F(ThumbAdapterTimelineTest, AVisibleUpperTrackCoversTheLowerOne) {
         EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>(t / kFrame)) << "at " << t;
 }
 
+// A timeline's picture at a time is what its clip plays there: a reversed
+// clip runs backwards from its mark out, a frozen one holds its mark in, a
+// fast one skips, as the clip's sound is mapped.
+TEST_F(ThumbAdapterTimelineTest, ClipsShowWhatTheyPlayReversedFrozenOrFast) {
+    DmTimelineDesc desc;
+    desc.name = "played";
+    DmTrackDesc track;
+    track.name = "track";
+    DmClipDesc reversed;
+    reversed.name = "reversed";
+    reversed.mediaPath = media().numbered();
+    reversed.begin = 0;
+    reversed.end = 2 * kSecond;
+    reversed.markIn = 2 * kSecond;
+    reversed.markOut = 4 * kSecond;
+    reversed.reverse = true;
+    DmClipDesc frozen = reversed;
+    frozen.name = "frozen";
+    frozen.begin = 2 * kSecond;
+    frozen.end = 4 * kSecond;
+    frozen.reverse = false;
+    frozen.speed = 0.0;
+    DmClipDesc fast = frozen;
+    fast.name = "fast";
+    fast.begin = 4 * kSecond;
+    fast.end = 6 * kSecond;
+    fast.markIn = kSecond;
+    fast.markOut = 5 * kSecond;
+    fast.speed = 2.0;
+    track.clips = {reversed, frozen, fast};
+    desc.tracks = {track};
+    std::string error;
+    TimelinePtr timeline(createTimeline(desc, &error));
+    ASSERT_NE(timeline, nullptr) << error;
+    AdapterPtr adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
+    // Reversed: timeline t in [0, 2 s) plays media 2 s + 4 s - (2 s + t).
+    for (int64_t t : {int64_t{0}, kFrame, 13 * kFrame, 49 * kFrame})
+        EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>((4 * kSecond - t) / kFrame)) << "at " << t;
+    // Frozen: the mark in throughout.
+    for (int64_t t : {2 * kSecond, 3 * kSecond, 4 * kSecond - 1})
+        EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>(2 * kSecond / kFrame)) << "at " << t;
+    // Twice as fast: media 1 s + 2 (t - 4 s).
+    for (int64_t t : {4 * kSecond, 4 * kSecond + 7 * kFrame, 5 * kSecond})
+        EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>((kSecond + 2 * (t - 4 * kSecond)) / kFrame))
+            << "at " << t;
+}
+
 TEST_F(ThumbAdapterTimelineTest, TheAdapterHoldsTheTimelineWhileItUsesIt) {
     TimelinePtr timeline = makeTimeline(false);
     ASSERT_NE(timeline, nullptr);
