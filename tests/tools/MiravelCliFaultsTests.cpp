@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -241,6 +242,29 @@ TEST(MiravelCliFaults, PicturesThatDoNotFitOnTheDiskFailTheCommand) {
                                                             mount + "/media_thumbnail"));
     expectFailure(run, mount + "/media_thumbnail: cannot write the media thumbnails (3 of 3 pictures missing): disk full");
     EXPECT_TRUE(listing(folder).empty());
+}
+
+TEST(MiravelCliFaults, AFolderNotOursToWriteIsTold) {
+    TempFolder folder;
+    const std::string video = redVideo(folder, 1);
+    const std::filesystem::path locked = folder.path() / "locked";
+    std::filesystem::create_directory(locked);
+    std::filesystem::permissions(locked, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec |
+                                             std::filesystem::perms::group_read | std::filesystem::perms::group_exec |
+                                             std::filesystem::perms::others_read | std::filesystem::perms::others_exec);
+    // Root writes anywhere: the command then runs as nobody.
+    std::string runAs;
+    if (::geteuid() == 0) {
+        if (std::system("setpriv --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "root here, and no setpriv";
+        runAs = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+    }
+    const std::string root = (locked / "thumbs").string();
+    const std::string errPath = folder.file("stderr.txt");
+    const CliRun run = runShell(runAs + "'" MIRAVEL_CLI "' media " + shellQuoted(video) + " --root " +
+                                    shellQuoted(root) + " 2>" + shellQuoted(errPath),
+                                errPath);
+    expectFailure(run, root + "/media_thumbnail: cannot write the media thumbnails: permission denied");
+    EXPECT_TRUE(namesIn(locked).empty());
 }
 
 // ---------------------------------------------------------------------------
