@@ -246,15 +246,20 @@ private:
 std::string storePicture(const std::string& folder, const VideoRequest& request, int64_t time,
                          const Picture& picture) {
     if (folder.empty()) return std::string();
-    if (!DirUtil::create(Path(folder))) {
-        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot create the frame store folder '%s'", folder.c_str());
+    // The cause of a failure stays with ZorUtils (lastWriteFailure) for the
+    // caller that finds the picture missing.
+    if (const int32_t error = createFolder(Path(folder)); error != 0) {
+        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot create the frame store folder '%s': %s",
+                folder.c_str(), writeErrorText(error).c_str());
         return std::string();
     }
     const std::string name = frameStoreFileName(request.stream, request.width, request.height, time, picture.shown);
     const std::string path = PathUtil::join(Path(folder), name).str();
     const int32_t result = dumpPNG(request.width, request.height, picture.rgba.data(), path.c_str(), kPngLevel);
     if (result != 0) {
-        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d)", path.c_str(), result);
+        const int32_t error = lastWriteFailure(Path(folder), nullptr);
+        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d): %s", path.c_str(), result,
+                error != 0 ? writeErrorText(error).c_str() : "unknown cause");
         return std::string();
     }
     // A refreshed picture may show another frame than the file it replaces.

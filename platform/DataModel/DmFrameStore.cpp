@@ -16,6 +16,7 @@
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
+#include "ZorUtils/ZorUtils.h"
 
 ZOR_LOG_SOURCE("platform/DataModel/DmFrameStore")
 
@@ -141,6 +142,13 @@ std::vector<DmStoredFrame> frameStoreScan(const std::string& folder, int32_t str
     for (auto it = std::filesystem::directory_iterator(folder, ec); !ec && it != std::filesystem::directory_iterator();
          it.increment(ec)) {
         const std::string name = it->path().filename().string();
+        // A picture whose writer died half way is never listed; the scan
+        // clears it away.
+        if (isAbandonedTemporary(name)) {
+            std::error_code removeEc;
+            std::filesystem::remove(it->path(), removeEc);
+            continue;
+        }
         if (name.size() <= prefix.size() + 4 || name.compare(0, prefix.size(), prefix) != 0) continue;
         if (name.compare(name.size() - 4, 4, ".png") != 0) continue;
         const char* text = name.c_str() + prefix.size();

@@ -34,16 +34,7 @@ bool PathUtil::exists(const Path& path) {
     return fs::exists(fs::path(path.str()), ec) && !ec;
 }
 
-bool DirUtil::create(const Path& dir) {
-    if (dir.empty()) {
-        return false;
-    }
-    const fs::path target(dir.str());
-    std::error_code ec;
-    fs::create_directories(target, ec);
-    std::error_code statEc;
-    return fs::is_directory(target, statEc) && !statEc;
-}
+bool DirUtil::create(const Path& dir) { return !dir.empty() && createFolder(dir) == 0; }
 
 bool DirUtil::removeAll(const Path& dir) {
     if (dir.empty()) {

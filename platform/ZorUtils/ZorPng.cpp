@@ -3,23 +3,19 @@
 // Reading uses libpng's simplified API, which reports problems through
 // png_image::message instead of printing them. Writing uses the classic API so
 // that the zlib level can be chosen; its error handler jumps back without
-// printing. A file is written under a temporary name beside the target and
-// renamed over it, so readers see either the old file or the complete new one.
+// printing. A file is written whole (ZorWriteInternal.h), so readers see
+// either the old file or the complete new one.
 #include "ZorUtils/ZorUtils.h"
 
-#include <fcntl.h>
 #include <png.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
-#include <system_error>
+
+#include "ZorWriteInternal.h"
 
 namespace ZOR {
 
@@ -77,28 +73,6 @@ bool encodePng(FILE* file, int width, int height, const unsigned char* pixels, i
     return true;
 }
 
-// Creates a file that did not exist before, beside the target. The name holds
-// the process id and a per-process counter, so concurrent writers (threads or
-// processes) never share one; O_EXCL guards against a stale leftover.
-int createTemporary(const std::string& target, std::string& tempPath) {
-    static std::atomic<unsigned long long> counter{0};
-    const long pid = static_cast<long>(::getpid());
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        tempPath = target + ".tmp-" + std::to_string(pid) + "-" +
-                   std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
-        const int fd = ::open(tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd >= 0 || errno != EEXIST) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
-void removeQuietly(const std::string& path) {
-    std::error_code ec;
-    std::filesystem::remove(std::filesystem::path(path), ec);
-}
-
 }  // namespace
 
 int32_t loadPNG(const char* path, unsigned char** buffer, int* width, int* height) {
@@ -146,35 +120,16 @@ int32_t dumpPNG(int width, int height, const unsigned char* buffer, const char* 
     if (!buffer || !path || *path == '\0' || width < 1 || height < 1) {
         return kPngInvalidArgument;
     }
-    const std::string target(path);
-    std::string tempPath;
-    const int fd = createTemporary(target, tempPath);
-    if (fd < 0) {
-        return kPngOpenFailed;
+    const write::Outcome outcome = write::writeWhole(
+        path, [&](FILE* file) { return encodePng(file, width, height, buffer, compressionLevel); });
+    switch (outcome.stage) {
+        case write::Stage::None: return kPngOk;
+        case write::Stage::Open: return kPngOpenFailed;
+        case write::Stage::Write: return kPngEncodeFailed;
+        case write::Stage::Close: return kPngCloseFailed;
+        case write::Stage::Rename: return kPngRenameFailed;
     }
-    FILE* file = ::fdopen(fd, "wb");
-    if (!file) {
-        ::close(fd);
-        removeQuietly(tempPath);
-        return kPngOpenFailed;
-    }
-
-    bool written = encodePng(file, width, height, buffer, compressionLevel);
-    written = written && std::fflush(file) == 0 && std::ferror(file) == 0;
-    written = written && ::fsync(::fileno(file)) == 0;
-    const bool closed = std::fclose(file) == 0;
-    if (!written || !closed) {
-        removeQuietly(tempPath);
-        return written ? kPngCloseFailed : kPngEncodeFailed;
-    }
-
-    std::error_code ec;
-    std::filesystem::rename(std::filesystem::path(tempPath), std::filesystem::path(target), ec);
-    if (ec) {
-        removeQuietly(tempPath);
-        return kPngRenameFailed;
-    }
-    return kPngOk;
+    return kPngEncodeFailed;
 }
 
 void freeImageBuffer(unsigned char* buffer) {

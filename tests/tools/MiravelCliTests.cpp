@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CliTestSupport.h"
 #include "MediaTestSupport.h"
 #include "WavePeaks.h"
 #include "ZorUtils/ZorUtils.h"
@@ -24,38 +25,9 @@ using MediaTest::expectedThumbnail;
 using MediaTest::ffmpeg;
 using MediaTest::TempFolder;
 
-struct CliRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
-// Runs the miravel command line with the frame store under folder.
-CliRun runMiravel(const TempFolder& folder, const std::string& arguments) {
-    const std::string errPath = folder.file("stderr.txt");
-    const std::string command = "XDG_CACHE_HOME='" + folder.file("cache") + "' '" MIRAVEL_CLI "' " + arguments +
-                                " 2>'" + errPath + "' </dev/null";
-    CliRun run;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return run;
-    std::array<char, 4096> buffer{};
-    size_t got = 0;
-    while ((got = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) run.out.append(buffer.data(), got);
-    const int status = pclose(pipe);
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream err(errPath);
-    std::stringstream text;
-    text << err.rdbuf();
-    run.err = text.str();
-    return run;
-}
-
-std::string rampWav(const TempFolder& folder, int rate) {
-    const std::string path = folder.file("ramp-" + std::to_string(rate) + ".wav");
-    ffmpeg("-f lavfi -i \"aevalsrc=exprs='(0.1+0.3*t)*sin(2*PI*440*t)|(0.9-0.3*t)*sin(2*PI*660*t)':s=" +
-           std::to_string(rate) + ":d=2.5\" -c:a pcm_s16le '" + path + "'");
-    return path;
-}
+using CliTest::CliRun;
+using CliTest::rampWav;
+using CliTest::runMiravel;
 
 // The values the command must print for [begin, end) with samples points:
 // each frame from the begin frame below the end frame, by the frame step,
@@ -204,38 +176,10 @@ TEST(MiravelCli, LogOptionWritesLibraryLinesToStderr) {
 // service.
 
 using Json = nlohmann::json;
-
-// A RationalTime of cns.
-Json otioTime(int64_t cns) { return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", cns}, {"rate", 10'000'000}}; }
-
-Json otioRange(int64_t start, int64_t duration) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", otioTime(start)}, {"duration", otioTime(duration)}};
-}
-
-Json otioGap(int64_t duration) { return Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", otioRange(0, duration)}}; }
-
-// A clip of [start, start + duration) of the media file.
-Json otioClip(const std::string& name, const std::string& media, int64_t start, int64_t duration,
-              const Json& miravel = Json::object()) {
-    return Json{{"OTIO_SCHEMA", "Clip.1"},
-                {"name", name},
-                {"source_range", otioRange(start, duration)},
-                {"media_reference", {{"OTIO_SCHEMA", "ExternalReference.1"}, {"target_url", media}}},
-                {"metadata", {{"miravel", miravel}}}};
-}
-
-Json otioTrack(const std::string& name, const std::string& kind, const Json& children) {
-    return Json{{"OTIO_SCHEMA", "Track.1"}, {"name", name}, {"kind", kind}, {"children", children}};
-}
-
-std::string writeDocument(const TempFolder& folder, const std::string& name, const Json& tracks) {
-    const std::string path = folder.file(name);
-    MediaTest::writeText(path, Json{{"OTIO_SCHEMA", "Timeline.1"},
-                                    {"name", "cut"},
-                                    {"tracks", {{"OTIO_SCHEMA", "Stack.1"}, {"children", tracks}}}}
-                                   .dump());
-    return path;
-}
+using CliTest::otioClip;
+using CliTest::otioGap;
+using CliTest::otioTrack;
+using CliTest::writeDocument;
 
 std::vector<float> printedValues(const Json& json) {
     std::vector<float> values;

@@ -54,17 +54,15 @@ int runAudio(int argc, char** argv) {
     request.clip = arguments.required("clip");
     if (arguments.has("begin") != arguments.has("end")) throw UsageError("--begin and --end go together");
     if (arguments.has("begin")) {
-        request.begin = arguments.requiredInteger("begin");
-        request.end = arguments.requiredInteger("end");
+        request.begin = arguments.requiredInteger("begin", limits::time);
+        request.end = arguments.requiredInteger("end", limits::time);
         if (*request.end < *request.begin) throw UsageError("--end must not be before --begin");
     }
-    const int64_t points = arguments.requiredInteger("points");
-    if (points < 1 || points > 10'000'000) throw UsageError("--points needs a count from 1 to 10000000");
-    request.points = static_cast<uint32_t>(points);
+    request.points = static_cast<uint32_t>(arguments.requiredInteger("points", limits::values));
     request.ducking = !arguments.has("no-ducking");
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(audioJson(request));
+    printJson(namingOutOfMemory(request.document, [&] { return audioJson(request); }));
     return 0;
 }
 

@@ -7,8 +7,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 #include "ZorLogger/ZorLogger.h"
+#include "ZorUtils/ZorUtils.h"
 
 extern "C" {
 #include <libavutil/log.h>
@@ -56,55 +58,127 @@ std::string Arguments::required(const std::string& name) const {
     return *value;
 }
 
-int64_t parseInteger(const std::string& option, const std::string& text) {
-    if (text.empty()) throw UsageError(option + " needs a whole number");
+namespace {
+
+// A whole number, or nothing when the text is not one (or is beyond int64).
+std::optional<int64_t> wholeNumber(const std::string& text) {
+    if (text.empty()) return std::nullopt;
     errno = 0;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || end == nullptr || *end != '\0')
-        throw UsageError(option + " needs a whole number, not '" + text + "'");
+    if (errno != 0 || end == nullptr || *end != '\0') return std::nullopt;
     return value;
 }
 
-int64_t Arguments::integer(const std::string& name, int64_t fallback) const {
+std::string sizeText(const Limit& side, const Limit& bytes) {
+    return "WxH, each side " + rangeText(side) + " and W x H x 4 at most " + std::to_string(bytes.max) + " " +
+           bytes.unit;
+}
+
+}  // namespace
+
+int64_t boundedInteger(const std::string& option, const std::string& text, const Limit& limit) {
+    const std::optional<int64_t> value = wholeNumber(text);
+    if (!value || *value < limit.min || *value > limit.max)
+        throw UsageError(option + " needs a whole number " + rangeText(limit) + ", not '" + text + "'");
+    return *value;
+}
+
+int64_t Arguments::integer(const std::string& name, const Limit& limit, int64_t fallback) const {
     auto value = text(name);
-    return value ? parseInteger("--" + name, *value) : fallback;
+    return value ? boundedInteger("--" + name, *value, limit) : fallback;
 }
 
-int64_t Arguments::requiredInteger(const std::string& name) const {
-    return parseInteger("--" + name, required(name));
+int64_t Arguments::requiredInteger(const std::string& name, const Limit& limit) const {
+    return boundedInteger("--" + name, required(name), limit);
 }
 
-std::vector<int64_t> Arguments::integerList(const std::string& name) const {
+double Arguments::number(const std::string& name, const Limit& limit, double fallback) const {
+    auto value = text(name);
+    if (!value) return fallback;
+    errno = 0;
+    char* end = nullptr;
+    const double number = std::strtod(value->c_str(), &end);
+    if (value->empty() || errno != 0 || end == nullptr || *end != '\0' ||
+        !(number >= static_cast<double>(limit.min) && number <= static_cast<double>(limit.max)))
+        throw UsageError("--" + name + " needs a number " + rangeText(limit) + ", not '" + *value + "'");
+    return number;
+}
+
+std::vector<int64_t> Arguments::times(const std::string& name) const {
     const std::string list = required(name);
     std::vector<int64_t> values;
     size_t start = 0;
     while (start <= list.size()) {
         const size_t comma = list.find(',', start);
         const std::string item = list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        values.push_back(parseInteger("--" + name, item));
+        const std::optional<int64_t> time = wholeNumber(item);
+        if (!time || *time < limits::time.min || *time > limits::time.max)
+            throw UsageError("--" + name + " needs whole numbers " + rangeText(limits::time) + ", not '" + item + "'");
+        values.push_back(*time);
         if (comma == std::string::npos) break;
         start = comma + 1;
     }
+    if (static_cast<int64_t>(values.size()) > limits::timeCount.max)
+        throw UsageError("--" + name + " takes at most " + std::to_string(limits::timeCount.max) + " times, not " +
+                         std::to_string(values.size()));
     return values;
 }
 
 std::chrono::seconds commandTimeout(const Arguments& arguments) {
-    const int64_t timeout = arguments.integer("timeout", 600);
-    if (timeout < 1 || timeout > 1'000'000'000) throw UsageError("--timeout needs a number of seconds, at least 1");
-    return std::chrono::seconds(timeout);
+    return std::chrono::seconds(arguments.integer("timeout", limits::timeout, 600));
+}
+
+bool pictureAllowed(int64_t width, int64_t height) {
+    return width >= limits::side.min && height >= limits::side.min && width <= limits::side.max &&
+           height <= limits::side.max && width * height * 4 <= limits::pictureBytes.max;
 }
 
 std::pair<int32_t, int32_t> Arguments::size(const std::string& name, std::pair<int32_t, int32_t> fallback) const {
     auto value = text(name);
     if (!value) return fallback;
     const size_t x = value->find('x');
-    if (x == std::string::npos) throw UsageError("--" + name + " needs WxH, not '" + *value + "'");
-    const int64_t width = parseInteger("--" + name, value->substr(0, x));
-    const int64_t height = parseInteger("--" + name, value->substr(x + 1));
-    if (width < 1 || height < 1 || width > 16384 || height > 16384)
-        throw UsageError("--" + name + " needs sides from 1 to 16384, not '" + *value + "'");
-    return {static_cast<int32_t>(width), static_cast<int32_t>(height)};
+    const std::optional<int64_t> width = x == std::string::npos ? std::nullopt : wholeNumber(value->substr(0, x));
+    const std::optional<int64_t> height = x == std::string::npos ? std::nullopt : wholeNumber(value->substr(x + 1));
+    if (!width || !height || !pictureAllowed(*width, *height))
+        throw UsageError("--" + name + " needs " + sizeText(limits::side, limits::pictureBytes) + ", not '" + *value +
+                         "'");
+    return {static_cast<int32_t>(*width), static_cast<int32_t>(*height)};
+}
+
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const unsigned char c : text) {
+        switch (c) {
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (c < 0x20 || c == 0x7f) {
+                    char escaped[8];
+                    std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+                    out += escaped;
+                } else {
+                    out += static_cast<char>(c);
+                }
+        }
+    }
+    return out;
+}
+
+void failToWrite(const std::string& path, const std::string& what, int32_t error) {
+    throw Failure(path + ": cannot write " + what + ": " +
+                  (error != 0 ? ZOR::writeErrorText(error) : std::string("unknown cause")));
+}
+
+void requireWritableFolder(const std::string& folder, const std::string& what) {
+    if (const int32_t error = ZOR::checkFolderWritable(folder); error != 0) failToWrite(folder, what, error);
+}
+
+int32_t writeProblemIn(const std::string& folder) {
+    if (const int32_t error = ZOR::lastWriteFailure(folder, nullptr); error != 0) return error;
+    return ZOR::checkFolderWritable(folder);
 }
 
 void setupCommandLogging(const Arguments& arguments) {

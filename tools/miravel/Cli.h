@@ -7,10 +7,14 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "Limits.h"
 
 namespace miravel {
 
@@ -37,10 +41,14 @@ public:
     bool has(const std::string& name) const;
     std::optional<std::string> text(const std::string& name) const;
     std::string required(const std::string& name) const;
-    int64_t integer(const std::string& name, int64_t fallback) const;
-    int64_t requiredInteger(const std::string& name) const;
-    std::vector<int64_t> integerList(const std::string& name) const;
-    // "WxH" with both sides >= 1.
+    // Whole numbers within limit (UsageError naming the option otherwise).
+    int64_t integer(const std::string& name, const Limit& limit, int64_t fallback) const;
+    int64_t requiredInteger(const std::string& name, const Limit& limit) const;
+    // A number within limit, fractions allowed.
+    double number(const std::string& name, const Limit& limit, double fallback) const;
+    // "T1,T2,...": times within limits::time, as many as limits::timeCount.
+    std::vector<int64_t> times(const std::string& name) const;
+    // "WxH": a picture within limits::side and limits::pictureBytes.
     std::pair<int32_t, int32_t> size(const std::string& name, std::pair<int32_t, int32_t> fallback) const;
 
 private:
@@ -48,10 +56,42 @@ private:
     std::vector<std::string> positional_;
 };
 
-int64_t parseInteger(const std::string& option, const std::string& text);
+// A whole number within limit; UsageError "<option> needs a whole number
+// from <min> to <max>[ unit], not '<text>'".
+int64_t boundedInteger(const std::string& option, const std::string& text, const Limit& limit);
 
-// --timeout SECONDS (default 600, at least 1): how long a command waits for
-// the library's answers.
+// Whether width x height is a picture the limits take.
+bool pictureAllowed(int64_t width, int64_t height);
+
+// The text with control characters escaped ("\n", "\t", "\x1b"), so that a
+// message stays on one line whatever the paths in it hold.
+std::string printable(std::string_view text);
+
+// Failure: "<path>: cannot write <what>: <cause in words>".
+[[noreturn]] void failToWrite(const std::string& path, const std::string& what, int32_t error);
+
+// Creates the folder when missing and checks that files can be written in
+// it; Failure naming it and the cause when not. what: what goes there, for
+// the message ("the frame store").
+void requireWritableFolder(const std::string& folder, const std::string& what);
+
+// Why files are missing from a folder: the latest failed write there, or
+// what a fresh check of the folder finds. 0 when neither says anything.
+int32_t writeProblemIn(const std::string& folder);
+
+// Runs work (returning the command's JSON document); a std::bad_alloc on the
+// way becomes Failure "<file>: out of memory".
+template <class Work>
+std::string namingOutOfMemory(const std::string& file, Work&& work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        throw Failure(file + ": out of memory");
+    }
+}
+
+// --timeout SECONDS (default 600, within limits::timeout): how long a command
+// waits for the library's answers.
 std::chrono::seconds commandTimeout(const Arguments& arguments);
 
 // Sets the library's logging up from --log / --log-file / MIRAVEL_LOG.

@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -121,7 +122,11 @@ public:
         std::fprintf(stderr, "demo [%d/%d] %s\n", index_, count_, title.c_str());
         std::fflush(stderr);
         const auto start = std::chrono::steady_clock::now();
-        work();
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            throw Failure(out_ + ": out of memory making " + title);
+        }
         const auto elapsed = std::chrono::steady_clock::now() - start;
         timings_.emplace_back(name, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
     }
@@ -162,11 +167,12 @@ int runDemo(int argc, char** argv) {
     const std::chrono::seconds timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
 
-    if (!ZOR::DirUtil::create(out)) throw Failure(out + ": cannot create the folder");
+    requireWritableFolder(out, "the demo's files");
     // The frame store lives in the folder, emptied first so that every run
     // decodes what it shows.
     const std::string store = (std::filesystem::path(out) / "frame-store").string();
     ZOR::DirUtil::removeAll(store);
+    requireWritableFolder(store, "the frame store");
     ZOR::setFrameStoreRoot(store.c_str());
 
     const auto started = std::chrono::steady_clock::now();

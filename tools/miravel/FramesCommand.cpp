@@ -4,6 +4,11 @@
 // at the given media times (cns) and prints, in request order,
 // {"frames": [{"time", "file", "shown"}, ...]}: the file of each picture in
 // the frame store and the presentation time of the frame shown.
+//
+// The frame store is where the pictures are: the media's folder in it is
+// checked before the request (made when missing, a file written and removed,
+// temporaries of writers that died removed), and a picture missing from it
+// afterwards fails the command with the cause of the failed write.
 #include <cstdio>
 #include <string>
 #include <tuple>
@@ -13,8 +18,10 @@
 #include "Commands.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
 #include "Json.h"
 #include "Miravel/Miravel.h"
+#include "ZorUtils/ZorUtils.h"
 
 namespace miravel {
 namespace {
@@ -52,6 +59,14 @@ std::string framesJson(const FramesRequest& request) {
                                      : media + ": no video stream" +
                                            (request.stream >= 0 ? " at index " + std::to_string(request.stream) : ""));
 
+    // The folder the frame task writes into: named after the canonical path
+    // the clip keeps.
+    auto* source = static_cast<ZOR::IDmMediaSource*>(clip.object->queryInterface("IDmMediaSource"));
+    const std::string store = source != nullptr ? ZOR::frameStoreFolder(source->mediaPath()) : std::string();
+    if (store.empty()) throw Failure(media + ": cannot find its folder in the frame store");
+    ZOR::removeAbandonedTemporaries(store);
+    requireWritableFolder(store, "the frame store");
+
     FramesResult result;
     ReleaseOnExit<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
     wrapper.object->addCallBack(&result);
@@ -80,6 +95,18 @@ std::string framesJson(const FramesRequest& request) {
     feature->prepareFrames(request.width, request.height, 25, 1);
     feature->fillFrames(times.data(), static_cast<int32_t>(times.size()), slots.data(), shown.data(), &filled);
 
+    // A picture that could not be written is not in the store: no file.
+    std::string missing;
+    for (size_t i = 0; i < times.size(); ++i) {
+        if (i < result.files_.size() && !result.files_[i].empty()) continue;
+        missing += missing.empty() ? " at " : ",";
+        missing += std::to_string(times[i]);
+    }
+    if (!missing.empty()) {
+        if (const int32_t cause = writeProblemIn(store); cause != 0) failToWrite(store, "the frame store", cause);
+        throw Failure(store + ": the frame store has no picture of " + media + missing + " (see --log warning)");
+    }
+
     JsonWriter json;
     json.beginObject().key("frames").beginArray();
     for (size_t i = 0; i < times.size(); ++i) {
@@ -98,16 +125,13 @@ int runFrames(int argc, char** argv) {
     if (arguments.positional().size() != 1) throw UsageError("frames needs one MEDIA file");
     FramesRequest request;
     request.media = arguments.positional()[0];
-    const int64_t stream = arguments.integer("stream", -1);
-    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
-    request.stream = static_cast<int32_t>(stream);
-    request.times = arguments.integerList("times");
-    if (request.times.size() > 100'000) throw UsageError("--times takes at most 100000 times");
+    request.stream = static_cast<int32_t>(arguments.integer("stream", limits::stream, -1));
+    request.times = arguments.times("times");
     if (!arguments.has("size")) throw UsageError("--size is required");
     std::tie(request.width, request.height) = arguments.size("size", {0, 0});
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(framesJson(request));
+    printJson(namingOutOfMemory(request.media, [&] { return framesJson(request); }));
     return 0;
 }
 

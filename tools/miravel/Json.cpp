@@ -1,14 +1,11 @@
 #include "Json.h"
 
-#include <unistd.h>
-
 #include <charconv>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 
 #include "Cli.h"
+#include "ZorUtils/ZorUtils.h"
 
 namespace miravel {
 
@@ -42,18 +39,9 @@ void printJson(const std::string& document) {
 }
 
 void writeJsonFile(const std::string& path, const std::string& document) {
-    const std::string temporary = path + "." + std::to_string(::getpid()) + ".partial";
-    std::FILE* file = std::fopen(temporary.c_str(), "wb");
-    if (file == nullptr) throw Failure(path + ": cannot write: " + std::strerror(errno));
-    bool written = std::fwrite(document.data(), 1, document.size(), file) == document.size() &&
-                   std::fputc('\n', file) != EOF;
-    const int writeError = errno;
-    written = std::fclose(file) == 0 && written;
-    if (!written || std::rename(temporary.c_str(), path.c_str()) != 0) {
-        const int cause = written ? errno : writeError;
-        std::remove(temporary.c_str());
-        throw Failure(path + ": cannot write: " + std::strerror(cause != 0 ? cause : EIO));
-    }
+    const std::string text = document + "\n";
+    if (const int32_t error = ZOR::writeFileAtomically(path.c_str(), text.data(), text.size()); error != 0)
+        failToWrite(path, "the file", error);
 }
 
 void JsonWriter::separate() {

@@ -40,9 +40,9 @@ std::string jsonQuote(std::string_view text);
 // Prints a command's result: the document and a line end on stdout.
 void printJson(const std::string& document);
 
-// Writes a document and a line end to path under a temporary name in the same
-// folder, renamed into place, so that no reader sees a partial file. Throws
-// Failure naming the file and the cause.
+// Writes a document and a line end to path, whole (ZOR::writeFileAtomically),
+// so that no reader sees a partial file. Throws Failure naming the file and
+// the cause.
 void writeJsonFile(const std::string& path, const std::string& document);
 
 }  // namespace miravel

@@ -15,7 +15,10 @@
 // bounds the wait.
 //
 // DIR belongs to one media item: the manager names its files by index and
-// box only.
+// box only. DIR/media_thumbnail is checked before the item is queued (made
+// when missing, a file written and removed, temporaries of writers that died
+// removed); pictures missing at the end are explained by the failed writes
+// there when there were any.
 //
 // Knowing when the item is complete. The manager has no "done" signal, and
 // getFrame never waits: when it meets the manager's lock taken it queues
@@ -33,7 +36,6 @@
 //      says so, after every announcement of the item. Pictures the adapter
 //      could not make are then found missing on disk.
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -60,6 +62,10 @@ namespace miravel {
 namespace {
 
 constexpr size_t kPathBytes = sizeof(ZOR::MediaThumbRequest::mediaPath);
+// The paths the limits take fit the request, the root with room for the
+// folder and file names the manager adds.
+static_assert(limits::mediaPath.max == kPathBytes - 1);
+static_assert(limits::rootPath.max == kPathBytes - 65);
 // How long the marker may go unseen before it is queued again: the worker
 // looks at its queue every few milliseconds.
 constexpr std::chrono::milliseconds kMarkerPatience{200};
@@ -243,7 +249,8 @@ std::string mediaJson(const MediaRequest& request) {
     const int64_t duration = pictureDuration(request.media);
     const int32_t count = request.count;
     const std::string cacheDir = ZOR::PathUtil::join(request.root, "media_thumbnail").str();
-    if (!ZOR::DirUtil::create(cacheDir)) throw Failure(cacheDir + ": cannot create the folder");
+    ZOR::removeAbandonedTemporaries(cacheDir);
+    requireWritableFolder(cacheDir, "the media thumbnails");
     // The manager's file of picture i: <i>_<box width>_<box height>.png.
     std::string suffix = "_";
     suffix += std::to_string(request.width);
@@ -328,6 +335,11 @@ std::string mediaJson(const MediaRequest& request) {
     for (int32_t i = 0; i < count; ++i)
         if (!ZOR::PathUtil::exists(fileOf(i))) missing.push_back(i);
     if (!missing.empty()) {
+        // The manager announces a picture even when writing it failed.
+        if (const int32_t error = writeProblemIn(cacheDir); error != 0)
+            failToWrite(cacheDir, "the media thumbnails (" + std::to_string(missing.size()) + " of " +
+                                      std::to_string(count) + " pictures missing)",
+                        error);
         std::string message = quoted(request.media);
         std::string cause;
         if (static_cast<int32_t>(missing.size()) == count && ZOR::mediaFailure(request.media.c_str(), ZOR::DmTrackVideo, &cause)) {
@@ -362,29 +374,23 @@ int runMedia(int argc, char** argv) {
     if (arguments.positional().size() != 1) throw UsageError("media needs one MEDIA file");
     MediaRequest request;
     request.media = arguments.positional()[0];
-    if (request.media.empty() || request.media.size() >= kPathBytes)
-        throw UsageError("MEDIA needs a path of 1 to 1023 bytes");
+    const auto length = [](const std::string& path) { return static_cast<int64_t>(path.size()); };
+    if (length(request.media) < limits::mediaPath.min || length(request.media) > limits::mediaPath.max)
+        throw UsageError("MEDIA needs a path " + rangeText(limits::mediaPath) + ", not one of " +
+                         std::to_string(request.media.size()));
     request.root = arguments.required("root");
-    if (request.root.empty() || request.root.size() >= kPathBytes - 64)
-        throw UsageError("--root needs a folder path of 1 to 959 bytes");
-    const int64_t count = arguments.integer("count", 100);
-    if (count < 1 || count > 100'000) throw UsageError("--count needs a number of pictures from 1 to 100000");
-    request.count = static_cast<int32_t>(count);
+    if (length(request.root) < limits::rootPath.min || length(request.root) > limits::rootPath.max)
+        throw UsageError("--root needs a path " + rangeText(limits::rootPath) + ", not one of " +
+                         std::to_string(request.root.size()));
+    request.count = static_cast<int32_t>(arguments.integer("count", limits::count, 100));
     std::tie(request.width, request.height) = arguments.size("box", {320, 180});
-    if (auto text = arguments.text("position")) {
-        errno = 0;
-        char* end = nullptr;
-        const double position = std::strtod(text->c_str(), &end);
-        if (text->empty() || errno != 0 || end == nullptr || *end != '\0' || !(position >= 0.0 && position <= 1.0))
-            throw UsageError("--position needs a number from 0 to 1, not '" + *text + "'");
-        request.position = position;
-    }
+    request.position = arguments.number("position", limits::position, 0.0);
     const std::string seek = arguments.text("seek").value_or("exact");
     if (seek != "exact" && seek != "keyframe") throw UsageError("--seek needs exact or keyframe, not '" + seek + "'");
     request.keyframe = seek == "keyframe";
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(mediaJson(request));
+    printJson(namingOutOfMemory(request.media, [&] { return mediaJson(request); }));
     return 0;
 }
 

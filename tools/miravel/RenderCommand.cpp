@@ -8,6 +8,10 @@
 // strip) shows its audio thumbnail from the service, one point per pixel
 // column, drawn as a symmetric waveform. Prints {"file", "width", "height"};
 // --timeout SECONDS (default 600) bounds the wait for the service.
+//
+// The picture is a picture as the limits take them (Limits.h): a document
+// whose tracks would make it taller is refused before anything is asked of
+// the service. The folder of the file and the frame store are checked first.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -19,6 +23,7 @@
 
 #include "ClipService.h"
 #include "Commands.h"
+#include "DataModel/DmMedia.h"
 #include "Json.h"
 #include "DataModel/DmTimeline.h"
 #include "ZorUtils/ZorUtils.h"
@@ -153,7 +158,7 @@ std::string renderJson(const RenderRequest& request) {
     std::vector<TrackLayout> tracks;
     std::vector<AudioThumbnails::Query> audioQueries;
     std::vector<VideoThumbnails::Query> videoQueries;
-    int y = kMargin + kRuler;
+    int64_t y = kMargin + kRuler;
     for (int32_t t = 0; t < timeline->trackCount(); ++t) {
         TrackLayout track;
         ZOR::IDmTrack* dmTrack = timeline->track(t);
@@ -208,13 +213,24 @@ std::string renderJson(const RenderRequest& request) {
             }
             track.clips.push_back(std::move(layout));
         }
-        track.top = y;
+        // A picture taller than the limits is refused below; its tops are not used.
+        track.top = static_cast<int>(std::min<int64_t>(y, limits::side.max));
         track.height = track.videoTrack ? kInset + kStripHeight + kInset + (anySound ? kVideoWaveHeight + kInset : 0)
                                         : kInset + kAudioWaveHeight + kInset;
         y += track.height + kTrackGap;
         tracks.push_back(std::move(track));
     }
-    const int height = y - kTrackGap + kMargin;
+    const int64_t rows = y - kTrackGap + kMargin;
+    if (!pictureAllowed(width, rows))
+        throw Failure(request.document + ": the timeline picture of its " + std::to_string(tracks.size()) +
+                      " tracks would be " + std::to_string(width) + "x" + std::to_string(rows) +
+                      " pixels; a picture has sides " + rangeText(limits::side) + " and at most " +
+                      std::to_string(limits::pictureBytes.max) + " bytes");
+    const int height = static_cast<int>(rows);
+    const std::filesystem::path parent = std::filesystem::path(request.out).parent_path();
+    const std::string folder = parent.empty() ? std::string(".") : parent.string();
+    requireWritableFolder(folder, "the timeline picture");
+    requireWritableFolder(ZOR::frameStoreRoot(), "the frame store");
 
     // Ask for everything at once; pictures are kept as they come.
     Progress progress("render");
@@ -281,11 +297,8 @@ std::string renderJson(const RenderRequest& request) {
         }
     }
 
-    const std::filesystem::path parent = std::filesystem::path(request.out).parent_path();
-    if (!parent.empty() && !ZOR::DirUtil::create(parent.string()))
-        throw Failure(parent.string() + ": cannot create the folder");
     if (ZOR::dumpPNG(width, height, canvas.data(), request.out.c_str(), -1) != 0)
-        throw Failure(request.out + ": cannot write the picture");
+        failToWrite(request.out, "the timeline picture", ZOR::lastWriteFailure(folder, nullptr));
 
     JsonWriter json;
     json.beginObject().key("file").value(request.out).key("width").value(width).key("height").value(height).endObject();
@@ -299,12 +312,10 @@ int runRender(int argc, char** argv) {
     request.document = arguments.positional()[0];
     request.out = arguments.required("out");
     if (request.out.empty()) throw UsageError("--out needs a file name");
-    const int64_t width = arguments.integer("width", 1600);
-    if (width < 200 || width > 16384) throw UsageError("--width needs a number of pixels from 200 to 16384");
-    request.width = static_cast<int32_t>(width);
+    request.width = static_cast<int32_t>(arguments.integer("width", limits::width, 1600));
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(renderJson(request));
+    printJson(namingOutOfMemory(request.document, [&] { return renderJson(request); }));
     return 0;
 }
 

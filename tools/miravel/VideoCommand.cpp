@@ -7,7 +7,12 @@
 // the pictures were delivered. It ends when every distinct time was
 // delivered; --timeout SECONDS (default 600) bounds the wait. --refresh drops
 // what the service cached and extracts anew.
+//
+// DIR and the frame store are checked before the request: made when
+// missing, a file written and removed; temporaries left in DIR by writers
+// that died are removed.
 #include <cstdio>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -15,6 +20,7 @@
 
 #include "ClipService.h"
 #include "Commands.h"
+#include "DataModel/DmMedia.h"
 #include "Json.h"
 #include "ZorUtils/ZorUtils.h"
 
@@ -24,7 +30,9 @@ std::string videoJson(const VideoRequest& request) {
     TimelineSession session(request.document);
     ZOR::IDmClip* clip = session.clipNamed(request.clip);
     if (clip->queryInterface("IDmVideoFeature") == nullptr) session.failClipLacks(request.clip, "video");
-    if (!ZOR::DirUtil::create(request.outDir)) throw Failure(request.outDir + ": cannot create the folder");
+    ZOR::removeAbandonedTemporaries(request.outDir);
+    requireWritableFolder(request.outDir, "the pictures");
+    requireWritableFolder(ZOR::frameStoreRoot(), "the frame store");
 
     Progress progress("video");
     Wakeup wakeup;
@@ -45,7 +53,7 @@ std::string videoJson(const VideoRequest& request) {
             const std::string file =
                 ZOR::PathUtil::join(request.outDir, prefix + std::to_string(picture.time) + ".png").str();
             if (ZOR::dumpPNG(request.width, request.height, picture.rgba.data(), file.c_str(), -1) != 0)
-                throw Failure(file + ": cannot write the picture");
+                failToWrite(file, "the picture", ZOR::lastWriteFailure(request.outDir, nullptr));
             written.emplace_back(picture.time, file);
         }
     };
@@ -72,16 +80,22 @@ int runVideo(int argc, char** argv) {
     VideoRequest request;
     request.document = arguments.positional()[0];
     request.clip = arguments.required("clip");
-    request.times = arguments.integerList("times");
-    if (request.times.size() > 100'000) throw UsageError("--times takes at most 100000 times");
+    request.times = arguments.times("times");
     if (!arguments.has("size")) throw UsageError("--size is required");
     std::tie(request.width, request.height) = arguments.size("size", {0, 0});
+    // The service keeps every picture it made: within limits::heldBytes.
+    const int64_t distinct = static_cast<int64_t>(std::set<int64_t>(request.times.begin(), request.times.end()).size());
+    const int64_t held = distinct * request.width * request.height * 4;
+    if (held > limits::heldBytes.max)
+        throw UsageError("--times and --size ask for " + std::to_string(distinct) + " pictures of " +
+                         std::to_string(request.width) + "x" + std::to_string(request.height) + ", " +
+                         std::to_string(held) + " bytes held; at most " + std::to_string(limits::heldBytes.max));
     request.outDir = arguments.required("out");
     if (request.outDir.empty()) throw UsageError("--out needs a folder");
     request.refresh = arguments.has("refresh");
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(videoJson(request));
+    printJson(namingOutOfMemory(request.document, [&] { return videoJson(request); }));
     return 0;
 }
 

@@ -4,6 +4,11 @@
 // [begin, end) and prints what the finished request's callback received:
 // {"token", "status", "count", "span", "values": [...]}. --timeout SECONDS
 // (default 600) bounds the wait.
+//
+// The wrapper counts in frames of 40 ms held in 32 bits and tells the span
+// (40 values a frame of the range) and the count in 32 bits: the times, the
+// range and the values printed are kept within the limits (Limits.h) where
+// all three are exact.
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -12,6 +17,7 @@
 #include "Commands.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmTime.h"
 #include "Json.h"
 #include "Miravel/Miravel.h"
 
@@ -43,6 +49,17 @@ public:
     int32_t span_ = 0;
     std::vector<float> values_;
 };
+
+// The values the wrapper delivers for [begin, end) and samples: 40 for each
+// frame it samples, every step-th frame of the range (the step as the
+// wrapper works it out). Exact for the times and samples the limits take.
+int64_t waveValueCount(int64_t begin, int64_t end, int64_t samples) {
+    constexpr ZOR::DmRational kWaveRate{25, 1};
+    const int64_t frames = ZOR::frameFromCnsTime(kWaveRate, end) - ZOR::frameFromCnsTime(kWaveRate, begin);
+    if (frames <= 0) return 0;
+    const int64_t step = frames > samples ? frames / samples : 1;
+    return (frames + step - 1) / step * 40;
+}
 
 }  // namespace
 
@@ -93,18 +110,24 @@ int runWave(int argc, char** argv) {
     if (arguments.positional().size() != 1) throw UsageError("wave needs one MEDIA file");
     WaveRequest request;
     request.media = arguments.positional()[0];
-    const int64_t stream = arguments.integer("stream", -1);
-    request.begin = arguments.requiredInteger("begin");
-    request.end = arguments.requiredInteger("end");
-    const int64_t samples = arguments.requiredInteger("samples");
-    if (stream < -1 || stream > 0xFFFF) throw UsageError("--stream needs a stream index or -1");
-    if (samples < 1 || samples > 10'000'000) throw UsageError("--samples needs a count from 1 to 10000000");
+    request.stream = static_cast<int32_t>(arguments.integer("stream", limits::stream, -1));
+    request.begin = arguments.requiredInteger("begin", limits::time);
+    request.end = arguments.requiredInteger("end", limits::time);
     if (request.end < request.begin) throw UsageError("--end must not be before --begin");
-    request.stream = static_cast<int32_t>(stream);
-    request.samples = static_cast<int32_t>(samples);
+    // Both within limits::time: the difference fits.
+    if (request.end - request.begin > limits::waveRange.max)
+        throw UsageError("--end needs a range " + rangeText(limits::waveRange) + " after --begin, not " +
+                         std::to_string(request.end - request.begin));
+    request.samples = static_cast<int32_t>(arguments.requiredInteger("samples", limits::samples));
+    const int64_t values = waveValueCount(request.begin, request.end, request.samples);
+    if (values > limits::values.max)
+        throw UsageError("--samples " + std::to_string(request.samples) + " over --begin " +
+                         std::to_string(request.begin) + " --end " + std::to_string(request.end) + " asks for " +
+                         std::to_string(values) + " values; at most " + std::to_string(limits::values.max) +
+                         " are printed");
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
-    printJson(waveJson(request));
+    printJson(namingOutOfMemory(request.media, [&] { return waveJson(request); }));
     return 0;
 }
 

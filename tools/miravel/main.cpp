@@ -2,15 +2,18 @@
 //
 // Every command prints its result as one JSON document on stdout and exits 0
 // on success, 2 on a usage error and 1 on any other failure, with a one-line
-// message on stderr. --log <severity> (or MIRAVEL_LOG) writes the library's
-// log lines to stderr; --log-file <path> to a file.
+// message on stderr (control characters in it escaped). --log <severity> (or
+// MIRAVEL_LOG) writes the library's log lines to stderr; --log-file <path> to
+// a file.
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Limits.h"
 #include "Miravel/Miravel.h"
 #include "ZorLogger/ZorLogger.h"
 
@@ -32,6 +35,8 @@ constexpr const char* kUsage =
     "options of every command: --log <severity>, --log-file <path>;\n"
     "of those that wait for the library: --timeout SECONDS (default 600)\n";
 
+std::string usage() { return std::string(kUsage) + miravel::limitsText(); }
+
 int runVersion(int argc) {
     if (argc > 2) throw miravel::UsageError("version takes no arguments");
     std::printf("{\"version\": \"%s\", \"keys\": {\"enableCalcDucking\": \"%s\"}}\n", MIRAVEL_VERSION,
@@ -51,7 +56,7 @@ int dispatch(int argc, char** argv) {
     if (command == "media") return miravel::runMedia(argc, argv);
     if (command == "demo") return miravel::runDemo(argc, argv);
     if (command == "help" || command == "--help" || command == "-h") {
-        std::fputs(kUsage, stdout);
+        std::fputs(usage().c_str(), stdout);
         return 0;
     }
     throw miravel::UsageError("unknown command '" + std::string(command) + "'");
@@ -65,10 +70,14 @@ int main(int argc, char** argv) {
     try {
         code = dispatch(argc, argv);
     } catch (const miravel::UsageError& error) {
-        std::fprintf(stderr, "miravel: %s\n%s", error.what(), kUsage);
+        std::fprintf(stderr, "miravel: %s\n%s", miravel::printable(error.what()).c_str(), usage().c_str());
         code = 2;
+    } catch (const std::bad_alloc&) {
+        // Commands name the file they were working on (namingOutOfMemory).
+        std::fputs("miravel: out of memory\n", stderr);
+        code = 1;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "miravel: %s\n", error.what());
+        std::fprintf(stderr, "miravel: %s\n", miravel::printable(error.what()).c_str());
         code = 1;
     }
     ZOR::shutdownLogging();

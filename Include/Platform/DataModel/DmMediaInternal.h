@@ -116,7 +116,8 @@ protected:
 // its modification time, so an edited file gets a new folder. time is the
 // requested media time and shown the presentation time of the frame shown,
 // both in cns (decimal, '-' for negative). Files are written whole (temporary
-// name, then rename).
+// name, then rename); a temporary whose writer died is removed by the next
+// scan of its folder.
 
 // The picture sizes the frame store takes: each side 1..16384, at most
 // 8192 x 8192 pixels in all.
@@ -138,7 +139,8 @@ ZOR_PLATFORM_API std::string frameStoreFolder(const char* mediaPath);
 ZOR_PLATFORM_API std::string frameStoreFileName(int32_t stream, int32_t width, int32_t height, int64_t time,
                                                 int64_t shown);
 // The stored frames of one stream and size in a media folder, in ascending
-// order of time (one per time; the newest file when several exist).
+// order of time (one per time; the newest file when several exist). Removes
+// the temporaries of writers that died (isAbandonedTemporary) on the way.
 ZOR_PLATFORM_API std::vector<DmStoredFrame> frameStoreScan(const std::string& folder, int32_t stream, int32_t width,
                                                            int32_t height);
 

@@ -1,4 +1,5 @@
-// ZorUtils: timing, property records, paths and folders, PNG files, sizes.
+// ZorUtils: timing, property records, paths and folders, writing files,
+// PNG files, sizes.
 //
 // Every function here is thread-safe; TimeSpan and Path objects belong to the
 // thread that uses them.
@@ -80,12 +81,58 @@ struct ZOR_PLATFORM_API PathUtil {
 };
 
 struct ZOR_PLATFORM_API DirUtil {
-    // Creates the folder and any missing parents. True when it exists afterwards.
+    // Creates the folder and any missing parents (createFolder). True when it
+    // exists afterwards.
     static bool create(const Path& dir);
     // Removes the folder and everything in it. True on success, and when there
     // was nothing to remove.
     static bool removeAll(const Path& dir);
 };
+
+// ---------------------------------------------------------------------------
+// Writing files and folders
+//
+// Every write goes through here so that the cause of a failure is known where
+// it happens: each function returns 0 or the errno of what failed, and the
+// latest failure in each folder is kept, so that whoever finds a file missing
+// later (the thread that asked for it, not the worker that wrote it) can say
+// why. A file is written whole: under the temporary name
+// "<file>.tmp-<pid>-<n>" in its own folder, flushed to disk, then renamed over
+// the file, so no reader ever sees a partial file. A temporary is removed when
+// its write fails; one whose writer died is removed by
+// removeAbandonedTemporaries.
+
+// Creates the folder and any missing parents. 0 when it is a folder
+// afterwards; otherwise the errno (ENOTDIR when a file stands in the way).
+ZOR_PLATFORM_API int32_t createFolder(const Path& dir);
+
+// Creates the folder as createFolder does, then checks that a file can be
+// written in it: a temporary file of one byte is written, flushed to disk and
+// removed. 0 or the errno.
+ZOR_PLATFORM_API int32_t checkFolderWritable(const Path& dir);
+
+// Writes size bytes as the file at path, whole (see above). 0 or the errno.
+ZOR_PLATFORM_API int32_t writeFileAtomically(const char* path, const void* data, size_t size);
+
+// The errno of the latest failed write in this process into dir (a file
+// written in it, or dir itself not created), and the path that failed; 0 (and
+// failedPath untouched) when none failed. dir is compared as written, less
+// trailing separators.
+ZOR_PLATFORM_API int32_t lastWriteFailure(const Path& dir, std::string* failedPath);
+
+// Words for the errno of a failed write: "disk full" (ENOSPC, EDQUOT),
+// "read-only file system" (EROFS), "permission denied" (EACCES, EPERM), "not a
+// folder" (ENOTDIR), otherwise strerror's text.
+ZOR_PLATFORM_API std::string writeErrorText(int32_t error);
+
+// Whether a file name is the temporary of a writer that is gone:
+// "<name>.tmp-<pid>-<n>" whose process no longer exists. The temporaries of
+// this process and of processes alive are not.
+ZOR_PLATFORM_API bool isAbandonedTemporary(const std::string& fileName);
+
+// Removes the abandoned temporaries directly in dir (not below it). Returns
+// how many were removed.
+ZOR_PLATFORM_API int32_t removeAbandonedTemporaries(const Path& dir);
 
 // ---------------------------------------------------------------------------
 // PNG files of 8-bit RGBA pixels, rows without padding
@@ -96,10 +143,10 @@ struct ZOR_PLATFORM_API DirUtil {
 // and leaves the sizes as they were.
 ZOR_PLATFORM_API int32_t loadPNG(const char* path, unsigned char** buffer, int* width, int* height);
 
-// Writes width x height RGBA pixels as a PNG file. The file is written under a
-// temporary name in the target folder and renamed into place, so no reader
-// ever sees a partial file; on failure nothing is left behind.
-// compressionLevel: 0..9, or -1 for the default. Returns 0 on success.
+// Writes width x height RGBA pixels as a PNG file. The file is written whole,
+// as writeFileAtomically writes (a failure is kept for lastWriteFailure); on
+// failure nothing is left behind. compressionLevel: 0..9, or -1 for the
+// default. Returns 0 on success.
 ZOR_PLATFORM_API int32_t dumpPNG(int width, int height, const unsigned char* buffer, const char* path,
                                  int compressionLevel);
 

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -99,6 +101,24 @@ TEST_F(DmFrameStoreTest, ScanFindsTheFramesOfOneStreamAndSize) {
     EXPECT_EQ(frames[1].shown, 360'000);
     EXPECT_EQ(frames[1].path, folder + "/" + frameStoreFileName(0, 8, 6, 400'000, 360'000));
     EXPECT_TRUE(frameStoreScan(folder_.file("nothing"), 0, 8, 6).empty());
+}
+
+TEST_F(DmFrameStoreTest, ScanRemovesTheTemporariesOfWritersThatEnded) {
+    const std::string folder = folder_.file("leftovers");
+    store(folder, frameStoreFileName(0, 8, 6, 0, 0), 8, 6);
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    const std::string ended = frameStoreFileName(0, 8, 6, 400'000, 400'000) + ".tmp-" + std::to_string(child) + "-3";
+    const std::string alive = frameStoreFileName(0, 8, 6, 800'000, 800'000) + ".tmp-" + std::to_string(::getpid()) + "-3";
+    MediaTest::writeText(folder + "/" + ended, "partial");
+    MediaTest::writeText(folder + "/" + alive, "being written");
+    const std::vector<DmStoredFrame> frames = frameStoreScan(folder, 0, 8, 6);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].time, 0);
+    EXPECT_FALSE(std::filesystem::exists(folder + "/" + ended));
+    EXPECT_TRUE(std::filesystem::exists(folder + "/" + alive));
 }
 
 TEST_F(DmFrameStoreTest, FillFramesAndThumbnailFilesReportStoredFiles) {
