@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -30,7 +31,7 @@
 // without extension:
 //     ZOR_LOG_SOURCE("modules/BaseService/Miravel/BsAudioWaveExtractWrapper")
 // and writes lines with the fully qualified function name:
-//     ZOR_LOG(4, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", t);
+//     ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", t);
 // Nothing is formatted, and no argument is evaluated, when no logger is set up
 // or the severity is off.
 #define ZOR_LOG_SOURCE(path)                                               \
@@ -51,7 +52,7 @@
     } while (false)
 
 // A line whose text is built with a string stream (pointers and booleans as
-// the stream prints them): ZOR_LOG_STREAM(4, "ZOR::A::b", "isCaching: " << flag);
+// the stream prints them): ZOR_LOG_STREAM(IBsLogger::Info, "ZOR::A::b", "isCaching: " << flag);
 #define ZOR_LOG_STREAM(severity, function, streamed)                                              \
     do {                                                                                          \
         if (::ZOR::ZorLoggerWrapper* zorLogWrapper_ = ::ZOR::loggerWrapper(0)) {                  \
@@ -239,6 +240,67 @@ Interface* zorCreateObject() {
     object->AddRef();
     return static_cast<Interface*>(object);
 }
+
+// ---------------------------------------------------------------------------
+// Owning reference
+
+// One reference to a reference-counted object, released when the holder goes:
+// the one way the library, the host, the command line and the tests hold an
+// object for a scope or as a member. T is anything reached as IDmBaseObj
+// (IDmClip, a task interface, a list). Copies add a reference each; moves
+// take it over. Not thread-safe as an object (like std::shared_ptr itself):
+// one holder is used by one thread at a time, while the object it holds may
+// be shared freely.
+template <class T>
+class ZorRef {
+public:
+    ZorRef() noexcept = default;
+    ZorRef(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): an empty holder
+
+    // Takes over a reference the caller owns (a factory's result, say).
+    static ZorRef adopt(T* object) noexcept {
+        ZorRef held;
+        held.object_ = object;
+        return held;
+    }
+    // Adds a reference of its own; empty when object is null or already dead
+    // (its AddRef gives 0).
+    static ZorRef share(T* object) noexcept {
+        ZorRef held;
+        if (object != nullptr && base(object)->AddRef() > 0) held.object_ = object;
+        return held;
+    }
+
+    ZorRef(const ZorRef& other) noexcept : object_(other.object_) {
+        if (object_ != nullptr) base(object_)->AddRef();
+    }
+    ZorRef(ZorRef&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    ZorRef& operator=(ZorRef other) noexcept {
+        std::swap(object_, other.object_);
+        return *this;
+    }
+    ~ZorRef() { reset(); }
+
+    // Releases what is held and holds adopted instead (taking over its
+    // reference).
+    void reset(T* adopted = nullptr) noexcept {
+        T* old = std::exchange(object_, adopted);
+        if (old != nullptr) base(old)->Release();
+    }
+    // Gives up the reference without releasing it, to a caller that takes it
+    // over.
+    [[nodiscard]] T* detach() noexcept { return std::exchange(object_, nullptr); }
+
+    T* get() const noexcept { return object_; }
+    T* operator->() const noexcept { return object_; }
+    explicit operator bool() const noexcept { return object_ != nullptr; }
+    friend bool operator==(const ZorRef& held, std::nullptr_t) noexcept { return held.object_ == nullptr; }
+
+private:
+    static IDmBaseObj* base(T* object) noexcept { return static_cast<IDmBaseObj*>(object); }
+
+    T* object_ = nullptr;
+};
 
 // ---------------------------------------------------------------------------
 // Weak holder

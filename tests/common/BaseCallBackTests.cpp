@@ -32,6 +32,10 @@ public:
     void notify(int value) {
         notifyCallBacks([value](ITestCallback* callback) { callback->onEvent(value); });
     }
+    template <class Each>
+    void notifyEach(Each each) {
+        notifyCallBacks(each);
+    }
     size_t size() const { return callBackCount(); }
 };
 
@@ -72,11 +76,17 @@ TEST(BaseCallBack, AddingOrRemovingNullReturns1001AndLeavesListUnchanged) {
 }
 
 TEST(BaseCallBack, NotificationWithEmptyListDoesNothing) {
+    std::vector<int> calls;
+    Recorder gone(1, &calls);
     TestList list;
+    list.addCallBack(&gone);
+    list.removeCallBack(&gone);
     int invoked = 0;
+    list.notifyEach([&invoked](ITestCallback*) { ++invoked; });
     list.notify(3);
     EXPECT_EQ(list.size(), 0u);
     EXPECT_EQ(invoked, 0);
+    EXPECT_TRUE(calls.empty());
 }
 
 TEST(BaseCallBack, CallbacksAreCalledInOrderOfFirstAddition) {

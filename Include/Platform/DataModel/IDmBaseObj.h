@@ -6,6 +6,13 @@
 
 namespace ZOR {
 
+// The result codes of every operation of Miravel and of the libraries it
+// imports: 0 is success and 1001 the single failure (a null or rejected
+// argument, a missing interface, no data). Operations that tell more say so
+// where they are declared.
+inline constexpr int32_t kResultOk = 0;
+inline constexpr int32_t kResultFailure = 1001;
+
 // Told, through its first operation, that the object it is installed on is
 // about to be destroyed (called before anything is torn down).
 class IDmReleaseNotifier {

@@ -89,6 +89,34 @@ struct ZOR_PLATFORM_API DirUtil {
     static bool removeAll(const Path& dir);
 };
 
+// Whether anything in one folder changed: an entry created, written, removed
+// or renamed. Backed by the system's change notifications, so it can say
+// "nothing changed" with certainty: a change made by any process before a
+// call of changed() returned is seen by that call or an earlier one. Owned by
+// one thread at a time (its calls are not locked).
+class ZOR_PLATFORM_API FolderWatch {
+public:
+    // Watches the folder at path (which must exist).
+    explicit FolderWatch(const Path& path);
+    ~FolderWatch();
+    FolderWatch(const FolderWatch&) = delete;
+    FolderWatch& operator=(const FolderWatch&) = delete;
+
+    // Whether changes can be told: false when the system would not watch
+    // the folder (it is missing, or too many folders are watched); then
+    // changed() always says true.
+    bool valid() const;
+    // True when something in the folder changed since the previous call (or
+    // since the watch began), and whenever the watch can no longer tell (the
+    // system dropped notifications, or the folder itself went or moved).
+    // Never blocks.
+    bool changed();
+
+private:
+    int handle_ = -1;
+    bool broken_ = true;
+};
+
 // ---------------------------------------------------------------------------
 // Writing files and folders
 //

@@ -53,28 +53,24 @@ int32_t BsAudioWaveExtractWrapper::queryAudioWave(IDmClip* clip, int64_t begin, 
     record.beginFrame = static_cast<int32_t>(frameFromCnsTime(kWaveRate, begin));
     record.endFrame = static_cast<int32_t>(frameFromCnsTime(kWaveRate, end));
     const int64_t frames = int64_t{record.endFrame} - record.beginFrame;
-    if (frames > samples && samples < 1) {
-        // A non-empty range needs at least one sample: there is no step to
-        // divide it into otherwise.
-        ZOR_LOG(6, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "samples:%d for [%lld %lld] rejected", samples,
-                static_cast<long long>(begin), static_cast<long long>(end));
-        return 1001;
-    }
+    // Kept beyond the caller's precondition: a non-empty range with fewer
+    // than one sample would divide by zero below.
+    if (frames > samples && samples < 1) return kResultFailure;
     record.frameStep = frames > samples ? static_cast<int32_t>(frames / samples) : 1;
 
     addRefClip(clip);  // held for the duration of the call
-    ZOR_LOG(4, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "query wav clip id %lld type:%d [%lld %lld] samples:%d",
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "query wav clip id %lld type:%d [%lld %lld] samples:%d",
             pointerValue(clip), clip != nullptr ? clip->clipType() : 0, static_cast<long long>(begin),
             static_cast<long long>(end), samples);
 
     int64_t newToken = token != nullptr ? *token : -1;
-    int32_t result = 1001;
+    int32_t result = kResultFailure;
     if (task_) {
         if (task_->isStarted() == 0) task_->start();
         result = task_->append(&record, &newToken);
     }
     if (token != nullptr) *token = newToken;
-    ZOR_LOG(1, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", static_cast<long long>(newToken));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", static_cast<long long>(newToken));
 
     pending_.store(newToken, PendingQuery{clip, begin, end, samples, record});
     releaseClip(clip);
@@ -89,7 +85,7 @@ int32_t BsAudioWaveExtractWrapper::cancelQueryOfClip(IDmClip* clip) {
 }
 
 int32_t BsAudioWaveExtractWrapper::cancelQuery(int64_t token) {
-    ZOR_LOG(1, "ZOR::BsAudioWaveExtractWrapper::cancelQuery", "cancelQuery token:%lld", static_cast<long long>(token));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::cancelQuery", "cancelQuery token:%lld", static_cast<long long>(token));
     if (!task_) return 0;
     if (token == -1) {
         // Every pending request; the entries stay until the task reports them.
@@ -102,13 +98,13 @@ int32_t BsAudioWaveExtractWrapper::cancelQuery(int64_t token) {
 }
 
 int32_t BsAudioWaveExtractWrapper::pauseQuery() {
-    ZOR_LOG(1, "ZOR::BsAudioWaveExtractWrapper::pauseQuery", "pauseQuery");
-    return task_ ? task_->pause() : 1001;
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::pauseQuery", "pauseQuery");
+    return task_ ? task_->pause() : kResultFailure;
 }
 
 int32_t BsAudioWaveExtractWrapper::resumeQuery() {
-    ZOR_LOG(1, "ZOR::BsAudioWaveExtractWrapper::resumeQuery", "resumeQuery");
-    return task_ ? task_->resume() : 1001;
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::resumeQuery", "resumeQuery");
+    return task_ ? task_->resume() : kResultFailure;
 }
 
 void BsAudioWaveExtractWrapper::notify(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) {
@@ -120,21 +116,21 @@ void BsAudioWaveExtractWrapper::notify(int64_t token, int32_t status, const void
 int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                   const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    ZOR_LOG(4, "ZOR::BsAudioWaveExtractWrapper::processChanged", "status %d token:%lld", status,
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
-    if (status != 2 && status != 3 && status != 4 && status != 7) return 0;
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
 
     std::optional<PendingQuery> taken = pending_.take(token);  // takes over the entry's reference
     if (!taken) return 0;
     const PendingQuery& query = *taken;
 
-    if (status == 3 || status == 4) {
+    if (status == BsTaskFailed || status == BsTaskCancelled) {
         notify(token, status, nullptr, 0, 0);
-    } else if (status == 7) {
+    } else if (status == BsTaskResubmit) {
         int64_t newToken = token;
         if (task_) task_->append(&query.record, &newToken);
         pending_.store(newToken, query);
-        notify(newToken, 7, nullptr, 0, 0);
+        notify(newToken, BsTaskResubmit, nullptr, 0, 0);
     } else {
         readFinished(token, query);
     }
@@ -143,14 +139,15 @@ int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t 
 }
 
 void BsAudioWaveExtractWrapper::readFinished(int64_t token, const PendingQuery& query) {
-    // A null clip is accepted at query time; it has nothing to read.
+    // The cast is tested, though a clip that reaches a finished report is an
+    // audio clip: a null clip, accepted at query time, would be dereferenced.
     auto* feature = dynamic_cast<IDmAudioFeature*>(query.clip);
     if (feature == nullptr) return;
     int32_t perFrame = 0;
     if (feature->valueCountPerFrame(&perFrame, kWaveRate.num, kWaveRate.den) != 0) return;
 
-    IZORLonglongList* frames = createZORLonglongList();
-    if (frames == nullptr) return;
+    const ZorRef<IZORLonglongList> frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
+    if (!frames) return;
     const BsWaveTaskRecord& record = query.record;
     for (int64_t frame = record.beginFrame; frame < record.endFrame; frame += record.frameStep)
         frames->append(frame);
@@ -161,14 +158,13 @@ void BsAudioWaveExtractWrapper::readFinished(int64_t token, const PendingQuery& 
     std::unique_ptr<float[]> buffer;
     if (count >= 0 && count <= std::numeric_limits<int32_t>::max())
         buffer.reset(new (std::nothrow) float[static_cast<size_t>(count > 0 ? count : 1)]());
-    if (buffer && feature->fillValues(frames, kWaveRate.num, kWaveRate.den, buffer.get()) == 0) {
-        ZOR_LOG(4, "ZOR::BsAudioWaveExtractWrapper::processChanged", "finsh wav clip id %lld finish %lld %lld samples:%d",
+    if (buffer && feature->fillValues(frames.get(), kWaveRate.num, kWaveRate.den, buffer.get()) == 0) {
+        ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged", "finsh wav clip id %lld finish %lld %lld samples:%d",
                 pointerValue(query.clip), static_cast<long long>(query.begin), static_cast<long long>(query.end),
                 static_cast<int32_t>(query.samples));
         const int64_t span = (int64_t{record.endFrame} - record.beginFrame) * perFrame;
-        notify(token, 2, buffer.get(), static_cast<int32_t>(count), static_cast<int32_t>(span));
+        notify(token, BsTaskFinished, buffer.get(), static_cast<int32_t>(count), static_cast<int32_t>(span));
     }
-    frames->Release();
 }
 
 }  // namespace ZOR

@@ -8,7 +8,6 @@
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsPendingRequests.h"
-#include "BsTaskReference.h"
 #include "Common/ZorInternalComUtility.h"
 #include "Miravel/IBsAudioWaveExtractWrapper.h"
 
@@ -52,7 +51,7 @@ private:
     void readFinished(int64_t token, const PendingQuery& query);
 
     // Declared first so that it is released last, after the pending requests.
-    BsTaskReference<IBsAudioWaveExtractTask> task_;
+    ZorRef<IBsAudioWaveExtractTask> task_;
     BsPendingRequests<PendingQuery> pending_;
 };
 

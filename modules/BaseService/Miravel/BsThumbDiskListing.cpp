@@ -1,17 +1,10 @@
 #include "BsThumbDiskListing.h"
 
 #include <charconv>
-#include <chrono>
+#include <filesystem>
 #include <system_error>
 
 namespace ZOR {
-
-namespace {
-
-// Longer than the tick of any file system clock in use (jiffies: 1 to 10 ms).
-constexpr auto kRacyMargin = std::chrono::milliseconds(50);
-
-}  // namespace
 
 std::string BsThumbDiskListing::fileName(int64_t frameIndex, uint64_t box) {
     std::string name = std::to_string(frameIndex);
@@ -30,38 +23,38 @@ std::string BsThumbDiskListing::fileName(int64_t frameIndex, uint64_t box) {
 std::shared_ptr<const BsThumbDiskListing::Listing> BsThumbDiskListing::current(const std::string& dir, uint64_t box) {
     // The generation first: a change told after this is seen next time.
     const uint64_t generation = generation_.load();
-    std::error_code error;
-    const auto modified = std::filesystem::last_write_time(dir, error);
-    if (error) return nullptr;
-    std::shared_ptr<const Listing> held;
-    {
-        std::unique_lock<std::mutex> guard(lock_, std::try_to_lock);
-        if (guard.owns_lock()) held = latest_;
+    std::unique_lock<std::mutex> guard(lock_, std::try_to_lock);
+    if (!guard.owns_lock()) return nullptr;
+    if (!watch_ || watchedDir_ != dir) {
+        // Watched before it is read: a change after this is told.
+        latest_.reset();
+        watch_ = std::make_unique<FolderWatch>(Path(dir));
+        watchedDir_ = dir;
     }
-    if (held && held->dir == dir && held->box == box && held->modified == modified &&
-        held->generation == generation &&
-        (!held->racy || std::filesystem::file_time_type::clock::now() - modified < kRacyMargin))
-        return held;
-    std::shared_ptr<const Listing> fresh = read(dir, box, modified, generation);
-    if (fresh) {
-        std::unique_lock<std::mutex> guard(lock_, std::try_to_lock);
-        if (guard.owns_lock()) latest_.swap(held = fresh);
+    if (!watch_->valid()) {
+        // The folder may appear later: watch it anew next time.
+        watch_.reset();
+        return nullptr;
     }
-    // The listing replaced (if any) goes here, after the lock.
-    return fresh;
+    // Drained before reading: whatever changes from here on is told next time.
+    const bool changedOnDisk = watch_->changed();
+    if (!watch_->valid()) {
+        watch_.reset();
+        latest_.reset();
+        return nullptr;
+    }
+    if (latest_ && !changedOnDisk && latest_->box == box && latest_->generation == generation) return latest_;
+    // Read under the lock, which others only try: nobody waits for it.
+    latest_ = read(dir, box, generation);
+    return latest_;
 }
 
-std::shared_ptr<const BsThumbDiskListing::Listing> BsThumbDiskListing::read(
-    const std::string& dir, uint64_t box, std::filesystem::file_time_type modified, uint64_t generation) {
+std::shared_ptr<const BsThumbDiskListing::Listing> BsThumbDiskListing::read(const std::string& dir, uint64_t box,
+                                                                             uint64_t generation) {
     auto listing = std::make_shared<Listing>();
     listing->dir = dir;
     listing->box = box;
-    listing->modified = modified;
     listing->generation = generation;
-    // Read within the margin of the folder's time: a file added in the same
-    // tick would not change that time, so this listing is read again once
-    // the margin has passed.
-    listing->racy = std::filesystem::file_time_type::clock::now() - modified < kRacyMargin;
 
     const std::string suffix = fileName(0, box).substr(1);  // "_W_H.png" or ".png"
     std::error_code error;

@@ -1,23 +1,23 @@
 // What the media thumbnail folder holds, so that looking for the nearest
-// picture on disk costs one stat of the folder instead of one stat per
-// candidate file.
+// picture on disk need not ask the disk for every candidate file.
 //
-// A listing names the frame indices whose files exist for one folder and
-// one box size. It is read again when the folder's modification time
-// changes. A file system stamps that time with a coarse clock, so a file
-// added within the same tick as the listing was read would leave it
-// unchanged: a listing read within kRacyMargin of the folder's time is
-// read again once that margin has passed. The manager's own writes and
-// removals are told with changed(), which no clock can hide.
+// A listing names the frame indices whose files exist for one folder and one
+// box size. It answers only while it cannot be stale: the folder is watched
+// through the system's change notifications (ZorUtils' FolderWatch), and a
+// listing is read again whenever anything in the folder changed since it was
+// read, or when the manager says it wrote or removed a file. Where the folder
+// cannot be watched, or another thread is using the listing, there is no
+// listing and the caller asks the disk for each candidate.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_set>
+
+#include "ZorUtils/ZorUtils.h"
 
 namespace ZOR {
 
@@ -25,9 +25,7 @@ class BsThumbDiskListing {
 public:
     struct Listing {
         std::string dir;
-        uint64_t box = 0;  // width in the high half
-        std::filesystem::file_time_type modified{};
-        bool racy = false;
+        uint64_t box = 0;         // width in the high half
         uint64_t generation = 0;  // changed() calls before it was read
         std::unordered_set<int64_t> indices;
     };
@@ -36,10 +34,9 @@ public:
     // "49_320_180.png", or "49.png" when a side is below 1.
     static std::string fileName(int64_t frameIndex, uint64_t box);
 
-    // The listing of dir for box, read again when it may be out of date.
-    // Null when the folder cannot be read (then nothing is on disk, or the
-    // caller asks each file). Never waits for another thread: when one is
-    // storing a listing, this one is read and not kept.
+    // The listing of dir for box, read again when anything changed. Null
+    // when it cannot be known to be current (the folder is missing or not
+    // watched) or another thread is using it: never waits.
     std::shared_ptr<const Listing> current(const std::string& dir, uint64_t box);
 
     // A file was written or removed under a cache folder: listings read
@@ -47,11 +44,12 @@ public:
     void changed() { generation_.fetch_add(1); }
 
 private:
-    static std::shared_ptr<const Listing> read(const std::string& dir, uint64_t box,
-                                               std::filesystem::file_time_type modified, uint64_t generation);
+    static std::shared_ptr<const Listing> read(const std::string& dir, uint64_t box, uint64_t generation);
 
     std::atomic<uint64_t> generation_{0};
-    std::mutex lock_;  // leaf, try-locked only: guards latest_
+    std::mutex lock_;  // leaf, try-locked only: guards the three below
+    std::string watchedDir_;
+    std::unique_ptr<FolderWatch> watch_;
     std::shared_ptr<const Listing> latest_;
 };
 

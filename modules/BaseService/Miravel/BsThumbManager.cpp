@@ -28,7 +28,7 @@ std::string textOf(const char* buffer, size_t size) {
 
 }  // namespace
 
-BsThumbManager::BsThumbManager() { adapter_ = createThumbAdapter(); }
+BsThumbManager::BsThumbManager() : adapter_(ZorRef<IThumbAdapter>::adopt(createThumbAdapter())) {}
 
 BsThumbManager::~BsThumbManager() {
     stopWorker();
@@ -36,16 +36,15 @@ BsThumbManager::~BsThumbManager() {
         std::lock_guard<std::mutex> guard(mutex_);
         callbacks_.clear();
     }
-    IDmBaseObj* object = nullptr;
+    ZorRef<IDmBaseObj> object;
     {
         std::lock_guard<std::mutex> guard(mediaLock_);
-        object = std::exchange(currentObject_, nullptr);
+        object = std::move(currentObject_);
     }
-    if (object != nullptr) object->Release();
-    if (adapter_ != nullptr) {
+    object.reset();
+    if (adapter_) {
         if (adapterOpen_.exchange(false)) adapter_->close();
-        adapter_->Release();
-        adapter_ = nullptr;
+        adapter_.reset();
     }
 }
 
@@ -57,30 +56,29 @@ void* BsThumbManager::queryInterface(const char* name) {
 // The adapter and its media
 
 int32_t BsThumbManager::setMediaPath(const char* path) {
-    IDmBaseObj* released = nullptr;
+    ZorRef<IDmBaseObj> released;
     {
         std::lock_guard<std::mutex> guard(mediaLock_);
         currentPath_ = path != nullptr ? path : "";
-        released = std::exchange(currentObject_, nullptr);
+        released = std::move(currentObject_);
     }
-    if (released != nullptr) released->Release();
-    return adapter_ != nullptr ? adapter_->setMediaPath(path) : 1001;
+    released.reset();
+    return adapter_ ? adapter_->setMediaPath(path) : kResultFailure;
 }
 
 int32_t BsThumbManager::setMediaObject(IDmBaseObj* object) {
-    if (object != nullptr) object->AddRef();
-    IDmBaseObj* released = nullptr;
+    ZorRef<IDmBaseObj> released = ZorRef<IDmBaseObj>::share(object);
     {
         std::lock_guard<std::mutex> guard(mediaLock_);
-        released = std::exchange(currentObject_, object);
+        std::swap(released, currentObject_);
         currentPath_.clear();
     }
-    if (released != nullptr) released->Release();
+    released.reset();
     int64_t handle = 0;
     if (object != nullptr)
         if (auto* internal = static_cast<IDmTimelineInternal*>(object->queryInterface("IDmTimelineInternal")))
             handle = internal->adapterHandle();
-    return adapter_ != nullptr ? adapter_->setMediaObject(handle) : 1001;
+    return adapter_ ? adapter_->setMediaObject(handle) : kResultFailure;
 }
 
 int32_t BsThumbManager::setThumbSize(int32_t width, int32_t height) {
@@ -92,23 +90,23 @@ int32_t BsThumbManager::setThumbSize(int32_t width, int32_t height) {
 }
 
 int32_t BsThumbManager::adapterOutputSize(int32_t* width, int32_t* height) {
-    return adapter_ != nullptr ? adapter_->outputSize(width, height) : 1001;
+    return adapter_ ? adapter_->outputSize(width, height) : kResultFailure;
 }
 int32_t BsThumbManager::setAdapterSeekMode(int32_t mode) {
-    return adapter_ != nullptr ? adapter_->setSeekMode(mode) : 1001;
+    return adapter_ ? adapter_->setSeekMode(mode) : kResultFailure;
 }
-int32_t BsThumbManager::adapterSeekMode(int32_t* mode) { return adapter_ != nullptr ? adapter_->seekMode(mode) : 1001; }
+int32_t BsThumbManager::adapterSeekMode(int32_t* mode) { return adapter_ ? adapter_->seekMode(mode) : kResultFailure; }
 
 int32_t BsThumbManager::open() {
-    if (adapter_ == nullptr) return 1001;
-    IDmBaseObj* object = nullptr;
+    if (!adapter_) return kResultFailure;
+    ZorRef<IDmBaseObj> held;
     std::string path;
     {
         std::lock_guard<std::mutex> guard(mediaLock_);
-        object = currentObject_;
-        if (object != nullptr) object->AddRef();
+        held = currentObject_;
         path = currentPath_;
     }
+    IDmBaseObj* object = held.get();
     int32_t width = 0;
     int32_t height = 0;
     int32_t streamId = 0;
@@ -121,15 +119,14 @@ int32_t BsThumbManager::open() {
                                               settings.ratioNum);
             }
         }
-        object->Release();
+        held.reset();
     } else if (IDmFactory* factory = getDmFactoryInstance()) {
-        if (IDmMediaInfo* info = factory->createMediaInfo(path.c_str())) {
+        if (ZorRef<IDmMediaInfo> info = ZorRef<IDmMediaInfo>::adopt(factory->createMediaInfo(path.c_str()))) {
             ZorProperty value;
             if (info->getProperty(mediaInfoKey::width, &value) == 0) width = static_cast<int32_t>(value.intValue);
             if (info->getProperty(mediaInfoKey::height, &value) == 0) height = static_cast<int32_t>(value.intValue);
             if (info->getProperty(mediaInfoKey::vid_stream_id, &value) == 0)
                 streamId = static_cast<int32_t>(value.intValue);
-            info->Release();
         }
     }
     int32_t fittedWidth = 0;
@@ -144,7 +141,7 @@ int32_t BsThumbManager::open() {
     // unreadable, so that its task completes instead of being retried.
     if (!fitted) {
         adapterOpen_.store(false);
-        return 1001;
+        return kResultFailure;
     }
     adapter_->setOutputSize(fittedWidth, fittedHeight);
     const int32_t result = adapter_->open(streamId);
@@ -153,21 +150,21 @@ int32_t BsThumbManager::open() {
 }
 
 int32_t BsThumbManager::close() {
-    if (!adapterOpen_.exchange(false)) return 1001;
-    return adapter_ != nullptr ? adapter_->close() : 1001;
+    if (!adapterOpen_.exchange(false)) return kResultFailure;
+    return adapter_ ? adapter_->close() : kResultFailure;
 }
 
 int32_t BsThumbManager::getAdapterFrame(int64_t time, unsigned char* buffer, int64_t bufferSize) {
-    if (!adapterOpen_.load() || adapter_ == nullptr) return 1001;
+    if (!adapterOpen_.load() || !adapter_) return kResultFailure;
     return adapter_->frameAt(time, buffer, bufferSize);
 }
 
 int32_t BsThumbManager::adapterDuration(int64_t* duration) {
-    return adapter_ != nullptr ? adapter_->mediaDuration(duration, 0) : 1001;
+    return adapter_ ? adapter_->mediaDuration(duration, 0) : kResultFailure;
 }
 
 int32_t BsThumbManager::adapterFrameRate(int64_t* num, int64_t* den) {
-    return adapter_ != nullptr ? adapter_->frameRate(num, den, 0) : 1001;
+    return adapter_ ? adapter_->frameRate(num, den, 0) : kResultFailure;
 }
 
 // ---------------------------------------------------------------------------
@@ -204,14 +201,14 @@ int32_t BsThumbManager::setMaxTasks(int32_t count) {
 }
 
 int32_t BsThumbManager::addCallback(IBsThumbManagerCallback* callback) {
-    if (callback == nullptr) return 1001;
+    if (callback == nullptr) return kResultFailure;
     std::lock_guard<std::mutex> guard(mutex_);
     if (std::find(callbacks_.begin(), callbacks_.end(), callback) == callbacks_.end()) callbacks_.push_back(callback);
     return 0;
 }
 
 int32_t BsThumbManager::removeCallback(IBsThumbManagerCallback* callback) {
-    if (callback == nullptr) return 1001;
+    if (callback == nullptr) return kResultFailure;
     std::lock_guard<std::mutex> guard(mutex_);
     auto found = std::find(callbacks_.begin(), callbacks_.end(), callback);
     if (found != callbacks_.end()) callbacks_.erase(found);
@@ -272,18 +269,18 @@ std::string BsThumbManager::findThumbnail(const std::string& dir, int64_t index,
 }
 
 int32_t BsThumbManager::clearCache(const char* rootDir) {
-    if (rootDir == nullptr) return 1001;
+    if (rootDir == nullptr) return kResultFailure;
     bool inUse = false;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         for (const auto& task : queue_)
             if (std::strcmp(textOf(task->request.rootDir, kPathBytes).c_str(), rootDir) == 0) inUse = true;
     }
-    ZOR_LOG_STREAM(4, "ZOR::BsThumbManager::clearCache", "isCaching: " << std::boolalpha << inUse);
-    if (inUse) return 1001;
+    ZOR_LOG_STREAM(IBsLogger::Info, "ZOR::BsThumbManager::clearCache", "isCaching: " << std::boolalpha << inUse);
+    if (inUse) return kResultFailure;
     const bool removed = DirUtil::removeAll(Path(thumbnailDir(rootDir)));
     diskListing_.changed();
-    return removed ? 0 : 1001;
+    return removed ? 0 : kResultFailure;
 }
 
 // ---------------------------------------------------------------------------
@@ -318,11 +315,11 @@ bool BsThumbManager::sameMedia(const _ThumbTask& task, const MediaThumbRequest& 
 }
 
 int32_t BsThumbManager::getFrame(const MediaThumbRequest* request, double position, char* outPath) {
-    if (request == nullptr || outPath == nullptr) return 1001;
-    if (request->mediaPath[0] == '\0' && request->mediaObject == 0) return 1001;
-    if (request->duration < 1) return 1001;
+    if (request == nullptr || outPath == nullptr) return kResultFailure;
+    if (request->mediaPath[0] == '\0' && request->mediaObject == 0) return kResultFailure;
+    if (request->duration < 1) return kResultFailure;
     // A position that is not a number names no picture.
-    if (std::isnan(position)) return 1001;
+    if (std::isnan(position)) return kResultFailure;
 
     const std::string rootDir = textOf(request->rootDir, kPathBytes);
     const std::string cacheDir = thumbnailDir(rootDir.c_str());
@@ -338,7 +335,7 @@ int32_t BsThumbManager::getFrame(const MediaThumbRequest* request, double positi
 
     bool found = false;
     const std::string path = findThumbnail(cacheDir, index, count / 2, &found);
-    int32_t result = 1001;
+    int32_t result = kResultFailure;
     if (PathUtil::exists(Path(path))) {
         zor_strcpy(outPath, kPathBytes, path.c_str());
         result = 0;
@@ -377,8 +374,8 @@ int32_t BsThumbManager::getFrame(const MediaThumbRequest* request, double positi
 
 int32_t BsThumbManager::stopGetFrame(const MediaThumbRequest* request) {
     if (request == nullptr || (request->mediaObject == 0 && request->mediaPath[0] == '\0')) {
-        ZOR_LOG(6, "ZOR::BsThumbManager::stopGetFrame", "param invalid.");
-        return 1001;
+        ZOR_LOG(IBsLogger::Error, "ZOR::BsThumbManager::stopGetFrame", "param invalid.");
+        return kResultFailure;
     }
     interrupt_.store(1);
     std::shared_ptr<_ThumbTask> removed;  // released after the lock
@@ -462,7 +459,7 @@ void BsThumbManager::planReadAhead(const _ThumbTask& task) {
         if (!PathUtil::exists(Path(thumbnailPath(task.cacheDir, frameIndex))))
             times.push_back(frameTime(task, frameIndex));
     }
-    if (adapter_ != nullptr) adapter_->readAhead(times.data(), static_cast<int32_t>(times.size()));
+    if (adapter_) adapter_->readAhead(times.data(), static_cast<int32_t>(times.size()));
 }
 
 void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
@@ -480,7 +477,7 @@ void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
         // The adapter must hold this media, fitted into the current box (the
         // file names carry the box, so must the pictures).
         std::lock_guard<std::mutex> guard(mediaLock_);
-        holds = currentPath_ == task.mediaPath && reinterpret_cast<uint64_t>(currentObject_) == task.mediaObject &&
+        holds = currentPath_ == task.mediaPath && reinterpret_cast<uint64_t>(currentObject_.get()) == task.mediaObject &&
                 adapterOpen_.load() && openedBox_.load() == box;
     }
     if (!holds) {

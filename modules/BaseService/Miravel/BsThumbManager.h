@@ -98,10 +98,10 @@ private:
     void ensureWorker();
     static bool sameMedia(const _ThumbTask& task, const MediaThumbRequest& request);
 
-    IThumbAdapter* adapter_ = nullptr;  // one reference
+    ZorRef<IThumbAdapter> adapter_;
     std::mutex mediaLock_;              // leaf: guards the two fields below
     std::string currentPath_;
-    IDmBaseObj* currentObject_ = nullptr;  // one reference
+    ZorRef<IDmBaseObj> currentObject_;
 
     std::mutex mutex_;  // guards the fields down to callbacks_; held while telling callbacks
     int32_t thumbWidth_ = 320;

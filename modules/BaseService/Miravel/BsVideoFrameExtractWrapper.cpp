@@ -49,7 +49,7 @@ int32_t BsVideoFrameExtractWrapper::queryVideoFrame(IDmClip* clip, int32_t first
     std::vector<int64_t> copy;
     if (times != nullptr) copy.assign(times, times + count);
     int64_t newToken = token != nullptr ? *token : -1;
-    int32_t result = 1001;
+    int32_t result = kResultFailure;
     if (task_) {
         if (task_->isStarted() == 0) task_->start();
         result = task_->append(asBase(clip), copy.data(), static_cast<int32_t>(copy.size()), &newToken, first,
@@ -101,28 +101,28 @@ void BsVideoFrameExtractWrapper::notify(int64_t token, int32_t status, const int
 int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                    const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    if (status != 1)
-        ZOR_LOG(4, "ZOR::BsVideoFrameExtractWrapper::processChanged", "status %d token:%lld", status,
+    if (status != BsTaskProgress)
+        ZOR_LOG(IBsLogger::Info, "ZOR::BsVideoFrameExtractWrapper::processChanged", "status %d token:%lld", status,
                 static_cast<long long>(token));
-    if (status != 2 && status != 3 && status != 4 && status != 7) return 0;
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
 
     std::optional<PendingQuery> taken = pending_.take(token);  // takes over the entry's reference
     if (!taken) {
-        ZOR_LOG(6, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find token %lld",
+        ZOR_LOG(IBsLogger::Error, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find token %lld",
                 static_cast<long long>(token));
         return 0;
     }
     const PendingQuery& query = *taken;
 
-    if (status == 3 || status == 4) {
+    if (status == BsTaskFailed || status == BsTaskCancelled) {
         notify(token, status, nullptr, nullptr, 0);
-    } else if (status == 7) {
+    } else if (status == BsTaskResubmit) {
         int64_t newToken = token;
         if (task_)
             task_->append(asBase(query.clip), query.times.data(), static_cast<int32_t>(query.times.size()), &newToken,
                           query.first, query.second, 0);
         pending_.store(newToken, query);
-        notify(newToken, 7, nullptr, nullptr, 0);
+        notify(newToken, BsTaskResubmit, nullptr, nullptr, 0);
     } else {
         readFinished(token, query);
     }
@@ -133,7 +133,7 @@ int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t
 void BsVideoFrameExtractWrapper::readFinished(int64_t token, const PendingQuery& query) {
     auto* feature = dynamic_cast<IDmVideoFeature*>(query.clip);
     if (feature == nullptr) {
-        ZOR_LOG(6, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find videoFeature %lld",
+        ZOR_LOG(IBsLogger::Error, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find videoFeature %lld",
                 pointerValue(query.clip));
         return;
     }
@@ -145,7 +145,7 @@ void BsVideoFrameExtractWrapper::readFinished(int64_t token, const PendingQuery&
     feature->prepareFrames(query.first, query.second, kFrameRate.num, kFrameRate.den);
     // Callbacks are told whatever the fill gave, even nothing.
     feature->fillFrames(query.times.data(), static_cast<int32_t>(count), frames.get(), shown.get(), &filled);
-    notify(token, 2, query.times.data(), frames.get(), static_cast<int32_t>(count));
+    notify(token, BsTaskFinished, query.times.data(), frames.get(), static_cast<int32_t>(count));
 }
 
 }  // namespace ZOR

@@ -8,7 +8,6 @@
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsPendingRequests.h"
-#include "BsTaskReference.h"
 #include "Common/ZorInternalComUtility.h"
 #include "Miravel/IBsVideoFrameExtractWrapper.h"
 
@@ -54,7 +53,7 @@ private:
     void readFinished(int64_t token, const PendingQuery& query);
 
     // Declared first so that it is released last, after the pending requests.
-    BsTaskReference<IBsVideoFrameExtractTask> task_;
+    ZorRef<IBsVideoFrameExtractTask> task_;
     BsPendingRequests<PendingQuery> pending_;
 };
 

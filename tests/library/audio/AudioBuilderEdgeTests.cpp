@@ -6,6 +6,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AudioEdgeSupport.h"
@@ -44,6 +45,23 @@ TEST_F(AudioEdgeTest, FirstAcceptedQueryStartsTheWorkerAndAnUnqueriedBuilderNeve
     EXPECT_TRUE(builder().workerStarted());
     ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
     EXPECT_TRUE(builder().workerStarted());
+}
+
+// With nothing queued the worker's wait ends by its time-out and the loop goes
+// round again: rounds go on while no message arrives.
+TEST_F(AudioEdgeTest, TheWorkerWakesWithinItsWaitWithNothingQueued) {
+    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    RecordingQueryer queryer;
+    ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, kSecond, 4), 0);
+    ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
+    ASSERT_TRUE(drainWorker());
+    const size_t deliveries = queryer.callback.deliveries().size();
+    const uint64_t before = builder().workerRounds();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (builder().workerRounds() < before + 3 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_GE(builder().workerRounds(), before + 3);
+    EXPECT_EQ(queryer.callback.deliveries().size(), deliveries);  // the rounds brought nothing
 }
 
 TEST_F(AudioEdgeTest, TwoQueryersOfOneClipShareItsEntryAndWaveHandleAndGetTheirOwnRanges) {

@@ -223,6 +223,7 @@ TEST_F(AudioDucking, QueryerThatDoesNotAskForDuckingGetsNone) {
     FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 4, /*ducking=*/false);
+    ASSERT_EQ(values.size(), 4u);
     for (float v : values) EXPECT_EQ(v, 0.5f);
 }
 
@@ -257,6 +258,7 @@ TEST_F(AudioDucking, DuckingSourceIsNeverDuckedItself) {
     FakeTimelineClip* voice = addDucker(0, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     addDucker(1, "other voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(voice, 0, 10 * kSecond, 4);
+    ASSERT_EQ(values.size(), 4u);
     for (float v : values) EXPECT_EQ(v, 0.5f);
 }
 
@@ -265,6 +267,7 @@ TEST_F(AudioDucking, FadeRatioOneKeepsTheWholeFadeInsideTheInterval) {
     addDucker(1, "voice", 2 * kSecond, 8 * kSecond, 0.8f, 1.0f, 1.0f);
     // Points every 0.5 s.
     const auto values = query(ducked, 0, 10 * kSecond, 20);
+    ASSERT_EQ(values.size(), 20u);
     Expectation e;
     e.ducks = {{2 * kSecond, 8 * kSecond, static_cast<double>(0.8f), 1.0, 1.0}};
     expectSameFloats(values, expectedValues(e, 0, 10 * kSecond, 20, kHalf));
@@ -278,6 +281,7 @@ TEST_F(AudioDucking, FadeRatioZeroPutsTheWholeFadeOutsideWithFullDepthFromBeginT
     FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 2 * kSecond, 8 * kSecond, 0.8f, 1.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 20);
+    ASSERT_EQ(values.size(), 20u);
     Expectation e;
     e.ducks = {{2 * kSecond, 8 * kSecond, static_cast<double>(0.8f), 1.0, 0.0}};
     expectSameFloats(values, expectedValues(e, 0, 10 * kSecond, 20, kHalf));
@@ -294,6 +298,7 @@ TEST_F(AudioDucking, IntervalShorterThanTwiceTheInnerFadeReachesFullDepthOnlyAtI
     // 2 s long, 4 s of fade all inside: h = 1 s.
     addDucker(1, "voice", 4 * kSecond, 6 * kSecond, 0.6f, 4.0f, 1.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 40);
+    ASSERT_EQ(values.size(), 40u);
     Expectation e;
     e.ducks = {{4 * kSecond, 6 * kSecond, static_cast<double>(0.6f), 4.0, 1.0}};
     expectSameFloats(values, expectedValues(e, 0, 10 * kSecond, 40, kHalf));

@@ -153,6 +153,9 @@ TEST_F(ServiceEdge, AcquiringOneTimelineTwiceRegistersTheCallbacksOnceAndLogsOnc
     service->cancelVideoThumbnailQuery(movie(a_));
     const auto impl = concrete(service)->acquire(a_);
     EXPECT_EQ(acquireLines(capture.sink()).size(), 1u);
+    // One audio callback, registered once though the timeline was acquired
+    // three times.
+    EXPECT_EQ(impl->callbackRegistrations(), 1);
     impl->onAudioThumbnailNotice(tone(a_));
     EXPECT_EQ(notices.notices(), std::vector<IDmClip*>{tone(a_)});
 }
@@ -241,7 +244,9 @@ TEST_F(ServiceEdge, DestroyingTheLastServiceCancelsItsQueriesAndDestroysTheImplA
     auto task = lastAudioTask();
     ASSERT_EQ(task->appends().size(), 1u);
     const int64_t token = task->appends()[0].token;
-    const std::string implHex = hex(concrete(service)->acquire(a_).get());
+    // Held past the service, to see what the service left on it.
+    auto held = concrete(service)->acquire(a_);
+    const std::string implHex = hex(held.get());
     const std::string serviceHex = queryerHex(service);
     const int32_t timelineReferences = a_->refCount();
 
@@ -249,6 +254,10 @@ TEST_F(ServiceEdge, DestroyingTheLastServiceCancelsItsQueriesAndDestroysTheImplA
 
     const std::vector<int64_t> cancels = task->cancels();
     EXPECT_EQ(std::count(cancels.begin(), cancels.end(), token), 1);
+    // The service's callback is off the Impl: a notice reaches nobody.
+    held->onAudioThumbnailNotice(tone(a_));
+    EXPECT_TRUE(notices.notices().empty());
+    held.reset();
     EXPECT_EQ(BsClipThumbnailServiceRegistry::instance().size(), 0u);
     EXPECT_EQ(a_->refCount(), timelineReferences - 1);
     std::vector<std::string> texts = capture.sink().texts();
@@ -264,7 +273,10 @@ TEST_F(ServiceEdge, AnyOfTheThirteenEventsMakesEveryLiveImplReportEvenForAnother
     IBsClipThumbnailService* service = newService();
     service->addAudioClipThumbnailCallback(&notices);
     ASSERT_EQ(service->queryAudioThumbnailData(tone(a_), 0, 10'000'000, 10), 0);
+    ASSERT_EQ(service->queryAudioThumbnailData(tone(b_), 0, 10'000'000, 10), 0);
     const auto impl = concrete(service)->acquire(a_);
+    const auto other = concrete(service)->acquire(b_);
+    ASSERT_NE(impl, other);
     const char* keys[] = {timelineEventKey::dataChanged,       timelineEventKey::trackPropertyChanged,
                           clipEventKey::videoPropertyChanged,  clipEventKey::audioPropertyChanged,
                           clipEventKey::basePropertyChanged,   clipEventKey::multiCameraPropertyChanged,
@@ -274,15 +286,23 @@ TEST_F(ServiceEdge, AnyOfTheThirteenEventsMakesEveryLiveImplReportEvenForAnother
                           undoRedoEventKey::stackChanged};
     size_t expected = 0;
     for (const char* key : keys) {
-        // A volume change recorded as the data model would, on the bus's
-        // thread; then an event about the other timeline.
-        runOnEventThread([&] { impl->changedInfo()->onAudioPropertyChanged(tone(a_), audioKey::volume); });
-        IDmTimeline* other = b_;
-        ASSERT_EQ(defaultEventBus()->publish(key, &other, sizeof other), 0) << key;
-        ASSERT_TRUE(notices.waitForNotices(++expected)) << key;
+        // A volume change of each timeline's clip recorded as the data model
+        // would, on the bus's thread; then one event about timeline b: both
+        // Impls report.
+        runOnEventThread([&] {
+            impl->changedInfo()->onAudioPropertyChanged(tone(a_), audioKey::volume);
+            other->changedInfo()->onAudioPropertyChanged(tone(b_), audioKey::volume);
+        });
+        IDmTimeline* concerned = b_;
+        ASSERT_EQ(defaultEventBus()->publish(key, &concerned, sizeof concerned), 0) << key;
+        expected += 2;
+        ASSERT_TRUE(notices.waitForNotices(expected)) << key;
     }
     runOnEventThread([] {});
-    EXPECT_EQ(notices.notices(), std::vector<IDmClip*>(expected, tone(a_)));
+    const std::vector<IDmClip*> seen = notices.notices();
+    EXPECT_EQ(seen.size(), expected);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), tone(a_)), 13);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), tone(b_)), 13);
 }
 
 TEST_F(ServiceEdge, EveryServiceSubscribesToTheThirteenKeysAndUnsubscribesAtItsEnd) {

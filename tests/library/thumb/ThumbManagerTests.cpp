@@ -239,6 +239,29 @@ TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundOnceTheFolderTime
     EXPECT_STREQ(out, file12.c_str());
 }
 
+// Another writer's file is found at once, even when the folder's time does
+// not move (a file system's clock ticks coarsely, and a time can be set).
+TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundWhileTheFolderTimeStandsStill) {
+    ASSERT_EQ(manager_->setCaching(0), 0);
+    fs::create_directories(cacheDir());
+    const MediaThumbRequest request =
+        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    char out[1024];
+    fill(out, "untouched");
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);  // index 10: nothing on disk
+    const auto folderTime = fs::last_write_time(cacheDir());
+    const std::string file12 = thumbFile(root_, 12, 320, 180);
+    createFile(file12, "picture 12");
+    fs::last_write_time(cacheDir(), folderTime);
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 0);
+    EXPECT_STREQ(out, file12.c_str());
+    // And a file removed is no longer a neighbour.
+    fs::remove(file12);
+    fs::last_write_time(cacheDir(), folderTime);
+    fill(out, "untouched");
+    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);
+}
+
 TEST_F(ThumbManagerEdgeTest, APictureTheWorkerWritesIsANeighbourAtOnce) {
     const std::string video = smallVideo();
     ASSERT_EQ(manager_->setThumbCount(8), 0);

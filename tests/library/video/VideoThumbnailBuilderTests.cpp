@@ -545,31 +545,37 @@ TEST_F(VideoBuilderTest, Status7RestartsTheOutstandingFramesUnderANewToken) {
     EXPECT_EQ(clip_->references(), 1);
 }
 
-TEST_F(VideoBuilderTest, TheFirstReportOfARestartedRequestReadsTheStore) {
+// A restart keeps what the record knew: after its batch report was handled,
+// the new token's reports are single-frame reports, each needing its frame.
+TEST_F(VideoBuilderTest, ARestartedRequestKeepsReportingFrameByFrame) {
     ASSERT_EQ(request(clip_, {100000, 200000}), 0);
-    task_->deliver(1, 1);  // the first report of token 1: nothing stored yet
+    task_->deliver(1, 1);  // the first report of token 1: a batch report, nothing stored yet
     task_->deliver(1, 7);
     ASSERT_EQ(task_->appends().size(), 2u);
     ASSERT_EQ(task_->appends()[1].token, 2);
 
-    // Both frames were stored meanwhile: the restarted request has nothing to
-    // decode and reports once without a picture.
+    // A report of the new token without a frame is not read as a batch.
     clip_->setFile(100000, writePicture("a.png", 71));
     clip_->setFile(200000, writePicture("b.png", 72));
+    ScopedCapture capture;
     task_->deliver(2, 1);
+    const auto lines = linesOf(capture.sink(), "ZOR::BsVideoThumbnailBuilder::onTaskProcessing");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].severity, IBsLogger::Error);
+    EXPECT_EQ(lines[0].text, "data is null,token 2");
+    EXPECT_EQ(clip_->filesCalls().size(), 1u);  // the store is not read again
+    EXPECT_TRUE(owner_.pictureDeliveries().empty());
+    EXPECT_EQ(builder_->taskCount(), 1u);
 
-    const auto calls = clip_->filesCalls();
-    EXPECT_EQ(calls.size(), 2u);
-    if (calls.size() == 2u) {
-        EXPECT_EQ(calls[1].frames, (std::vector<int64_t>{100000, 200000}));
-    }
+    // Its frames, as the task reports them.
+    reportFrame(2, 100000, 71);
+    reportFrame(2, 200000, 72);
     const auto pictures = owner_.pictureDeliveries();
-    EXPECT_EQ(pictures.size(), 1u);
-    if (pictures.size() == 1u) {
-        EXPECT_EQ(pictures[0].frames, (std::vector<int64_t>{100000, 200000}));
-        EXPECT_EQ(pictures[0].firstPixels[0], framePixel(71));
-        EXPECT_EQ(pictures[0].firstPixels[1], framePixel(72));
-    }
+    ASSERT_EQ(pictures.size(), 2u);
+    EXPECT_EQ(pictures[0].frames, (std::vector<int64_t>{100000}));
+    EXPECT_EQ(pictures[0].firstPixels[0], framePixel(71));
+    EXPECT_EQ(pictures[1].frames, (std::vector<int64_t>{200000}));
+    EXPECT_EQ(pictures[1].firstPixels[0], framePixel(72));
     EXPECT_EQ(task_->cancels(), (std::vector<int64_t>{2}));
     EXPECT_EQ(builder_->taskCount(), 0u);
 }

@@ -28,19 +28,16 @@ Registry& registry() {
 
 }  // namespace
 
-BsAudioSampleCache::BsAudioSampleCache(IDmAudioWaveMgrInternal* waveManager) : waveManager_(waveManager) {
-    if (waveManager_ != nullptr) waveManager_->AddRef();
-}
+BsAudioSampleCache::BsAudioSampleCache(IDmAudioWaveMgrInternal* waveManager)
+    : waveManager_(ZorRef<IDmAudioWaveMgrInternal>::share(waveManager)) {}
 
-BsAudioSampleCache::~BsAudioSampleCache() {
-    if (waveManager_ != nullptr) waveManager_->Release();
-}
+BsAudioSampleCache::~BsAudioSampleCache() = default;
 
 void BsAudioSampleCache::destroy(BsAudioSampleCache* cache) {
     {
         Registry& shared = registry();
         std::lock_guard<std::mutex> guard(shared.lock);
-        auto found = shared.caches.find(pointerKey(cache->waveManager_));
+        auto found = shared.caches.find(pointerKey(cache->waveManager_.get()));
         // A new cache of the same manager may already have taken the slot
         // between the last owner going and this deleter running: only the
         // expired entry, this cache's, is erased.
@@ -60,14 +57,13 @@ std::shared_ptr<BsAudioSampleCache> BsAudioSampleCache::obtain(IDmAudioWaveMgrIn
 }
 
 std::shared_ptr<BsAudioSampleCache> BsAudioSampleCache::obtainForClip(IDmClip* clip) {
-    IDmAudioWaveMgrInternal* manager = nullptr;
+    ZorRef<IDmAudioWaveMgrInternal> manager;
     if (clip != nullptr) {
         auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
-        if (internal != nullptr) manager = acquireIDmAudioWaveMgrInternal(internal->waveManagerSource());
+        if (internal != nullptr)
+            manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
     }
-    auto cache = obtain(manager);
-    if (manager != nullptr) manager->Release();  // the cache holds its own
-    return cache;
+    return obtain(manager.get());  // the cache holds its own
 }
 
 size_t BsAudioSampleCache::registrySize() {
@@ -83,12 +79,12 @@ void BsAudioSampleCache::clear() {
 }
 
 bool BsAudioSampleCache::hasFrames(int32_t first, int32_t last) {
-    if (waveManager_ == nullptr || closed_) return false;
+    if (!waveManager_ || closed_) return false;
     return waveManager_->hasFrames(first, last) != 0;
 }
 
 bool BsAudioSampleCache::open() {
-    if (closed_ || waveManager_ == nullptr) return false;
+    if (closed_ || !waveManager_) return false;
     if (valuesPerFrame_ == 0) valuesPerFrame_ = waveManager_->valueCountPerFrame(kRateNum, kRateDen);
     return valuesPerFrame_ != 0;
 }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <vector>
 
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 
 namespace ZOR {
@@ -31,7 +32,7 @@ public:
 
     // Everything below is used with lock held.
     std::mutex& lock() { return lock_; }
-    IDmAudioWaveMgrInternal* waveManager() const { return waveManager_; }
+    IDmAudioWaveMgrInternal* waveManager() const { return waveManager_.get(); }
     int64_t taskToken() const { return taskToken_; }
     void setTaskToken(int64_t token) { taskToken_ = token; }
     // Whether the wave manager holds every frame of [first, last].
@@ -51,7 +52,7 @@ private:
     static void destroy(BsAudioSampleCache* cache);
 
     std::mutex lock_;  // innermost of the audio locks but the builders' queue locks
-    IDmAudioWaveMgrInternal* waveManager_ = nullptr;  // one reference
+    const ZorRef<IDmAudioWaveMgrInternal> waveManager_;
     bool closed_ = false;
     int64_t taskToken_ = -1;
     uint32_t valuesPerFrame_ = 0;

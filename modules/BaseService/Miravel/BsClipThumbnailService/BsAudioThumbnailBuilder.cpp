@@ -136,7 +136,7 @@ int64_t pointTime(int64_t begin, int64_t end, int32_t i, int32_t count) {
 // Reads one raw amplitude per position from the cache (its lock held).
 int32_t readRawSamples(BsAudioSampleCache& cache, IZORLonglongList* positions, std::vector<float>& raw) {
     std::lock_guard<std::mutex> guard(cache.lock());
-    if (!cache.open()) return 1001;
+    if (!cache.open()) return kResultFailure;
     const int32_t count = positions != nullptr ? positions->count() : 0;
     raw.assign(static_cast<size_t>(std::max(count, 0)), 0.0f);
     const int64_t frameLength = cnsTimeFromFrame(kWaveRate, 1);
@@ -236,7 +236,7 @@ BsAudioThumbnailBuilder::BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* 
         if (shared.task == nullptr) {
             shared.task = createAudioWaveExtractTask();
             if (shared.task != nullptr) shared.task->initialize();
-            ZOR_LOG(4, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip AudioWaveTask create");
+            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip AudioWaveTask create");
         }
         task_ = shared.task;
         if (task_ != nullptr) {
@@ -244,7 +244,7 @@ BsAudioThumbnailBuilder::BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* 
             task_->AddRef();
         }
     }
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx", pointerHex(this));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx", pointerHex(this));
 }
 
 BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
@@ -282,13 +282,13 @@ BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
         }
         if (last != nullptr) {
             // Only the slot's reference was left: the next builder makes a new task.
-            ZOR_LOG(4, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip AudioWaveTask release");
+            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip AudioWaveTask release");
             last->shutdown();
             last->Release();
         }
         task_ = nullptr;
     }
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip release %llx",
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip release %llx",
             pointerHex(timeline_));
 }
 
@@ -299,12 +299,12 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
                                                          int64_t begincns, int64_t endcns, int32_t sampleCount) {
     constexpr const char* kFunction = "ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData";
     if (sampleCount < 1) {
-        ZOR_LOG(6, kFunction, "==wav clip:%llx sampleCount:%d", pointerHex(clip), sampleCount);
-        return 1001;
+        ZOR_LOG(IBsLogger::Error, kFunction, "==wav clip:%llx sampleCount:%d", pointerHex(clip), sampleCount);
+        return kResultFailure;
     }
     ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293]", true, 0,
-                        static_cast<IBsLogger::Severity>(2));
-    if (clip == nullptr || clip->queryInterface("IDmAudioFeature") == nullptr) return 1001;
+                        IBsLogger::Timing);
+    if (clip == nullptr || clip->queryInterface("IDmAudioFeature") == nullptr) return kResultFailure;
 
     int32_t first = -1;
     int32_t second = -1;
@@ -333,7 +333,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
     updateDuckInfo();
 
     auto found = clips_.find(pointerKey(clip));
-    ZOR_LOG(1, kFunction, "==wav clip:%s %llx new query %llx: begincns:%lld  endcns:%lld  sampleCount:%lld",
+    ZOR_LOG(IBsLogger::Trace, kFunction, "==wav clip:%s %llx new query %llx: begincns:%lld  endcns:%lld  sampleCount:%lld",
             key.c_str(), pointerHex(clip), pointerHex(queryer), static_cast<long long>(begincns),
             static_cast<long long>(endcns), static_cast<long long>(sampleCount));
 
@@ -414,13 +414,13 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
 }
 
 int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer) {
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel %llx", pointerHex(queryer));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel %llx", pointerHex(queryer));
     cancelRequests(queryer, nullptr);
     return 0;
 }
 
 int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer, IDmClip* clip) {
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx", pointerHex(queryer),
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx", pointerHex(queryer),
             pointerHex(clip));
     cancelRequests(queryer, clip);
     return 0;
@@ -459,7 +459,7 @@ void BsAudioThumbnailBuilder::cancelRequests(IBsAudioThumbnailQueryer* queryer, 
 }
 
 int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipList* clips, IZORIntList* changes) {
-    if (timeline != timeline_) return 1001;
+    if (timeline != timeline_) return kResultFailure;
     std::set<uint64_t> toNotify;
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -503,7 +503,7 @@ int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipLi
                     if (!marked && bits != kChangeRemoved) {
                         FAudioDuckInfo pending;
                         pending.changes = bits;
-                        pending.clip = BsClipRef(changed);
+                        pending.clip = ZorRef<IDmClip>::share(changed);
                         duckInfo_->push_back(std::move(pending));
                     }
                 }
@@ -521,7 +521,7 @@ int32_t BsAudioThumbnailBuilder::onAudioChanged(IDmTimeline* timeline, IDmClipLi
     }
     for (uint64_t clipKey : toNotify) {
         auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::onAudioChanged", "==wav clip:%llx", pointerHex(clip));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::onAudioChanged", "==wav clip:%llx", pointerHex(clip));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
     return 0;
@@ -551,7 +551,7 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
     }
     for (uint64_t clipKey : toNotify) {
         auto* notified = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx", pointerHex(notified));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx", pointerHex(notified));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(notified);
     }
     return 0;
@@ -572,7 +572,7 @@ bool BsAudioThumbnailBuilder::makeDuckRecord(IDmClip* clip, FAudioDuckInfo* reco
     // A clip that only an interval still holds has been let go by the data
     // model.
     if ((heldByRecord && clip->refCount() <= 1) || clip->timeline() == nullptr) {
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::updateDuckInfo", " clip is release");
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::updateDuckInfo", " clip is release");
         return false;
     }
     ZorProperty enable;
@@ -581,7 +581,7 @@ bool BsAudioThumbnailBuilder::makeDuckRecord(IDmClip* clip, FAudioDuckInfo* reco
     IDmEffect* effect = activeDuckingEffect(clip);
     if (effect == nullptr) return false;
     record->changes = 0;
-    record->clip = BsClipRef(clip);
+    record->clip = ZorRef<IDmClip>::share(clip);
     record->begin = beginTimeOfClip(clip);
     record->end = endTimeOfClip(clip);
     record->depth = static_cast<double>(effect->value(0));
@@ -591,7 +591,7 @@ bool BsAudioThumbnailBuilder::makeDuckRecord(IDmClip* clip, FAudioDuckInfo* reco
 }
 
 int32_t BsAudioThumbnailBuilder::updateDuckInfo() {
-    if (timeline_ == nullptr) return 1001;
+    if (timeline_ == nullptr) return kResultFailure;
     if (duckInfo_) {
         if (!duckInfoChanged_) return 0;
         auto rebuilt = std::make_shared<std::vector<FAudioDuckInfo>>();
@@ -643,7 +643,7 @@ std::vector<FAudioDuckInfo> BsAudioThumbnailBuilder::duckRecordsFor(IDmClip* cli
 
 uint32_t BsAudioThumbnailBuilder::updateAudioThumbnailParam(IDmClip* clip, AudioThumbnailParam& entry) {
     ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::updateAudioThumbnailParam[700]", true, 0,
-                        static_cast<IBsLogger::Severity>(2));
+                        IBsLogger::Timing);
     auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
     uint32_t result = entry.dirty;
     ZorProperty value;
@@ -775,7 +775,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
         forgetCacheTask(entry.sampleCache, request.token);
         request.token = -1;
         request.taskState = 0;
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dispatchAudioThumbnailTask", "===:appendWaveTask");
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dispatchAudioThumbnailTask", "===:appendWaveTask");
     }
 
     bool available = false;
@@ -795,7 +795,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
 
     if (!cacheBusy && !available) {
         int64_t token = -1;
-        int32_t result = 1001;
+        int32_t result = kResultFailure;
         if (task_ != nullptr) {
             if (task_->isStarted() == 0) task_->start();
             BsWaveTaskRecord record;
@@ -808,7 +808,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
             record.frameStep = endFrame != beginFrame ? endFrame - beginFrame : 1;
             result = task_->append(&record, &token);
         }
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx", pointerHex(entry.clip));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx", pointerHex(entry.clip));
         if (result != 0) {
             request.token = -1;
             request.taskState = 0;
@@ -848,8 +848,8 @@ void BsAudioThumbnailBuilder::pushWaveData(IDmClip* clip, IBsAudioThumbnailQuery
 int32_t BsAudioThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                 const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    if (status != 2 && status != 3 && status != 4 && status != 7) return 0;
-    ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::processChanged", "status %d token:%lld", status,
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     {
         std::lock_guard<std::mutex> guard(queueLock_);
@@ -868,6 +868,7 @@ void BsAudioThumbnailBuilder::waveWorkerLoop() {
             std::unique_lock<std::mutex> guard(queueLock_);
             queueSignal_.wait_for(guard, std::chrono::milliseconds(100),
                                   [this] { return !queue_.empty() || stopped_.load(); });
+            workerRounds_.fetch_add(1);
             if (!queue_.empty()) {
                 message = queue_.front();
                 queue_.pop_front();
@@ -905,9 +906,9 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
             }
             for (auto& [queryerKey, request] : entry->requests) {
                 if (request.token != token) continue;
-                ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "===:ctsFINISH token:%lld,isRefreshing:%d",
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "===:ctsFINISH token:%lld,isRefreshing:%d",
                         static_cast<long long>(token), refreshing ? 1 : 0);
-                if (status == 2) pushWaveData(entry->clip, queryerOf(queryerKey));
+                if (status == BsTaskFinished) pushWaveData(entry->clip, queryerOf(queryerKey));
                 request.taskState = status;
                 request.token = -1;
                 break;
@@ -931,14 +932,14 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
     }
     for (uint64_t clipKey : stale) {
         auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", pointerHex(clip));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", pointerHex(clip));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
 }
 
 void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioThumbnailQueryer* queryer) {
     ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask[1025]", true, 30,
-                        static_cast<IBsLogger::Severity>(5));
+                        IBsLogger::Warning);
     Entry entry;
     AudioThumbnailRequest* request = nullptr;
     std::unique_lock<std::mutex> param;
@@ -956,7 +957,7 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
     }
     if (request != nullptr) {
         request->inWork.store(true);
-        ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s", entry->key.c_str());
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s", entry->key.c_str());
         do {
             if (request->cancelled.load()) break;
             const int32_t positions = request->positions != nullptr ? request->positions->count() : 0;
@@ -968,11 +969,11 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
                 if (request->cancelled.load()) break;
             } else if (request->rawSamples.empty()) {
                 request->samples.assign(static_cast<size_t>(positions), 0.0f);
-                ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
                         entry->key.c_str());
             }
             if (!request->samples.empty()) {
-                ZOR_LOG(1, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
                         entry->key.c_str());
                 if (IBsAudioClipThumbnailCallback* callback = queryer != nullptr ? queryer->getResultCallback() : nullptr)
                     callback->onAudioThumbnailData(entry->clip, request->begin, request->end, request->samples.data(),

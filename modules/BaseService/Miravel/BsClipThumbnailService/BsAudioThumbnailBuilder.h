@@ -26,37 +26,16 @@
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsAudioSampleCache.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "Miravel/IBsClipThumbnailCallbacks.h"
 
 namespace ZOR {
 
-// One reference to a clip, copied with its holder.
-class BsClipRef {
-public:
-    BsClipRef() = default;
-    explicit BsClipRef(IDmClip* clip) : clip_(clip) {
-        if (clip_ != nullptr) clip_->AddRef();
-    }
-    BsClipRef(const BsClipRef& other) : BsClipRef(other.clip_) {}
-    BsClipRef(BsClipRef&& other) noexcept : clip_(std::exchange(other.clip_, nullptr)) {}
-    BsClipRef& operator=(BsClipRef other) noexcept {
-        std::swap(clip_, other.clip_);
-        return *this;
-    }
-    ~BsClipRef() {
-        if (clip_ != nullptr) clip_->Release();
-    }
-    IDmClip* get() const { return clip_; }
-
-private:
-    IDmClip* clip_ = nullptr;
-};
-
 // One ducking interval.
 struct FAudioDuckInfo {
     uint32_t changes = 0;  // bits noted since the last rebuild; 0x80: the clip is gone
-    BsClipRef clip;        // the clip whose ducking effect makes the interval
+    ZorRef<IDmClip> clip;  // the clip whose ducking effect makes the interval
     int64_t begin = 0;
     int64_t end = 0;
     double depth = 0.0;
@@ -143,6 +122,9 @@ public:
     // Whether the worker thread has been started (it is, from the first
     // accepted query until destruction).
     bool workerStarted() const { return !stopped_.load() || workerRunning_.load(); }
+    // Rounds of the worker's loop so far: each wait that ended, with a
+    // message or by its time-out (for tests).
+    uint64_t workerRounds() const { return workerRounds_.load(); }
 
 private:
     using Entry = std::shared_ptr<AudioThumbnailParam>;
@@ -175,6 +157,7 @@ private:
     std::thread worker_;
     std::atomic<bool> stopped_{true};
     std::atomic<bool> workerRunning_{false};
+    std::atomic<uint64_t> workerRounds_{0};
     IBsAudioWaveExtractTask* task_ = nullptr;  // one reference on the shared task
 };
 

@@ -33,24 +33,24 @@ constexpr size_t kEventKeyCount = 13;
 // ---------------------------------------------------------------------------
 // The per-timeline implementation
 
-BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl(IDmTimeline* timeline) : timeline_(timeline) {
-    if (timeline_ != nullptr) timeline_->AddRef();
-    ZOR_LOG(4, "ZOR::BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl", "create %llx this %llx",
-            pointerHex(timeline_), pointerHex(this));
+BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl(IDmTimeline* timeline)
+    : timeline_(ZorRef<IDmTimeline>::share(timeline)) {
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl", "create %llx this %llx",
+            pointerHex(timeline_.get()), pointerHex(this));
     videoBuilder_ = std::make_shared<BsVideoThumbnailBuilder>(static_cast<IBsVideoClipThumbnailCallback*>(this));
     audioBuilder_ =
-        std::make_shared<BsAudioThumbnailBuilder>(static_cast<IBsAudioClipThumbnailCallback*>(this), timeline_);
-    changedInfo_ = new BsTimelineChangedInfo(static_cast<IChangedCallback*>(this), timeline_);
-    changedInfo_->AddRef();
+        std::make_shared<BsAudioThumbnailBuilder>(static_cast<IBsAudioClipThumbnailCallback*>(this), timeline_.get());
+    changedInfo_ = ZorRef<BsTimelineChangedInfo>::share(
+        new BsTimelineChangedInfo(static_cast<IChangedCallback*>(this), timeline_.get()));
 }
 
 BsClipThumbnailServiceImpl::~BsClipThumbnailServiceImpl() {
-    if (BsTimelineChangedInfo* info = std::exchange(changedInfo_, nullptr)) info->Release();
+    changedInfo_.reset();
     audioBuilder_.reset();
     videoBuilder_.reset();
-    ZOR_LOG(4, "ZOR::BsClipThumbnailServiceImpl::~BsClipThumbnailServiceImpl", "release %llx this %llx",
-            pointerHex(timeline_), pointerHex(this));
-    if (timeline_ != nullptr) timeline_->Release();
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsClipThumbnailServiceImpl::~BsClipThumbnailServiceImpl", "release %llx this %llx",
+            pointerHex(timeline_.get()), pointerHex(this));
+    timeline_.reset();
 }
 
 int32_t BsClipThumbnailServiceImpl::onVideoThumbnailNotice(void*) { return 0; }
@@ -71,9 +71,11 @@ int32_t BsClipThumbnailServiceImpl::onVideoThumbnailData(IDmClip* clip, int32_t 
 }
 
 int32_t BsClipThumbnailServiceImpl::addVideoClipThumbnailCallback(IBsVideoClipThumbnailCallback* callback) {
+    registrations_.fetch_add(1);
     return BaseCallBack<IBsVideoClipThumbnailCallback>::addCallBack(callback);
 }
 int32_t BsClipThumbnailServiceImpl::addAudioClipThumbnailCallback(IBsAudioClipThumbnailCallback* callback) {
+    registrations_.fetch_add(1);
     return BaseCallBack<IBsAudioClipThumbnailCallback>::addCallBack(callback);
 }
 int32_t BsClipThumbnailServiceImpl::removeVideoClipThumbnailCallback(IBsVideoClipThumbnailCallback* callback) {
@@ -90,7 +92,7 @@ int32_t BsClipThumbnailServiceImpl::clearAudioRawSamples(IDmClip* audioClip) {
 int32_t BsClipThumbnailServiceImpl::queryAudioThumbnailData(IBsAudioThumbnailQueryer* queryer, IDmClip* clip,
                                                             int64_t beginCns, int64_t endCns, uint32_t sampleCount) {
     // Only audio clips are queried: a video clip's sound is its base audio clip.
-    if (clip == nullptr || getBaseAudioClip(clip) != clip) return 1001;
+    if (clip == nullptr || getBaseAudioClip(clip) != clip) return kResultFailure;
     changedInfo_->watchClip(clip);
     return audioBuilder_->queryAudioThumbnailData(queryer, clip, beginCns, endCns, static_cast<int32_t>(sampleCount));
 }
@@ -152,7 +154,7 @@ int32_t BsClipThumbnailServiceImpl::onAllClipsChanged(IDmTimeline*) {
 }
 
 int32_t BsClipThumbnailServiceImpl::queryVideoThumbnail(VideoThumbnailRequest* request) {
-    if (request == nullptr) return 1001;
+    if (request == nullptr) return kResultFailure;
     if (request->clip != nullptr) changedInfo_->watchClip(request->clip);
     return videoBuilder_->requestThumbnails(*request);
 }
@@ -204,7 +206,7 @@ size_t BsClipThumbnailServiceRegistry::size() {
 // The service
 
 BsClipThumbnailService::BsClipThumbnailService() {
-    ZOR_LOG(4, "ZOR::BsClipThumbnailService::BsClipThumbnailService", "create %llx",
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsClipThumbnailService::BsClipThumbnailService", "create %llx",
             pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)));
     if (subscriptions_.empty()) {
         IEventBus* bus = defaultEventBus();
@@ -234,7 +236,7 @@ BsClipThumbnailService::~BsClipThumbnailService() {
         for (IBsVideoClipThumbnailCallback* callback : videoCallbacks) impl->removeVideoClipThumbnailCallback(callback);
         for (IBsAudioClipThumbnailCallback* callback : audioCallbacks) impl->removeAudioClipThumbnailCallback(callback);
     }
-    ZOR_LOG(4, "ZOR::BsClipThumbnailService::~BsClipThumbnailService", "release %llx",
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsClipThumbnailService::~BsClipThumbnailService", "release %llx",
             pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)));
     acquired_.clear();
 }
@@ -266,7 +268,7 @@ std::shared_ptr<BsClipThumbnailServiceImpl> BsClipThumbnailService::acquire(IDmT
         impl->addVideoClipThumbnailCallback(callback);
     for (IBsAudioClipThumbnailCallback* callback : callbacksOf<IBsAudioClipThumbnailCallback>())
         impl->addAudioClipThumbnailCallback(callback);
-    ZOR_LOG(4, "ZOR::BsClipThumbnailService::acquire", "this %llx acquire service %llx for timeline %llx",
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsClipThumbnailService::acquire", "this %llx acquire service %llx for timeline %llx",
             pointerHex(static_cast<IBsAudioThumbnailQueryer*>(this)), pointerHex(impl.get()), pointerHex(timeline));
     acquired_.emplace(impl.get(), impl);
     return impl;
@@ -278,13 +280,13 @@ void BsClipThumbnailService::onDataModelEvent(const char*, const void*, void*) {
 }
 
 int32_t BsClipThumbnailService::setProperty(const char* key, const ZorProperty& value) {
-    if (key == nullptr || std::strcmp(key, ClipThumbnailKey::enableCalcDucking) != 0) return 1001;
+    if (key == nullptr || std::strcmp(key, ClipThumbnailKey::enableCalcDucking) != 0) return kResultFailure;
     enableCalcDucking_.store(value.boolValue());
     return 0;
 }
 
 int32_t BsClipThumbnailService::getProperty(const char* key, ZorProperty* value) {
-    if (key == nullptr || std::strcmp(key, ClipThumbnailKey::enableCalcDucking) != 0) return 1001;
+    if (key == nullptr || std::strcmp(key, ClipThumbnailKey::enableCalcDucking) != 0) return kResultFailure;
     if (value != nullptr) *value = boolProperty(enableCalcDucking_.load());
     return 0;
 }
@@ -311,7 +313,7 @@ int32_t BsClipThumbnailService::removeAudioClipThumbnailCallback(IBsAudioClipThu
 
 int32_t BsClipThumbnailService::clearAudioRawSamples(IDmClip* clip) {
     IDmClip* audioClip = getBaseAudioClip(clip);
-    if (audioClip == nullptr) return 1001;
+    if (audioClip == nullptr) return kResultFailure;
     acquire(timelineOfClip(audioClip))->clearAudioRawSamples(audioClip);
     return 0;
 }

@@ -7,6 +7,7 @@
 // each other or with its destruction.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -63,16 +64,21 @@ public:
 
     int32_t queryVideoThumbnail(VideoThumbnailRequest* request);
     int32_t cancelVideoThumbnailQuery(IDmClip* clip);
-    BsTimelineChangedInfo* changedInfo() const { return changedInfo_; }
-    IDmTimeline* timeline() const { return timeline_; }
+    BsTimelineChangedInfo* changedInfo() const { return changedInfo_.get(); }
+    IDmTimeline* timeline() const { return timeline_.get(); }
     BsVideoThumbnailBuilder& videoBuilder() { return *videoBuilder_; }
     BsAudioThumbnailBuilder& audioBuilder() { return *audioBuilder_; }
+    // How many times callbacks were registered with this Impl (each call,
+    // whether or not the callback was there already): what lets a test see
+    // that a service registers its callbacks once.
+    int64_t callbackRegistrations() const { return registrations_.load(); }
 
 private:
-    IDmTimeline* timeline_;  // one reference when not null
+    std::atomic<int64_t> registrations_{0};
+    ZorRef<IDmTimeline> timeline_;
     std::shared_ptr<BsAudioThumbnailBuilder> audioBuilder_;
     std::shared_ptr<BsVideoThumbnailBuilder> videoBuilder_;
-    BsTimelineChangedInfo* changedInfo_ = nullptr;  // one reference
+    ZorRef<BsTimelineChangedInfo> changedInfo_;
 };
 
 // The process's one map of timelines to their implementations.

@@ -17,22 +17,6 @@ bool same(const char* a, const char* b) { return a != nullptr && b != nullptr &&
 constexpr int32_t kFeatureAudioEffects = 0x100e;
 constexpr int32_t kFeatureAudioWave = 0x100d;
 
-// One reference held for the length of a scope.
-class ScopedRef {
-public:
-    explicit ScopedRef(IDmBaseObj* object) : object_(object) {
-        if (object_ != nullptr) object_->AddRef();
-    }
-    ~ScopedRef() {
-        if (object_ != nullptr) object_->Release();
-    }
-    ScopedRef(const ScopedRef&) = delete;
-    ScopedRef& operator=(const ScopedRef&) = delete;
-
-private:
-    IDmBaseObj* object_;
-};
-
 }  // namespace
 
 BsTimelineChangedInfo::BsTimelineChangedInfo(IChangedCallback* callback, IDmTimeline* timeline)
@@ -131,7 +115,7 @@ void BsTimelineChangedInfo::detachClip(IDmClip* clip) {
     // The clip itself when it was attached directly (a parent, or a clip
     // whose base audio clip is gone).
     if (clip != audioClip && clip != parent) unregisterFrom(clip);
-    ScopedRef hold(clip);
+    const ZorRef<IDmBaseObj> hold = ZorRef<IDmBaseObj>::share(clip);
     if (parent != nullptr) eraseAttached(parent);
     if (audioClip != nullptr) eraseAttached(audioClip);
     eraseAttached(clip);
@@ -160,7 +144,7 @@ void BsTimelineChangedInfo::addFlags(IDmClip* audioClip, uint32_t bits) {
 void BsTimelineChangedInfo::propertyFilter(IDmClip* clip, const char* key) {
     IDmClip* audioClip = getBaseAudioClip(clip);
     if (audioClip == nullptr) return;
-    ScopedRef hold(audioClip);
+    const ZorRef<IDmBaseObj> hold = ZorRef<IDmBaseObj>::share(audioClip);
     std::lock_guard<std::mutex> guard(lock_);
     uint32_t& flags = changeFlags_[audioClip];
     if (key == nullptr) return;
@@ -195,7 +179,7 @@ void BsTimelineChangedInfo::effectFilter(IDmEffect* effect) {
         return;
     IDmClip* owner = effect->ownerClip();
     if (owner == nullptr) return;
-    ScopedRef hold(owner);
+    const ZorRef<IDmBaseObj> hold = ZorRef<IDmBaseObj>::share(owner);
     std::lock_guard<std::mutex> guard(lock_);
     addFlags(owner, bits);
 }
@@ -354,22 +338,20 @@ void BsTimelineChangedInfo::processChanges(const std::shared_ptr<BsClipThumbnail
     }
 
     IDmFactory* factory = getDmFactoryInstance();
-    IDmClipList* clips = factory != nullptr ? factory->createIDmClipList() : nullptr;
-    IZORIntList* flags = createZORIntList();
-    if (clips != nullptr && flags != nullptr) {
+    const auto clips = ZorRef<IDmClipList>::adopt(factory != nullptr ? factory->createIDmClipList() : nullptr);
+    const auto flags = ZorRef<IZORIntList>::adopt(createZORIntList());
+    if (clips && flags) {
         for (const auto& [clip, bits] : flagsOf) {
             if (bits == 0) continue;
             clips->append(clip);
             flags->append(static_cast<int32_t>(bits));
         }
-        if (clips->count() > 0 && callback_ != nullptr) callback_->onAudioChanged(timeline, clips, flags);
+        if (clips->count() > 0 && callback_ != nullptr) callback_->onAudioChanged(timeline, clips.get(), flags.get());
     }
     for (IDmClip* clip : removed)
         if (callback_ != nullptr) callback_->onClipChanged(timeline, clip);
     for (IDmClip* clip : removed) clip->Release();
     for (IDmClip* clip : added) clip->Release();
-    if (clips != nullptr) clips->Release();
-    if (flags != nullptr) flags->Release();
 }
 
 }  // namespace ZOR

@@ -110,7 +110,7 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
     IDmClip* clip = request.clip;
     if (clip == nullptr || request.width < 1 || request.height < 1 || request.frameCount < 0 ||
         (request.frameCount > 0 && request.frames == nullptr))
-        return 1001;
+        return kResultFailure;
 
     VideoThumbnailTaskRecord record;
     record.mediaId = mediaIdOf(clip);
@@ -126,8 +126,8 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
 
     if (request.refresh != 0) clearCache(clip, record.mediaId);
 
-    IZORLonglongList* frames = createZORLonglongList();
-    IZORPByteList* pictures = createZORPByteList();
+    auto frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
+    auto pictures = ZorRef<IZORPByteList>::adopt(createZORPByteList());
     std::vector<BsVideoThumbnailCacheManager::Picture> held;  // the delivered pixels stay valid while delivering
 
     int64_t* begin = request.frames;
@@ -145,9 +145,9 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
             record.missingFrames.push_back(*frame);
         }
     }
-    if (frames->count() > 0) deliver(clip, request.width, request.height, frames, pictures);
-    frames->Release();
-    pictures->Release();
+    if (frames->count() > 0) deliver(clip, request.width, request.height, frames.get(), pictures.get());
+    frames.reset();
+    pictures.reset();
     held.clear();
     if (record.missingFrames.empty()) {
         releaseRecord(record);
@@ -191,7 +191,7 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
 
     if (task_ == nullptr) {
         releaseRecord(record);
-        return 1001;
+        return kResultFailure;
     }
     if (task_->isStarted() == 0) task_->start();
     VideoThumbnailTaskRecord replaced;
@@ -292,8 +292,8 @@ int32_t BsVideoThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*
 }
 
 int32_t BsVideoThumbnailBuilder::handleReport(int64_t token, int32_t status, IDmBaseObj* data) {
-    if (status == 1) return onTaskProcessing(token, data);
-    ZOR_LOG(1, "ZOR::BsVideoThumbnailBuilder::processChanged", "status %d token:%lld", status,
+    if (status == BsTaskProgress) return onTaskProcessing(token, data);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsVideoThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     VideoThumbnailTaskRecord record;
     bool found = false;
@@ -306,7 +306,7 @@ int32_t BsVideoThumbnailBuilder::handleReport(int64_t token, int32_t status, IDm
             found = true;
         }
     }
-    if (status == 7 && found && record.clip != nullptr && task_ != nullptr) {
+    if (status == BsTaskResubmit && found && record.clip != nullptr && task_ != nullptr) {
         // The request moves to a new token with what is still outstanding;
         // if the restart writes no token, the record stays under 0.
         int64_t restarted = 0;
@@ -314,9 +314,8 @@ int32_t BsVideoThumbnailBuilder::handleReport(int64_t token, int32_t status, IDm
         task_->append(record.clip, record.missingFrames.data(), static_cast<int32_t>(record.missingFrames.size()),
                       &restarted, record.width, record.height, 0);
         record.requestedFrames = record.missingFrames;
-        // The new token's first report is a batch report again: it picks up
-        // what the store already holds.
-        record.hasTaskData = 0;
+        // hasTaskData is kept: after a batch report was handled, the new
+        // token's reports are single-frame reports.
         storeRecord(restarted, &record);
         return 0;
     }
@@ -330,7 +329,7 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
     {
         std::lock_guard<std::mutex> guard(lock_);
         auto it = tasks_.find(token);
-        if (it == tasks_.end() || it->second.clip == nullptr) return 1001;
+        if (it == tasks_.end() || it->second.clip == nullptr) return kResultFailure;
         const VideoThumbnailTaskRecord& stored = it->second;
         record.clip = stored.clip;
         record.clip->AddRef();  // held while this report is handled
@@ -346,19 +345,19 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
     IDmClip* clip = record.clip;
     auto* feature = static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"));
     if (feature == nullptr) {
-        ZOR_LOG(6, kFunction, "can not find videoFeature %lld", pointerValue(clip));
+        ZOR_LOG(IBsLogger::Error, kFunction, "can not find videoFeature %lld", pointerValue(clip));
         releaseRecord(record);
-        return 1001;
+        return kResultFailure;
     }
 
     const VideoThumbnailKey key{record.mediaId, record.styleId, record.streamId};
-    IZORLonglongList* frames = createZORLonglongList();
-    IZORPByteList* pictures = createZORPByteList();
+    auto frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
+    auto pictures = ZorRef<IZORPByteList>::adopt(createZORPByteList());
     std::vector<BsVideoThumbnailCacheManager::Picture> held;  // the delivered pixels stay valid while delivering
     BsVideoThumbnailCacheManager::Picture holder;
     auto finish = [&](int32_t result) {
-        frames->Release();
-        pictures->Release();
+        frames.reset();
+        pictures.reset();
         releaseRecord(record);
         return result;
     };
@@ -368,14 +367,14 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
     if (record.hasTaskData == 1) {
         if (!record.missingFrames.empty()) {
             if (data == nullptr) {
-                ZOR_LOG(6, kFunction, "data is null,token %lld", static_cast<long long>(token));
-                return finish(1001);
+                ZOR_LOG(IBsLogger::Error, kFunction, "data is null,token %lld", static_cast<long long>(token));
+                return finish(kResultFailure);
             }
             const int64_t time = frame != nullptr ? frame->requestedTime() : -1;
             auto position = std::find(record.missingFrames.begin(), record.missingFrames.end(), time);
             if (position == record.missingFrames.end()) {
-                ZOR_LOG(6, kFunction, "is not in missingFrames,frame %lld", static_cast<long long>(time));
-                return finish(1001);
+                ZOR_LOG(IBsLogger::Error, kFunction, "is not in missingFrames,frame %lld", static_cast<long long>(time));
+                return finish(kResultFailure);
             }
             record.missingFrames.erase(position);
             if (unsigned char* picture = cache_.addThumbnail(key, time, record.width, record.height, frame->bytes(),
@@ -410,8 +409,8 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
             result = feature->thumbnailFiles(record.missingFrames.data(), static_cast<int32_t>(count), slots.data(),
                                              stillMissing.data(), &stillMissingCount);
         if (result != 0) {
-            ZOR_LOG(6, kFunction, "thumbnail failed %lld", pointerValue(clip));
-            return finish(1001);
+            ZOR_LOG(IBsLogger::Error, kFunction, "thumbnail failed %lld", pointerValue(clip));
+            return finish(kResultFailure);
         }
         stillMissing.resize(static_cast<size_t>(std::clamp<int32_t>(stillMissingCount, 0, static_cast<int32_t>(count))));
         std::sort(stillMissing.begin(), stillMissing.end());
@@ -467,7 +466,7 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
         }
     }
     if (!present) {
-        ZOR_LOG(5, kFunction, "hasTaskData false,token %lld", static_cast<long long>(token));
+        ZOR_LOG(IBsLogger::Warning, kFunction, "hasTaskData false,token %lld", static_cast<long long>(token));
         return finish(0);
     }
     if (outstanding == 0) {
@@ -475,7 +474,7 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
         if (task_ != nullptr) task_->cancel(token);
         releaseRecord(completed);
     }
-    deliver(clip, record.width, record.height, frames, pictures);
+    deliver(clip, record.width, record.height, frames.get(), pictures.get());
     return finish(0);
 }
 
@@ -483,9 +482,9 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
 // Clearing and cancelling
 
 int32_t BsVideoThumbnailBuilder::clearCache(IDmClip* clip, const std::string& mediaId) {
-    if (clip == nullptr) return 1001;
+    if (clip == nullptr) return kResultFailure;
     auto* feature = static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"));
-    if (feature == nullptr) return 1001;
+    if (feature == nullptr) return kResultFailure;
     const std::string styleId = styleIdOf(clip);
     int32_t streamId = 0;
     ZorProperty value;
@@ -494,14 +493,14 @@ int32_t BsVideoThumbnailBuilder::clearCache(IDmClip* clip, const std::string& me
     if (cache_.containsKey(key)) {
         if (owner_ != nullptr) owner_->onVideoThumbnailChanged(clip);
         cache_.removeKey(key);
-        ZOR_LOG_STREAM(4, "ZOR::BsVideoThumbnailBuilder::clearCache",
+        ZOR_LOG_STREAM(IBsLogger::Info, "ZOR::BsVideoThumbnailBuilder::clearCache",
                        "clear cache " << "clipPtr:" << static_cast<const void*>(clip) << "mediaId:" << mediaId);
     }
     return 0;
 }
 
 int32_t BsVideoThumbnailBuilder::clearCacheOnClipChange(IDmTimeline* changeSource, IDmClip* clip) {
-    if (clip == nullptr || clip->queryInterface("IDmVideoFeature") == nullptr) return 1001;
+    if (clip == nullptr || clip->queryInterface("IDmVideoFeature") == nullptr) return kResultFailure;
     const std::string mediaId = mediaIdOf(clip);
     if (changeSource != nullptr && changeSource->usesMedia(mediaId.c_str()) != 0) return 0;
     clearCache(clip, mediaId);

@@ -99,7 +99,7 @@ unsigned char* BsVideoThumbnailCacheManager::addThumbnail(const VideoThumbnailKe
     int bufferHeight = 0;
     loadPNG(pngPath, &buffer, &bufferWidth, &bufferHeight);
     if (bufferWidth != width || bufferHeight != height)
-        ZOR_LOG(5, "ZOR::BsVideoThumbnailCacheManager::addThumbnail",
+        ZOR_LOG(IBsLogger::Warning, "ZOR::BsVideoThumbnailCacheManager::addThumbnail",
                 "size not match, width = %d, height = %d, bufferWidth = %d, bufferHeight = %d", width, height,
                 bufferWidth, bufferHeight);
     // Stored even when the load gave nothing: the entry then reads as a miss.
