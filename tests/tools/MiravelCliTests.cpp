@@ -178,6 +178,7 @@ TEST(MiravelCli, LogOptionWritesLibraryLinesToStderr) {
 using Json = nlohmann::json;
 using CliTest::otioClip;
 using CliTest::otioGap;
+using CliTest::otioRange;
 using CliTest::otioTrack;
 using CliTest::writeDocument;
 
@@ -317,7 +318,7 @@ TEST(MiravelCli, DocumentWarningsAreOneLineEachOnStderrBeforeTheResult) {
                            ": $.tracks.children[1].children[0]: unknown schema \"Slate.1\" (\"board\") taken as a gap "
                            "of 1 s\n"
                            "miravel: " +
-                           document + ": clip 'Lost' has no sound (its media is missing)\n");
+                           shown + ": clip 'Lost' has no sound (its media is missing)\n");
 }
 
 TEST(MiravelCli, ClipNamesThatAreMissingOrNotUniqueAreUsageErrors) {

@@ -17,7 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "CliRun.h"
+#include "CliTestSupport.h"
 #include "MediaTestSupport.h"
 #include "ZorUtils/ZorUtils.h"
 
@@ -29,9 +29,7 @@ using MediaTest::TempFolder;
 constexpr int kCycle = 28;
 constexpr int kGop = 12;
 
-CliTest::CliRun runMiravel(const TempFolder& folder, const std::string& arguments) {
-    return CliTest::runCli(MIRAVEL_CLI, folder, arguments);
-}
+using CliTest::runMiravel;
 
 struct Rate {
     const char* text;
@@ -85,24 +83,24 @@ int numberOfPicture(const std::string& file, int x = -1, int y = -1) {
 // ---------------------------------------------------------------------------
 // Timeline documents
 
-Json otioTime(double value, double rate) { return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", value}, {"rate", rate}}; }
+Json rationalTime(double value, double rate) { return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", value}, {"rate", rate}}; }
 
-Json otioRange(double start, double duration, double rate) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", otioTime(start, rate)}, {"duration", otioTime(duration, rate)}};
+Json rationalRange(double start, double duration, double rate) {
+    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start, rate)}, {"duration", rationalTime(duration, rate)}};
 }
 
 // A clip of media from frame `first` for `frames` frames at the file's rate.
-Json otioClip(const std::string& name, const std::string& media, int first, int frames, const Rate& rate,
+Json clipOfFrames(const std::string& name, const std::string& media, int first, int frames, const Rate& rate,
               Json effects = Json::array()) {
     const double fps = static_cast<double>(rate.num) / static_cast<double>(rate.den);
     return Json{{"OTIO_SCHEMA", "Clip.1"},
                 {"name", name},
-                {"source_range", otioRange(first, frames, fps)},
+                {"source_range", rationalRange(first, frames, fps)},
                 {"media_reference", {{"OTIO_SCHEMA", "ExternalReference.1"}, {"target_url", media}}},
                 {"effects", std::move(effects)}};
 }
 
-std::string writeDocument(const TempFolder& folder, const std::string& name, const Json& videoClips) {
+std::string writeVideoDocument(const TempFolder& folder, const std::string& name, const Json& videoClips) {
     const Json document{{"OTIO_SCHEMA", "Timeline.1"},
                         {"name", name},
                         {"tracks",
@@ -186,8 +184,8 @@ TEST(FrameTimesCli, ClipPicturesShowEachFrameFromItsOwnTimeAndTheOneBeforeOneCns
     for (const Rate& rate : kRates) {
         SCOPED_TRACE(rate.text);
         const std::string media = grey(folder, std::string("c") + std::to_string(rate.num) + ".mp4", rate, 60);
-        const std::string document = writeDocument(folder, std::string("c") + std::to_string(rate.num) + ".otio",
-                                                   Json::array({otioClip("Shot", media, 0, 60, rate)}));
+        const std::string document = writeVideoDocument(folder, std::string("c") + std::to_string(rate.num) + ".otio",
+                                                   Json::array({clipOfFrames("Shot", media, 0, 60, rate)}));
         for (int64_t early : {0, 1}) {
             std::string times;
             for (int64_t k : kFrames) appendTime(times, frameTime(k, rate) - early);
@@ -263,7 +261,7 @@ struct Strip {
 };
 
 Strip renderStrip(const TempFolder& folder, const std::string& name, const Json& clip) {
-    const std::string document = writeDocument(folder, name + ".otio", Json::array({clip}));
+    const std::string document = writeVideoDocument(folder, name + ".otio", Json::array({clip}));
     const std::string out = folder.file(name + ".png");
     const CliTest::CliRun run = runMiravel(folder, "render '" + document + "' --out '" + out + "' --width 402");
     Strip strip;
@@ -293,14 +291,14 @@ protected:
 };
 
 TEST_F(RenderedStrip, AClipStartingAtFrameKShowsFrameKFirst) {
-    const Strip strip = renderStrip(folder_, "forward", otioClip("Shot", media_, kFirst, kLength, rate_));
+    const Strip strip = renderStrip(folder_, "forward", clipOfFrames("Shot", media_, kFirst, kLength, rate_));
     ASSERT_EQ(strip.numbers.size(), 4u);
     EXPECT_EQ(strip.numbers[0], kFirst % kCycle);
     for (int slot = 0; slot < 4; ++slot) EXPECT_EQ(strip.numbers[slot], shown(markIn() + slotOffset(slot))) << slot;
 }
 
 TEST_F(RenderedStrip, AReversedClipRunsBackwardsFromItsMarkOut) {
-    const Strip strip = renderStrip(folder_, "reversed", otioClip("Shot", media_, kFirst, kLength, rate_, warp(-1.0)));
+    const Strip strip = renderStrip(folder_, "reversed", clipOfFrames("Shot", media_, kFirst, kLength, rate_, warp(-1.0)));
     ASSERT_EQ(strip.numbers.size(), 4u);
     const int64_t markOut = markIn() + length();
     for (int slot = 0; slot < 4; ++slot)
@@ -310,13 +308,13 @@ TEST_F(RenderedStrip, AReversedClipRunsBackwardsFromItsMarkOut) {
 
 TEST_F(RenderedStrip, AFrozenClipRepeatsItsFirstPicture) {
     const Json freeze = Json::array({Json{{"OTIO_SCHEMA", "FreezeFrame.1"}, {"time_scalar", 0.0}}});
-    const Strip strip = renderStrip(folder_, "frozen", otioClip("Shot", media_, kFirst, kLength, rate_, freeze));
+    const Strip strip = renderStrip(folder_, "frozen", clipOfFrames("Shot", media_, kFirst, kLength, rate_, freeze));
     ASSERT_EQ(strip.numbers.size(), 4u);
     for (int slot = 0; slot < 4; ++slot) EXPECT_EQ(strip.numbers[slot], kFirst % kCycle) << slot;
 }
 
 TEST_F(RenderedStrip, ATwiceAsFastClipShowsEverySecondFrame) {
-    const Strip strip = renderStrip(folder_, "fast", otioClip("Shot", media_, kFirst, 24, rate_, warp(2.0)));
+    const Strip strip = renderStrip(folder_, "fast", clipOfFrames("Shot", media_, kFirst, 24, rate_, warp(2.0)));
     ASSERT_EQ(strip.numbers.size(), 4u);
     const int64_t length = std::llround(24 / (24000.0 / 1001.0) * 1e7);
     for (int slot = 0; slot < 4; ++slot) {
@@ -350,8 +348,8 @@ TEST(DamagedMediaCli, ADamagedClipEndsAudioVideoAndRenderAtOnceNamingTheClip) {
     const Rate rate{"25", 25, 1};
     Json clips = Json::array();
     for (int i = 0; i < 10; ++i)
-        clips.push_back(otioClip(i == 6 ? "Bad" : "Good " + std::to_string(i), i == 6 ? bad : good, 0, 40, rate));
-    const std::string document = writeDocument(folder, "damaged.otio", clips);
+        clips.push_back(clipOfFrames(i == 6 ? "Bad" : "Good " + std::to_string(i), i == 6 ? bad : good, 0, 40, rate));
+    const std::string document = writeVideoDocument(folder, "damaged.otio", clips);
 
     for (const std::string& command :
          {"audio '" + document + "' --clip Bad --points 100", "video '" + document + "' --clip Bad --times 0,10000000 "
