@@ -8,7 +8,11 @@
 
 #include "Adapter/Adapter.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "BsAudioBuilderShared.h"
+#include "BsAudioDuckIntervals.h"
+#include "BsAudioEnvelope.h"
 #include "BsPointerValue.h"
+#include "BsTimelineChangedInfo.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmTime.h"
 
@@ -16,47 +20,12 @@ ZOR_LOG_SOURCE("modules/BaseService/Miravel/BsClipThumbnailService/BsAudioThumbn
 
 namespace ZOR {
 
+using namespace audio_thumbnails;
+
 namespace {
-
-// Wave data is addressed in frames of 25 per second.
-constexpr DmRational kWaveRate{25, 1};
-
-// Change bits of a clip (set by the timeline's change tracker).
-constexpr uint32_t kChangeMarks = 0x2;
-constexpr uint32_t kChangeRange = 0x4;
-constexpr uint32_t kChangeLoudness = 0x8;
-constexpr uint32_t kChangeDucking = 0x10;
-constexpr uint32_t kChangeSpeed = 0x20;
-constexpr uint32_t kChangeVolume = 0x40;
-constexpr uint32_t kChangeRemoved = 0x80;
-constexpr uint32_t kChangeEnable = 0x200;
-constexpr uint32_t kChangeStream = 0x400;
-constexpr uint32_t kChangeVolumeGain = 0x800;
-constexpr uint32_t kPositionBits = kChangeStream | kChangeSpeed | kChangeMarks;  // 0x422
-constexpr uint32_t kAllPositionsBits = kChangeSpeed | kChangeMarks;              // 0x22
-constexpr uint32_t kDuckingRelated = 0x3D4;
-constexpr uint32_t kDuckingByOthers = 0x304;
-
-constexpr int32_t kEffectDucking = 4109;
-constexpr int32_t kEffectVolume = 4110;
-constexpr int32_t kEffectReverse = 4139;
-
-// A keyframe at or below this level is silence.
-constexpr double kSilenceDb = -48.0;
-// The factor of the dB-to-gain power, as the float 0.05 widened to double
-// (0.05000000074505806), which is what the envelope has always used.
-constexpr double kDbFactor = static_cast<double>(0.05f);
-constexpr double kMaxStaticGain = 50.0;
 
 IBsAudioThumbnailQueryer* queryerOf(uint64_t key) {
     return reinterpret_cast<IBsAudioThumbnailQueryer*>(static_cast<uintptr_t>(key));
-}
-
-// The gain of a level in dB: 10^(dB x 0.05), the product in double narrowed to
-// float and the power in single precision; silence at or below -48 dB.
-double gainOfDb(double db) {
-    if (!(db > kSilenceDb)) return 0.0;
-    return static_cast<double>(powf(10.0f, static_cast<float>(db * kDbFactor)));
 }
 
 // The process-wide audio wave extraction task shared by every builder. The
@@ -71,141 +40,12 @@ SharedTask& sharedTask() {
     return *instance;
 }
 
-bool readProperty(IDmAudioFeature* audio, const char* key, ZorProperty* value) {
-    return audio != nullptr && audio->getProperty(key, value) == 0;
-}
-
-// A property of any data-model object, through whichever property face it has.
-bool readObjectProperty(IDmBaseObj* object, const char* key, ZorProperty* value) {
-    if (object == nullptr) return false;
-    if (auto* owner = static_cast<IDmPropertyOwner*>(object->queryInterface("IDmPropertyOwner")))
-        return owner->getProperty(key, value) == 0;
-    if (auto* audio = static_cast<IDmAudioFeature*>(object->queryInterface("IDmAudioFeature")))
-        return audio->getProperty(key, value) == 0;
-    return false;
-}
-
-double numberOf(const ZorProperty& value) {
-    return value.kind == ZorProperty::Double ? value.doubleValue : static_cast<double>(value.intValue);
-}
-
-// The ducking effect of clip that counts: its base audio clip's effect 4109,
-// unless that clip is muted or the effect is off.
-IDmEffect* activeDuckingEffect(IDmClip* clip) {
-    IDmClip* audioClip = getBaseAudioClip(clip);
-    if (audioClip == nullptr) return nullptr;
-    IDmEffect* effect = audioClip->effect(kEffectDucking);
-    if (effect == nullptr) return nullptr;
-    if (audioClip->queryInterface("IDmAudioClip") != nullptr) {
-        ZorProperty mute;
-        auto* audio = static_cast<IDmAudioFeature*>(audioClip->queryInterface("IDmAudioFeature"));
-        if (readProperty(audio, audioKey::mute, &mute) && mute.boolValue()) return nullptr;
-    }
-    if (!effect->isEnabled()) return nullptr;
-    return effect;
-}
-
-bool rangesOverlap(IDmClip* a, IDmClip* b) {
-    return beginTimeOfClip(a) < endTimeOfClip(b) && beginTimeOfClip(b) < endTimeOfClip(a);
-}
-
-bool sameRecords(const std::vector<FAudioDuckInfo>& a, const std::vector<FAudioDuckInfo>& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (a[i].clip.get() != b[i].clip.get() || a[i].begin != b[i].begin || a[i].end != b[i].end ||
-            a[i].depth != b[i].depth || a[i].fade != b[i].fade || a[i].fadeRatio != b[i].fadeRatio)
-            return false;
-    }
-    return true;
-}
-
 // A cancelled task no longer fills the cache: requests of its media stop
 // waiting for it.
 void forgetCacheTask(const std::shared_ptr<BsAudioSampleCache>& cache, int64_t token) {
     if (!cache) return;
     std::lock_guard<std::mutex> guard(cache->lock());
     if (cache->taskToken() == token) cache->setTaskToken(-1);
-}
-
-// The point times of a request: t = begin + trunc(i / count x (end - begin)).
-int64_t pointTime(int64_t begin, int64_t end, int32_t i, int32_t count) {
-    return begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
-                                        static_cast<double>(end - begin));
-}
-
-// Reads one raw amplitude per position from the cache (its lock held).
-int32_t readRawSamples(BsAudioSampleCache& cache, IZORLonglongList* positions, std::vector<float>& raw) {
-    std::lock_guard<std::mutex> guard(cache.lock());
-    if (!cache.open()) return kResultFailure;
-    const int32_t count = positions != nullptr ? positions->count() : 0;
-    raw.assign(static_cast<size_t>(std::max(count, 0)), 0.0f);
-    const int64_t frameLength = cnsTimeFromFrame(kWaveRate, 1);
-    const uint32_t perFrame = cache.valuesPerFrame();
-    int64_t lastFrame = 0;
-    const std::vector<float>* values = nullptr;
-    bool haveLast = false;
-    for (int32_t i = 0; i < count; ++i) {
-        const int64_t position = positions->get(i);
-        const int64_t frame = frameFromCnsTime(kWaveRate, position);
-        if (!haveLast || frame != lastFrame) {
-            values = frame >= INT32_MIN && frame <= INT32_MAX ? cache.frame(static_cast<int32_t>(frame)) : nullptr;
-            lastFrame = frame;
-            haveLast = true;
-        }
-        if (values == nullptr) continue;
-        const int64_t frameStart = cnsTimeFromFrame(kWaveRate, frame);
-        const float fraction = static_cast<float>(position - frameStart) / static_cast<float>(frameLength);
-        uint32_t index = static_cast<uint32_t>(fraction * static_cast<float>(perFrame));
-        index = std::min(index, perFrame - 1);
-        if (index < values->size()) raw[static_cast<size_t>(i)] = (*values)[index];
-    }
-    return 0;
-}
-
-// The envelope of keyframes (times, with their gains) at time t: linear in
-// gain between neighbours, the first gain before the first keyframe and the
-// last after the last.
-double envelopeAt(const std::vector<std::pair<int64_t, double>>& keyframes, const std::vector<double>& gains,
-                  int64_t t) {
-    if (keyframes.size() == 1) return gains[0];
-    size_t next = 0;
-    while (next < keyframes.size() && !(keyframes[next].first > t)) ++next;
-    if (next == 0) return gains[0];
-    if (next == keyframes.size()) return gains.back();
-    const size_t previous = next - 1;
-    return gains[previous] + static_cast<double>(t - keyframes[previous].first) /
-                                 static_cast<double>(keyframes[next].first - keyframes[previous].first) *
-                                 (gains[next] - gains[previous]);
-}
-
-// The gain of the volume envelope at clip time t.
-double volumeAtTime(const AudioThumbnailParam& entry, int64_t t) {
-    if (entry.volumeKeyframes.empty()) return gainOfDb(static_cast<double>(entry.volume) + entry.volumeGain);
-    return envelopeAt(entry.volumeKeyframes, entry.keyframeGains, t);
-}
-
-// The ducking factor at clip time t: 1 - the deepest level of the records.
-double duckingFactor(const std::vector<FAudioDuckInfo>& records, int64_t t) {
-    double deepest = 0.0;
-    for (const FAudioDuckInfo& record : records) {
-        const double fadeLength = static_cast<double>(static_cast<int64_t>(record.fade * 10000000.0));
-        const double outside = (1.0 - record.fadeRatio) * fadeLength;
-        const int64_t inside = static_cast<int64_t>(record.fadeRatio * fadeLength);
-        const int64_t a = static_cast<int64_t>(static_cast<double>(record.begin) - outside);
-        const int64_t h = std::min((record.end - record.begin) / 2, inside);
-        const int64_t b = record.begin + h;
-        const int64_t c = record.end - h;
-        const int64_t d = static_cast<int64_t>(static_cast<double>(record.end) + outside);
-        double level = 0.0;
-        if (b <= t && t <= c)
-            level = record.depth;
-        else if (a <= t && t < b)
-            level = static_cast<double>(t - a) / static_cast<double>(b - a) * record.depth;
-        else if (c < t && t <= d)
-            level = static_cast<double>(d - t) / static_cast<double>(d - c) * record.depth;
-        deepest = std::max(deepest, level);
-    }
-    return deepest > 0.0 ? 1.0 - deepest : 1.0;
 }
 
 }  // namespace
@@ -259,12 +99,7 @@ BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
                 }
     }
     if (worker_.joinable()) {
-        {
-            std::lock_guard<std::mutex> guard(queueLock_);
-            queue_.clear();
-            queue_.push_back(WaveMessage{WaveMessage::Quit, 0, 0, false});
-        }
-        queueSignal_.notify_all();
+        queue_.quit();
         worker_.join();  // from the worker itself: std::system_error (resource deadlock)
     }
     {
@@ -558,213 +393,6 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
 }
 
 // ---------------------------------------------------------------------------
-// Ducking intervals
-
-bool BsAudioThumbnailBuilder::trackPasses(IDmTrack* track) {
-    if (track == nullptr || track->trackKind() != DmTrackAudio) return false;
-    ZorProperty value;
-    if (track->getProperty(trackKey::mute, &value) == 0 && value.boolValue()) return false;
-    if (track->getProperty(trackKey::visible, &value) == 0 && !value.boolValue()) return false;
-    return true;
-}
-
-bool BsAudioThumbnailBuilder::makeDuckRecord(IDmClip* clip, FAudioDuckInfo* record, bool heldByRecord) {
-    // A clip that only an interval still holds has been let go by the data
-    // model.
-    if ((heldByRecord && clip->refCount() <= 1) || clip->timeline() == nullptr) {
-        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::updateDuckInfo", " clip is release");
-        return false;
-    }
-    ZorProperty enable;
-    if (readObjectProperty(clip, clipKey::enable, &enable) && !enable.boolValue()) return false;
-    if (clip->timeline() != timeline_ || !trackPasses(clip->track())) return false;
-    IDmEffect* effect = activeDuckingEffect(clip);
-    if (effect == nullptr) return false;
-    record->changes = 0;
-    record->clip = ZorRef<IDmClip>::share(clip);
-    record->begin = beginTimeOfClip(clip);
-    record->end = endTimeOfClip(clip);
-    record->depth = static_cast<double>(effect->value(0));
-    record->fade = static_cast<double>(effect->value(1));
-    record->fadeRatio = static_cast<double>(effect->value(2));
-    return true;
-}
-
-int32_t BsAudioThumbnailBuilder::updateDuckInfo() {
-    if (timeline_ == nullptr) return kResultFailure;
-    if (duckInfo_) {
-        if (!duckInfoChanged_) return 0;
-        auto rebuilt = std::make_shared<std::vector<FAudioDuckInfo>>();
-        for (FAudioDuckInfo& record : *duckInfo_) {
-            if (record.changes == 0) {
-                rebuilt->push_back(record);
-            } else if ((record.changes & kChangeRemoved) == 0) {
-                FAudioDuckInfo remade;
-                if (record.clip.get() != nullptr && makeDuckRecord(record.clip.get(), &remade, true))
-                    rebuilt->push_back(std::move(remade));
-            }
-        }
-        duckInfo_ = std::move(rebuilt);
-        duckInfoChanged_ = false;
-        return 0;
-    }
-    auto made = std::make_shared<std::vector<FAudioDuckInfo>>();
-    for (int32_t t = 0; t < timeline_->trackCount(); ++t) {
-        if (!trackPasses(timeline_->track(t))) continue;
-        for (int32_t i = 0; i < timeline_->clipCount(t); ++i) {
-            IDmClip* clip = timeline_->clip(t, i);
-            FAudioDuckInfo record;
-            if (clip != nullptr && makeDuckRecord(clip, &record, false)) made->push_back(std::move(record));
-        }
-    }
-    duckInfo_ = std::move(made);
-    duckInfoChanged_ = false;
-    return 0;
-}
-
-std::vector<FAudioDuckInfo> BsAudioThumbnailBuilder::duckRecordsFor(IDmClip* clip) const {
-    std::vector<FAudioDuckInfo> records;
-    if (!duckInfo_) return records;
-    const int64_t begin = beginTimeOfClip(clip);
-    const int64_t end = endTimeOfClip(clip);
-    const int64_t shift = markInTimeOfClip(clip) - begin;
-    for (const FAudioDuckInfo& record : *duckInfo_) {
-        if (!(record.begin < end && begin < record.end)) continue;
-        FAudioDuckInfo copy = record;
-        copy.begin += shift;
-        copy.end += shift;
-        records.push_back(std::move(copy));
-    }
-    return records;
-}
-
-// ---------------------------------------------------------------------------
-// Parameters and positions
-
-uint32_t BsAudioThumbnailBuilder::updateAudioThumbnailParam(IDmClip* clip, AudioThumbnailParam& entry) {
-    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::updateAudioThumbnailParam[700]", true, 0,
-                        IBsLogger::Timing);
-    auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
-    uint32_t result = entry.dirty;
-    ZorProperty value;
-
-    if ((entry.dirty & kChangeLoudness) != 0) {
-        entry.loudnessGain = 0.0f;
-        if (readProperty(audio, audioLoudness::enable, &value) && value.boolValue() &&
-            readProperty(audio, audioLoudness::gain, &value))
-            entry.loudnessGain = static_cast<float>(numberOf(value));
-    }
-    if ((entry.dirty & kChangeVolumeGain) != 0)
-        entry.volumeGain = readProperty(audio, clipVolumeKey::volumeGain, &value) ? numberOf(value) : 0.0;
-
-    const int64_t markIn = markInTimeOfClip(clip);
-    const int64_t markOut = markOutTimeOfClip(clip);
-
-    if ((entry.dirty & kChangeVolume) != 0) {
-        const bool muted = readProperty(audio, audioKey::mute, &value) && value.boolValue();
-        entry.volume = 0.0f;
-        if (!muted && readProperty(audio, audioKey::volume, &value)) entry.volume = static_cast<float>(numberOf(value));
-        entry.volumeKeyframes.clear();
-        entry.keyframeGains.clear();
-        IDmEffect* effect = clip->effect(kEffectVolume);
-        const int32_t count = effect != nullptr ? effect->keyframeCount(1) : 0;
-        if (count > 0) {
-            entry.volume = 0.0f;
-            std::vector<std::pair<int64_t, double>> all;
-            std::vector<double> allGains;
-            for (int32_t i = 0; i < count; ++i) {
-                int64_t time = 0;
-                double db = 0.0;
-                if (effect->keyframe(1, i, &time, &db) == 0) {
-                    all.emplace_back(time, db);
-                    allGains.push_back(gainOfDb(db));
-                }
-            }
-            // Boundary keyframes. The envelope runs linearly in gain from one
-            // keyframe to the next and holds the first and last levels beyond
-            // them (envelopeAt). Keyframes outside [mark in, mark out] are
-            // dropped; where some lay before mark in (after mark out) and none
-            // lies exactly on it, one is placed on the boundary with the
-            // envelope's gain there. The envelope between the boundaries is
-            // then the same line segments as before, so the clip sounds and
-            // draws as it did; its gain is kept as computed, not re-derived
-            // from a dB value, so that no rounding creeps in.
-            bool before = false;
-            bool after = false;
-            bool atIn = false;
-            bool atOut = false;
-            for (const auto& [time, db] : all) {
-                before = before || time < markIn;
-                after = after || time > markOut;
-                atIn = atIn || time == markIn;
-                atOut = atOut || time == markOut;
-            }
-            auto place = [&](int64_t at) {
-                const double gain = envelopeAt(all, allGains, at);
-                entry.volumeKeyframes.emplace_back(at, gain > 0.0 ? 20.0 * std::log10(gain) : kSilenceDb);
-                entry.keyframeGains.push_back(gain);
-            };
-            if (before && !atIn) place(markIn);
-            for (size_t i = 0; i < all.size(); ++i) {
-                if (all[i].first < markIn || all[i].first > markOut) continue;
-                entry.volumeKeyframes.push_back(all[i]);
-                entry.keyframeGains.push_back(allGains[i]);
-            }
-            if (after && !atOut && markOut > markIn) place(markOut);
-        }
-    }
-
-    if ((entry.dirty & kChangeDucking) != 0) {
-        bool changed = false;
-        if (activeDuckingEffect(clip) != nullptr) {
-            // A ducking source is never ducked itself.
-            changed = !entry.duckRecords.empty();
-            entry.duckRecords.clear();
-        } else {
-            std::vector<FAudioDuckInfo> records = duckRecordsFor(clip);
-            changed = !sameRecords(records, entry.duckRecords);
-            entry.duckRecords = std::move(records);
-        }
-        if (!changed) result &= ~kChangeDucking;
-    }
-
-    if ((entry.dirty & kChangeSpeed) != 0) {
-        entry.silentRanges.clear();
-        if (auto* parts = static_cast<IDmClipSpeedPart*>(clip->queryInterface("IDmClipSpeedPart"))) {
-            const int32_t count = parts->speedPartCount();
-            for (int32_t i = 0; i < count; ++i) {
-                int64_t begin = -1;
-                int64_t end = -1;
-                double speed = 1.0;
-                parts->speedPart(i, &begin, &end, &speed);
-                if (speed == 0.0) entry.silentRanges.emplace_back(begin, end);
-            }
-        }
-    }
-    return result;
-}
-
-int32_t BsAudioThumbnailBuilder::fillSamplePositions(IDmClip* clip, AudioThumbnailRequest& request) {
-    if (request.positions != nullptr && request.positions->count() > 0) return 0;
-    request.resetPositions(createZORLonglongList());
-    request.sourceBegin = INT64_MAX;
-    request.sourceEnd = 0;
-    bool reverse = false;
-    if (IDmEffect* effect = clip->effect(kEffectReverse)) reverse = effect->value(0) != 0.0f;
-    auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
-    for (int32_t i = 0; i < request.sampleCount; ++i) {
-        const int64_t t = pointTime(request.begin, request.end, i, request.sampleCount);
-        const int64_t s = audio != nullptr ? audio->sourcePosition(t, reverse) : t;
-        if (request.positions != nullptr) request.positions->append(s);
-        request.sourceEnd = std::max(request.sourceEnd, s);
-        request.sourceBegin = std::min(request.sourceBegin, s);
-    }
-    request.rawSamples.clear();
-    request.samples.clear();
-    return 0;
-}
-
-// ---------------------------------------------------------------------------
 // Tasks and the worker
 
 int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam& entry,
@@ -833,16 +461,7 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
 }
 
 void BsAudioThumbnailBuilder::pushWaveData(IDmClip* clip, IBsAudioThumbnailQueryer* queryer) {
-    {
-        std::lock_guard<std::mutex> guard(queueLock_);
-        // One WaveData per clip at a time, whichever queryer it is for.
-        const auto clipKey = static_cast<int64_t>(pointerKey(clip));
-        for (const WaveMessage& message : queue_)
-            if (message.kind == WaveMessage::WaveData && message.first == clipKey) return;
-        queue_.push_back(
-            WaveMessage{WaveMessage::WaveData, clipKey, static_cast<int64_t>(pointerKey(queryer)), false});
-    }
-    queueSignal_.notify_all();
+    queue_.pushWaveData(static_cast<int64_t>(pointerKey(clip)), static_cast<int64_t>(pointerKey(queryer)));
 }
 
 int32_t BsAudioThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
@@ -851,11 +470,7 @@ int32_t BsAudioThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*
     if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
     ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
-    {
-        std::lock_guard<std::mutex> guard(queueLock_);
-        queue_.push_back(WaveMessage{WaveMessage::TaskEnd, token, status, true});
-    }
-    queueSignal_.notify_all();
+    queue_.pushTaskEnd(token, status);
     return 0;
 }
 
@@ -863,18 +478,8 @@ void BsAudioThumbnailBuilder::waveWorkerLoop() {
     using Payload = std::variant<std::monostate, int64_t>;
     while (!stopped_.load()) {
         WaveMessage message;
-        bool have = false;
-        {
-            std::unique_lock<std::mutex> guard(queueLock_);
-            queueSignal_.wait_for(guard, std::chrono::milliseconds(100),
-                                  [this] { return !queue_.empty() || stopped_.load(); });
-            workerRounds_.fetch_add(1);
-            if (!queue_.empty()) {
-                message = queue_.front();
-                queue_.pop_front();
-                have = true;
-            }
-        }
+        const bool have = queue_.pop(std::chrono::milliseconds(100), stopped_, &message);
+        workerRounds_.fetch_add(1);
         if (have) {
             // A message whose flag does not match its kind is malformed.
             const bool expectFlag = message.kind == WaveMessage::TaskEnd;
@@ -983,39 +588,6 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
         request->inWork.store(false);
     }
     entry->busy.store(false);
-}
-
-void BsAudioThumbnailBuilder::applyAudioGain(AudioThumbnailParam& entry, AudioThumbnailRequest& request,
-                                             IBsAudioThumbnailQueryer* queryer) {
-    float staticFactor = 1.0f;
-    if (!(entry.loudnessGain == 0.0f && entry.volumeGain == 0.0)) {
-        const float loudness = entry.loudnessGain != 0.0f ? 20.0f * log10f(entry.loudnessGain) : 0.0f;
-        const double db = entry.volume + entry.volumeGain + loudness;
-        const double gain = std::min(gainOfDb(db), kMaxStaticGain);
-        staticFactor = sqrtf(static_cast<float>(gain));
-    }
-    const bool ducking = queryer != nullptr && queryer->isCalcDuckingEnabled();
-    const size_t count = request.rawSamples.size();
-    request.samples.resize(count);
-    for (size_t i = 0; i < count; ++i) {
-        if (request.cancelled.load(std::memory_order_relaxed)) return;
-        const int64_t t = pointTime(request.begin, request.end, static_cast<int32_t>(i), request.sampleCount);
-        double x = 0.0;
-        bool silent = false;
-        for (const auto& [a, b] : entry.silentRanges) {
-            if (a <= t && t <= b) {
-                silent = true;
-                break;
-            }
-        }
-        if (!silent) {
-            const double envelope = volumeAtTime(entry, t);
-            const double k = ducking ? duckingFactor(entry.duckRecords, t) : 1.0;
-            x = envelope * staticFactor * k;
-        }
-        const float value = static_cast<float>(std::sqrt(x) * static_cast<double>(request.rawSamples[i]));
-        request.samples[i] = std::min(1.0f, value);
-    }
 }
 
 }  // namespace ZOR

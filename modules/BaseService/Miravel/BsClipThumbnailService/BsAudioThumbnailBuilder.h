@@ -25,23 +25,14 @@
 #include <vector>
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "BsAudioDuckIntervals.h"
 #include "BsAudioSampleCache.h"
+#include "BsWaveWorkerQueue.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "Miravel/IBsClipThumbnailCallbacks.h"
 
 namespace ZOR {
-
-// One ducking interval.
-struct FAudioDuckInfo {
-    uint32_t changes = 0;  // bits noted since the last rebuild; 0x80: the clip is gone
-    ZorRef<IDmClip> clip;  // the clip whose ducking effect makes the interval
-    int64_t begin = 0;
-    int64_t end = 0;
-    double depth = 0.0;
-    double fade = 0.0;       // seconds
-    double fadeRatio = 0.0;  // the part of the fade inside [begin, end]
-};
 
 // One query of one queryer on one clip.
 struct AudioThumbnailRequest {
@@ -93,15 +84,6 @@ struct AudioThumbnailParam {
     std::atomic<bool> busy{false};
 };
 
-// An item of the worker's queue.
-struct WaveMessage {
-    enum Kind : int32_t { Quit = 0, TaskEnd = 1, WaveData = 3 };
-    int32_t kind = Quit;
-    int64_t first = 0;
-    int64_t second = 0;
-    bool flag = false;
-};
-
 class BsAudioThumbnailBuilder : public IZorCallBack {
 public:
     BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* owner, IDmTimeline* timeline);
@@ -151,9 +133,7 @@ private:
     std::map<uint64_t, Entry> clips_;
     std::shared_ptr<std::vector<FAudioDuckInfo>> duckInfo_;
     bool duckInfoChanged_ = false;
-    std::list<WaveMessage> queue_;
-    std::mutex queueLock_;  // alone or innermost: guards queue_
-    std::condition_variable queueSignal_;
+    BsWaveWorkerQueue queue_;
     std::thread worker_;
     std::atomic<bool> stopped_{true};
     std::atomic<bool> workerRunning_{false};
