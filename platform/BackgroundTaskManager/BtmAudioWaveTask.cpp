@@ -1,52 +1,3 @@
-// The audio wave extraction task.
-//
-// A request names frames [first, last] (25 per second, media time) of one
-// audio stream. The frames its wave manager does not hold yet are decoded, in
-// pieces that the workers decode in parallel, and stored in the manager; then
-// the request reports status 2.
-//
-// Placing samples. Value k of frame f is the peak of the samples n (counted
-// from the stream's first decoded sample) with floor(n x 1000 / R) = 40 f + k.
-// Decoding from the start counts samples exactly. A piece that starts later
-// seeks there instead, which is exact only where the container gives every
-// packet a sample-exact timestamp (WAV, W64, AIFF, CAF, FLAC, the MP4 family):
-// a decoded frame's first sample is then (pts - origin) x R, origin being the
-// timestamp of the first decoded sample, measured once per stream and kept by
-// its wave manager. A seek lands a little early (200 ms) so that decoders
-// with overlapping frames are settled when the piece begins; if it lands late
-// the piece falls back to decoding from the start.
-//
-// MP3 files (the "mp3" container, regular files) are cut by a packet index
-// instead (BtmPacketIndex.h): a first pass demuxes the stream without decoding
-// and counts the samples of every packet, start skip and end trimming
-// included; pieces then decode from a pre-roll before their first packet and
-// place each packet's samples by the index. The samples are bit-identical to
-// a sequential decode's, which every piece checks (each packet's sample count,
-// and its first packets decoded twice from different pre-rolls); a piece
-// that fails a check makes the request decode from the start, over what the
-// pieces stored, before it reports. The index also gives the stream's end
-// before decoding. The last few indexes are kept for later requests.
-//
-// Other formats (raw AAC, Matroska, Ogg, ...) are decoded from the start, in
-// one piece. Raw AAC is not indexed: the decoder's noise substitution draws
-// from a generator that runs on from the start of decoding, so a piece cannot
-// reproduce a sequential decode's samples.
-//
-// Files that change on disk (status 7). append() records the file's identity
-// (size and modification time, DmFileIdentity). When the request's decoding
-// starts (its first job runs, e.g. after resume()) and the identity differs,
-// nothing is decoded: the stream's wave manager adopts the new identity,
-// which drops every frame it held (they describe the old content; clips of
-// the stream read zeros until new frames are stored), and the request ends
-// with status 7 ("submit the request again; it moves to a new token"). A new
-// append() then decodes the new content. The same happens when the file
-// changes while the request decodes, or when another request or a new clip
-// made the manager adopt a newer content meanwhile (the frames this request
-// decoded were refused, see IDmAudioWaveStore). A file that cannot be looked
-// at (gone, a pipe) has no identity: held frames stay and are served. Status
-// 7 is the request's final report, instead of 2, 3 or 4. A request appended
-// from inside a report (the usual way to resubmit) starts only once that
-// report has returned, so the client has recorded the new token first.
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/mathematics.h>
@@ -68,6 +19,7 @@ extern "C" {
 #include <vector>
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "BtmAudioWaveTask.h"
 #include "BtmMediaDecoder.h"
 #include "BtmPacketIndex.h"
 #include "BtmTaskControl.h"
@@ -82,42 +34,13 @@ namespace ZOR::btm {
 
 namespace {
 
-constexpr int32_t kValues = IDmAudioWaveStore::kValuesPerFrame;
 // The smallest piece worth a decoder of its own: 10 s.
 constexpr int32_t kMinPieceFrames = 250;
-// Frames stored at a time while a piece decodes.
-constexpr int32_t kCommitFrames = 25;
 // Pieces per worker when the stream is decoded by its packet index (more
 // pieces than workers even out uneven progress).
 constexpr int64_t kIndexedPiecesPerWorker = 4;
 // Packets an indexed piece decodes twice to check its pre-roll.
 constexpr size_t kCheckPackets = 3;
-
-// The largest absolute value of data[0, count), NaN ignored.
-float peakOf(const float* data, int count) {
-    float peak = 0.0f;
-    int i = 0;
-#if defined(__SSE2__)
-    // _mm_max_ps(x, m) keeps m when x is NaN, as std::max(m, x) does.
-    const __m128 magnitude = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    __m128 a = _mm_setzero_ps();
-    __m128 b = _mm_setzero_ps();
-    for (; i + 8 <= count; i += 8) {
-        a = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(data + i), magnitude), a);
-        b = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(data + i + 4), magnitude), b);
-    }
-    alignas(16) float lanes[4];
-    _mm_store_ps(lanes, _mm_max_ps(a, b));
-    peak = std::max(std::max(lanes[0], lanes[1]), std::max(lanes[2], lanes[3]));
-#endif
-    for (; i < count; ++i) peak = std::max(peak, std::fabs(data[i]));
-    return peak;
-}
-
-// The first sample of frame f at rate R: the least n with n x 25 >= f x R.
-int64_t firstSampleOf(int64_t frame, int64_t rate) { return (frame * rate + 24) / 25; }
-// The frame that holds sample n: floor(floor(n x 1000 / R) / 40) = floor(n x 25 / R).
-int64_t frameOfSample(int64_t sample, int64_t rate) { return sample * 25 / rate; }
 
 bool sampleExactContainer(const AVFormatContext* format) {
     static const char* const kExact[] = {"wav", "w64", "aiff", "caf", "flac", "mov,mp4,m4a,3gp,3g2,mj2"};
@@ -126,209 +49,6 @@ bool sampleExactContainer(const AVFormatContext* format) {
         if (std::strcmp(format->iformat->name, name) == 0) return true;
     return false;
 }
-
-class AudioRequest final : public Request {
-public:
-    AudioRequest(int64_t token, std::string mediaPath, int32_t streamIndex, IDmAudioWaveStore* waveStore,
-                 int32_t firstFrame, int32_t lastFrame, int64_t expectedFrames, const DmFileIdentity& identity)
-        : Request(token),
-          path(std::move(mediaPath)),
-          stream(streamIndex),
-          store(waveStore),
-          first(firstFrame),
-          last(lastFrame),
-          frameEstimate(expectedFrames),
-          appended(identity) {
-        store->AddRef();
-    }
-    ~AudioRequest() override { store->Release(); }
-
-    void fail(const std::string& problem) {
-        std::lock_guard<std::mutex> guard(problemLock);
-        if (problem_.empty()) problem_ = problem;
-    }
-    std::string problem() {
-        std::lock_guard<std::mutex> guard(problemLock);
-        return problem_;
-    }
-    int32_t percent() const {
-        const int64_t total = framesTotal.load(std::memory_order_acquire);
-        if (total <= 0) return 0;
-        return static_cast<int32_t>(std::min<int64_t>(100, framesDone.load(std::memory_order_acquire) * 100 / total));
-    }
-
-    const std::string path;
-    const int32_t stream;
-    IDmAudioWaveStore* const store;  // one reference
-    const int32_t first;
-    const int32_t last;
-    const int64_t frameEstimate;  // frames in the stream by its declared duration; 0 when unknown
-    const DmFileIdentity appended;  // the file as append() saw it
-    // Set by the planning job before any piece is queued (the pool's queue
-    // orders it before the pieces read it).
-    DmFileIdentity planned;         // the file when decoding started
-    uint64_t generation = 0;        // the store's content the pieces write into
-    std::atomic<int32_t> piecesLeft{0};
-    std::atomic<int64_t> framesTotal{0};
-    std::atomic<int64_t> framesDone{0};
-    std::atomic<bool> redo{false};  // an indexed piece could not be trusted
-
-private:
-    std::mutex problemLock;  // leaf
-    std::string problem_;    // guarded by problemLock: the first failure
-};
-
-// Float samples of any decoded frame: the frame's own when FFmpeg decodes to
-// floats, otherwise converted with libswresample (same layout and rate).
-class FloatSamples {
-public:
-    FloatSamples() = default;
-    ~FloatSamples() {
-        swr_free(&swr_);
-        av_channel_layout_uninit(&swrLayout_);
-    }
-    FloatSamples(const FloatSamples&) = delete;
-    FloatSamples& operator=(const FloatSamples&) = delete;
-
-    // False when the frame cannot be converted.
-    bool load(const AVFrame* frame) {
-        channels_ = frame->ch_layout.nb_channels;
-        count_ = frame->nb_samples;
-        const auto format = static_cast<AVSampleFormat>(frame->format);
-        if (format == AV_SAMPLE_FMT_FLTP || format == AV_SAMPLE_FMT_FLT) {
-            planar_ = format == AV_SAMPLE_FMT_FLTP;
-            planes_.assign(static_cast<size_t>(planar_ ? channels_ : 1), nullptr);
-            for (size_t c = 0; c < planes_.size(); ++c)
-                planes_[c] = reinterpret_cast<const float*>(frame->extended_data[c]);
-            return true;
-        }
-        if (swr_ == nullptr || format != swrFormat_ || frame->sample_rate != swrRate_ ||
-            av_channel_layout_compare(&frame->ch_layout, &swrLayout_) != 0) {
-            swr_free(&swr_);
-            av_channel_layout_uninit(&swrLayout_);
-            // The same layout in and out: only the sample format changes.
-            if (av_channel_layout_copy(&swrLayout_, &frame->ch_layout) < 0 ||
-                swr_alloc_set_opts2(&swr_, &swrLayout_, AV_SAMPLE_FMT_FLTP, frame->sample_rate, &swrLayout_,
-                                    format, frame->sample_rate, 0, nullptr) < 0 ||
-                swr_init(swr_) < 0) {
-                swr_free(&swr_);
-                av_channel_layout_uninit(&swrLayout_);
-                return false;
-            }
-            swrFormat_ = format;
-            swrRate_ = frame->sample_rate;
-        }
-        buffers_.resize(static_cast<size_t>(channels_));
-        std::vector<uint8_t*> out(static_cast<size_t>(channels_));
-        for (int c = 0; c < channels_; ++c) {
-            buffers_[static_cast<size_t>(c)].resize(static_cast<size_t>(count_));
-            out[static_cast<size_t>(c)] = reinterpret_cast<uint8_t*>(buffers_[static_cast<size_t>(c)].data());
-        }
-        const int converted = swr_convert(swr_, out.data(), count_,
-                                          const_cast<const uint8_t**>(frame->extended_data), count_);
-        if (converted < 0) return false;
-        count_ = converted;
-        planar_ = true;
-        planes_.assign(static_cast<size_t>(channels_), nullptr);
-        for (int c = 0; c < channels_; ++c) planes_[static_cast<size_t>(c)] = buffers_[static_cast<size_t>(c)].data();
-        return true;
-    }
-
-    int channels() const { return channels_; }
-    int count() const { return count_; }
-    // The largest absolute value of samples [from, to) over every channel.
-    float peak(int from, int to) const {
-        if (!planar_) return peakOf(planes_[0] + from * channels_, (to - from) * channels_);
-        float peak = 0.0f;
-        for (int c = 0; c < channels_; ++c)
-            peak = std::max(peak, peakOf(planes_[static_cast<size_t>(c)] + from, to - from));
-        return peak;
-    }
-
-private:
-    int channels_ = 0;
-    int count_ = 0;
-    bool planar_ = true;
-    std::vector<const float*> planes_;
-    std::vector<std::vector<float>> buffers_;
-    SwrContext* swr_ = nullptr;
-    AVSampleFormat swrFormat_ = AV_SAMPLE_FMT_NONE;
-    int swrRate_ = 0;
-    AVChannelLayout swrLayout_{};
-};
-
-// The values of frames [first, last] as the samples come, stored in the wave
-// manager as frames complete. Only the frames not stored yet are kept, so a
-// range that reaches far beyond the end of the stream costs nothing.
-class WaveAccumulator {
-public:
-    WaveAccumulator(AudioRequest& request, int32_t first, int32_t last, int64_t rate)
-        : request_(request),
-          last_(last),
-          rate_(rate),
-          needFirst_(firstSampleOf(first, rate)),
-          needEnd_(firstSampleOf(int64_t{last} + 1, rate)),
-          base_(first) {}
-
-    int64_t needFirst() const { return needFirst_; }
-    int64_t needEnd() const { return needEnd_; }
-
-    // count samples from sample n0 on.
-    void add(int64_t n0, const FloatSamples& samples) {
-        int64_t n = std::max(n0, needFirst_);
-        const int64_t end = std::min(n0 + samples.count(), needEnd_);
-        if (n >= end) return;
-        // Runs end where windows do: the window of the next run is the next one.
-        for (int64_t window = n * 1000 / rate_; n < end; ++window) {
-            const int64_t nextWindowStart = ((window + 1) * rate_ + 999) / 1000;
-            const int64_t runEnd = std::min(end, nextWindowStart);
-            const float peak = samples.peak(static_cast<int>(n - n0), static_cast<int>(runEnd - n0));
-            const int64_t index = window - base_ * kValues;
-            if (index >= 0) {  // frames already stored are complete
-                if (static_cast<size_t>(index) >= values_.size())
-                    values_.resize(static_cast<size_t>(index / kValues + 1) * kValues, 0.0f);
-                values_[static_cast<size_t>(index)] = std::max(values_[static_cast<size_t>(index)], peak);
-            }
-            n = runEnd;
-        }
-    }
-
-    // Every sample before n has been added: store the frames that are complete.
-    void completeBefore(int64_t n, bool force) {
-        commitThrough(std::min<int64_t>(last_, frameOfSample(n, rate_) - 1), force);
-    }
-
-    // The stream ended after sample total - 1.
-    void streamEnded(int64_t total) {
-        if (total <= 0) return;
-        const int64_t lastFrame = frameOfSample(total - 1, rate_);
-        commitThrough(std::min<int64_t>(last_, lastFrame), true);
-        if (lastFrame + 1 <= INT32_MAX)
-            request_.store->setEndFrame(request_.generation, static_cast<int32_t>(lastFrame + 1));
-    }
-
-private:
-    void commitThrough(int64_t through, bool force) {
-        if (through < base_) return;
-        const int64_t count = through - base_ + 1;
-        if (!force && count < kCommitFrames) return;
-        const size_t stored = static_cast<size_t>(count) * kValues;
-        if (values_.size() < stored) values_.resize(stored, 0.0f);  // windows without samples hold 0
-        request_.store->storeFrames(request_.generation, static_cast<int32_t>(base_), static_cast<int32_t>(count),
-                                    values_.data());
-        values_.erase(values_.begin(), values_.begin() + static_cast<ptrdiff_t>(stored));
-        request_.framesDone.fetch_add(count, std::memory_order_acq_rel);
-        base_ = through + 1;
-    }
-
-    AudioRequest& request_;
-    const int32_t last_;
-    const int64_t rate_;
-    const int64_t needFirst_;
-    const int64_t needEnd_;
-    int64_t base_;               // the first frame not stored yet: values_[0] is its value 0
-    std::vector<float> values_;
-};
 
 // Unverified: an indexed piece found the packet index or its pre-roll wrong;
 // its request is decoded again from the start.
@@ -350,7 +70,7 @@ public:
     PieceOutcome run(bool seekable) {
         int64_t origin = 0;
         int32_t rate = 0;
-        if (seekable && first_ > 0 && request_.store->decodeOrigin(request_.generation, &origin, &rate)) {
+        if (seekable && first_ > 0 && request_.store_->decodeOrigin(request_.generation, &origin, &rate)) {
             const PieceOutcome outcome = decode(true, origin, rate);
             if (outcome != PieceOutcome::Failed || !fallBack_) return outcome;
             ZOR_LOG(3, "ZOR::AudioWaveExtractTask::decode", "'%s' frames [%d %d]: %s; decoding from the start",
@@ -453,12 +173,12 @@ private:
 bool contentReplaced(AudioRequest& request) {
     const DmFileIdentity now = mediaFileIdentity(request.path.c_str());
     if (now != request.planned) {
-        request.store->adoptContent(now);
+        request.store_->adoptContent(now);
         ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk while decoding",
                 static_cast<long long>(request.token()), request.path.c_str());
         return true;
     }
-    if (request.store->contentGeneration() != request.generation) {
+    if (request.store_->contentGeneration() != request.generation) {
         ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': newer content adopted while decoding",
                 static_cast<long long>(request.token()), request.path.c_str());
         return true;
@@ -680,14 +400,14 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     // frames and the client submits again (status 7).
     r.planned = mediaFileIdentity(r.path.c_str());
     if (r.planned != r.appended) {
-        r.store->adoptContent(r.planned);
+        r.store_->adoptContent(r.planned);
         ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk since it was appended",
                 static_cast<long long>(r.token()), r.path.c_str());
         core.finish(r, 0, BsTaskResubmit);
         return;
     }
-    r.generation = r.store->adoptContent(r.planned);
-    auto missing = r.store->missingRanges(r.first, r.last);
+    r.generation = r.store_->adoptContent(r.planned);
+    auto missing = r.store_->missingRanges(r.first, r.last);
     if (missing.empty()) {
         core.finish(r, 100, BsTaskFinished);
         return;
@@ -697,7 +417,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     // origin (a known origin says both: it is only measured in such
     // containers), by the packet index of an MP3 stream, or from the start.
     const auto stop = [&core, &r] { return core.stopping(r); };
-    PieceMode mode = r.store->decodeOrigin(r.generation, nullptr, nullptr) ? PieceMode::Seeking : PieceMode::FromStart;
+    PieceMode mode = r.store_->decodeOrigin(r.generation, nullptr, nullptr) ? PieceMode::Seeking : PieceMode::FromStart;
     std::shared_ptr<const PacketIndex> index;
     if (mode == PieceMode::FromStart) index = keptPacketIndex(r.path, r.stream, r.planned);
     if (mode == PieceMode::FromStart && !index) {
@@ -718,7 +438,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
                 if (result == 0 && frame->nb_samples > 0 && frame->sample_rate > 0) break;
             }
             if (result == 0 && frame->best_effort_timestamp != AV_NOPTS_VALUE) {
-                r.store->setDecodeOrigin(r.generation, frame->best_effort_timestamp, frame->sample_rate);
+                r.store_->setDecodeOrigin(r.generation, frame->best_effort_timestamp, frame->sample_rate);
                 mode = PieceMode::Seeking;
             }
         } else {
@@ -738,8 +458,8 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
         // The index knows where the stream ends: nothing beyond is decoded.
         mode = PieceMode::Indexed;
         const int64_t endFrame = frameOfSample(index->totalSamples() - 1, index->sampleRate()) + 1;
-        if (endFrame <= INT32_MAX) r.store->setEndFrame(r.generation, static_cast<int32_t>(endFrame));
-        missing = r.store->missingRanges(r.first, r.last);
+        if (endFrame <= INT32_MAX) r.store_->setEndFrame(r.generation, static_cast<int32_t>(endFrame));
+        missing = r.store_->missingRanges(r.first, r.last);
         if (missing.empty()) {
             core.finish(r, 100, BsTaskFinished);
             return;
