@@ -390,7 +390,7 @@ public:
 
     // 1001 for null; otherwise 0, whether added or already there.
     int32_t addCallBack(I* callback) {
-        if (callback == nullptr) return 1001;
+        if (callback == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(callbackLock_);
         for (I* registered : callbacks_)
             if (registered == callback) return 0;
@@ -400,7 +400,7 @@ public:
 
     // 1001 for null; otherwise 0, whether or not it was registered.
     int32_t removeCallBack(I* callback) {
-        if (callback == nullptr) return 1001;
+        if (callback == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(callbackLock_);
         callbacks_.remove(callback);
         return 0;

@@ -42,7 +42,6 @@ namespace ZOR {
 namespace {
 
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 constexpr int32_t kMediaFailed = 1002;
 
 // Output sizes taken: each side 1..16384, at most 8192 x 8192 pixels in all.
@@ -156,7 +155,7 @@ public:
     }
 
     int32_t setMediaPath(const char* path) override {
-        if (path == nullptr) return kBadArgument;
+        if (path == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         nextTimeline_.reset();
         nextPath_ = path;
@@ -165,13 +164,13 @@ public:
     }
 
     int32_t setMediaObject(int64_t handle) override {
-        if (handle == 0) return kBadArgument;
+        if (handle == 0) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         // The handle is the timeline's IDmTimeline pointer value.
         auto* timeline = reinterpret_cast<IDmTimeline*>(static_cast<intptr_t>(handle));
         if (!nextTimeline_.take(timeline)) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::setMediaObject", "the timeline %lld is gone", static_cast<long long>(handle));
-            return kBadArgument;
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::setMediaObject", "the timeline %lld is gone", static_cast<long long>(handle));
+            return kResultFailure;
         }
         nextPath_.clear();
         nextIsPath_ = false;
@@ -181,7 +180,7 @@ public:
     int32_t setOutputSize(int32_t width, int32_t height) override {
         if (width < 1 || height < 1 || width > kLargestSide || height > kLargestSide ||
             int64_t{width} * height > kLargestArea)
-            return kBadArgument;
+            return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         width_ = width;
         height_ = height;
@@ -190,7 +189,7 @@ public:
     }
 
     int32_t outputSize(int32_t* width, int32_t* height) override {
-        if (width == nullptr || height == nullptr) return kBadArgument;
+        if (width == nullptr || height == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         *width = width_;
         *height = height_;
@@ -198,7 +197,7 @@ public:
     }
 
     int32_t setSeekMode(int32_t mode) override {
-        if (mode != ThumbSeekExact && mode != ThumbSeekKeyframe) return kBadArgument;
+        if (mode != ThumbSeekExact && mode != ThumbSeekKeyframe) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         mode_ = mode;
         stopReadAhead();
@@ -206,7 +205,7 @@ public:
     }
 
     int32_t seekMode(int32_t* mode) override {
-        if (mode == nullptr) return kBadArgument;
+        if (mode == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         *mode = mode_;
         return kOk;
@@ -220,7 +219,7 @@ public:
             session->setSkipping(skipping_);
             std::string problem;
             if (!session->open(&problem)) {
-                ZOR_LOG(5, "ZOR::ThumbAdapter::open", "cannot open %s", problem.c_str());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::open", "cannot open %s", problem.c_str());
                 noteMediaFailure(nextPath_.c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
             }
@@ -228,11 +227,11 @@ public:
             return kOk;
         }
         if (nextTimeline_.get() != nullptr) {
-            if (!timeline_.take(nextTimeline_.get())) return kBadArgument;
+            if (!timeline_.take(nextTimeline_.get())) return kResultFailure;
             return kOk;
         }
-        ZOR_LOG(5, "ZOR::ThumbAdapter::open", "no media set");
-        return kBadArgument;
+        ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::open", "no media set");
+        return kResultFailure;
     }
 
     int32_t close() override {
@@ -244,18 +243,18 @@ public:
     int32_t frameAt(int64_t time, unsigned char* buffer, int64_t bufferSize) override {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!file_ && timeline_.get() == nullptr) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "not open");
-            return kBadArgument;
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "not open");
+            return kResultFailure;
         }
         if (width_ < 1 || height_ < 1) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no output size set");
-            return kBadArgument;
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no output size set");
+            return kResultFailure;
         }
         const int64_t bytes = int64_t{width_} * height_ * 4;
         if (buffer == nullptr || bufferSize < bytes) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "a buffer of %lld bytes for %dx%d", static_cast<long long>(bufferSize),
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "a buffer of %lld bytes for %dx%d", static_cast<long long>(bufferSize),
                     width_, height_);
-            return kBadArgument;
+            return kResultFailure;
         }
         time = clampTime(time);
         const bool keyframe = mode_ == ThumbSeekKeyframe;
@@ -266,7 +265,7 @@ public:
             const int taken = ahead_->take(time, buffer, &problem);
             if (taken > 0) return kOk;
             if (taken < 0) {
-                ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
                         problem.c_str());
                 noteMediaFailure(file_->path().c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
@@ -275,7 +274,7 @@ public:
         if (file_) {
             const int result = file_->pictureAt(time, keyframe, width_, height_, buffer, &problem);
             if (result != 0) {
-                ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
                         problem.c_str());
                 // Nothing of the file could be decoded (not a picture given
                 // up or one that could not be converted).
@@ -293,7 +292,7 @@ public:
         std::string path;
         int stream = -1;
         if (!clipMedia(clip, &path, &stream, &problem)) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
                     problem.c_str());
             return kMediaFailed;
         }
@@ -302,7 +301,7 @@ public:
         const int64_t sourceTime = clampTime(mediaTimeOfClip(clip, markInTimeOfClip(clip) + (time - beginTimeOfClip(clip))));
         thumb::FrameSession* session = clipSession(path, stream);
         if (session->pictureAt(sourceTime, keyframe, width_, height_, buffer, &problem) != 0) {
-            ZOR_LOG(5, "ZOR::ThumbAdapter::frameAt", "no picture at %lld (media %lld): %s",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld (media %lld): %s",
                     static_cast<long long>(time), static_cast<long long>(sourceTime), problem.c_str());
             return kMediaFailed;
         }
@@ -310,7 +309,7 @@ public:
     }
 
     int32_t mediaDuration(int64_t* duration, int32_t /*reserved*/) override {
-        if (duration == nullptr) return kBadArgument;
+        if (duration == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         if (file_) {
             *duration = file_->duration();
@@ -320,19 +319,19 @@ public:
             *duration = timeline_.get()->duration();
             return kOk;
         }
-        return kBadArgument;
+        return kResultFailure;
     }
 
     int32_t frameRate(int64_t* num, int64_t* den, int32_t /*reserved*/) override {
-        if (num == nullptr || den == nullptr) return kBadArgument;
+        if (num == nullptr || den == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         if (file_) return file_->frameRate(num, den) ? kOk : kMediaFailed;
         if (timeline_.get() != nullptr) return timelineFrameRate(num, den) ? kOk : kMediaFailed;
-        return kBadArgument;
+        return kResultFailure;
     }
 
     int32_t readAhead(const int64_t* times, int32_t count) override {
-        if (count < 0 || (count > 0 && times == nullptr)) return kBadArgument;
+        if (count < 0 || (count > 0 && times == nullptr)) return kResultFailure;
         std::lock_guard<std::mutex> lock(mutex_);
         // Only a file is read ahead; the pictures of a timeline come from
         // the clips' files one by one.
@@ -342,7 +341,7 @@ public:
             try {
                 ahead_ = std::make_unique<thumb::ReadAhead>(lanes);
             } catch (const std::system_error& error) {
-                ZOR_LOG(5, "ZOR::ThumbAdapter::readAhead", "no thread to read ahead: %s", error.what());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::readAhead", "no thread to read ahead: %s", error.what());
                 return kOk;
             }
         }

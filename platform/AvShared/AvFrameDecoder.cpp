@@ -425,7 +425,7 @@ int FrameDecoder::exactFrame(int64_t time, const AVFrame** shown, int64_t* shown
         int64_t answer = 0;
         if (skipping_ && !cursor_.packets.discarded.empty() && cursor_.answerKnown(time, &answer) &&
             (*shown == nullptr || *shownPts != answer)) {
-            ZOR_LOG(5, "ZOR::av::FrameDecoder::exactFrame",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::av::FrameDecoder::exactFrame",
                     "'%s': at %lld the packets show pts %lld, the decoder gave %lld; decoding again in full",
                     path_.c_str(), static_cast<long long>(time), static_cast<long long>(answer),
                     static_cast<long long>(*shown != nullptr ? *shownPts : AV_NOPTS_VALUE));

@@ -73,7 +73,7 @@ public:
         if (seekable && first_ > 0 && request_.store_->decodeOrigin(request_.generation, &origin, &rate)) {
             const PieceOutcome outcome = decode(true, origin, rate);
             if (outcome != PieceOutcome::Failed || !fallBack_) return outcome;
-            ZOR_LOG(3, "ZOR::AudioWaveExtractTask::decode", "'%s' frames [%d %d]: %s; decoding from the start",
+            ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::decode", "'%s' frames [%d %d]: %s; decoding from the start",
                     request_.path.c_str(), first_, last_, problem_.c_str());
         }
         fallBack_ = false;
@@ -152,7 +152,7 @@ private:
             return fail("'" + request_.path + "': " + noSamplesCause(decoder));
         }
         if (decoder.readError() != 0)
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::decode", "'%s': reading stopped early: %s", request_.path.c_str(),
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::decode", "'%s': reading stopped early: %s", request_.path.c_str(),
                     avErrorText(decoder.readError()).c_str());
         waves->streamEnded(next);
         return PieceOutcome::Done;
@@ -174,12 +174,12 @@ bool contentReplaced(AudioRequest& request) {
     const DmFileIdentity now = mediaFileIdentity(request.path.c_str());
     if (now != request.planned) {
         request.store_->adoptContent(now);
-        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk while decoding",
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk while decoding",
                 static_cast<long long>(request.token()), request.path.c_str());
         return true;
     }
     if (request.store_->contentGeneration() != request.generation) {
-        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': newer content adopted while decoding",
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': newer content adopted while decoding",
                 static_cast<long long>(request.token()), request.path.c_str());
         return true;
     }
@@ -291,7 +291,7 @@ public:
             waves.streamEnded(total);
         else
             waves.completeBefore(waves.needEnd(), true);
-        ZOR_LOG(1, "ZOR::AudioWaveExtractTask::decode",
+        ZOR_LOG(IBsLogger::Trace, "ZOR::AudioWaveExtractTask::decode",
                 "token:%lld frames [%d %d]: packets [%zu %zu) after a pre-roll from %zu%s",
                 static_cast<long long>(request_.token()), first_, last_, firstPacket, endPacket, start,
                 checking ? ", checked" : "");
@@ -322,7 +322,7 @@ private:
 void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, const std::string& problem) {
     if (outcome == PieceOutcome::Failed) request.fail(problem);
     if (outcome == PieceOutcome::Unverified) {
-        ZOR_LOG(5, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': %s; decoding from the start",
+        ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': %s; decoding from the start",
                 static_cast<long long>(request.token()), request.path.c_str(), problem.c_str());
         request.redo.store(true, std::memory_order_release);
     }
@@ -340,7 +340,7 @@ void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, con
     } else if (contentReplaced(request)) {
         core.finish(request, request.percent(), BsTaskResubmit);
     } else if (!failure.empty()) {
-        ZOR_LOG(6, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot decode %s",
+        ZOR_LOG(IBsLogger::Error, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot decode %s",
                 static_cast<long long>(request.token()), failure.c_str());
         noteMediaFailure(request.path.c_str(), DmTrackAudio, failure.c_str());
         core.finish(request, request.percent(), BsTaskFailed);
@@ -401,7 +401,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     r.planned = mediaFileIdentity(r.path.c_str());
     if (r.planned != r.appended) {
         r.store_->adoptContent(r.planned);
-        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk since it was appended",
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk since it was appended",
                 static_cast<long long>(r.token()), r.path.c_str());
         core.finish(r, 0, BsTaskResubmit);
         return;
@@ -424,7 +424,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
         MediaDecoder decoder;
         std::string problem;
         if (!decoder.open(r.path, r.stream, &problem)) {
-            ZOR_LOG(6, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot open %s",
+            ZOR_LOG(IBsLogger::Error, "ZOR::AudioWaveExtractTask::decode", "token:%lld cannot open %s",
                     static_cast<long long>(r.token()), problem.c_str());
             noteMediaFailure(r.path.c_str(), DmTrackAudio, problem.c_str());
             core.finish(r, 0, BsTaskFailed);
@@ -446,11 +446,11 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
             const auto started = std::chrono::steady_clock::now();
             index = packetIndexFor(r.path, r.stream, r.planned, &decoder, stop, &why);
             if (index)
-                ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "'%s': %zu packets indexed in %.1f ms", r.path.c_str(),
+                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s': %zu packets indexed in %.1f ms", r.path.c_str(),
                         index->packets(),
                         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count());
             else if (!why.empty())
-                ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "'%s' is decoded from the start: %s", r.path.c_str(),
+                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s' is decoded from the start: %s", r.path.c_str(),
                         why.c_str());
         }
     }
@@ -489,7 +489,7 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     }
     r.framesTotal.store(total, std::memory_order_release);
     r.piecesLeft.store(static_cast<int32_t>(pieces.size()), std::memory_order_release);
-    ZOR_LOG(3, "ZOR::AudioWaveExtractTask::plan", "token:%lld %zu pieces, %lld frames, %s",
+    ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "token:%lld %zu pieces, %lld frames, %s",
             static_cast<long long>(r.token()), pieces.size(), static_cast<long long>(total),
             mode == PieceMode::Seeking   ? "seeking"
             : mode == PieceMode::Indexed ? "by packet index"
@@ -531,31 +531,31 @@ public:
 
     int32_t append(const BsWaveTaskRecord* record, int64_t* token) override {
         if (record == nullptr || token == nullptr || record->clip == nullptr) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: no record, token or clip");
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: no record, token or clip");
             return kTaskBadArgument;
         }
         auto* source = static_cast<IDmMediaSource*>(record->clip->queryInterface("IDmMediaSource"));
         if (source == nullptr) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: clip '%s' has no media file",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: clip '%s' has no media file",
                     record->clip->name() != nullptr ? record->clip->name() : "");
             return kTaskNoMedia;
         }
         const int32_t stream = source->resolvedStream(DmTrackAudio);
         IDmAudioWaveStore* store = source->waveStore();
         if (stream < 0 || store == nullptr) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: no audio to decode: %s",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: no audio to decode: %s",
                     source->streamProblem(DmTrackAudio));
             return kTaskNoMedia;
         }
         if (record->rateNum <= 0 || record->rateDen <= 0 ||
             record->rateNum != IDmAudioWaveStore::kFrameRateNum * record->rateDen) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frame rate %lld/%lld (only 25/1)",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frame rate %lld/%lld (only 25/1)",
                     source->mediaPath(), static_cast<long long>(record->rateNum),
                     static_cast<long long>(record->rateDen));
             return kTaskUnsupported;
         }
         if (record->endFrame < record->beginFrame) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frames [%d %d]", source->mediaPath(),
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frames [%d %d]", source->mediaPath(),
                     record->beginFrame, record->endFrame);
             return kTaskBadArgument;
         }
@@ -570,11 +570,11 @@ public:
         TaskCore* owner = core_.get();
         const int32_t result = core_->add(request, [owner, request] { planRequest(*owner, request); });
         if (result != kTaskOk) {
-            ZOR_LOG(5, "ZOR::AudioWaveExtractTask::append", "rejected: the task is shut down");
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: the task is shut down");
             return result;
         }
         *token = request->token();
-        ZOR_LOG(4, "ZOR::AudioWaveExtractTask::append", "token:%lld '%s' stream %d frames [%d %d]",
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::append", "token:%lld '%s' stream %d frames [%d %d]",
                 static_cast<long long>(*token), request->path.c_str(), stream, request->first, request->last);
         return kTaskOk;
     }

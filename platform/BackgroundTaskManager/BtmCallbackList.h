@@ -22,7 +22,7 @@ class CallbackList {
 public:
     // 1001 for null; otherwise 0, whether added or already there.
     int32_t add(IZorCallBack* callback) {
-        if (callback == nullptr) return 1001;
+        if (callback == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(lock_);
         for (const auto& entry : entries_)
             if (entry->callback == callback) return 0;
@@ -33,7 +33,7 @@ public:
     // 1001 for null; otherwise 0, whether or not it was registered. Waits
     // until calls of the callback on other threads have returned.
     int32_t remove(IZorCallBack* callback) {
-        if (callback == nullptr) return 1001;
+        if (callback == nullptr) return kResultFailure;
         std::unique_lock<std::mutex> lock(lock_);
         auto found = std::find_if(entries_.begin(), entries_.end(),
                                   [callback](const auto& entry) { return entry->callback == callback; });

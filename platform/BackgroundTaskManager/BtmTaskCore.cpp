@@ -43,7 +43,7 @@ int32_t TaskCore::start() {
     const int32_t result = initialize();
     if (result != kTaskOk) return result;
     started_.store(true, std::memory_order_release);
-    ZOR_LOG(1, "ZOR::TaskCore::start", "%s started", name_);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::start", "%s started", name_);
     std::shared_ptr<WorkerPool> pool;
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -56,14 +56,14 @@ int32_t TaskCore::start() {
 int32_t TaskCore::pause() {
     if (closing()) return kTaskClosed;
     paused_.store(true, std::memory_order_release);
-    ZOR_LOG(1, "ZOR::TaskCore::pause", "%s paused", name_);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::pause", "%s paused", name_);
     return kTaskOk;
 }
 
 int32_t TaskCore::resume() {
     if (closing()) return kTaskClosed;
     paused_.store(false, std::memory_order_release);
-    ZOR_LOG(1, "ZOR::TaskCore::resume", "%s resumed", name_);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::resume", "%s resumed", name_);
     std::shared_ptr<WorkerPool> pool;
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -141,7 +141,7 @@ int32_t TaskCore::cancel(int64_t token) {
         }
         pool = pool_;
     }
-    ZOR_LOG(1, "ZOR::TaskCore::cancel", "%s cancel token:%lld (%d requests)", name_, static_cast<long long>(token),
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::cancel", "%s cancel token:%lld (%d requests)", name_, static_cast<long long>(token),
             cancelled);
     // Cancelled requests run even when the task is paused or not started.
     if (pool && cancelled > 0) pool->wake();
@@ -191,7 +191,7 @@ void TaskCore::finish(Request& request, int32_t percent, int32_t status) {
         std::lock_guard<std::mutex> guard(lock_);
         requests_.erase(request.token());
     }
-    ZOR_LOG(1, "ZOR::TaskCore::finish", "%s token:%lld status %d", name_, static_cast<long long>(request.token()),
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::finish", "%s token:%lld status %d", name_, static_cast<long long>(request.token()),
             status);
     report(request, percent, status, nullptr);
 }
@@ -232,7 +232,7 @@ int32_t TaskCore::shutdown() {
         pool_.reset();
     }
     if (!dropped.empty())
-        ZOR_LOG(1, "ZOR::TaskCore::shutdown", "%s shut down with %zu requests unfinished", name_, dropped.size());
+        ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::shutdown", "%s shut down with %zu requests unfinished", name_, dropped.size());
     pool.reset();  // the last task to go stops the workers here
     return kTaskOk;
 }

@@ -29,7 +29,7 @@ namespace ZOR::btm {
 // Results of the control operations.
 enum TaskResult : int32_t {
     kTaskOk = 0,
-    kTaskBadArgument = 1001,
+    kTaskBadArgument = kResultFailure,
     kTaskClosed = 1002,         // shut down
     kTaskUnknownToken = 1003,   // no such running request
     kTaskNoMedia = 1004,        // the clip has no media this task can read

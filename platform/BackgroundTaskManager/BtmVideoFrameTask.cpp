@@ -249,7 +249,7 @@ std::string storePicture(const std::string& folder, const VideoRequest& request,
     // The cause of a failure stays with ZorUtils (lastWriteFailure) for the
     // caller that finds the picture missing.
     if (const int32_t error = createFolder(Path(folder)); error != 0) {
-        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot create the frame store folder '%s': %s",
+        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store", "cannot create the frame store folder '%s': %s",
                 folder.c_str(), writeErrorText(error).c_str());
         return std::string();
     }
@@ -258,7 +258,7 @@ std::string storePicture(const std::string& folder, const VideoRequest& request,
     const int32_t result = dumpPNG(request.width, request.height, picture.rgba.data(), path.c_str(), kPngLevel);
     if (result != 0) {
         const int32_t error = lastWriteFailure(Path(folder), nullptr);
-        ZOR_LOG(5, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d): %s", path.c_str(), result,
+        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d): %s", path.c_str(), result,
                 error != 0 ? writeErrorText(error).c_str() : "unknown cause");
         return std::string();
     }
@@ -374,7 +374,7 @@ void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
             const int result = session.pictureAt(time, stop, &picture, &problem);
             if (result == VideoSession::kStopped) break;
             if (result != 0) {
-                ZOR_LOG(6, "ZOR::VideoFrameExtractTask::decode", "token:%lld cannot decode %s",
+                ZOR_LOG(IBsLogger::Error, "ZOR::VideoFrameExtractTask::decode", "token:%lld cannot decode %s",
                         static_cast<long long>(r.token()), problem.c_str());
                 noteMediaFailure(r.path.c_str(), DmTrackVideo, problem.c_str());
                 r.fail();
@@ -390,7 +390,7 @@ void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
     }
     const VideoSessionCounts& counts = session.counts();
     if (counts.packets > 0)
-        ZOR_LOG(3, "ZOR::VideoFrameExtractTask::decode",
+        ZOR_LOG(IBsLogger::Debug, "ZOR::VideoFrameExtractTask::decode",
                 "token:%lld '%s': %lld seeks, %lld packets (%lld skippable), %lld frames, %lld decoded again",
                 static_cast<long long>(r.token()), r.path.c_str(), static_cast<long long>(counts.seeks),
                 static_cast<long long>(counts.packets), static_cast<long long>(counts.discarded),
@@ -426,22 +426,22 @@ public:
     int32_t append(IDmBaseObj* clip, const int64_t* times, int32_t count, int64_t* token, int32_t width,
                    int32_t height, uint32_t flags) override {
         if (clip == nullptr || token == nullptr || count < 0 || (count > 0 && times == nullptr)) {
-            ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: no clip, token or times");
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: no clip, token or times");
             return kTaskBadArgument;
         }
         auto* source = static_cast<IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
         if (source == nullptr) {
-            ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: the clip has no media file");
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: the clip has no media file");
             return kTaskNoMedia;
         }
         if (!frameStoreSizeAllowed(width, height)) {
-            ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: '%s': picture size %dx%d", source->mediaPath(),
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: '%s': picture size %dx%d", source->mediaPath(),
                     width, height);
             return kTaskUnsupported;
         }
         const int32_t stream = source->resolvedStream(DmTrackVideo);
         if (stream < 0) {
-            ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: no video to decode: %s",
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: no video to decode: %s",
                     source->streamProblem(DmTrackVideo));
             return kTaskNoMedia;
         }
@@ -450,11 +450,11 @@ public:
         TaskCore* owner = core_.get();
         const int32_t result = core_->add(request, [owner, request] { runJob(*owner, request); });
         if (result != kTaskOk) {
-            ZOR_LOG(5, "ZOR::VideoFrameExtractTask::append", "rejected: the task is shut down");
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: the task is shut down");
             return result;
         }
         *token = request->token();
-        ZOR_LOG(4, "ZOR::VideoFrameExtractTask::append", "token:%lld '%s' stream %d %d frames %dx%d%s",
+        ZOR_LOG(IBsLogger::Info, "ZOR::VideoFrameExtractTask::append", "token:%lld '%s' stream %d %d frames %dx%d%s",
                 static_cast<long long>(*token), request->path.c_str(), stream, count, width, height,
                 request->refresh ? " refresh" : "");
         return kTaskOk;
@@ -466,7 +466,7 @@ public:
         if (count <= 0 || times == nullptr) return kTaskBadArgument;
         auto request = std::dynamic_pointer_cast<VideoRequest>(core_->find(token));
         if (!request || !request->add(times, count)) return kTaskUnknownToken;
-        ZOR_LOG(4, "ZOR::VideoFrameExtractTask::addFrames", "token:%lld %d more frames", static_cast<long long>(token),
+        ZOR_LOG(IBsLogger::Info, "ZOR::VideoFrameExtractTask::addFrames", "token:%lld %d more frames", static_cast<long long>(token),
                 count);
         return kTaskOk;
     }

@@ -104,9 +104,9 @@ struct WorkerPool::State {
             try {
                 job.run();
             } catch (const std::exception& error) {
-                ZOR_LOG(6, "ZOR::WorkerPool::work", "a job of %s failed: %s", job.owner->name(), error.what());
+                ZOR_LOG(IBsLogger::Error, "ZOR::WorkerPool::work", "a job of %s failed: %s", job.owner->name(), error.what());
             } catch (...) {
-                ZOR_LOG(6, "ZOR::WorkerPool::work", "a job of %s failed", job.owner->name());
+                ZOR_LOG(IBsLogger::Error, "ZOR::WorkerPool::work", "a job of %s failed", job.owner->name());
             }
             tCurrentOwner = nullptr;
             std::shared_ptr<TaskCore> owner = std::move(job.owner);
@@ -133,7 +133,7 @@ std::shared_ptr<WorkerPool> WorkerPool::acquire() {
             created = true;
         }
     }
-    if (created) ZOR_LOG(3, "ZOR::WorkerPool::acquire", "%zu workers started", pool->workerCount());
+    if (created) ZOR_LOG(IBsLogger::Debug, "ZOR::WorkerPool::acquire", "%zu workers started", pool->workerCount());
     return pool;
 }
 
@@ -156,7 +156,7 @@ WorkerPool::~WorkerPool() {
         else
             thread.join();
     }
-    ZOR_LOG(3, "ZOR::WorkerPool::~WorkerPool", "workers stopped");
+    ZOR_LOG(IBsLogger::Debug, "ZOR::WorkerPool::~WorkerPool", "workers stopped");
 }
 
 void WorkerPool::submit(Job job) {

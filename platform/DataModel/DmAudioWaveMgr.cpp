@@ -68,11 +68,11 @@ bool DmAudioWaveManager::isHeldLocked(int32_t frame) const {
 
 int32_t DmAudioWaveManager::readFrame(int32_t frame, int64_t rateNum, int64_t rateDen, float* values,
                                       uint32_t count) {
-    if (values == nullptr && count > 0) return 1001;
+    if (values == nullptr && count > 0) return kResultFailure;
     std::fill(values, values + count, 0.0f);
     if (!isWaveRate(rateNum, rateDen)) return 1002;
     std::shared_lock<std::shared_mutex> lock(lock_);
-    if (!isHeldLocked(frame)) return 1001;
+    if (!isHeldLocked(frame)) return kResultFailure;
     const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
     const size_t base = static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame;
     const uint32_t copied = std::min<uint32_t>(count, static_cast<uint32_t>(kValuesPerFrame));
@@ -134,7 +134,7 @@ uint64_t DmAudioWaveManager::adoptContent(const DmFileIdentity& identity) {
         originPts_ = 0;
         originRate_ = 0;
     }
-    ZOR_LOG(3, "ZOR::DmAudioWaveManager::adoptContent",
+    ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::adoptContent",
             "'%s' stream %d changed on disk (%lld bytes): held frames dropped, generation %llu", mediaPath_.c_str(),
             stream_, static_cast<long long>(identity.size), static_cast<unsigned long long>(generation));
     return generation;
@@ -147,9 +147,9 @@ uint64_t DmAudioWaveManager::contentGeneration() {
 
 int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int32_t frameCount,
                                         const float* values) {
-    if (first < 0 || frameCount < 0 || (values == nullptr && frameCount > 0)) return 1001;
+    if (first < 0 || frameCount < 0 || (values == nullptr && frameCount > 0)) return kResultFailure;
     if (frameCount == 0) return 0;
-    if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return 1001;
+    if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return kResultFailure;
     // Quantise outside the lock.
     std::vector<uint16_t> steps(static_cast<size_t>(frameCount) * kValuesPerFrame);
     for (size_t i = 0; i < steps.size(); ++i) steps[i] = quantise(values[i]);
@@ -230,7 +230,7 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
         living->adoptContent(identity);
         return living;
     }
-    ZOR_LOG(3, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d", canonicalPath.c_str(),
+    ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d", canonicalPath.c_str(),
             stream);
     return created;
 }

@@ -68,14 +68,14 @@ void registerEventKeys() {
 template <class Edit>
 int32_t runEdit(Edit&& edit) {
     registerEventKeys();
-    int32_t result = kDmEditBadArgument;
+    int32_t result = kResultFailure;
     const int32_t ran = runOnEventThread([&] { result = edit(); });
     return ran == 0 ? result : ran;
 }
 
 void publishEvent(const char* key, const DmEditEvent& event) {
     const int32_t published = defaultEventBus()->publish(key, &event, static_cast<int32_t>(sizeof event));
-    if (published != 0) ZOR_LOG(4, "ZOR::DmEdit::publishEvent", "'%s' not published: %d", key, published);
+    if (published != 0) ZOR_LOG(IBsLogger::Info, "ZOR::DmEdit::publishEvent", "'%s' not published: %d", key, published);
 }
 
 // Records step, applies it (model, then notifications) and publishes its
@@ -239,47 +239,47 @@ bool soundClipOf(IDmClip* clip, DmTimelineClip** sound, DmTimelineClip** primary
 // Properties
 
 int32_t setClipProperty(IDmClip* clip, const char* key, const ZorProperty& value) {
-    if (clip == nullptr || key == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr || key == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         const ClipKey* known = clipKeyOf(key);
         DmTimelineClip* primary = primaryOf(clip);
-        if (known == nullptr || primary == nullptr) return kDmEditBadArgument;
+        if (known == nullptr || primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         DmTimelineClip* target = known->sound ? primary->soundCarrier() : primary;
-        if (target == nullptr) return kDmEditBadArgument;
+        if (target == nullptr) return kResultFailure;
         ZorProperty after;
-        if (!canonicalValue(known->kind, value, &after)) return kDmEditBadArgument;
+        if (!canonicalValue(known->kind, value, &after)) return kResultFailure;
 
         ZorProperty before;
         if (known->kind == ValueKind::Stream) {
             before = intProperty(target->requestedAudioStream());
         } else if (target->getOwnProperty(known->text, &before) != 0) {
-            return kDmEditBadArgument;
+            return kResultFailure;
         }
         if (sameValue(before, after)) return kDmEditOk;
         // A stream the media does not have is refused before anything changes.
         if (known->kind == ValueKind::Stream && target->replaceAudioStream(static_cast<int32_t>(after.intValue)) != 0)
-            return kDmEditBadArgument;
+            return kResultFailure;
         return commit(timeline, makeClipPropertyStep(timeline, target, known->text, before, after));
     });
 }
 
 int32_t setTrackProperty(IDmTrack* track, const char* key, bool value) {
-    if (track == nullptr || key == nullptr) return kDmEditBadArgument;
+    if (track == nullptr || key == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         auto* found = dynamic_cast<DmTrack*>(track);
-        if (found == nullptr) return kDmEditBadArgument;
+        if (found == nullptr) return kResultFailure;
         const char* text = nullptr;
         for (const char* known : {keytext::kTrackMute, keytext::kTrackVisible, keytext::kTrackSolo})
             if (std::strcmp(known, key) == 0) text = known;
-        if (text == nullptr) return kDmEditBadArgument;
+        if (text == nullptr) return kResultFailure;
         TimelineHold hold(found->timeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         ZorProperty before;
-        if (found->getProperty(text, &before) != 0) return kDmEditBadArgument;
+        if (found->getProperty(text, &before) != 0) return kResultFailure;
         if (before.boolValue() == value) return kDmEditOk;
         return commit(timeline, makeTrackPropertyStep(timeline, found, text, before.boolValue(), value));
     });
@@ -289,18 +289,18 @@ int32_t setTrackProperty(IDmTrack* track, const char* key, bool value) {
 // Effects
 
 int32_t setClipVolumeKeyframes(IDmClip* clip, const std::vector<DmKeyframeDesc>& keyframes) {
-    if (clip == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr) return kResultFailure;
     for (size_t i = 0; i < keyframes.size(); ++i) {
-        if (!std::isfinite(keyframes[i].db)) return kDmEditBadArgument;
-        if (i > 0 && keyframes[i].time < keyframes[i - 1].time) return kDmEditBadArgument;
+        if (!std::isfinite(keyframes[i].db)) return kResultFailure;
+        if (i > 0 && keyframes[i].time < keyframes[i - 1].time) return kResultFailure;
     }
     return runEdit([&]() -> int32_t {
         DmTimelineClip* sound = nullptr;
         DmTimelineClip* primary = nullptr;
-        if (!soundClipOf(clip, &sound, &primary)) return kDmEditBadArgument;
+        if (!soundClipOf(clip, &sound, &primary)) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         std::shared_ptr<DmEditStep> step =
             effectStepTo(timeline, sound, DmEffectVolume, !keyframes.empty(), volumeSettings(keyframes));
         return step != nullptr ? commit(timeline, step) : kDmEditOk;
@@ -308,20 +308,20 @@ int32_t setClipVolumeKeyframes(IDmClip* clip, const std::vector<DmKeyframeDesc>&
 }
 
 int32_t setClipDucking(IDmClip* clip, const DmDuckingDesc& ducking) {
-    if (clip == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr) return kResultFailure;
     if (ducking.present) {
-        if (!std::isfinite(ducking.depth) || ducking.depth < 0.0 || ducking.depth > 1.0) return kDmEditBadArgument;
+        if (!std::isfinite(ducking.depth) || ducking.depth < 0.0 || ducking.depth > 1.0) return kResultFailure;
         if (!std::isfinite(ducking.fadeRatio) || ducking.fadeRatio < 0.0 || ducking.fadeRatio > 1.0)
-            return kDmEditBadArgument;
-        if (!std::isfinite(ducking.fade) || ducking.fade < 0.0) return kDmEditBadArgument;
+            return kResultFailure;
+        if (!std::isfinite(ducking.fade) || ducking.fade < 0.0) return kResultFailure;
     }
     return runEdit([&]() -> int32_t {
         DmTimelineClip* sound = nullptr;
         DmTimelineClip* primary = nullptr;
-        if (!soundClipOf(clip, &sound, &primary)) return kDmEditBadArgument;
+        if (!soundClipOf(clip, &sound, &primary)) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         std::shared_ptr<DmEditStep> step =
             effectStepTo(timeline, sound, DmEffectDucking, ducking.present, duckingSettings(ducking));
         return step != nullptr ? commit(timeline, step) : kDmEditOk;
@@ -329,20 +329,20 @@ int32_t setClipDucking(IDmClip* clip, const DmDuckingDesc& ducking) {
 }
 
 int32_t setClipReverse(IDmClip* clip, bool reverse) {
-    if (clip == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* sound = nullptr;
         DmTimelineClip* primary = nullptr;
-        if (!soundClipOf(clip, &sound, &primary)) return kDmEditBadArgument;
+        if (!soundClipOf(clip, &sound, &primary)) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         std::vector<std::shared_ptr<DmEditStep>> steps;
         if (std::shared_ptr<DmEditStep> effect =
                 effectStepTo(timeline, sound, DmEffectReversePlay, reverse, reverseSettings()))
             steps.push_back(std::move(effect));
         ZorProperty before;
-        if (sound->getOwnProperty(keytext::kReversePlayEnable, &before) != 0) return kDmEditBadArgument;
+        if (sound->getOwnProperty(keytext::kReversePlayEnable, &before) != 0) return kResultFailure;
         if (before.kind != ZorProperty::Bool || before.boolValue() != reverse)
             steps.push_back(
                 makeClipPropertyStep(timeline, sound, keytext::kReversePlayEnable, before, boolProperty(reverse)));
@@ -355,13 +355,13 @@ int32_t setClipReverse(IDmClip* clip, bool reverse) {
 // Speed and range
 
 int32_t setClipSpeedParts(IDmClip* clip, const std::vector<DmSpeedPartDesc>& parts) {
-    if (clip == nullptr || !speedPartsFault(parts).empty()) return kDmEditBadArgument;
+    if (clip == nullptr || !speedPartsFault(parts).empty()) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* primary = primaryOf(clip);
-        if (primary == nullptr) return kDmEditBadArgument;
+        if (primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         std::vector<DmSpeedPartDesc> after = parts;
         std::stable_sort(after.begin(), after.end(),
                          [](const DmSpeedPartDesc& a, const DmSpeedPartDesc& b) { return a.begin < b.begin; });
@@ -372,13 +372,13 @@ int32_t setClipSpeedParts(IDmClip* clip, const std::vector<DmSpeedPartDesc>& par
 }
 
 int32_t moveClip(IDmClip* clip, int64_t begin) {
-    if (clip == nullptr || begin < 0) return kDmEditBadArgument;
+    if (clip == nullptr || begin < 0) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* primary = primaryOf(clip);
-        if (primary == nullptr) return kDmEditBadArgument;
+        if (primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         const DmTimelineClip::Range before = primary->times();
         if (before.begin == begin) return kDmEditOk;
         DmTimelineClip::Range after = before;
@@ -389,13 +389,13 @@ int32_t moveClip(IDmClip* clip, int64_t begin) {
 }
 
 int32_t trimClip(IDmClip* clip, int64_t markIn, int64_t markOut) {
-    if (clip == nullptr || markIn < 0 || markOut < markIn) return kDmEditBadArgument;
+    if (clip == nullptr || markIn < 0 || markOut < markIn) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* primary = primaryOf(clip);
-        if (primary == nullptr) return kDmEditBadArgument;
+        if (primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
-        if (timeline == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr) return kResultFailure;
         const DmTimelineClip::Range before = primary->times();
         if (before.markIn == markIn && before.markOut == markOut) return kDmEditOk;
         DmTimelineClip::Range after = before;
@@ -417,15 +417,15 @@ int32_t trimClip(IDmClip* clip, int64_t markIn, int64_t markOut) {
 int32_t addClip(IDmTimeline* timeline, int32_t trackIndex, int32_t clipIndex, const DmClipDesc& desc,
                 IDmClip** added) {
     if (added != nullptr) *added = nullptr;
-    if (timeline == nullptr || !clipDescriptionFault(desc).empty()) return kDmEditBadArgument;
+    if (timeline == nullptr || !clipDescriptionFault(desc).empty()) return kResultFailure;
     return runEdit([&]() -> int32_t {
         TimelineHold hold(timelineOf(timeline));
         DmTimeline* open = hold.open();
         DmTrack* track = open != nullptr ? open->trackAt(trackIndex) : nullptr;
-        if (track == nullptr) return kDmEditBadArgument;
+        if (track == nullptr) return kResultFailure;
         const int32_t count = track->clipCount();
         const int32_t index = clipIndex == -1 ? count : clipIndex;
-        if (index < 0 || index > count) return kDmEditBadArgument;
+        if (index < 0 || index > count) return kResultFailure;
         DmTimelineClip* clip = DmTimelineClip::create(desc, track->trackKind(), DmTimelineClip::Place{});
         // The timeline keeps the clip from now on; the track will hold its own
         // reference while it lists it.
@@ -437,35 +437,35 @@ int32_t addClip(IDmTimeline* timeline, int32_t trackIndex, int32_t clipIndex, co
 }
 
 int32_t removeClip(IDmClip* clip) {
-    if (clip == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* primary = primaryOf(clip);
-        if (primary == nullptr) return kDmEditBadArgument;
+        if (primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
         DmTrack* track = primary->owningTrack();
-        if (timeline == nullptr || track == nullptr) return kDmEditBadArgument;
+        if (timeline == nullptr || track == nullptr) return kResultFailure;
         const int32_t index = track->indexOf(primary);
-        if (index < 0) return kDmEditBadArgument;
+        if (index < 0) return kResultFailure;
         return commit(timeline, makePlaceStep(timeline, primary, DmClipSpot{track, index}, DmClipSpot{}));
     });
 }
 
 int32_t moveClipToTrack(IDmClip* clip, int32_t trackIndex, int32_t clipIndex) {
-    if (clip == nullptr) return kDmEditBadArgument;
+    if (clip == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         DmTimelineClip* primary = primaryOf(clip);
-        if (primary == nullptr) return kDmEditBadArgument;
+        if (primary == nullptr) return kResultFailure;
         TimelineHold hold(primary->owningTimeline());
         DmTimeline* timeline = hold.open();
         DmTrack* from = primary->owningTrack();
         DmTrack* to = timeline != nullptr ? timeline->trackAt(trackIndex) : nullptr;
-        if (from == nullptr || to == nullptr || to->trackKind() != from->trackKind()) return kDmEditBadArgument;
+        if (from == nullptr || to == nullptr || to->trackKind() != from->trackKind()) return kResultFailure;
         const int32_t fromIndex = from->indexOf(primary);
-        if (fromIndex < 0) return kDmEditBadArgument;
+        if (fromIndex < 0) return kResultFailure;
         const int32_t others = to->clipCount() - (to == from ? 1 : 0);
         const int32_t index = clipIndex == -1 ? others : clipIndex;
-        if (index < 0 || index > others) return kDmEditBadArgument;
+        if (index < 0 || index > others) return kResultFailure;
         if (to == from && index == fromIndex) return kDmEditOk;
         return commit(timeline, makePlaceStep(timeline, primary, DmClipSpot{from, fromIndex}, DmClipSpot{to, index}));
     });
@@ -477,11 +477,11 @@ int32_t moveClipToTrack(IDmClip* clip, int32_t trackIndex, int32_t clipIndex) {
 namespace {
 
 int32_t undoOrRedo(IDmTimeline* timeline, bool undo) {
-    if (timeline == nullptr) return kDmEditBadArgument;
+    if (timeline == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         TimelineHold hold(timelineOf(timeline));
         DmTimeline* open = hold.open();
-        if (open == nullptr) return kDmEditBadArgument;
+        if (open == nullptr) return kResultFailure;
         std::shared_ptr<DmEditStep> step = undo ? open->takeUndo() : open->takeRedo();
         if (step == nullptr) return kDmEditNothingToUndo;
         step->apply(!undo);
@@ -509,11 +509,11 @@ int32_t redoableEditCount(IDmTimeline* timeline) {
 }
 
 int32_t closeTimeline(IDmTimeline* timeline) {
-    if (timeline == nullptr) return kDmEditBadArgument;
+    if (timeline == nullptr) return kResultFailure;
     return runEdit([&]() -> int32_t {
         TimelineHold hold(timelineOf(timeline));
         DmTimeline* open = hold.open();
-        if (open == nullptr || !open->close()) return kDmEditBadArgument;
+        if (open == nullptr || !open->close()) return kResultFailure;
         notifyTimelineGone(open);
         DmEditEvent event;
         event.timeline = timeline;

@@ -154,7 +154,7 @@ public:
         const ZorProperty& value = forward ? after_ : before_;
         if (is(key_, keytext::kAudioStreamId)) {
             if (clip_->replaceAudioStream(static_cast<int32_t>(value.intValue)) != 0)
-                ZOR_LOG(5, "ZOR::ClipPropertyStep::apply", "clip '%s' cannot use audio stream %lld again",
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ClipPropertyStep::apply", "clip '%s' cannot use audio stream %lld again",
                         clip_->name(), static_cast<long long>(value.intValue));
             notifySoundProperty(clip_, key_, true);
         } else if (is(key_, keytext::kClipEnable)) {

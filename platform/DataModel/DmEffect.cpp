@@ -8,7 +8,6 @@ namespace ZOR {
 namespace {
 
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 
 }  // namespace
 
@@ -51,7 +50,7 @@ int32_t DmEffect::keyframeCount(int32_t property) {
 int32_t DmEffect::keyframe(int32_t property, int32_t index, int64_t* time, double* value) {
     std::lock_guard<std::mutex> lock(lock_);
     if (property != kLevelProperty || index < 0 || static_cast<size_t>(index) >= settings_.keyframes.size())
-        return kBadArgument;
+        return kResultFailure;
     const DmKeyframeDesc& found = settings_.keyframes[static_cast<size_t>(index)];
     if (time != nullptr) *time = found.time;
     if (value != nullptr) *value = found.db;

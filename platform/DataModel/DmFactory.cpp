@@ -36,7 +36,7 @@ public:
         return index >= 0 && static_cast<size_t>(index) < clips_.size() ? clips_[static_cast<size_t>(index)] : nullptr;
     }
     int32_t append(IDmClip* clip) override {
-        if (clip == nullptr) return 1001;
+        if (clip == nullptr) return kResultFailure;
         clip->AddRef();
         std::lock_guard<std::mutex> guard(lock_);
         clips_.push_back(clip);
@@ -59,7 +59,7 @@ public:
         return zorQueryInterface(name, "IDmMediaInfo", static_cast<IDmMediaInfo*>(this));
     }
     int32_t getProperty(const char* key, ZorProperty* value) override {
-        if (key == nullptr || value == nullptr) return 1001;
+        if (key == nullptr || value == nullptr) return kResultFailure;
         const bool video = probe_.videoStream >= 0;
         if (is(key, keytext::kMediaInfoWidth)) {
             *value = intProperty(video ? probe_.displayWidth() : 0);
@@ -75,7 +75,7 @@ public:
                 duration = probe_.audioDuration;
             *value = intProperty(duration);
         } else {
-            return 1001;
+            return kResultFailure;
         }
         return 0;
     }
@@ -90,7 +90,7 @@ public:
         if (path == nullptr || path[0] == '\0') return nullptr;
         DmMediaProbe probe = probeMedia(path, -1, -1);
         if (!probe.opened) {
-            ZOR_LOG(5, "ZOR::DmFactory::createMediaInfo", "%s", probe.problem.c_str());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::DmFactory::createMediaInfo", "%s", probe.problem.c_str());
             return nullptr;
         }
         auto* info = new DmMediaInfo(std::move(probe));

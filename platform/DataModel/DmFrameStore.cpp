@@ -83,7 +83,7 @@ int32_t setFrameStoreRoot(const char* path) {
         std::lock_guard<std::mutex> lock(setting.lock);
         setting.chosen = chosen;
     }
-    ZOR_LOG(4, "ZOR::DmFrameStore::setFrameStoreRoot", "frame store root: '%s'",
+    ZOR_LOG(IBsLogger::Info, "ZOR::DmFrameStore::setFrameStoreRoot", "frame store root: '%s'",
             chosen.empty() ? defaultRoot().c_str() : chosen.c_str());
     return 0;
 }

@@ -19,7 +19,6 @@ namespace {
 constexpr int32_t kSlotBytes = 1024;
 // Results of the clip's operations.
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 constexpr int32_t kUnsupportedRate = 1002;
 constexpr int32_t kNoSuchFeature = 1003;
 constexpr int32_t kNotPrepared = 1004;
@@ -122,7 +121,7 @@ IDmTrack* DmMediaClip::track() { return nullptr; }
 const char* DmMediaClip::clipId() { return clipId_.c_str(); }
 
 int32_t DmMediaClip::mediaId(char* buffer, int32_t size) {
-    if (buffer == nullptr || size <= 0) return kBadArgument;
+    if (buffer == nullptr || size <= 0) return kResultFailure;
     zor_strcpy(buffer, static_cast<size_t>(size), probe_.path.c_str());
     return probe_.path.size() < static_cast<size_t>(size) ? kOk : kTruncated;
 }
@@ -170,7 +169,7 @@ std::unique_ptr<DmMediaClip::AudioState> DmMediaClip::makeAudioState(const DmMed
 
 int32_t DmMediaClip::replaceAudioStream(int32_t requested) {
     requested = requested < 0 ? -1 : requested;
-    if (!hasAudio()) return kBadArgument;
+    if (!hasAudio()) return kResultFailure;
     if (audio().requested == requested) return kOk;
     // A state this clip had already is used again (with its wave manager).
     {
@@ -184,9 +183,9 @@ int32_t DmMediaClip::replaceAudioStream(int32_t requested) {
     }
     const DmMediaProbe probe = probeMedia(probe_.path, requested, -1);
     if (probe.audioStream < 0) {
-        ZOR_LOG(5, "ZOR::DmMediaClip::replaceAudioStream", "no audio stream %d: %s", requested,
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaClip::replaceAudioStream", "no audio stream %d: %s", requested,
                 probe.audioProblem.c_str());
-        return kBadArgument;
+        return kResultFailure;
     }
     std::unique_ptr<AudioState> state = makeAudioState(probe, requested);
     std::lock_guard<std::mutex> lock(lock_);
@@ -196,7 +195,7 @@ int32_t DmMediaClip::replaceAudioStream(int32_t requested) {
 }
 
 int32_t DmMediaClip::getProperty(const char* key, ZorProperty* value) {
-    if (key == nullptr || value == nullptr) return kBadArgument;
+    if (key == nullptr || value == nullptr) return kResultFailure;
     if (is(key, keytext::kAudioStreamId)) {
         *value = intProperty(audio().requested);
         return kOk;
@@ -240,12 +239,12 @@ int32_t DmMediaClip::getProperty(const char* key, ZorProperty* value) {
 }
 
 int32_t DmMediaClip::setProperty(const char* key, const ZorProperty& value) {
-    if (key == nullptr) return kBadArgument;
+    if (key == nullptr) return kResultFailure;
     {
         std::lock_guard<std::mutex> lock(lock_);
         auto found = properties_.find(key);
         if (found != properties_.end()) {
-            if (value.kind == ZorProperty::None) return kBadArgument;
+            if (value.kind == ZorProperty::None) return kResultFailure;
             found->second = value;
             return kOk;
         }
@@ -272,7 +271,7 @@ int64_t DmMediaClip::sourcePosition(int64_t clipTime, bool reverse) {
 }
 
 int32_t DmMediaClip::valueCountPerFrame(int32_t* count, int64_t rateNum, int64_t rateDen) {
-    if (count == nullptr) return kBadArgument;
+    if (count == nullptr) return kResultFailure;
     *count = 0;
     DmAudioWaveManager* manager = audio().manager;
     if (manager == nullptr) return kNoSuchFeature;
@@ -285,13 +284,13 @@ int32_t DmMediaClip::valueCountPerFrame(int32_t* count, int64_t rateNum, int64_t
 int64_t DmMediaClip::mediaDuration() { return audio().duration; }
 
 int32_t DmMediaClip::fillValues(IZORLonglongList* frames, int64_t rateNum, int64_t rateDen, void* buffer) {
-    if (frames == nullptr) return kBadArgument;
+    if (frames == nullptr) return kResultFailure;
     DmAudioWaveManager* manager = audio().manager;
     if (manager == nullptr) return kNoSuchFeature;
     const uint32_t perFrame = manager->valueCountPerFrame(rateNum, rateDen);
     if (perFrame == 0) return kUnsupportedRate;
     const int32_t count = frames->count();
-    if (count > 0 && buffer == nullptr) return kBadArgument;
+    if (count > 0 && buffer == nullptr) return kResultFailure;
     auto* values = static_cast<float*>(buffer);
     for (int32_t i = 0; i < count; ++i) {
         const int64_t frame = frames->get(i);
@@ -312,7 +311,7 @@ int32_t DmMediaClip::fillValues(IZORLonglongList* frames, int64_t rateNum, int64
 int32_t DmMediaClip::videoStreamIndex() { return probe_.videoStream; }
 
 int32_t DmMediaClip::frameRate(int64_t* num, int64_t* den) {
-    if (num == nullptr || den == nullptr) return kBadArgument;
+    if (num == nullptr || den == nullptr) return kResultFailure;
     if (!hasVideo() || probe_.frameRateNum <= 0) {
         *num = 0;
         *den = 1;
@@ -324,14 +323,14 @@ int32_t DmMediaClip::frameRate(int64_t* num, int64_t* den) {
 }
 
 int32_t DmMediaClip::videoSize(int32_t* width, int32_t* height) {
-    if (width == nullptr || height == nullptr) return kBadArgument;
+    if (width == nullptr || height == nullptr) return kResultFailure;
     *width = hasVideo() ? probe_.displayWidth() : 0;
     *height = hasVideo() ? probe_.displayHeight() : 0;
     return hasVideo() ? kOk : kNoSuchFeature;
 }
 
 int32_t DmMediaClip::prepareFrames(int32_t width, int32_t height, int64_t /*rateNum*/, int64_t /*rateDen*/) {
-    if (!validPictureSize(width, height)) return kBadArgument;
+    if (!validPictureSize(width, height)) return kResultFailure;
     frameSize_.store(packSize(width, height), std::memory_order_release);
     return kOk;
 }
@@ -361,7 +360,7 @@ int32_t DmMediaClip::lookupFrames(const int64_t* times, int32_t count, char* slo
 
 int32_t DmMediaClip::fillFrames(const int64_t* times, int32_t count, void* slots, int64_t* shown, int32_t* filled) {
     if (filled != nullptr) *filled = 0;
-    if (count < 0 || (count > 0 && (times == nullptr || slots == nullptr))) return kBadArgument;
+    if (count < 0 || (count > 0 && (times == nullptr || slots == nullptr))) return kResultFailure;
     int32_t width = 0;
     int32_t height = 0;
     unpackSize(frameSize_.load(std::memory_order_acquire), &width, &height);
@@ -372,7 +371,7 @@ int32_t DmMediaClip::fillFrames(const int64_t* times, int32_t count, void* slots
 }
 
 int32_t DmMediaClip::prepareThumbnailSize(int32_t width, int32_t height, char* text, int32_t textSize) {
-    if (!validPictureSize(width, height)) return kBadArgument;
+    if (!validPictureSize(width, height)) return kResultFailure;
     thumbnailSize_.store(packSize(width, height), std::memory_order_release);
     if (text != nullptr && textSize > 0) {
         const std::string description = std::to_string(width) + "x" + std::to_string(height);
@@ -384,7 +383,7 @@ int32_t DmMediaClip::prepareThumbnailSize(int32_t width, int32_t height, char* t
 int32_t DmMediaClip::thumbnailFiles(const int64_t* frames, int32_t count, char* slots, int64_t* missing,
                                     int32_t* missingCount) {
     if (missingCount != nullptr) *missingCount = 0;
-    if (count < 0 || (count > 0 && (frames == nullptr || slots == nullptr))) return kBadArgument;
+    if (count < 0 || (count > 0 && (frames == nullptr || slots == nullptr))) return kResultFailure;
     int32_t width = 0;
     int32_t height = 0;
     unpackSize(thumbnailSize_.load(std::memory_order_acquire), &width, &height);
@@ -437,7 +436,7 @@ IDmAudioWaveStore* DmMediaClip::waveStore() {
 IDmClip* createMediaClip(const char* path, int32_t audioStreamId, int32_t videoStreamId, std::string* error) {
     if (path == nullptr || *path == '\0') {
         if (error != nullptr) *error = "createMediaClip: no media path given";
-        ZOR_LOG(5, "ZOR::DmMediaClip::createMediaClip", "no media path given");
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaClip::createMediaClip", "no media path given");
         return nullptr;
     }
     DmMediaProbe probe = probeMedia(path, audioStreamId < 0 ? -1 : audioStreamId,
@@ -452,7 +451,7 @@ IDmClip* createMediaClip(const char* path, int32_t audioStreamId, int32_t videoS
     else if (probe.videoStream < 0 && videoStreamId >= 0)
         problem = probe.videoProblem;
     if (!problem.empty())
-        ZOR_LOG(5, "ZOR::DmMediaClip::createMediaClip", "clip without %s: %s",
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaClip::createMediaClip", "clip without %s: %s",
                 probe.audioStream < 0 && probe.videoStream < 0 ? "media streams"
                 : probe.audioStream < 0                        ? "audio"
                                                                : "video",

@@ -68,7 +68,7 @@ DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t 
     if (result < 0) {
         probe.problem = "'" + probe.path + "': " + avErrorText(result);
         probe.audioProblem = probe.videoProblem = probe.problem;
-        ZOR_LOG(5, "ZOR::DmMediaProbe::probeMedia", "cannot read %s", probe.problem.c_str());
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaProbe::probeMedia", "cannot read %s", probe.problem.c_str());
         return probe;
     }
     probe.opened = true;

@@ -60,7 +60,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int32_t kDocumentError = 1001;
 
 // 2^63: a time in cns must stay below this in magnitude.
 constexpr double kCnsLimit = 9223372036854775808.0;
@@ -1280,7 +1279,7 @@ int32_t failWith(std::string* error, std::string text) {
         } catch (...) {
         }
     }
-    return kDocumentError;
+    return kResultFailure;
 }
 
 }  // namespace
@@ -1308,7 +1307,7 @@ int32_t parseTimelineDocument(const char* path, DmTimelineDesc* desc, std::strin
         if (!reader.readDocument(builder.root, &result)) return failWith(error, shown + ": " + reader.fault());
         for (std::string& warning : reader.takeWarnings()) {
             warning.insert(0, shown + ": ");
-            ZOR_LOG(5, "ZOR::parseTimelineDocument", "%s", warning.c_str());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::parseTimelineDocument", "%s", warning.c_str());
             result.warnings.push_back(std::move(warning));
         }
         *desc = std::move(result);

@@ -44,7 +44,7 @@ void* DmTimeline::queryInterface(const char* name) {
 }
 
 int32_t DmTimeline::settings(Settings* settings) {
-    if (settings == nullptr) return 1001;
+    if (settings == nullptr) return kResultFailure;
     *settings = Settings{1920, 16, 9};
     for (int32_t t = trackCount() - 1; t >= 0; --t) {
         IDmTrack* track = this->track(t);
@@ -289,7 +289,7 @@ IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::string* error) {
     const std::string fault = timelineFault(desc);
     if (!fault.empty()) {
         const std::string line = "createTimeline: " + fault;
-        ZOR_LOG(5, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
         if (error != nullptr) *error = line;
         return nullptr;
     }
@@ -299,7 +299,7 @@ IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::string* error) {
         return static_cast<IDmTimeline*>(timeline);
     } catch (const std::exception& thrown) {
         const std::string line = std::string("createTimeline: cannot build the timeline: ") + thrown.what();
-        ZOR_LOG(5, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmTimeline::createTimeline", "%s", line.c_str());
         if (error != nullptr) *error = line;
         return nullptr;
     }

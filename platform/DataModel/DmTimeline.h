@@ -34,7 +34,6 @@ class DmEditStep;
 class DmCallbackList {
 public:
     static constexpr int32_t kOk = 0;
-    static constexpr int32_t kBadListener = 1001;  // null, or not registered
 
     DmCallbackList() = default;
     DmCallbackList(const DmCallbackList&) = delete;
@@ -42,7 +41,7 @@ public:
 
     // 0 when added or already registered; 1001 for null.
     int32_t add(IDmBaseObj* listener) {
-        if (listener == nullptr) return kBadListener;
+        if (listener == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(lock_);
         for (IDmBaseObj* registered : listeners_)
             if (registered == listener) return kOk;
@@ -52,7 +51,7 @@ public:
 
     // 0 when removed; 1001 for null or a listener that is not registered.
     int32_t remove(IDmBaseObj* listener) {
-        if (listener == nullptr) return kBadListener;
+        if (listener == nullptr) return kResultFailure;
         std::lock_guard<std::mutex> lock(lock_);
         for (auto it = listeners_.begin(); it != listeners_.end(); ++it) {
             if (*it == listener) {
@@ -60,7 +59,7 @@ public:
                 return kOk;
             }
         }
-        return kBadListener;
+        return kResultFailure;
     }
 
     std::vector<IDmBaseObj*> listeners() const {

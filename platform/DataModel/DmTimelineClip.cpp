@@ -16,7 +16,6 @@ namespace ZOR {
 namespace {
 
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 
 bool is(const char* key, const char* text) { return std::strcmp(key, text) == 0; }
 
@@ -345,7 +344,7 @@ int32_t DmTimelineClip::speedPartCount() { return static_cast<int32_t>(currentPa
 
 int32_t DmTimelineClip::speedPart(int32_t index, int64_t* begin, int64_t* end, double* speed) {
     const std::shared_ptr<const std::vector<DmSpeedPartDesc>> parts = currentParts();
-    if (index < 0 || static_cast<size_t>(index) >= parts->size()) return kBadArgument;
+    if (index < 0 || static_cast<size_t>(index) >= parts->size()) return kResultFailure;
     const DmSpeedPartDesc& part = (*parts)[static_cast<size_t>(index)];
     if (begin != nullptr) *begin = part.begin;
     if (end != nullptr) *end = part.end;

@@ -13,7 +13,6 @@ namespace ZOR {
 namespace {
 
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 constexpr int32_t kUnknownKey = 1005;
 
 }  // namespace
@@ -57,7 +56,7 @@ std::atomic<bool>* DmTrack::flag(const char* key) {
 }
 
 int32_t DmTrack::getProperty(const char* key, ZorProperty* value) {
-    if (key == nullptr || value == nullptr) return kBadArgument;
+    if (key == nullptr || value == nullptr) return kResultFailure;
     std::atomic<bool>* found = flag(key);
     if (found == nullptr) return kUnknownKey;
     *value = boolProperty(found->load(std::memory_order_acquire));
@@ -65,10 +64,10 @@ int32_t DmTrack::getProperty(const char* key, ZorProperty* value) {
 }
 
 int32_t DmTrack::setProperty(const char* key, const ZorProperty& value) {
-    if (key == nullptr) return kBadArgument;
+    if (key == nullptr) return kResultFailure;
     std::atomic<bool>* found = flag(key);
     if (found == nullptr) return kUnknownKey;
-    if (value.kind == ZorProperty::None) return kBadArgument;
+    if (value.kind == ZorProperty::None) return kResultFailure;
     found->store(value.boolValue(), std::memory_order_release);
     return kOk;
 }

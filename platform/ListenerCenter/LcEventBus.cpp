@@ -35,7 +35,7 @@ private:
 LcEventBus::~LcEventBus() { stop(); }
 
 int32_t LcEventBus::registerKey(const char* key, int32_t /*flag*/) {
-    if (key == nullptr) return kLcBadArgument;
+    if (key == nullptr) return kResultFailure;
     std::lock_guard<std::mutex> lock(lock_);
     keys_.emplace(key);
     return kLcOk;
@@ -55,7 +55,7 @@ int32_t LcEventBus::subscribe(const char* key, EventHandler handler, void* conte
 int32_t LcEventBus::unsubscribe(int32_t id) {
     std::unique_lock<std::mutex> lock(lock_);
     auto found = subscriptions_.find(id);
-    if (found == subscriptions_.end()) return kLcBadArgument;
+    if (found == subscriptions_.end()) return kResultFailure;
     auto ids = ids_.find(found->second.key);
     if (ids != ids_.end()) {
         std::erase(ids->second, id);
@@ -70,7 +70,7 @@ int32_t LcEventBus::unsubscribe(int32_t id) {
 }
 
 int32_t LcEventBus::publish(const char* key, const void* data, int32_t size) {
-    if (key == nullptr || size < 0 || (size > 0 && data == nullptr)) return kLcBadArgument;
+    if (key == nullptr || size < 0 || (size > 0 && data == nullptr)) return kResultFailure;
     Item item;
     item.key = key;
     if (size > 0) {
@@ -78,12 +78,12 @@ int32_t LcEventBus::publish(const char* key, const void* data, int32_t size) {
         item.data.assign(bytes, bytes + size);
     }
     std::lock_guard<std::mutex> lock(lock_);
-    if (keys_.find(item.key) == keys_.end()) return kLcBadArgument;
+    if (keys_.find(item.key) == keys_.end()) return kResultFailure;
     return enqueueLocked(std::move(item));
 }
 
 int32_t LcEventBus::post(std::function<void()> work) {
-    if (!work) return kLcBadArgument;
+    if (!work) return kResultFailure;
     Item item;
     item.isWork = true;
     item.work = std::move(work);
@@ -97,7 +97,7 @@ int32_t LcEventBus::enqueueLocked(Item item) {
         try {
             thread_ = std::thread(&LcEventBus::run, this);
         } catch (const std::system_error& error) {
-            ZOR_LOG(5, "ZOR::LcEventBus::enqueueLocked", "cannot start the delivery thread: %s", error.what());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::enqueueLocked", "cannot start the delivery thread: %s", error.what());
             return kLcNoThread;
         }
     }
@@ -109,7 +109,7 @@ int32_t LcEventBus::enqueueLocked(Item item) {
 bool LcEventBus::onDeliveryThread() const { return tRunningFor == this; }
 
 int32_t LcEventBus::runAndWait(std::function<void()> work) {
-    if (!work) return kLcBadArgument;
+    if (!work) return kResultFailure;
     if (onDeliveryThread()) {
         work();
         return kLcOk;
@@ -163,9 +163,9 @@ void LcEventBus::run() {
             try {
                 item.work();
             } catch (const std::exception& error) {
-                ZOR_LOG(5, "ZOR::LcEventBus::run", "posted work threw: %s", error.what());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::run", "posted work threw: %s", error.what());
             } catch (...) {
-                ZOR_LOG(5, "ZOR::LcEventBus::run", "posted work threw");
+                ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::run", "posted work threw");
             }
             // The work (and what it captured) goes before the lock is taken
             // again: its destructors may call the bus.
@@ -195,7 +195,7 @@ void LcEventBus::deliver(std::unique_lock<std::mutex>& lock, const Item& event) 
         try {
             handler(event.key.c_str(), data, context);
         } catch (...) {
-            ZOR_LOG(5, "ZOR::LcEventBus::deliver", "the handler of subscription %d to '%s' threw", id,
+            ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::deliver", "the handler of subscription %d to '%s' threw", id,
                     event.key.c_str());
         }
         lock.lock();

@@ -19,7 +19,6 @@ namespace ZOR {
 
 // Results of the bus's operations.
 constexpr int32_t kLcOk = 0;
-constexpr int32_t kLcBadArgument = 1001;  // null key, handler or work; unknown key or id
 constexpr int32_t kLcStopped = 1002;      // the bus has stopped: nothing more is delivered
 constexpr int32_t kLcNoThread = 1003;     // the delivery thread could not be started
 

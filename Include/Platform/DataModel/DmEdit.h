@@ -84,7 +84,6 @@
 namespace ZOR {
 
 constexpr int32_t kDmEditOk = 0;
-constexpr int32_t kDmEditBadArgument = 1001;
 constexpr int32_t kDmEditNothingToUndo = 1002;
 
 // What every edit publishes with its event key (copied into the event). The

@@ -27,7 +27,6 @@ using MediaTest::TempFolder;
 constexpr int64_t kSecond = 10'000'000;
 constexpr int64_t kFrame = 400'000;  // 25 frames per second
 constexpr int32_t kOk = 0;
-constexpr int32_t kBadArgument = 1001;
 
 // ---------------------------------------------------------------------------
 // Pictures
@@ -297,11 +296,11 @@ TEST_F(ThumbAdapterTest, IsACountedObjectWithItsSettings) {
     EXPECT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
     EXPECT_EQ(adapter->seekMode(&mode), kOk);
     EXPECT_EQ(mode, ThumbSeekKeyframe);
-    EXPECT_EQ(adapter->setSeekMode(2), kBadArgument);
-    EXPECT_EQ(adapter->setSeekMode(-1), kBadArgument);
+    EXPECT_EQ(adapter->setSeekMode(2), kResultFailure);
+    EXPECT_EQ(adapter->setSeekMode(-1), kResultFailure);
     EXPECT_EQ(adapter->seekMode(&mode), kOk);
     EXPECT_EQ(mode, ThumbSeekKeyframe) << "an unknown mode changes nothing";
-    EXPECT_EQ(adapter->seekMode(nullptr), kBadArgument);
+    EXPECT_EQ(adapter->seekMode(nullptr), kResultFailure);
 
     int32_t width = -1;
     int32_t height = -1;
@@ -309,16 +308,16 @@ TEST_F(ThumbAdapterTest, IsACountedObjectWithItsSettings) {
     EXPECT_EQ(width, 0);
     EXPECT_EQ(height, 0);
     EXPECT_EQ(adapter->setOutputSize(160, 90), kOk);
-    EXPECT_EQ(adapter->setOutputSize(0, 90), kBadArgument);
-    EXPECT_EQ(adapter->setOutputSize(160, -3), kBadArgument);
-    EXPECT_EQ(adapter->setOutputSize(100000, 100000), kBadArgument);
+    EXPECT_EQ(adapter->setOutputSize(0, 90), kResultFailure);
+    EXPECT_EQ(adapter->setOutputSize(160, -3), kResultFailure);
+    EXPECT_EQ(adapter->setOutputSize(100000, 100000), kResultFailure);
     EXPECT_EQ(adapter->outputSize(&width, &height), kOk);
     EXPECT_EQ(width, 160);
     EXPECT_EQ(height, 90);
-    EXPECT_EQ(adapter->outputSize(nullptr, &height), kBadArgument);
+    EXPECT_EQ(adapter->outputSize(nullptr, &height), kResultFailure);
 
-    EXPECT_EQ(adapter->setMediaPath(nullptr), kBadArgument);
-    EXPECT_EQ(adapter->setMediaObject(0), kBadArgument);
+    EXPECT_EQ(adapter->setMediaPath(nullptr), kResultFailure);
+    EXPECT_EQ(adapter->setMediaObject(0), kResultFailure);
 }
 
 TEST_F(ThumbAdapterTest, CallsOutOfOrderAreRefused) {
@@ -326,27 +325,27 @@ TEST_F(ThumbAdapterTest, CallsOutOfOrderAreRefused) {
     AdapterPtr adapter = newAdapter();
     std::vector<unsigned char> buffer(320 * 180 * 4);
     const auto size = static_cast<int64_t>(buffer.size());
-    EXPECT_EQ(adapter->open(-1), kBadArgument) << "nothing to open";
-    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "not open";
+    EXPECT_EQ(adapter->open(-1), kResultFailure) << "nothing to open";
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kResultFailure) << "not open";
     int64_t duration = 0;
     int64_t num = 0;
     int64_t den = 0;
-    EXPECT_EQ(adapter->mediaDuration(&duration, 0), kBadArgument);
-    EXPECT_EQ(adapter->frameRate(&num, &den, 0), kBadArgument);
+    EXPECT_EQ(adapter->mediaDuration(&duration, 0), kResultFailure);
+    EXPECT_EQ(adapter->frameRate(&num, &den, 0), kResultFailure);
     EXPECT_EQ(adapter->close(), kOk) << "closing what is not open";
 
     ASSERT_EQ(adapter->setMediaPath(media().colours().c_str()), kOk);
     ASSERT_EQ(adapter->open(-1), kOk);
-    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "no output size";
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kResultFailure) << "no output size";
     ASSERT_EQ(adapter->setOutputSize(320, 180), kOk);
-    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size - 1), kBadArgument) << "a buffer one byte short";
-    EXPECT_EQ(adapter->frameAt(0, nullptr, size), kBadArgument);
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size - 1), kResultFailure) << "a buffer one byte short";
+    EXPECT_EQ(adapter->frameAt(0, nullptr, size), kResultFailure);
     EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kOk);
-    EXPECT_EQ(adapter->mediaDuration(nullptr, 0), kBadArgument);
-    EXPECT_EQ(adapter->frameRate(nullptr, &den, 0), kBadArgument);
+    EXPECT_EQ(adapter->mediaDuration(nullptr, 0), kResultFailure);
+    EXPECT_EQ(adapter->frameRate(nullptr, &den, 0), kResultFailure);
 
     EXPECT_EQ(adapter->close(), kOk);
-    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kBadArgument) << "closed";
+    EXPECT_EQ(adapter->frameAt(0, buffer.data(), size), kResultFailure) << "closed";
     EXPECT_EQ(adapter->close(), kOk);
     // The path stays set: open() opens it again.
     ASSERT_EQ(adapter->open(-1), kOk);
@@ -553,7 +552,7 @@ TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
     ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
     ASSERT_EQ(colours->close(), kOk);
     std::vector<unsigned char> buffer(static_cast<size_t>(kNumberedWidth) * kNumberedHeight * 4);
-    EXPECT_EQ(colours->frameAt(seconds[1], buffer.data(), static_cast<int64_t>(buffer.size())), kBadArgument);
+    EXPECT_EQ(colours->frameAt(seconds[1], buffer.data(), static_cast<int64_t>(buffer.size())), kResultFailure);
 }
 
 TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
@@ -581,8 +580,8 @@ TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
 TEST_F(ThumbAdapterTest, ABadPlanIsRefusedAndAPlanWithoutAFileIsIgnored) {
     AdapterPtr adapter = newAdapter();
     const int64_t time = kSecond;
-    EXPECT_EQ(adapter->readAhead(&time, -1), kBadArgument);
-    EXPECT_EQ(adapter->readAhead(nullptr, 1), kBadArgument);
+    EXPECT_EQ(adapter->readAhead(&time, -1), kResultFailure);
+    EXPECT_EQ(adapter->readAhead(nullptr, 1), kResultFailure);
     EXPECT_EQ(adapter->readAhead(&time, 1), kOk) << "nothing open: nothing to read ahead";
     EXPECT_EQ(counts(adapter.get()).opens, 0);
 }
@@ -808,7 +807,7 @@ TEST_F(ThumbAdapterTest, MediaThatCannotGivePicturesFailsWithALogLine) {
         EXPECT_TRUE(named) << "no log line names " << c.path << " and '" << c.cause << "'";
         std::vector<unsigned char> buffer(64 * 64 * 4);
         ASSERT_EQ(adapter->setOutputSize(64, 64), kOk);
-        EXPECT_EQ(adapter->frameAt(0, buffer.data(), static_cast<int64_t>(buffer.size())), kBadArgument);
+        EXPECT_EQ(adapter->frameAt(0, buffer.data(), static_cast<int64_t>(buffer.size())), kResultFailure);
     }
 }
 

@@ -26,7 +26,6 @@ namespace {
 using MediaTest::TempFolder;
 using MediaTest::writeText;
 
-constexpr int32_t kDocumentError = 1001;
 constexpr double kNtscFilm = 24000.0 / 1001.0;   // 23.976...
 constexpr double kNtscVideo = 30000.0 / 1001.0;  // 29.97...
 constexpr const char* kTimeRangeText = "expected a time between -922337203685 and 922337203685 seconds";
@@ -201,7 +200,7 @@ std::string errorOf(const TempFolder& folder, const std::string& text) {
     DmTimelineDesc desc;
     desc.name = "untouched";
     std::string error;
-    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kDocumentError);
+    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kResultFailure);
     EXPECT_EQ(desc.name, "untouched");
     EXPECT_TRUE(desc.tracks.empty());
     EXPECT_TRUE(desc.warnings.empty());

@@ -16,7 +16,6 @@ namespace {
 using MediaTest::TempFolder;
 using MediaTest::writeText;
 
-constexpr int32_t kDocumentError = 1001;
 
 // Seconds as cns, for times that are exact in both.
 constexpr int64_t cns(double seconds) {
@@ -90,7 +89,7 @@ std::string failureOf(const TempFolder& folder, const std::string& text) {
     writeText(path, text);
     DmTimelineDesc desc = sentinel();
     std::string error;
-    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kDocumentError);
+    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kResultFailure);
     expectSentinel(desc);
     return error;
 }
@@ -390,7 +389,7 @@ TEST(DmOtioDocument, MissingFileNamesTheFileAndTheSystemError) {
     const std::string path = folder.file("absent.otio");
     DmTimelineDesc desc = sentinel();
     std::string error;
-    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kDocumentError);
+    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kResultFailure);
     EXPECT_EQ(error, path + ": cannot open: No such file or directory");
     expectSentinel(desc);
 }
@@ -400,7 +399,7 @@ TEST(DmOtioDocument, FolderInsteadOfFileCannotBeRead) {
     const std::string path = folder.path().string();
     DmTimelineDesc desc = sentinel();
     std::string error;
-    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kDocumentError);
+    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kResultFailure);
     EXPECT_EQ(error, path + ": cannot open: Is a directory");
     expectSentinel(desc);
 }
@@ -666,7 +665,7 @@ TEST(DmOtioDocument, FailureLeavesTheDescriptionUntouchedAfterEarlierTracksWereR
         {"OTIO_SCHEMA": "Track.1", "name": "A1", "kind": "Audio", "enabled": 0, "children": []}]}})");
     DmTimelineDesc desc = sentinel();
     std::string error;
-    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kDocumentError);
+    EXPECT_EQ(parseTimelineDocument(path.c_str(), &desc, &error), kResultFailure);
     EXPECT_EQ(error, path + ": $.tracks.children[1].enabled: expected a boolean");
     expectSentinel(desc);
 }
