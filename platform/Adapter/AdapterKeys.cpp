@@ -1,6 +1,6 @@
 // The property key constants of the data model.
 #include "Adapter/Adapter.h"
-#include "AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 
 namespace ZOR {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "../AvShared/AvFrameDecoder.h"
-#include "../AvShared/AvPicture.h"
+#include "AvShared/AvFrameDecoder.h"
+#include "AvShared/AvPicture.h"
 #include "ThumbAdapterInternal.h"
 
 namespace ZOR::thumb {

@@ -1,4 +1,4 @@
-#include "AvDecoder.h"
+#include "AvShared/AvDecoder.h"
 
 extern "C" {
 #include <libavutil/error.h>

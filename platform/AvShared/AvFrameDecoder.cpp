@@ -1,4 +1,4 @@
-#include "AvFrameDecoder.h"
+#include "AvShared/AvFrameDecoder.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -10,7 +10,7 @@ extern "C" {
 #include <limits>
 #include <utility>
 
-#include "AvPicture.h"
+#include "AvShared/AvPicture.h"
 #include "Common/ZorInternalComUtility.h"
 
 ZOR_LOG_SOURCE("platform/AvShared/AvFrameDecoder")

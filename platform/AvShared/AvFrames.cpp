@@ -1,4 +1,4 @@
-#include "AvFrames.h"
+#include "AvShared/AvFrames.h"
 
 #include <utility>
 

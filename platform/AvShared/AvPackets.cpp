@@ -1,4 +1,4 @@
-#include "AvPackets.h"
+#include "AvShared/AvPackets.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>

@@ -1,4 +1,4 @@
-#include "AvPicture.h"
+#include "AvShared/AvPicture.h"
 
 extern "C" {
 #include <libavutil/display.h>
@@ -11,7 +11,7 @@ extern "C" {
 #include <cstring>
 #include <utility>
 
-#include "AvDecoder.h"
+#include "AvShared/AvDecoder.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR::av {

@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "../AvShared/AvDecoder.h"
+#include "AvShared/AvDecoder.h"
 
 namespace ZOR::btm {
 

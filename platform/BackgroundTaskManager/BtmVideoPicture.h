@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "../AvShared/AvFrameDecoder.h"
-#include "../AvShared/AvPicture.h"
+#include "AvShared/AvFrameDecoder.h"
+#include "AvShared/AvPicture.h"
 
 namespace ZOR::btm {
 

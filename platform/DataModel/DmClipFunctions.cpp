@@ -1,6 +1,6 @@
 // The clip functions of the data model. They work on any clip that answers
 // "IDmPropertyOwner" with the clipKey times, not only on media clips.
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DataModel/DataModel.h"
 
 namespace ZOR {

@@ -8,9 +8,9 @@
 #include <memory>
 #include <utility>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DmEditSteps.h"
-#include "DmTimeline.h"
+#include "DmTimelineObject.h"
 #include "DmTimelineClip.h"
 #include "DmTrack.h"
 #include "ListenerCenter/ListenerCenter.h"

@@ -3,8 +3,8 @@
 #include <cstring>
 #include <utility>
 
-#include "../Adapter/AdapterKeyTexts.h"
-#include "DmTimeline.h"
+#include "DataModel/DmKeyTexts.h"
+#include "DmTimelineObject.h"
 #include "DmTrack.h"
 
 ZOR_LOG_SOURCE("platform/DataModel/DmEditSteps")

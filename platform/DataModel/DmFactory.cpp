@@ -3,7 +3,7 @@
 #include <mutex>
 #include <vector>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DmMediaProbe.h"

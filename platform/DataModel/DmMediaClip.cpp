@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "BsDataStructure/BsDataStructure.h"
 #include "DataModel/DmMedia.h"
 #include "DmAudioWaveMgr.h"

@@ -12,9 +12,9 @@ extern "C" {
 #include <filesystem>
 #include <system_error>
 
-#include "../AvShared/AvDecoder.h"
-#include "../AvShared/AvFrameDecoder.h"
-#include "../AvShared/AvPicture.h"
+#include "AvShared/AvDecoder.h"
+#include "AvShared/AvFrameDecoder.h"
+#include "AvShared/AvPicture.h"
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmMediaInternal.h"
 

@@ -1,4 +1,4 @@
-#include "DmTimeline.h"
+#include "DmTimelineObject.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,7 +7,7 @@
 #include <sstream>
 #include <utility>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DataModel/DmTimeline.h"
 #include "DmEditSteps.h"
 #include "DmTimelineClip.h"

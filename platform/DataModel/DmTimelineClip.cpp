@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DmClipTimeMapping.h"
 #include "DmTrack.h"
 

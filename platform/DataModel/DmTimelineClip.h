@@ -13,7 +13,7 @@
 #include "DmEffect.h"
 #include "DmMediaClip.h"
 #include "DmMediaProbe.h"
-#include "DmTimeline.h"
+#include "DmTimelineObject.h"
 
 namespace ZOR {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DmTimelineClip.h"
 
 namespace ZOR {

@@ -9,7 +9,7 @@
 
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
-#include "DmTimeline.h"
+#include "DmTimelineObject.h"
 
 namespace ZOR {
 

@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "../../../platform/AvShared/AvFrameDecoder.h"
+#include "AvShared/AvFrameDecoder.h"
 #include "MediaTestSupport.h"
 
 namespace {

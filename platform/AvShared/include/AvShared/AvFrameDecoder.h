@@ -15,8 +15,8 @@ extern "C" {
 #include <string>
 #include <vector>
 
-#include "AvDecoder.h"
-#include "AvFrames.h"
+#include "AvShared/AvDecoder.h"
+#include "AvShared/AvFrames.h"
 
 namespace ZOR::av {
 

@@ -8,8 +8,8 @@ extern "C" {
 
 #include <cstdint>
 
-#include "AvDecoder.h"
-#include "AvPackets.h"
+#include "AvShared/AvDecoder.h"
+#include "AvShared/AvPackets.h"
 
 namespace ZOR::av {
 

@@ -1,8 +1,9 @@
-// The texts of the data model's property keys, shared by the Adapter library
-// (which exports them as the key constants of Adapter.h) and the DataModel
-// library (which answers them). Keys are compared byte-wise, so both sides
-// must use exactly these texts; they are part of the stored format of nothing
-// and may be read in logs.
+// DataModel, host side: the texts of the data model's property keys, which
+// the DataModel library answers and the Adapter library exports as the key
+// constants of Adapter.h. Keys are compared byte-wise, so both sides use
+// exactly these texts; they are part of no stored format and may be read in
+// logs. Not for the Miravel library, which knows the keys only as Adapter.h's
+// constants.
 #pragma once
 
 namespace ZOR::keytext {

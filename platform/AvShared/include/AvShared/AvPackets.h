@@ -13,7 +13,7 @@ extern "C" {
 #include <deque>
 #include <set>
 
-#include "AvDecoder.h"
+#include "AvShared/AvDecoder.h"
 
 namespace ZOR::av {
 
