@@ -18,6 +18,11 @@ void ScriptedTaskState::setNextToken(int64_t token) {
     std::lock_guard<std::mutex> lock(mutex_);
     nextToken_ = token;
 }
+void ScriptedTaskState::setAppendHook(std::function<void(int64_t token)> hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    appendHook_ = std::move(hook);
+}
+
 void ScriptedTaskState::setAppendResult(int32_t result) {
     std::lock_guard<std::mutex> lock(mutex_);
     appendResult_ = result;
@@ -191,14 +196,23 @@ protected:
         return 0;
     }
     int32_t recordAppend(ScriptedAppend append, int64_t* token) {
-        std::lock_guard<std::mutex> lock(state_->mutex_);
-        append.result = state_->appendResult_;
-        if (append.result == 0) {
-            append.token = state_->takeToken();
-            if (token != nullptr) *token = append.token;
+        std::function<void(int64_t)> hook;
+        int64_t handed = -1;
+        int32_t result = 0;
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex_);
+            append.result = state_->appendResult_;
+            if (append.result == 0) {
+                append.token = state_->takeToken();
+                if (token != nullptr) *token = append.token;
+                handed = append.token;
+                hook = state_->appendHook_;
+            }
+            result = append.result;
+            state_->appendLog_.push_back(std::move(append));
         }
-        state_->appendLog_.push_back(std::move(append));
-        return state_->appendLog_.back().result;
+        if (hook) hook(handed);  // no lock held: the hook may deliver
+        return result;
     }
     int32_t recordCancel(int64_t token) {
         std::lock_guard<std::mutex> lock(state_->mutex_);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <set>
 #include <thread>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -46,6 +47,10 @@ public:
     void setPauseResult(int32_t result);
     void setResumeResult(int32_t result);
     void setStarted(bool started);
+    // Called at the end of every accepted append, on the appending thread,
+    // with the token it hands out (as a service that finishes a request at
+    // once would report from its own thread before append() returned).
+    void setAppendHook(std::function<void(int64_t token)> hook);
 
     std::vector<ScriptedAppend> appends() const;
     std::vector<ScriptedAddFrames> addFrames() const;
@@ -76,6 +81,7 @@ private:
     mutable std::mutex mutex_;  // guards every field below; never held while calling out
     int64_t nextToken_ = 1;
     int32_t appendResult_ = 0;
+    std::function<void(int64_t)> appendHook_;
     int32_t addFramesResult_ = 0;
     int32_t pauseResult_ = 0;
     int32_t resumeResult_ = 0;

@@ -133,6 +133,27 @@ TEST_F(AudioWaveWrapper, FinishedRequestDeliversValuesOfEveryStepFrame) {
     EXPECT_EQ(clip_->filledFrames(), std::vector<std::vector<int64_t>>({{2, 4, 6}}));
 }
 
+// A service may finish a request before append() has returned (an empty
+// range, everything held): the report is kept until the entry is stored, and
+// then handled; a report of a token nobody appended is still dropped.
+TEST_F(AudioWaveWrapper, AReportMadeBeforeTheAppendReturnedIsNotLost) {
+    clip_->setPerFrame(2);
+    task_->setAppendHook([this](int64_t token) {
+        task_->deliver(token + 100, 2);  // no such request
+        task_->deliver(token, 2);
+    });
+    const int64_t token = query(0, 2 * kFrame, 2);
+    task_->setAppendHook(nullptr);
+    const auto calls = recorder_.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].token, token);
+    EXPECT_EQ(calls[0].status, 2);
+    EXPECT_EQ(calls[0].count, 4);
+    task_->deliver(token, 2);  // once only
+    task_->deliver(token + 100, 2);
+    EXPECT_EQ(recorder_.calls().size(), 1u);
+}
+
 TEST_F(AudioWaveWrapper, StatusFiveOrZeroLeavesEntryAndCallsNoCallback) {
     const int64_t token = query(0, 4 * kFrame, 4);
     task_->deliver(token, 5);

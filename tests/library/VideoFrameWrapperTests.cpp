@@ -106,6 +106,21 @@ TEST_F(VideoFrameWrapper, FinishedRequestDeliversOneSlotPerRequestedTime) {
     EXPECT_EQ(clip_->prepared(), std::vector<std::vector<int32_t>>({{160, 90, 25, 1}}));
 }
 
+// Frames all on disk: the service may report before append() has returned.
+TEST_F(VideoFrameWrapper, AReportMadeBeforeTheAppendReturnedIsNotLost) {
+    task_->setAppendHook([this](int64_t token) {
+        task_->deliver(token, 1);
+        task_->deliver(token, 2);
+    });
+    const int64_t token = query(clip_, {800'000, 0});
+    task_->setAppendHook(nullptr);
+    const auto calls = recorder_.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].token, token);
+    EXPECT_EQ(calls[0].status, 2);
+    EXPECT_EQ(calls[0].times, std::vector<int64_t>({800'000, 0}));
+}
+
 TEST_F(VideoFrameWrapper, StatusOneWritesNoLineAndStatusZeroOrFiveWriteOneAndNothingElse) {
     const int64_t token = query(clip_, {0});
     ScopedCapture capture;

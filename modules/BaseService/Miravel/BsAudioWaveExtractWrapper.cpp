@@ -65,6 +65,8 @@ int32_t BsAudioWaveExtractWrapper::queryAudioWave(IDmClip* clip, int64_t begin, 
 
     int64_t newToken = token != nullptr ? *token : -1;
     int32_t result = kResultFailure;
+    // Reports that come before the entry is stored are kept, then handled.
+    pending_.appendStarting();
     if (task_) {
         if (task_->isStarted() == 0) task_->start();
         result = task_->append(&record, &newToken);
@@ -72,9 +74,18 @@ int32_t BsAudioWaveExtractWrapper::queryAudioWave(IDmClip* clip, int64_t begin, 
     if (token != nullptr) *token = newToken;
     ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", static_cast<long long>(newToken));
 
-    pending_.store(newToken, PendingQuery{clip, begin, end, samples, record});
+    const auto early = pending_.storeAppended(newToken, PendingQuery{clip, begin, end, samples, record});
     releaseClip(clip);
+    replayEarly(early);
     return result;
+}
+
+void BsAudioWaveExtractWrapper::replayEarly(const std::vector<BsPendingRequests<PendingQuery>::EarlyReport>& early) {
+    for (const auto& report : early) {
+        BsTaskProgressInfo info;
+        info.token = report.token;
+        processChanged(nullptr, report.progress, report.status, &info);
+    }
 }
 
 int32_t BsAudioWaveExtractWrapper::cancelQueryOfClip(IDmClip* clip) {
@@ -113,14 +124,16 @@ void BsAudioWaveExtractWrapper::notify(int64_t token, int32_t status, const void
     });
 }
 
-int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
+int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t progress, int32_t status,
                                                   const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
     ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
 
-    std::optional<PendingQuery> taken = pending_.take(token);  // takes over the entry's reference
+    bool kept = false;
+    // Takes over the entry's reference.
+    std::optional<PendingQuery> taken = pending_.takeOrKeep(token, status, progress, &kept);
     if (!taken) return 0;
     const PendingQuery& query = *taken;
 
@@ -128,9 +141,11 @@ int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t 
         notify(token, status, nullptr, 0, 0);
     } else if (status == BsTaskResubmit) {
         int64_t newToken = token;
+        pending_.appendStarting();
         if (task_) task_->append(&query.record, &newToken);
-        pending_.store(newToken, query);
+        const auto early = pending_.storeAppended(newToken, query);
         notify(newToken, BsTaskResubmit, nullptr, 0, 0);
+        replayEarly(early);
     } else {
         readFinished(token, query);
     }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsPendingRequests.h"
@@ -49,6 +50,9 @@ private:
 
     void notify(int64_t token, int32_t status, const void* data, int32_t count, int32_t span);
     void readFinished(int64_t token, const PendingQuery& query);
+
+    // Handles the reports that came for a token before its entry was stored.
+    void replayEarly(const std::vector<BsPendingRequests<PendingQuery>::EarlyReport>& early);
 
     // Declared first so that it is released last, after the pending requests.
     ZorRef<IBsAudioWaveExtractTask> task_;

@@ -50,15 +50,26 @@ int32_t BsVideoFrameExtractWrapper::queryVideoFrame(IDmClip* clip, int32_t first
     if (times != nullptr) copy.assign(times, times + count);
     int64_t newToken = token != nullptr ? *token : -1;
     int32_t result = kResultFailure;
+    // Reports that come before the entry is stored are kept, then handled.
+    pending_.appendStarting();
     if (task_) {
         if (task_->isStarted() == 0) task_->start();
         result = task_->append(asBase(clip), copy.data(), static_cast<int32_t>(copy.size()), &newToken, first,
                                second, flags);
     }
     if (token != nullptr) *token = newToken;
-    pending_.store(newToken, PendingQuery{clip, first, second, std::move(copy)});
+    const auto early = pending_.storeAppended(newToken, PendingQuery{clip, first, second, std::move(copy)});
     releaseClip(clip);
+    replayEarly(early);
     return result;
+}
+
+void BsVideoFrameExtractWrapper::replayEarly(const std::vector<BsPendingRequests<PendingQuery>::EarlyReport>& early) {
+    for (const auto& report : early) {
+        BsTaskProgressInfo info;
+        info.token = report.token;
+        processChanged(nullptr, report.progress, report.status, &info);
+    }
 }
 
 int32_t BsVideoFrameExtractWrapper::cancelQueryOfClip(IDmClip* clip) {
@@ -98,7 +109,7 @@ void BsVideoFrameExtractWrapper::notify(int64_t token, int32_t status, const int
     });
 }
 
-int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
+int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t progress, int32_t status,
                                                    const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
     if (status != BsTaskProgress)
@@ -106,10 +117,13 @@ int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t
                 static_cast<long long>(token));
     if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
 
-    std::optional<PendingQuery> taken = pending_.take(token);  // takes over the entry's reference
+    bool kept = false;
+    // Takes over the entry's reference.
+    std::optional<PendingQuery> taken = pending_.takeOrKeep(token, status, progress, &kept);
     if (!taken) {
-        ZOR_LOG(IBsLogger::Error, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find token %lld",
-                static_cast<long long>(token));
+        if (!kept)
+            ZOR_LOG(IBsLogger::Error, "ZOR::BsVideoFrameExtractWrapper::processChanged", "can not find token %lld",
+                    static_cast<long long>(token));
         return 0;
     }
     const PendingQuery& query = *taken;
@@ -118,11 +132,13 @@ int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t
         notify(token, status, nullptr, nullptr, 0);
     } else if (status == BsTaskResubmit) {
         int64_t newToken = token;
+        pending_.appendStarting();
         if (task_)
             task_->append(asBase(query.clip), query.times.data(), static_cast<int32_t>(query.times.size()), &newToken,
                           query.first, query.second, 0);
-        pending_.store(newToken, query);
+        const auto early = pending_.storeAppended(newToken, query);
         notify(newToken, BsTaskResubmit, nullptr, nullptr, 0);
+        replayEarly(early);
     } else {
         readFinished(token, query);
     }

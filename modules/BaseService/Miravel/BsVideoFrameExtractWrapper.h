@@ -52,6 +52,9 @@ private:
     void notify(int64_t token, int32_t status, const int64_t* times, void* frames, int32_t count);
     void readFinished(int64_t token, const PendingQuery& query);
 
+    // Handles the reports that came for a token before its entry was stored.
+    void replayEarly(const std::vector<BsPendingRequests<PendingQuery>::EarlyReport>& early);
+
     // Declared first so that it is released last, after the pending requests.
     ZorRef<IBsVideoFrameExtractTask> task_;
     BsPendingRequests<PendingQuery> pending_;
