@@ -1,19 +1,27 @@
 // The demo's sample media: pictures and sounds made in code and written with
-// the FFmpeg libraries (the library itself never links them).
+// the FFmpeg libraries (the library itself never links them). Shared by the
+// command line and the viewer, which both make the demo's media on demand.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace miravel::demo {
+
+// A file that could not be made: the message names it and the cause.
+class DemoError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // Writes one media file: a video stream of RGB pictures and/or an audio
 // stream of float samples, the container chosen by the file name's
 // extension. The file is written under a temporary name and renamed into
 // place by finish(), so no reader ever sees a partial file; a writer that is
-// destroyed unfinished removes what it wrote. Every failure throws Failure
+// destroyed unfinished removes what it wrote. Every failure throws DemoError
 // naming the file and the cause.
 class MediaWriter {
 public:
@@ -48,7 +56,8 @@ private:
     std::unique_ptr<State> state_;
 };
 
-// The demo's three media files. progress receives 0..1 as each is made.
+// The demo's three media files. progress receives 0..1 as each is made; what
+// it throws ends the making, and the file being written is removed.
 struct DemoMediaFiles {
     std::string video;  // 60 s, 640x360, 25 fps, moving pattern, with a tone of beeps
     std::string music;  // 60 s of chords over a beat, WAV
