@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -84,7 +85,10 @@ std::string demoTimelineDocument() {
         .dump(2);
 }
 
-std::string manyClipsDocument(int clips) {
+std::string manyClipsDocument(int clips, const std::string& mediaFolder) {
+    const auto media = [&](const char* name) {
+        return mediaFolder.empty() ? std::string(name) : (std::filesystem::path(mediaFolder) / name).string();
+    };
     clips = std::max(clips, 1);
     const int videoClips = (clips + 2) / 3;
     const int soundClips = clips - videoClips;
@@ -108,7 +112,7 @@ std::string manyClipsDocument(int clips) {
                                                   {{"begin", 2.5}, {"end", 4}, {"speed", 1.0}}});
         if (i % 4 == 2) miravel["volume_db"] = -6.0;
         if (i > 0 && i % 3 == 0) videoItems.push_back(gap(kGap));
-        videoItems.push_back(clip("Video " + std::to_string(i + 1), "video.mp4", kDemoVideoSeconds, start,
+        videoItems.push_back(clip("Video " + std::to_string(i + 1), media("video.mp4"), kDemoVideoSeconds, start,
                                   kVideoLength, miravel.empty() ? Json() : std::move(miravel)));
     }
     Json musicItems = Json::array();
@@ -118,7 +122,7 @@ std::string manyClipsDocument(int clips) {
         if (i % 3 == 1) miravel["volume_db"] = -4.0;
         if (i % 7 == 4) miravel["volume_keyframes"] = Json::array({{0, -30.0}, {2, 0.0}});
         if (i > 0 && i % 4 == 0) musicItems.push_back(gap(kGap));
-        musicItems.push_back(clip("Music " + std::to_string(i + 1), "music.wav", kDemoMusicSeconds, start,
+        musicItems.push_back(clip("Music " + std::to_string(i + 1), media("music.wav"), kDemoMusicSeconds, start,
                                   kSoundLength, miravel.empty() ? Json() : std::move(miravel)));
     }
     Json voiceItems = Json::array();
@@ -127,7 +131,7 @@ std::string manyClipsDocument(int clips) {
         Json miravel = Json::object();
         if (i % 4 == 0) miravel["ducking"] = ducking;
         if (i > 0 && i % 2 == 0) voiceItems.push_back(gap(kGap));
-        voiceItems.push_back(clip("Voice " + std::to_string(i + 1), "voice.wav", kDemoVoiceSeconds, start,
+        voiceItems.push_back(clip("Voice " + std::to_string(i + 1), media("voice.wav"), kDemoVoiceSeconds, start,
                                   kSoundLength, miravel.empty() ? Json() : std::move(miravel)));
     }
     Json tracks = Json::array({track("Video", "Video", std::move(videoItems))});

@@ -16,7 +16,8 @@ std::string demoTimelineDocument();
 // clips of 4 s on a video track (some reversed, some with a frozen stretch,
 // some quieter), the others music and voice clips of 6 s on two audio tracks
 // (the voice ducking the music now and then), with short gaps between them.
-// At least one clip.
-std::string manyClipsDocument(int clips);
+// At least one clip. The media are named by their file names, or by their
+// paths in mediaFolder when it is given.
+std::string manyClipsDocument(int clips, const std::string& mediaFolder = "");
 
 }  // namespace miravel::demo
