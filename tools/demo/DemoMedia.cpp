@@ -5,6 +5,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
@@ -124,7 +125,7 @@ const char* MediaWriter::videoEncoderName() const {
     return state_->video != nullptr && state_->video->codec != nullptr ? state_->video->codec->name : "";
 }
 
-void MediaWriter::addVideo(int width, int height, int framesPerSecond) {
+void MediaWriter::addVideo(int width, int height, int framesPerSecond, int keyframeInterval) {
     State& s = *state_;
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     if (codec == nullptr) codec = avcodec_find_encoder(AV_CODEC_ID_MPEG4);
@@ -137,7 +138,8 @@ void MediaWriter::addVideo(int width, int height, int framesPerSecond) {
     s.video->time_base = AVRational{1, framesPerSecond};
     s.video->framerate = AVRational{framesPerSecond, 1};
     s.video->pix_fmt = AV_PIX_FMT_YUV420P;
-    s.video->gop_size = framesPerSecond;  // cheap seeking for the thumbnails
+    // One a second by default: cheap seeking for the thumbnails.
+    s.video->gop_size = keyframeInterval > 0 ? keyframeInterval : framesPerSecond;
     s.video->max_b_frames = 0;
     s.video->thread_count = 2;
     if (codec->id == AV_CODEC_ID_H264) {
@@ -433,6 +435,8 @@ void writeSound(MediaWriter& writer, int rate, int channels, int seconds, Sample
 }
 
 }  // namespace
+
+void quietEncoderMessages() { av_log_set_level(AV_LOG_ERROR); }
 
 DemoMediaFiles writeDemoMedia(const std::string& folder, const std::function<void(double)>& progress) {
     DemoMediaFiles files;

@@ -31,8 +31,8 @@ public:
     MediaWriter& operator=(const MediaWriter&) = delete;
 
     // H.264 (libx264) when the FFmpeg build has it, MPEG-4 part 2 otherwise;
-    // a key frame every second.
-    void addVideo(int width, int height, int framesPerSecond);
+    // a key frame every keyframeInterval pictures (0: every second).
+    void addVideo(int width, int height, int framesPerSecond, int keyframeInterval = 0);
     // AAC (the native encoder) or 16-bit PCM.
     enum class AudioCodec { Aac, Pcm16 };
     void addAudio(int sampleRate, int channels, AudioCodec codec);
@@ -55,6 +55,10 @@ private:
     struct State;
     std::unique_ptr<State> state_;
 };
+
+// Keeps the FFmpeg libraries' messages below errors off stderr (the encoders
+// report their settings and statistics at the information level).
+void quietEncoderMessages();
 
 // The demo's three media files. progress receives 0..1 as each is made; what
 // it throws ends the making, and the file being written is removed.

@@ -10,10 +10,12 @@
 #include <QStatusBar>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "Adapter/Adapter.h"
 #include "ClipInspector.h"
 #include "DataModel/DmEdit.h"
+#include "DataModel/DmMedia.h"
 #include "MediaBin.h"
 #include "MediaThumbs.h"
 #include "Paths.h"
@@ -24,6 +26,8 @@ namespace miravel::view {
 
 MainWindow::MainWindow(Options options, QWidget* parent) : QMainWindow(parent), options_(std::move(options)) {
     setWindowTitle(tr("miravel-view"));
+    // Decoded frames are kept under the same cache root as the rest.
+    ZOR::setFrameStoreRoot((std::filesystem::path(options_.cacheRoot) / "frames").string().c_str());
     timeline_ = new TimelineView(this);
     bin_ = new MediaBin(this);
     binArea_ = new QScrollArea(this);
@@ -173,10 +177,17 @@ void MainWindow::closeEvent(QCloseEvent* event) {
 // ---------------------------------------------------------------------------
 // Edits
 
-void MainWindow::showSelection() {
-    const TimelineModel* model = timeline_->model();
-    inspector_->showClip(model != nullptr ? model->find(timeline_->selectedClip()) : nullptr);
+const ClipInfo* MainWindow::selectedClip() const {
+    // The session's copy is the newest: the view may not have taken it yet
+    // when an edit's result is being shown.
+    const TimelineModel* model = session_ != nullptr ? session_->model().get() : nullptr;
+    return model != nullptr ? model->find(timeline_->selectedClip()) : nullptr;
 }
+
+void MainWindow::showSelection() {
+    inspector_->showClip(selectedClip());
+}
+
 
 void MainWindow::editSelected(const QString& what, DocumentSession::Edit edit) {
     if (session_ == nullptr || !session_->isLoaded()) return;
@@ -184,7 +195,7 @@ void MainWindow::editSelected(const QString& what, DocumentSession::Edit edit) {
 }
 
 void MainWindow::setSelectedVolume(double db) {
-    const ClipInfo* clip = timeline_->model() != nullptr ? timeline_->model()->find(timeline_->selectedClip()) : nullptr;
+    const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
     editSelected(tr("volume of %1").arg(QString::fromStdString(clip->name)),
@@ -192,7 +203,7 @@ void MainWindow::setSelectedVolume(double db) {
 }
 
 void MainWindow::setSelectedMute(bool mute) {
-    const ClipInfo* clip = timeline_->model() != nullptr ? timeline_->model()->find(timeline_->selectedClip()) : nullptr;
+    const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
     editSelected(tr("mute of %1").arg(QString::fromStdString(clip->name)),
@@ -200,7 +211,7 @@ void MainWindow::setSelectedMute(bool mute) {
 }
 
 void MainWindow::setSelectedDucking(bool enabled, double depth) {
-    const ClipInfo* clip = timeline_->model() != nullptr ? timeline_->model()->find(timeline_->selectedClip()) : nullptr;
+    const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
     ZOR::DmDuckingDesc ducking;
@@ -214,7 +225,7 @@ void MainWindow::setSelectedDucking(bool enabled, double depth) {
 }
 
 void MainWindow::setSelectedReverse(bool reverse) {
-    const ClipInfo* clip = timeline_->model() != nullptr ? timeline_->model()->find(timeline_->selectedClip()) : nullptr;
+    const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
     editSelected(tr("reverse of %1").arg(QString::fromStdString(clip->name)),

@@ -80,6 +80,7 @@ protected:
 private:
     void buildMenus();
     void showSelection();
+    const ClipInfo* selectedClip() const;
     void retire(DocumentSession* session);
 
     const Options options_;

@@ -12,7 +12,13 @@
 // clips (default 200) cut from the demo's media, and exits.
 #include <QApplication>
 #include <QPixmap>
+#include <QSocketNotifier>
 #include <QTimer>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include <chrono>
 #include <cstdio>
@@ -23,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "DemoMedia.h"
 #include "MainWindow.h"
 #include "Paths.h"
 #include "StallWatchdog.h"
@@ -126,6 +133,31 @@ std::string milliseconds(std::optional<std::chrono::steady_clock::time_point> at
     return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(*at - *from).count());
 }
 
+// SIGTERM and SIGINT close the window as the user would: the handler only
+// writes a byte to a pipe that the event loop watches.
+int signalPipe[2] = {-1, -1};
+
+void onSignal(int /*signal*/) {
+    const char byte = 1;
+    (void)!::write(signalPipe[1], &byte, 1);
+}
+
+void closeOnSignals(QWidget& window) {
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
+    auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &window);
+    QObject::connect(notifier, &QSocketNotifier::activated, &window, [&window] {
+        char byte = 0;
+        while (::read(signalPipe[0], &byte, 1) > 0) {
+        }
+        window.close();
+    });
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
 std::string number(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.3f", value);
@@ -151,6 +183,8 @@ int main(int argc, char** argv) {
         return 0;
     }
     setUpLogging(arguments);
+    // The demo's media are made with FFmpeg's encoders, which are chatty.
+    miravel::demo::quietEncoderMessages();
 
     int code = 0;
     std::optional<miravel::view::StallWatchdog::Figures> stalls;
@@ -161,6 +195,7 @@ int main(int argc, char** argv) {
         miravel::view::StallWatchdog watchdog;
         miravel::view::MainWindow window({root, 100});
         window.resize(arguments.width, arguments.height);
+        closeOnSignals(window);
         window.show();
         if (arguments.measure) watchdog.start();
         window.openDocument(arguments.document);
