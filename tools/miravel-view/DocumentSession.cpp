@@ -173,8 +173,7 @@ void DocumentSession::post(Arrival arrival) {
     {
         std::lock_guard<std::mutex> lock(inboxLock_);
         inbox_.push_back(std::move(arrival));
-        first = !drainPosted_;
-        drainPosted_ = true;
+        first = !drainPosted_.exchange(true);
     }
     // One queued call carries every arrival until the UI thread drains them.
     if (first) QMetaObject::invokeMethod(this, [this] { drain(); }, Qt::QueuedConnection);
@@ -185,7 +184,7 @@ void DocumentSession::drain() {
     {
         std::lock_guard<std::mutex> lock(inboxLock_);
         arrivals.swap(inbox_);
-        drainPosted_ = false;
+        drainPosted_.store(false);
     }
     for (Arrival& arrival : arrivals) {
         switch (arrival.kind) {
@@ -284,7 +283,7 @@ void DocumentSession::serve() {
         for (const auto& [clip, ask] : work.audio) {
             if (ask) {
                 service_->queryAudioThumbnailData(clip, ask->begin, ask->end, ask->count);
-                askedAudio_[clip] = true;
+                askedAudio_.insert(clip);
                 audioAsksSent_.fetch_add(1);
             } else if (askedAudio_.erase(clip) != 0) {
                 service_->cancelAudioThumbnailQuery(clip);
@@ -310,7 +309,7 @@ void DocumentSession::serve() {
             request.frameCount = static_cast<int32_t>(frames.size());
             // Pictures already cached are delivered during this call.
             service_->queryVideoThumbnail(&request);
-            askedVideo_[clip] = true;
+            askedVideo_.insert(clip);
             videoAsksSent_.fetch_add(1);
         }
         for (std::function<void()>& task : work.jobs) {
@@ -322,8 +321,8 @@ void DocumentSession::serve() {
 
 void DocumentSession::shutDown() {
     if (service_ != nullptr) {
-        for (const auto& [clip, asked] : askedAudio_) service_->cancelAudioThumbnailQuery(clip);
-        for (const auto& [clip, asked] : askedVideo_) service_->cancelVideoThumbnailQuery(clip);
+        for (ZOR::IDmClip* clip : askedAudio_) service_->cancelAudioThumbnailQuery(clip);
+        for (ZOR::IDmClip* clip : askedVideo_) service_->cancelVideoThumbnailQuery(clip);
         askedAudio_.clear();
         askedVideo_.clear();
         service_->removeAudioClipThumbnailCallback(callbacks_.get());

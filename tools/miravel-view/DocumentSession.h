@@ -36,6 +36,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -178,20 +179,24 @@ private:
     ZOR::IDmTimeline* timeline_ = nullptr;             // one reference, from loading to the end
     ZOR::IBsClipThumbnailService* service_ = nullptr;  // one reference
     std::unique_ptr<Callbacks> callbacks_;
-    std::map<ZOR::IDmClip*, bool> askedAudio_;  // clips with an audio query out
-    std::map<ZOR::IDmClip*, bool> askedVideo_;
+    std::set<ZOR::IDmClip*> askedAudio_;  // clips with an audio query out
+    std::set<ZOR::IDmClip*> askedVideo_;  // clips with a picture request out
 
     std::atomic<bool> stop_{false};  // set by close(); the document's thread ends
     std::atomic<int64_t> audioAsksSent_{0};
     std::atomic<int64_t> videoAsksSent_{0};
 
-    std::mutex wishLock_;  // leaf: guards wishes_ only
-    std::condition_variable wishSignal_;
+    // Lock order: each lock below is a leaf, held for a few assignments; no
+    // lock of this class is held while calling out. inboxLock_ is taken
+    // inside the service's callbacks, after the service's own callback-list
+    // locks; wishLock_ by the UI thread and the document's thread only.
+    std::mutex wishLock_;  // guards wishes_
+    std::condition_variable wishSignal_;  // waits for stop_ or wishes
     Wishes wishes_;
 
-    std::mutex inboxLock_;  // leaf: guards inbox_ and drainPosted_ only
+    std::mutex inboxLock_;  // guards inbox_; drainPosted_ changes under it
     std::vector<Arrival> inbox_;
-    bool drainPosted_ = false;
+    std::atomic<bool> drainPosted_{false};
 
     std::thread thread_;  // started by the constructor, joined by the destructor
 };

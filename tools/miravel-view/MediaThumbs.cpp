@@ -45,7 +45,7 @@ MediaThumbs::MediaThumbs(Options options, QObject* parent) : QObject(parent), op
 MediaThumbs::~MediaThumbs() {
     {
         std::lock_guard<std::mutex> lock(lock_);
-        stop_ = true;
+        stop_.store(true);
     }
     signal_.notify_all();
     if (thread_.joinable()) thread_.join();
@@ -102,8 +102,8 @@ void MediaThumbs::run() {
         std::set<std::string> roots;
         {
             std::unique_lock<std::mutex> lock(lock_);
-            signal_.wait(lock, [this] { return stop_ || newMedia_ || !hovers_.empty() || !changedRoots_.empty(); });
-            if (stop_) break;
+            signal_.wait(lock, [this] { return stop_.load() || newMedia_ || !hovers_.empty() || !changedRoots_.empty(); });
+            if (stop_.load()) break;
             media = std::exchange(newMedia_, std::nullopt);
             hovers.swap(hovers_);
             roots.swap(changedRoots_);

@@ -77,9 +77,11 @@ private:
 
     const Options options_;
 
-    std::mutex lock_;  // leaf (taken inside the manager's callback, with its lock held): guards the wishes
-    std::condition_variable signal_;
-    bool stop_ = false;
+    // Lock order: the manager's lock, then lock_ (taken inside the manager's
+    // callback); lock_ is a leaf, never held while calling the manager.
+    std::mutex lock_;  // guards the wishes below
+    std::condition_variable signal_;  // waits for stop_ or a wish
+    std::atomic<bool> stop_{false};   // set under lock_
     std::optional<std::vector<std::string>> newMedia_;
     std::map<int, std::optional<double>> hovers_;  // nullopt: the pointer left
     std::set<std::string> changedRoots_;

@@ -38,8 +38,8 @@ void StallWatchdog::start() {
     if (thread_.joinable()) return;
     {
         std::lock_guard<std::mutex> lock(lock_);
-        stopping_ = false;
-        delivered_ = true;
+        stopping_.store(false);
+        delivered_.store(true);
     }
     thread_ = std::thread([this] { run(); });
 }
@@ -47,7 +47,7 @@ void StallWatchdog::start() {
 void StallWatchdog::stop() {
     {
         std::lock_guard<std::mutex> lock(lock_);
-        stopping_ = true;
+        stopping_.store(true);
     }
     signal_.notify_all();
     if (thread_.joinable()) thread_.join();
@@ -58,14 +58,14 @@ void StallWatchdog::run() {
         const auto posted = std::chrono::steady_clock::now();
         {
             std::lock_guard<std::mutex> lock(lock_);
-            if (stopping_) return;
-            delivered_ = false;
+            if (stopping_.load()) return;
+            delivered_.store(false);
         }
         QCoreApplication::postEvent(this, new ProbeEvent(posted));
         std::unique_lock<std::mutex> lock(lock_);
-        signal_.wait(lock, [this] { return delivered_ || stopping_; });
+        signal_.wait(lock, [this] { return delivered_.load() || stopping_.load(); });
         // The next probe leaves one interval after this one was posted.
-        if (signal_.wait_until(lock, posted + interval_, [this] { return stopping_; })) return;
+        if (signal_.wait_until(lock, posted + interval_, [this] { return stopping_.load(); })) return;
     }
 }
 
@@ -75,7 +75,7 @@ bool StallWatchdog::event(QEvent* event) {
     {
         std::lock_guard<std::mutex> lock(lock_);
         samples_.push_back(std::chrono::duration_cast<std::chrono::microseconds>(late).count());
-        delivered_ = true;
+        delivered_.store(true);
     }
     signal_.notify_all();
     return true;

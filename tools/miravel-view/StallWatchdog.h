@@ -8,6 +8,7 @@
 
 #include <QObject>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -47,10 +48,10 @@ private:
     void run();
 
     const std::chrono::microseconds interval_;
-    mutable std::mutex lock_;  // leaf: guards the members below
-    std::condition_variable signal_;
-    bool stopping_ = false;
-    bool delivered_ = true;
+    mutable std::mutex lock_;  // leaf, never held while posting: guards samples_; the flags change under it
+    std::condition_variable signal_;  // waits for delivered_ or stopping_
+    std::atomic<bool> stopping_{false};
+    std::atomic<bool> delivered_{true};
     std::vector<int64_t> samples_;
     std::thread thread_;
 };
