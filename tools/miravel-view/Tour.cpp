@@ -49,7 +49,7 @@ void Tour::plan() {
     // Closer, step by step, at the start.
     auto target = std::make_shared<int>(0);
     steps_.push_back([&view, target] {
-        *target = std::min(view.fittingZoomLevel() + 7, static_cast<int>(TimelineView::zoomLevels().size()) - 1);
+        *target = std::min(view.fittingZoomLevel() + 10, static_cast<int>(TimelineView::zoomLevels().size()) - 1);
         return true;
     });
     steps_.push_back([&view, target] {
@@ -61,7 +61,7 @@ void Tour::plan() {
     steps_.push_back([&view] {
         const int end = view.contentWidth() - view.laneWidth();
         if (view.scrollX() >= end) return true;
-        view.scrollToX(std::min(end, view.scrollX() + std::max(8, view.laneWidth() / 6)));
+        view.scrollToX(std::min(end, view.scrollX() + std::max(8, view.laneWidth() / 8)));
         return false;
     });
     wait(10);
