@@ -25,7 +25,7 @@
 #include "CapturingLogger.h"
 #include "ClipInspector.h"
 #include "DataModel/DmTimeline.h"
-#include "DocumentSession.h"
+#include "OpenDocument.h"
 #include "MainWindow.h"
 #include "MediaBin.h"
 #include "Paths.h"
@@ -129,7 +129,7 @@ const ClipInfo* clipNamed(TimelineView* view, const std::string& name) {
 // data model sent before it has been delivered to the UI thread when it ends.
 bool barrier(MainWindow* window) {
     QSignalSpy done(window, &MainWindow::editDone);
-    window->session()->edit(QStringLiteral("barrier"), [](ZOR::IDmTimeline*) { return 0; });
+    window->current()->edit(QStringLiteral("barrier"), [](ZOR::IDmTimeline*) { return 0; });
     if (!done.wait(kLong)) return false;
     QCoreApplication::processEvents();
     return true;
@@ -188,8 +188,8 @@ void ViewerTests::demoDocumentDrawsEveryVisibleClip() {
     Viewer viewer;
     viewer.window->openDocument(std::string());  // the demo, made under the cache root
     TimelineView* view = viewer.view();
-    QTRY_VERIFY_WITH_TIMEOUT(viewer.window->session() != nullptr && viewer.window->session()->isLoaded(), kLong);
-    QCOMPARE(viewer.window->session()->document(), miravel::view::demoDocument(viewer.root));
+    QTRY_VERIFY_WITH_TIMEOUT(viewer.window->current() != nullptr && viewer.window->current()->isLoaded(), kLong);
+    QCOMPARE(viewer.window->current()->path(), miravel::view::demoDocument(viewer.root));
     QTRY_VERIFY_WITH_TIMEOUT(view->settled(), kLong);
 
     const std::vector<const ClipInfo*> clips = view->visibleClips();
@@ -355,7 +355,7 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
     view->setZoomLevel(static_cast<int>(std::find(levels.begin(), levels.end(), 40) - levels.begin()));
     view->scrollToX(0);
     QTRY_VERIFY_WITH_TIMEOUT(view->settled(), kLong);
-    miravel::view::DocumentSession* session = viewer.window->session();
+    miravel::view::OpenDocument* open = viewer.window->current();
 
     const auto visible = [&] {
         std::set<const ClipInfo*> clips;
@@ -378,7 +378,7 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
     // To the far end: every clip of the start leaves the view, and its audio
     // query is cancelled.
     capture.sink().clear();
-    const int64_t asksBefore = session->videoAsksSent();
+    const int64_t asksBefore = open->videoAsksSent();
     view->scrollToX(view->contentWidth());
     const std::set<const ClipInfo*> second = visible();
     for (const ClipInfo* clip : second) QVERIFY(first.count(clip) == 0);
@@ -387,12 +387,12 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
     // cancelled while it runs.
     size_t secondVideo = 0;
     for (const ClipInfo* clip : second) secondVideo += clip->video ? 1 : 0;
-    QTRY_VERIFY_WITH_TIMEOUT(session->videoAsksSent() >= asksBefore + static_cast<int64_t>(secondVideo), kLong);
+    QTRY_VERIFY_WITH_TIMEOUT(open->videoAsksSent() >= asksBefore + static_cast<int64_t>(secondVideo), kLong);
     const size_t mark = capture.sink().lines().size();
     std::map<const ZOR::IDmClip*, int> deliveries;
     for (const ClipInfo* clip : first)
         if (clip->audio != nullptr) deliveries[clip->audio] = view->audioDeliveries(clip->audio);
-    const int64_t asksAtReturn = session->videoAsksSent();
+    const int64_t asksAtReturn = open->videoAsksSent();
     view->scrollToX(0);
     QTRY_VERIFY_WITH_TIMEOUT(cancelled(second), kLong);
     QTRY_VERIFY_WITH_TIMEOUT(
@@ -417,7 +417,7 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
         QVERIFY2(lines[i].function != "ZOR::BsAudioThumbnailBuilder::appendWaveTask", lines[i].text.c_str());
         QVERIFY2(lines[i].function != "ZOR::AudioWaveExtractTask::append", lines[i].text.c_str());
     }
-    QCOMPARE(session->videoAsksSent(), asksAtReturn);
+    QCOMPARE(open->videoAsksSent(), asksAtReturn);
     const QImage image = grabTimeline(view);
     for (const ClipInfo* clip : view->visibleClips()) {
         if (!clip->video) continue;
@@ -507,7 +507,7 @@ void ViewerTests::closingTheDocumentWhileExtractingReturnsAtOnceAndLeavesNothing
     const qint64 closing = clock.elapsed();
     QVERIFY2(closing < 250, qPrintable(QStringLiteral("closing took %1 ms").arg(closing)));
     QVERIFY(viewer.view()->model() == nullptr);
-    QTRY_COMPARE_WITH_TIMEOUT(viewer.window->closingSessions(), 0u, kLong);
+    QTRY_COMPARE_WITH_TIMEOUT(viewer.window->closingDocuments(), 0u, kLong);
     viewer.window->shutDown();
 
     const std::vector<std::string> unfinished = viewertest::unfinishedFiles(viewer.root);
@@ -583,7 +583,7 @@ void ViewerTests::savedDocumentReloadsToTheSameTimeline() {
     inspector->duckingDepth()->setValue(0.4);
     QTRY_COMPARE_WITH_TIMEOUT(edits.size(), 5, kLong);
     for (const QList<QVariant>& edit : edits) QCOMPARE(edit.at(1).toInt(), 0);
-    const std::shared_ptr<const miravel::view::TimelineModel> edited = viewer.window->session()->model();
+    const std::shared_ptr<const miravel::view::TimelineModel> edited = viewer.window->current()->model();
 
     const std::string saved = viewer.file("saves/cut-edited.otio");
     std::filesystem::create_directories(std::filesystem::path(saved).parent_path());
@@ -634,8 +634,8 @@ void ViewerTests::savedDocumentReloadsToTheSameTimeline() {
 
     // And opened again, the timeline is the one that was saved.
     viewer.window->openDocument(saved);
-    QTRY_VERIFY_WITH_TIMEOUT(viewer.window->session() != nullptr && viewer.window->session()->isLoaded(), kLong);
-    const std::shared_ptr<const miravel::view::TimelineModel> reloaded = viewer.window->session()->model();
+    QTRY_VERIFY_WITH_TIMEOUT(viewer.window->current() != nullptr && viewer.window->current()->isLoaded(), kLong);
+    const std::shared_ptr<const miravel::view::TimelineModel> reloaded = viewer.window->current()->model();
     QCOMPARE(reloaded->tracks.size(), edited->tracks.size());
     for (size_t t = 0; t < edited->tracks.size(); ++t) {
         QCOMPARE(reloaded->tracks[t].clips.size(), edited->tracks[t].clips.size());

@@ -96,71 +96,71 @@ void MainWindow::buildMenus() {
 
 void MainWindow::openDocument(const std::string& path) {
     closeDocument();
-    DocumentSession::Options options;
+    OpenDocument::Options options;
     options.demo = path.empty();
     options.demoFolder = demoFolder(options_.cacheRoot);
     options.document = path.empty() ? demoDocument(options_.cacheRoot) : path;
     savePath_ = QString::fromStdString(options.document);
     openedAt_ = std::chrono::steady_clock::now();
-    session_ = new DocumentSession(options, this);
-    DocumentSession* session = session_;
-    connect(session, &DocumentSession::loaded, this, [this, session] {
-        if (session != session_) return;
-        const auto model = session->model();
-        setWindowTitle(tr("%1 — miravel-view").arg(QString::fromStdString(session->document())));
+    current_ = new OpenDocument(options, this);
+    OpenDocument* opened = current_;
+    connect(opened, &OpenDocument::loaded, this, [this, opened] {
+        if (opened != current_) return;
+        const auto model = opened->model();
+        setWindowTitle(tr("%1 — miravel-view").arg(QString::fromStdString(opened->path())));
         bin_->setMedia(model->mediaFiles());
         size_t clips = 0;
         for (const TrackInfo& track : model->tracks) clips += track.clips.size();
-        status_->setText(tr("%1: %2 tracks, %3 clips").arg(QString::fromStdString(session->document())).arg(model->tracks.size()).arg(clips));
+        status_->setText(tr("%1: %2 tracks, %3 clips").arg(QString::fromStdString(opened->path())).arg(model->tracks.size()).arg(clips));
         emit documentLoaded();
     });
-    connect(session, &DocumentSession::failed, this, [this](const QString& message) {
+    connect(opened, &OpenDocument::failed, this, [this](const QString& message) {
         status_->setText(message);
         emit documentFailed(message);
     });
-    connect(session, &DocumentSession::edited, this, [this](const QString& what, int result) {
+    connect(opened, &OpenDocument::edited, this, [this](const QString& what, int result) {
         status_->setText(result == 0 ? tr("%1: done").arg(what) : tr("%1: refused (%2)").arg(what).arg(result));
         showSelection();
         emit editDone(what, result);
     });
-    connect(session, &DocumentSession::saved, this, [this](const QString& where, const QString& error) {
+    connect(opened, &OpenDocument::saved, this, [this](const QString& where, const QString& error) {
         status_->setText(error.isEmpty() ? tr("Saved %1").arg(where) : error);
         emit documentSaved(where, error);
     });
-    connect(session, &DocumentSession::finished, this, [this, session] {
-        if (session == session_) return;  // a document that failed to load stays until it is closed
-        retire(session);
+    connect(opened, &OpenDocument::finished, this, [this, opened] {
+        if (opened == current_) return;  // a document that failed to load stays until it is closed
+        retire(opened);
     });
-    timeline_->setSession(session);
+    timeline_->setDocument(opened);
     status_->setText(tr("Opening %1…").arg(QString::fromStdString(options.document)));
 }
 
 void MainWindow::closeDocument() {
-    if (session_ == nullptr) return;
-    DocumentSession* session = session_;
-    session_ = nullptr;
+    if (current_ == nullptr) return;
+    OpenDocument* opened = current_;
+    current_ = nullptr;
     // The views let go of the timeline first: its clips are only valid while
-    // the session holds it.
-    timeline_->setSession(nullptr);
+    // the document holds it.
+    timeline_->setDocument(nullptr);
     inspector_->showClip(nullptr);
     bin_->setMedia({});
-    session->close();
-    if (session->isFinished())
-        retire(session);
+    opened->close();
+    if (opened->isFinished())
+        retire(opened);
     else
-        closing_.push_back(session);
+        closing_.push_back(opened);
     setWindowTitle(tr("miravel-view"));
 }
 
-void MainWindow::retire(DocumentSession* session) {
-    closing_.erase(std::remove(closing_.begin(), closing_.end(), session), closing_.end());
+void MainWindow::retire(OpenDocument* opened) {
+    closing_.erase(std::remove(closing_.begin(), closing_.end(), opened), closing_.end());
     // Its thread has ended: deleting it joins at once.
-    session->deleteLater();
+    opened->deleteLater();
 }
 
 void MainWindow::shutDown() {
     closeDocument();
-    for (DocumentSession* session : closing_) delete session;  // each joins its thread
+    for (OpenDocument* opened : closing_) delete opened;  // each joins its thread
     closing_.clear();
     if (thumbs_ != nullptr) {
         bin_->setThumbs(nullptr);
@@ -178,9 +178,9 @@ void MainWindow::closeEvent(QCloseEvent* event) {
 // Edits
 
 const ClipInfo* MainWindow::selectedClip() const {
-    // The session's copy is the newest: the view may not have taken it yet
+    // The document's own copy is the newest: the view may not have taken it yet
     // when an edit's result is being shown.
-    const TimelineModel* model = session_ != nullptr ? session_->model().get() : nullptr;
+    const TimelineModel* model = current_ != nullptr ? current_->model().get() : nullptr;
     return model != nullptr ? model->find(timeline_->selectedClip()) : nullptr;
 }
 
@@ -189,9 +189,9 @@ void MainWindow::showSelection() {
 }
 
 
-void MainWindow::editSelected(const QString& what, DocumentSession::Edit edit) {
-    if (session_ == nullptr || !session_->isLoaded()) return;
-    session_->edit(what, std::move(edit));
+void MainWindow::editSelected(const QString& what, OpenDocument::Edit edit) {
+    if (current_ == nullptr || !current_->isLoaded()) return;
+    current_->edit(what, std::move(edit));
 }
 
 void MainWindow::setSelectedVolume(double db) {
@@ -233,19 +233,19 @@ void MainWindow::setSelectedReverse(bool reverse) {
 }
 
 void MainWindow::undo() {
-    if (session_ != nullptr && session_->isLoaded()) session_->undo();
+    if (current_ != nullptr && current_->isLoaded()) current_->undo();
 }
 
 void MainWindow::redo() {
-    if (session_ != nullptr && session_->isLoaded()) session_->redo();
+    if (current_ != nullptr && current_->isLoaded()) current_->redo();
 }
 
 void MainWindow::save() { saveAs(savePath_); }
 
 void MainWindow::saveAs(const QString& path) {
-    if (session_ == nullptr || !session_->isLoaded() || path.isEmpty()) return;
+    if (current_ == nullptr || !current_->isLoaded() || path.isEmpty()) return;
     savePath_ = path;
-    session_->save(path);
+    current_->save(path);
 }
 
 }  // namespace miravel::view

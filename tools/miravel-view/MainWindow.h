@@ -1,8 +1,8 @@
 // The viewer's window: the timeline above, the media bin and the selected
 // clip's inspector below, the document's commands in the menus.
 //
-// It owns the open document's session and the media thumbnails. Closing a
-// document detaches the views from it and returns at once; the session
+// It owns the open document and the media thumbnails. Closing a document
+// detaches the views from it and returns at once; the document
 // finishes on its own thread and is deleted (and joined) when it says so, or
 // by shutDown() when the program ends.
 #pragma once
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "DocumentSession.h"
+#include "OpenDocument.h"
 
 class QAction;
 class QLabel;
@@ -48,17 +48,17 @@ public:
     // Closes everything and joins every thread of the viewer.
     void shutDown();
 
-    DocumentSession* session() const { return session_; }
+    OpenDocument* current() const { return current_; }
     TimelineView* timeline() const { return timeline_; }
     MediaBin* mediaBin() const { return bin_; }
     ClipInspector* inspector() const { return inspector_; }
-    // Sessions closed and not finished yet.
-    size_t closingSessions() const { return closing_.size(); }
+    // Documents closed whose threads have not finished yet.
+    size_t closingDocuments() const { return closing_.size(); }
     // When the document was asked to open.
     std::optional<std::chrono::steady_clock::time_point> openedAt() const { return openedAt_; }
 
     // The document commands, as the menus run them.
-    void editSelected(const QString& what, DocumentSession::Edit edit);
+    void editSelected(const QString& what, OpenDocument::Edit edit);
     void setSelectedVolume(double db);
     void setSelectedMute(bool mute);
     void setSelectedDucking(bool enabled, double depth);
@@ -81,7 +81,7 @@ private:
     void buildMenus();
     void showSelection();
     const ClipInfo* selectedClip() const;
-    void retire(DocumentSession* session);
+    void retire(OpenDocument* opened);
 
     const Options options_;
     TimelineView* timeline_;
@@ -90,8 +90,8 @@ private:
     ClipInspector* inspector_;
     QLabel* status_;
     MediaThumbs* thumbs_;
-    DocumentSession* session_ = nullptr;
-    std::vector<DocumentSession*> closing_;
+    OpenDocument* current_ = nullptr;
+    std::vector<OpenDocument*> closing_;
     std::optional<std::chrono::steady_clock::time_point> openedAt_;
     QString savePath_;
 };

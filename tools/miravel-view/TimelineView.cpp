@@ -59,34 +59,34 @@ TimelineView::TimelineView(QWidget* parent) : QAbstractScrollArea(parent) {
     setMinimumHeight(kRuler + 2 * 92);
 }
 
-TimelineView::~TimelineView() { setSession(nullptr); }
+TimelineView::~TimelineView() { setDocument(nullptr); }
 
 // ---------------------------------------------------------------------------
 // The document
 
-void TimelineView::setSession(DocumentSession* session) {
+void TimelineView::setDocument(OpenDocument* document) {
     for (const QMetaObject::Connection& connection : connections_) disconnect(connection);
     connections_.clear();
-    session_ = session;
+    document_ = document;
     audio_.clear();
     video_.clear();
     selected_ = nullptr;
     model_.reset();
-    if (session_ != nullptr) {
+    if (document_ != nullptr) {
         // Measured anew for each document; kept after it is closed.
         firstWave_.reset();
         firstPicture_.reset();
-        connections_.push_back(connect(session_, &DocumentSession::loaded, this, [this] {
-            setModel(session_->model());
+        connections_.push_back(connect(document_, &OpenDocument::loaded, this, [this] {
+            setModel(document_->model());
             zoomToFit();
         }));
-        connections_.push_back(connect(session_, &DocumentSession::audioArrived, this, &TimelineView::onAudio));
-        connections_.push_back(connect(session_, &DocumentSession::picturesArrived, this, &TimelineView::onPictures));
-        connections_.push_back(connect(session_, &DocumentSession::audioStale, this, &TimelineView::onAudioStale));
-        connections_.push_back(connect(session_, &DocumentSession::videoStale, this, &TimelineView::onVideoStale));
-        connections_.push_back(connect(session_, &DocumentSession::edited, this, &TimelineView::onEdited));
-        if (session_->isLoaded()) {
-            setModel(session_->model());
+        connections_.push_back(connect(document_, &OpenDocument::audioArrived, this, &TimelineView::onAudio));
+        connections_.push_back(connect(document_, &OpenDocument::picturesArrived, this, &TimelineView::onPictures));
+        connections_.push_back(connect(document_, &OpenDocument::audioStale, this, &TimelineView::onAudioStale));
+        connections_.push_back(connect(document_, &OpenDocument::videoStale, this, &TimelineView::onVideoStale));
+        connections_.push_back(connect(document_, &OpenDocument::edited, this, &TimelineView::onEdited));
+        if (document_->isLoaded()) {
+            setModel(document_->model());
             zoomToFit();
         }
     }
@@ -103,7 +103,7 @@ void TimelineView::setModel(std::shared_ptr<const TimelineModel> model) {
 }
 
 void TimelineView::onEdited() {
-    if (session_ != nullptr) setModel(session_->model());
+    if (document_ != nullptr) setModel(document_->model());
 }
 
 void TimelineView::onAudio(ZOR::IDmClip* clip, qint64 begin, qint64 end, std::shared_ptr<const std::vector<float>> values) {
@@ -334,7 +334,7 @@ void TimelineView::scheduleRequests() {
 }
 
 void TimelineView::updateRequests() {
-    if (session_ == nullptr || model_ == nullptr) return;
+    if (document_ == nullptr || model_ == nullptr) return;
     ++updates_;
     const int first = scrollX();
     const int last = first + laneWidth();
@@ -353,14 +353,14 @@ void TimelineView::updateRequests() {
             if (missing.empty()) {
                 // Everything in view is here: whatever is still being made
                 // for this clip is no longer needed.
-                if (state.asked) session_->cancelVideo(clip->clip);
+                if (state.asked) document_->cancelVideo(clip->clip);
                 state.asked.reset();
             } else {
                 // One ask names every missing picture in view: an ask replaces
                 // the clip's outstanding one.
                 VideoAsk ask{thumbWidth(*clip), kStripHeight, std::move(missing)};
                 if (!state.asked || !(*state.asked == ask)) {
-                    session_->askVideo(clip->clip, ask);
+                    document_->askVideo(clip->clip, ask);
                     state.asked = std::move(ask);
                 }
             }
@@ -369,7 +369,7 @@ void TimelineView::updateRequests() {
             inViewAudio.insert(clip->audio);
             AudioState& state = audio_[clip->audio];
             if (!state.asked || !(*state.asked == *ask) || state.stale) {
-                session_->askAudio(clip->audio, *ask);
+                document_->askAudio(clip->audio, *ask);
                 state.asked = ask;
                 state.stale = false;
                 state.current = false;
@@ -379,14 +379,14 @@ void TimelineView::updateRequests() {
     }
     for (auto& [clip, state] : audio_) {
         if (state.asked && inViewAudio.count(clip) == 0) {
-            session_->cancelAudio(clip);
+            document_->cancelAudio(clip);
             state.asked.reset();
             state.current = false;
         }
     }
     for (auto& [clip, state] : video_) {
         if (state.asked && inViewVideo.count(clip) == 0) {
-            session_->cancelVideo(clip);
+            document_->cancelVideo(clip);
             state.asked.reset();
         }
     }
@@ -591,7 +591,7 @@ void TimelineView::paintEvent(QPaintEvent* event) {
     if (model_ == nullptr) {
         painter.setPen(kText);
         painter.drawText(viewport()->rect(), Qt::AlignCenter,
-                         session_ != nullptr ? tr("Opening %1…").arg(QString::fromStdString(session_->document()))
+                         document_ != nullptr ? tr("Opening %1…").arg(QString::fromStdString(document_->path()))
                                              : tr("No document"));
         return;
     }

@@ -22,7 +22,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "DocumentSession.h"
+#include "OpenDocument.h"
 #include "TimelineModel.h"
 
 namespace miravel::view {
@@ -55,11 +55,10 @@ public:
     explicit TimelineView(QWidget* parent = nullptr);
     ~TimelineView() override;
 
-    // Shows the session's document (null: nothing). The view keeps no
-    // reference to the session beyond this; call with null before the
-    // session closes.
-    void setSession(DocumentSession* session);
-    DocumentSession* session() const { return session_; }
+    // Shows the document (null: nothing). The view keeps no reference to
+    // it beyond this; call with null before the document closes.
+    void setDocument(OpenDocument* document);
+    OpenDocument* current() const { return document_; }
     const TimelineModel* model() const { return model_.get(); }
 
     // Navigation.
@@ -170,7 +169,7 @@ private:
     void drawClip(QPainter& painter, const TrackInfo& track, const ClipInfo& clip);
     void drawRuler(QPainter& painter);
 
-    DocumentSession* session_ = nullptr;
+    OpenDocument* document_ = nullptr;
     std::vector<QMetaObject::Connection> connections_;
     std::shared_ptr<const TimelineModel> model_;
     int zoomLevel_ = 10;

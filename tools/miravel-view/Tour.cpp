@@ -13,7 +13,7 @@ Tour::Tour(MainWindow& window, QObject* parent) : QObject(parent), window_(windo
     connect(&timer_, &QTimer::timeout, this, &Tour::tick);
     connect(&window_, &MainWindow::editDone, this, [this] { --pendingEdits_; });
     connect(&window_, &MainWindow::documentFailed, this, [this] {
-        if (window_.session() != nullptr && !window_.session()->isLoaded()) failed_ = true;
+        if (window_.current() != nullptr && !window_.current()->isLoaded()) failed_ = true;
     });
 }
 
@@ -38,7 +38,7 @@ void Tour::plan() {
     // The document, drawn at first sight.
     steps_.push_back([this] {
         if (failed_) return true;
-        return window_.session() != nullptr && window_.session()->isLoaded();
+        return window_.current() != nullptr && window_.current()->isLoaded();
     });
     steps_.push_back([this, &view] {
         if (failed_) return true;

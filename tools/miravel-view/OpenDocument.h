@@ -73,7 +73,7 @@ struct Picture {
     QImage image;      // premultiplied ARGB32, ready to draw
 };
 
-class DocumentSession : public QObject {
+class OpenDocument : public QObject {
     Q_OBJECT
 
 public:
@@ -85,13 +85,13 @@ public:
         std::string demoFolder;
     };
 
-    explicit DocumentSession(Options options, QObject* parent = nullptr);
+    explicit OpenDocument(Options options, QObject* parent = nullptr);
     // Stops the document's thread (if close() was not called) and joins it.
-    ~DocumentSession() override;
-    DocumentSession(const DocumentSession&) = delete;
-    DocumentSession& operator=(const DocumentSession&) = delete;
+    ~OpenDocument() override;
+    OpenDocument(const OpenDocument&) = delete;
+    OpenDocument& operator=(const OpenDocument&) = delete;
 
-    const std::string& document() const { return options_.document; }
+    const std::string& path() const { return options_.document; }
     // Set once loaded() was emitted; the timeline lives until finished().
     std::shared_ptr<const TimelineModel> model() const { return model_; }
     bool isLoaded() const { return model_ != nullptr; }

@@ -1,4 +1,4 @@
-#include "DocumentSession.h"
+#include "OpenDocument.h"
 
 #include <QMetaObject>
 
@@ -20,10 +20,10 @@ namespace miravel::view {
 // The faces the service calls. Each copies what it is given and leaves it in
 // the inbox; none calls into the service or waits for anything but the
 // inbox's lock (the service holds its callback lists' locks while calling).
-class DocumentSession::Callbacks final : public ZOR::IBsAudioClipThumbnailCallback,
+class OpenDocument::Callbacks final : public ZOR::IBsAudioClipThumbnailCallback,
                                          public ZOR::IBsVideoClipThumbnailCallback {
 public:
-    explicit Callbacks(DocumentSession& session) : session_(session) {}
+    explicit Callbacks(OpenDocument& owner) : owner_(owner) {}
 
     int32_t onAudioThumbnailNotice(ZOR::IDmClip* clip) override {
         stale(clip, Arrival::AudioStale);
@@ -41,7 +41,7 @@ public:
         arrival.end = endCns;
         arrival.values = samples != nullptr && count > 0 ? std::make_shared<const std::vector<float>>(samples, samples + count)
                                                          : std::make_shared<const std::vector<float>>();
-        session_.post(std::move(arrival));
+        owner_.post(std::move(arrival));
         return 0;
     }
 
@@ -71,7 +71,7 @@ public:
                             static_cast<size_t>(width) * 4);
             arrival.pictures.push_back(Picture{frames->get(i), rgba.convertToFormat(QImage::Format_ARGB32_Premultiplied)});
         }
-        if (!arrival.pictures.isEmpty()) session_.post(std::move(arrival));
+        if (!arrival.pictures.isEmpty()) owner_.post(std::move(arrival));
         return 0;
     }
 
@@ -79,17 +79,17 @@ private:
     void stale(ZOR::IDmClip* clip, Arrival::Kind kind) {
         Arrival arrival{kind};
         arrival.clip = clip;
-        session_.post(std::move(arrival));
+        owner_.post(std::move(arrival));
     }
 
-    DocumentSession& session_;
+    OpenDocument& owner_;
 };
 
-DocumentSession::DocumentSession(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {
+OpenDocument::OpenDocument(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {
     thread_ = std::thread([this] { run(); });
 }
 
-DocumentSession::~DocumentSession() {
+OpenDocument::~OpenDocument() {
     close();
     if (thread_.joinable()) thread_.join();
 }
@@ -97,7 +97,7 @@ DocumentSession::~DocumentSession() {
 // ---------------------------------------------------------------------------
 // The UI thread's side
 
-void DocumentSession::wish(const std::function<void(Wishes&)>& change) {
+void OpenDocument::wish(const std::function<void(Wishes&)>& change) {
     {
         std::lock_guard<std::mutex> lock(wishLock_);
         change(wishes_);
@@ -105,27 +105,27 @@ void DocumentSession::wish(const std::function<void(Wishes&)>& change) {
     wishSignal_.notify_one();
 }
 
-void DocumentSession::job(std::function<void()> work) {
+void OpenDocument::job(std::function<void()> work) {
     wish([&](Wishes& wishes) { wishes.jobs.push_back(std::move(work)); });
 }
 
-void DocumentSession::askAudio(ZOR::IDmClip* audioClip, const AudioAsk& ask) {
+void OpenDocument::askAudio(ZOR::IDmClip* audioClip, const AudioAsk& ask) {
     wish([&](Wishes& wishes) { wishes.audio[audioClip] = ask; });
 }
 
-void DocumentSession::cancelAudio(ZOR::IDmClip* audioClip) {
+void OpenDocument::cancelAudio(ZOR::IDmClip* audioClip) {
     wish([&](Wishes& wishes) { wishes.audio[audioClip] = std::nullopt; });
 }
 
-void DocumentSession::askVideo(ZOR::IDmClip* clip, const VideoAsk& ask) {
+void OpenDocument::askVideo(ZOR::IDmClip* clip, const VideoAsk& ask) {
     wish([&](Wishes& wishes) { wishes.video[clip] = ask; });
 }
 
-void DocumentSession::cancelVideo(ZOR::IDmClip* clip) {
+void OpenDocument::cancelVideo(ZOR::IDmClip* clip) {
     wish([&](Wishes& wishes) { wishes.video[clip] = std::nullopt; });
 }
 
-void DocumentSession::edit(const QString& what, Edit edit) {
+void OpenDocument::edit(const QString& what, Edit edit) {
     job([this, what, edit = std::move(edit)] {
         int32_t result = ZOR::kDmEditBadArgument;
         try {
@@ -141,15 +141,15 @@ void DocumentSession::edit(const QString& what, Edit edit) {
     });
 }
 
-void DocumentSession::undo() {
+void OpenDocument::undo() {
     edit(QStringLiteral("undo"), [](ZOR::IDmTimeline* timeline) { return ZOR::undoTimelineEdit(timeline); });
 }
 
-void DocumentSession::redo() {
+void OpenDocument::redo() {
     edit(QStringLiteral("redo"), [](ZOR::IDmTimeline* timeline) { return ZOR::redoTimelineEdit(timeline); });
 }
 
-void DocumentSession::save(const QString& path) {
+void OpenDocument::save(const QString& path) {
     job([this, path] {
         std::string error;
         const std::string file = path.toStdString();
@@ -162,13 +162,13 @@ void DocumentSession::save(const QString& path) {
     });
 }
 
-void DocumentSession::close() {
+void OpenDocument::close() {
     stop_.store(true);
     { std::lock_guard<std::mutex> lock(wishLock_); }  // a waiter sees stop_ before it sleeps again
     wishSignal_.notify_all();
 }
 
-void DocumentSession::post(Arrival arrival) {
+void OpenDocument::post(Arrival arrival) {
     bool first = false;
     {
         std::lock_guard<std::mutex> lock(inboxLock_);
@@ -179,7 +179,7 @@ void DocumentSession::post(Arrival arrival) {
     if (first) QMetaObject::invokeMethod(this, [this] { drain(); }, Qt::QueuedConnection);
 }
 
-void DocumentSession::drain() {
+void OpenDocument::drain() {
     std::vector<Arrival> arrivals;
     {
         std::lock_guard<std::mutex> lock(inboxLock_);
@@ -226,7 +226,7 @@ void DocumentSession::drain() {
 // ---------------------------------------------------------------------------
 // The document's thread
 
-void DocumentSession::run() {
+void OpenDocument::run() {
     lowerThisThreadsPriority();
     if (options_.demo) {
         try {
@@ -271,7 +271,7 @@ void DocumentSession::run() {
     post(Arrival{Arrival::Finished});
 }
 
-void DocumentSession::serve() {
+void OpenDocument::serve() {
     for (;;) {
         Wishes work;
         {
@@ -319,7 +319,7 @@ void DocumentSession::serve() {
     }
 }
 
-void DocumentSession::shutDown() {
+void OpenDocument::shutDown() {
     if (service_ != nullptr) {
         for (ZOR::IDmClip* clip : askedAudio_) service_->cancelAudioThumbnailQuery(clip);
         for (ZOR::IDmClip* clip : askedVideo_) service_->cancelVideoThumbnailQuery(clip);
