@@ -2,16 +2,22 @@
 # Installs the Debian packages that Miravel needs and that are missing.
 #   scripts/deps.sh demo   what building and running the demo needs
 #   scripts/deps.sh test   what building and running the tests needs
+#   scripts/deps.sh view   what building and running the viewer (miravel-view) needs
+#   scripts/deps.sh bench  what building and running the benchmarks needs
 set -euo pipefail
 
 what=${1:-test}
 packages=(cmake g++ make pkg-config binutils libpng-dev)
 ffmpeg_dev=(libavformat-dev libavcodec-dev libswresample-dev libswscale-dev libavutil-dev)
+# Qt 6 Widgets (and Qt Test, in the same package) for miravel-view; a font
+# for its text, also when it runs offscreen.
+viewer=(qt6-base-dev fonts-dejavu-core)
 case "$what" in
   demo) packages+=(nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
-  test) packages+=(libgtest-dev libgmock-dev nlohmann-json3-dev "${ffmpeg_dev[@]}" ffmpeg) ;;
+  test) packages+=(libgtest-dev libgmock-dev nlohmann-json3-dev "${ffmpeg_dev[@]}" ffmpeg "${viewer[@]}") ;;
+  view) packages+=(nlohmann-json3-dev "${ffmpeg_dev[@]}" "${viewer[@]}") ;;
   bench) packages+=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
-  *) echo "deps.sh: unknown set '$what' (demo, test or bench)" >&2; exit 2 ;;
+  *) echo "deps.sh: unknown set '$what' (demo, test, view or bench)" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -10,7 +10,11 @@ extern "C" {
 
 #include <cmath>
 #include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <system_error>
+#include <tuple>
 
 #include "AvShared/AvDecoder.h"
 #include "AvShared/AvFrameDecoder.h"
@@ -54,9 +58,11 @@ std::string canonicalMediaPath(const std::string& path) {
     return absolute.lexically_normal().string();
 }
 
-DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t videoStreamId) {
+namespace {
+
+DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int32_t videoStreamId) {
     DmMediaProbe probe;
-    probe.path = canonicalMediaPath(path);
+    probe.path = canonical;
     probe.fileName = std::filesystem::path(probe.path).filename().string();
 
     AVFormatContext* format = nullptr;
@@ -132,6 +138,60 @@ DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t 
         }
     }
     avformat_close_input(&format);
+    return probe;
+}
+
+// What probing found, by file and requested streams, while the file stays
+// the same (size and modification time): a timeline of many clips of a few
+// files opens each file once instead of once per clip.
+class ProbeCache {
+public:
+    static constexpr size_t kCapacity = 256;
+
+    std::optional<DmMediaProbe> find(const std::string& path, int32_t audio, int32_t video,
+                                     const DmFileIdentity& identity) {
+        std::lock_guard<std::mutex> lock(lock_);
+        auto found = entries_.find(Key{path, audio, video});
+        if (found == entries_.end() || !(found->second.identity == identity)) return std::nullopt;
+        return found->second.probe;
+    }
+
+    void store(const std::string& path, int32_t audio, int32_t video, const DmFileIdentity& identity,
+               const DmMediaProbe& probe) {
+        std::lock_guard<std::mutex> lock(lock_);
+        if (entries_.size() >= kCapacity) entries_.clear();
+        entries_[Key{path, audio, video}] = Entry{identity, probe};
+    }
+
+private:
+    using Key = std::tuple<std::string, int32_t, int32_t>;
+    struct Entry {
+        DmFileIdentity identity;
+        DmMediaProbe probe;
+    };
+    std::mutex lock_;  // leaf: guards entries_ only; never held while probing
+    std::map<Key, Entry> entries_;
+};
+
+ProbeCache& probeCache() {
+    static ProbeCache cache;
+    return cache;
+}
+
+}  // namespace
+
+DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t videoStreamId) {
+    const std::string canonical = canonicalMediaPath(path);
+    const DmFileIdentity identity = mediaFileIdentity(canonical.c_str());
+    if (identity.regular) {
+        if (std::optional<DmMediaProbe> known = probeCache().find(canonical, audioStreamId, videoStreamId, identity))
+            return *known;
+    }
+    DmMediaProbe probe = probeFile(canonical, audioStreamId, videoStreamId);
+    // Kept only when the file could be read and did not change meanwhile: a
+    // file that cannot be read is tried (and its reason logged) every time.
+    if (probe.opened && identity.regular && mediaFileIdentity(canonical.c_str()) == identity)
+        probeCache().store(canonical, audioStreamId, videoStreamId, identity, probe);
     return probe;
 }
 

@@ -42,7 +42,9 @@ std::string canonicalMediaPath(const std::string& path);
 
 // Opens the file with libavformat and resolves the requested streams
 // (-1: the best stream of the kind; a video stream that is only an attached
-// picture does not count). Never throws.
+// picture does not count). Never throws. What a readable file gave is kept
+// and given again while the file keeps its size and modification time, so
+// that many clips of one file open it once.
 DmMediaProbe probeMedia(const std::string& path, int32_t audioStreamId, int32_t videoStreamId);
 
 }  // namespace ZOR

@@ -103,6 +103,8 @@ public:
     DmTimelineClip* soundCarrier();
     // The path the description gave (the canonical one is mediaPath()).
     const std::string& describedMediaPath() const { return describedPath_; }
+    // The constant speed |k| the clip was made with (0 holds the mark in).
+    double speed() const { return speed_; }
     int64_t endTime() { return range().end; }
     DmCallbackList& callbacks() { return callbacks_; }
     DmTimeline* owningTimeline() const { return timeline_.load(std::memory_order_acquire); }

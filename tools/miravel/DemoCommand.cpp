@@ -32,6 +32,7 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "DataModel/DmMedia.h"
+#include "DemoDocument.h"
 #include "DemoMedia.h"
 #include "Json.h"
 #include "ZorUtils/ZorUtils.h"
@@ -42,74 +43,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int64_t kSecond = 10'000'000;
-constexpr int kRate = 25;  // the document's times are whole frames at 25/s
 constexpr int32_t kDemoMediaThumbnails = 24;
-
-Json rationalTime(double seconds) {
-    return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", std::round(seconds * kRate)}, {"rate", kRate}};
-}
-
-Json timeRange(double start, double duration) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
-}
-
-Json gap(double duration) { return Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", timeRange(0, duration)}}; }
-
-// A clip of [start, start + duration) of a media file beside the document.
-Json clip(const std::string& name, const std::string& file, double mediaSeconds, double start, double duration,
-          Json miravel) {
-    Json item{{"OTIO_SCHEMA", "Clip.1"},
-              {"name", name},
-              {"source_range", timeRange(start, duration)},
-              {"media_reference",
-               {{"OTIO_SCHEMA", "ExternalReference.1"},
-                {"target_url", file},
-                {"available_range", timeRange(0, mediaSeconds)}}}};
-    if (!miravel.is_null()) item["metadata"] = Json{{"miravel", std::move(miravel)}};
-    return item;
-}
-
-Json track(const std::string& name, const char* kind, Json children) {
-    return Json{{"OTIO_SCHEMA", "Track.1"}, {"name", name}, {"kind", kind}, {"children", std::move(children)}};
-}
-
-// The demo's timeline, 60 s: the video in three clips (the second with a
-// frozen stretch), the music bed under it all, and two voice clips that duck
-// the music and the video's sound.
-std::string timelineDocument() {
-    const double video = demo::kDemoVideoSeconds;
-    const Json ducking{{"enabled", true}, {"depth", 0.7}, {"fade", 0.6}, {"fade_ratio", 0.5}};
-    Json videoTrack = track(
-        "Video", "Video",
-        Json::array({clip("Opening", "video.mp4", video, 0, 20,
-                          {{"volume_db", -3.0}, {"volume_keyframes", Json::array({{0, -24.0}, {2, 0.0}})}}),
-                     clip("Freeze", "video.mp4", video, 20, 20,
-                          {{"speed_parts", Json::array({{{"begin", 0}, {"end", 6}, {"speed", 1.0}},
-                                                        {{"begin", 6}, {"end", 10}, {"speed", 0.0}},
-                                                        {{"begin", 10}, {"end", 20}, {"speed", 1.0}}})}}),
-                     clip("Closing", "video.mp4", video, 40, 20,
-                          {{"loudness", {{"enabled", true}, {"gain", 0.5}}},
-                           {"volume_keyframes", Json::array({{16, 0.0}, {20, -30.0}})}})}));
-    Json musicTrack = track(
-        "Music", "Audio",
-        Json::array({clip("Music Bed", "music.wav", demo::kDemoMusicSeconds, 0, 60,
-                          {{"volume_db", -2.0},
-                           {"volume_gain_db", 1.5},
-                           {"loudness", {{"enabled", true}, {"gain", 0.8}}},
-                           {"volume_keyframes", Json::array({{0, -30.0}, {3, 0.0}, {55, 0.0}, {60, -30.0}})}})}));
-    Json voiceTrack =
-        track("Voice", "Audio",
-              Json::array({gap(6), clip("Voice 1", "voice.wav", demo::kDemoVoiceSeconds, 0, 14, {{"ducking", ducking}}),
-                           gap(14),
-                           clip("Voice 2", "voice.wav", demo::kDemoVoiceSeconds, 14, 16,
-                                {{"volume_db", 2.0}, {"ducking", ducking}})}));
-    const Json document{{"OTIO_SCHEMA", "Timeline.1"},
-                        {"name", "Miravel demo"},
-                        {"tracks",
-                         {{"OTIO_SCHEMA", "Stack.1"},
-                          {"children", Json::array({std::move(videoTrack), std::move(musicTrack), std::move(voiceTrack)})}}}};
-    return document.dump(2);
-}
 
 // Times the steps and keeps the files they made.
 class Steps {
@@ -186,7 +120,7 @@ int runDemo(int argc, char** argv) {
         steps.file("video.mp4");
         steps.file("music.wav");
         steps.file("voice.wav");
-        writeJsonFile(steps.file("timeline.otio"), timelineDocument());
+        writeJsonFile(steps.file("timeline.otio"), demo::demoTimelineDocument());
     });
 
     steps.run("wave", "waveform of the music file (audio wave wrapper)", [&] {

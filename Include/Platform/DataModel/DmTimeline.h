@@ -122,6 +122,27 @@ ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string
 ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error,
                                                    std::vector<std::string>* warnings);
 
+// The description of a timeline made by createTimeline() or
+// loadTimelineDocument(), as it is now: its edits included, every clip with
+// its range, speed, speed parts, flags, sound settings and effects, in track
+// order, as createTimeline() would make the same timeline again. It is read
+// on the event bus's delivery thread (runOnEventThread), so that no edit runs
+// meanwhile; called elsewhere, it waits for that. Returns 0 and fills *desc
+// (without warnings); otherwise 1001, *desc untouched and *error set.
+ZOR_PLATFORM_API int32_t describeTimeline(IDmTimeline* timeline, DmTimelineDesc* desc, std::string* error);
+
+// Writes the timeline as a timeline document at path (OpenTimelineIO JSON
+// with the "miravel" metadata), which loadTimelineDocument() reads back to
+// the same tracks, clips, ranges and metadata values. Media files are named
+// relative to the document's folder when they lie in it or below, by their
+// absolute paths otherwise; a clip without media gets a MissingReference.1.
+// The file is written under a temporary name in the same folder, flushed to
+// disk and renamed over path, so that a reader (or a crash) never meets a
+// partial document. Returns 0; otherwise 1001 with *error one line naming the
+// file and the cause, and whatever was at path left as it was. A track whose
+// clips overlap cannot be written (a document lays them end to end).
+ZOR_PLATFORM_API int32_t writeTimelineDocument(IDmTimeline* timeline, const char* path, std::string* error);
+
 // The media position (cns) that a clip of a timeline plays at clip time:
 // its constant speed or speed parts and its direction applied, exactly as its
 // sound is mapped (a video clip's pictures and its linked sound play the same

@@ -286,3 +286,47 @@ TEST_F(DmMediaClipTest, VideoOnlyClipHasNoBaseAudioClip) {
 
 }  // namespace
 }  // namespace ZOR::test
+
+namespace ZOR::test {
+namespace {
+
+// What probing learnt of a file is used again only while the file stays the
+// same: a file replaced by another at the same path is read anew.
+TEST_F(DmMediaClipTest, FileReplacedOnDiskIsProbedAnew) {
+    const std::string path = folder_.file("replaced.mkv");
+    const std::string video = makeVideo("first.mkv");
+    std::filesystem::copy_file(video, path);
+    {
+        std::string error;
+        Held<IDmClip> first(createMediaClip(path.c_str(), -1, -1, &error));
+        Held<IDmClip> again(createMediaClip(path.c_str(), -1, -1, &error));
+        ASSERT_NE(first.get(), nullptr);
+        ASSERT_NE(again.get(), nullptr);
+        EXPECT_EQ(first->clipType(), DmTrackVideo);
+        EXPECT_EQ(again->clipType(), DmTrackVideo);
+        EXPECT_NE(query<IDmVideoFeature>(again.get(), "IDmVideoFeature"), nullptr);
+        EXPECT_EQ(query<IDmAudioFeature>(again.get(), "IDmAudioFeature")->sampleRate(), 48000);
+    }
+    // Sound only, at another rate, in place of the film.
+    const std::string sound = folder_.file("sound.mkv");
+    ffmpeg("-f lavfi -i \"sine=f=440:r=22050:d=3\" -c:a pcm_s16le '" + sound + "'");
+    std::filesystem::rename(sound, path);
+    std::string error;
+    Held<IDmClip> replaced(createMediaClip(path.c_str(), -1, -1, &error));
+    ASSERT_NE(replaced.get(), nullptr);
+    EXPECT_EQ(replaced->clipType(), DmTrackAudio);
+    EXPECT_EQ(query<IDmVideoFeature>(replaced.get(), "IDmVideoFeature"), nullptr);
+    auto* audio = query<IDmAudioFeature>(replaced.get(), "IDmAudioFeature");
+    ASSERT_NE(audio, nullptr);
+    EXPECT_EQ(audio->sampleRate(), 22050);
+
+    // A file that is gone gives a clip without features, each time.
+    std::filesystem::remove(path);
+    Held<IDmClip> gone(createMediaClip(path.c_str(), -1, -1, &error));
+    ASSERT_NE(gone.get(), nullptr);
+    EXPECT_EQ(gone->clipType(), 0);
+    EXPECT_NE(error, "");
+}
+
+}  // namespace
+}  // namespace ZOR::test

@@ -5,6 +5,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
@@ -18,7 +19,6 @@ extern "C" {
 #include <numbers>
 #include <vector>
 
-#include "Cli.h"
 
 namespace miravel::demo {
 
@@ -52,7 +52,7 @@ struct MediaWriter::State {
     [[noreturn]] void fail(const std::string& what, int code) const {
         char text[AV_ERROR_MAX_STRING_SIZE] = {};
         av_strerror(code, text, sizeof text);
-        throw Failure(path + ": cannot " + what + ": " + text);
+        throw DemoError(path + ": cannot " + what + ": " + text);
     }
     void check(int code, const std::string& what) const {
         if (code < 0) fail(what, code);
@@ -108,7 +108,7 @@ MediaWriter::MediaWriter(std::string path) : state_(std::make_unique<State>()) {
     hidden += ".partial";
     s.temporary = (target.parent_path() / hidden).string();
     const AVOutputFormat* container = av_guess_format(nullptr, s.path.c_str(), nullptr);
-    if (container == nullptr) throw Failure(s.path + ": no container format for this file name");
+    if (container == nullptr) throw DemoError(s.path + ": no container format for this file name");
     s.check(avformat_alloc_output_context2(&s.format, container, nullptr, s.temporary.c_str()), "set the file up");
     s.packet = av_packet_alloc();
     if (s.packet == nullptr) s.fail("set the file up", AVERROR(ENOMEM));
@@ -125,11 +125,11 @@ const char* MediaWriter::videoEncoderName() const {
     return state_->video != nullptr && state_->video->codec != nullptr ? state_->video->codec->name : "";
 }
 
-void MediaWriter::addVideo(int width, int height, int framesPerSecond) {
+void MediaWriter::addVideo(int width, int height, int framesPerSecond, int keyframeInterval) {
     State& s = *state_;
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     if (codec == nullptr) codec = avcodec_find_encoder(AV_CODEC_ID_MPEG4);
-    if (codec == nullptr) throw Failure(s.path + ": this FFmpeg has neither an H.264 nor an MPEG-4 encoder");
+    if (codec == nullptr) throw DemoError(s.path + ": this FFmpeg has neither an H.264 nor an MPEG-4 encoder");
     s.videoStream = avformat_new_stream(s.format, nullptr);
     s.video = avcodec_alloc_context3(codec);
     if (s.videoStream == nullptr || s.video == nullptr) s.fail("add the video stream", AVERROR(ENOMEM));
@@ -138,7 +138,8 @@ void MediaWriter::addVideo(int width, int height, int framesPerSecond) {
     s.video->time_base = AVRational{1, framesPerSecond};
     s.video->framerate = AVRational{framesPerSecond, 1};
     s.video->pix_fmt = AV_PIX_FMT_YUV420P;
-    s.video->gop_size = framesPerSecond;  // cheap seeking for the thumbnails
+    // One a second by default: cheap seeking for the thumbnails.
+    s.video->gop_size = keyframeInterval > 0 ? keyframeInterval : framesPerSecond;
     s.video->max_b_frames = 0;
     s.video->thread_count = 2;
     if (codec->id == AV_CODEC_ID_H264) {
@@ -166,7 +167,7 @@ void MediaWriter::addVideo(int width, int height, int framesPerSecond) {
 void MediaWriter::addAudio(int sampleRate, int channels, AudioCodec kind) {
     State& s = *state_;
     const AVCodec* codec = avcodec_find_encoder(kind == AudioCodec::Aac ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE);
-    if (codec == nullptr) throw Failure(s.path + ": this FFmpeg has no " + (kind == AudioCodec::Aac ? "AAC" : "PCM") + " encoder");
+    if (codec == nullptr) throw DemoError(s.path + ": this FFmpeg has no " + (kind == AudioCodec::Aac ? "AAC" : "PCM") + " encoder");
     s.audioStream = avformat_new_stream(s.format, nullptr);
     s.audio = avcodec_alloc_context3(codec);
     if (s.audioStream == nullptr || s.audio == nullptr) s.fail("add the audio stream", AVERROR(ENOMEM));
@@ -248,7 +249,7 @@ void MediaWriter::finish() {
     }
     std::error_code error;
     std::filesystem::rename(s.temporary, s.path, error);
-    if (error) throw Failure(s.path + ": cannot write: " + error.message());
+    if (error) throw DemoError(s.path + ": cannot write: " + error.message());
     s.finished = true;
 }
 
@@ -434,6 +435,8 @@ void writeSound(MediaWriter& writer, int rate, int channels, int seconds, Sample
 }
 
 }  // namespace
+
+void quietEncoderMessages() { av_log_set_level(AV_LOG_ERROR); }
 
 DemoMediaFiles writeDemoMedia(const std::string& folder, const std::function<void(double)>& progress) {
     DemoMediaFiles files;

@@ -1,19 +1,27 @@
 // The demo's sample media: pictures and sounds made in code and written with
-// the FFmpeg libraries (the library itself never links them).
+// the FFmpeg libraries (the library itself never links them). Shared by the
+// command line and the viewer, which both make the demo's media on demand.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace miravel::demo {
+
+// A file that could not be made: the message names it and the cause.
+class DemoError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // Writes one media file: a video stream of RGB pictures and/or an audio
 // stream of float samples, the container chosen by the file name's
 // extension. The file is written under a temporary name and renamed into
 // place by finish(), so no reader ever sees a partial file; a writer that is
-// destroyed unfinished removes what it wrote. Every failure throws Failure
+// destroyed unfinished removes what it wrote. Every failure throws DemoError
 // naming the file and the cause.
 class MediaWriter {
 public:
@@ -23,8 +31,8 @@ public:
     MediaWriter& operator=(const MediaWriter&) = delete;
 
     // H.264 (libx264) when the FFmpeg build has it, MPEG-4 part 2 otherwise;
-    // a key frame every second.
-    void addVideo(int width, int height, int framesPerSecond);
+    // a key frame every keyframeInterval pictures (0: every second).
+    void addVideo(int width, int height, int framesPerSecond, int keyframeInterval = 0);
     // AAC (the native encoder) or 16-bit PCM.
     enum class AudioCodec { Aac, Pcm16 };
     void addAudio(int sampleRate, int channels, AudioCodec codec);
@@ -48,7 +56,12 @@ private:
     std::unique_ptr<State> state_;
 };
 
-// The demo's three media files. progress receives 0..1 as each is made.
+// Keeps the FFmpeg libraries' messages below errors off stderr (the encoders
+// report their settings and statistics at the information level).
+void quietEncoderMessages();
+
+// The demo's three media files. progress receives 0..1 as each is made; what
+// it throws ends the making, and the file being written is removed.
 struct DemoMediaFiles {
     std::string video;  // 60 s, 640x360, 25 fps, moving pattern, with a tone of beeps
     std::string music;  // 60 s of chords over a beat, WAV

@@ -1,0 +1,136 @@
+#include "Paths.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "DemoDocument.h"
+#include "DemoMedia.h"
+
+namespace miravel::view {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool allThere(const std::initializer_list<fs::path>& files) {
+    std::error_code error;
+    for (const fs::path& file : files)
+        if (!fs::is_regular_file(file, error)) return false;
+    return true;
+}
+
+// FNV-1a, 64 bits: a short stable digest for folder names.
+uint64_t digest(const std::string& text) {
+    uint64_t hash = 1469598103934665603ull;
+    for (const unsigned char c : text) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    return hash;
+}
+
+std::string safeName(const std::string& name) {
+    std::string safe;
+    for (const char c : name) {
+        const bool kept = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                          c == '-' || c == '_';
+        safe += kept ? c : '_';
+    }
+    if (safe.empty() || safe.front() == '.') safe.insert(safe.begin(), '_');
+    return safe;
+}
+
+}  // namespace
+
+std::string cacheRoot() {
+    const char* xdg = std::getenv("XDG_CACHE_HOME");
+    if (xdg != nullptr && *xdg != '\0') return (fs::path(xdg) / "miravel").string();
+    const char* home = std::getenv("HOME");
+    if (home != nullptr && *home != '\0') return (fs::path(home) / ".cache" / "miravel").string();
+    return "/tmp/miravel";
+}
+
+std::string demoFolder(const std::string& root) { return (fs::path(root) / "demo").string(); }
+
+std::string demoDocument(const std::string& root) { return (fs::path(demoFolder(root)) / "timeline.otio").string(); }
+
+void writeFileAtomically(const std::string& path, const std::string& text) {
+    const fs::path target(path);
+    // Built piece by piece: GCC 12 warns wrongly about "." + std::string.
+    std::string hidden = target.filename().string();
+    hidden.insert(0, 1, '.');
+    hidden += ".partial-";
+    hidden += std::to_string(::getpid());
+    const fs::path temporary = target.parent_path() / hidden;
+    {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out << text;
+        out.flush();
+        if (!out) {
+            std::error_code ignored;
+            fs::remove(temporary, ignored);
+            throw demo::DemoError(path + ": cannot write");
+        }
+    }
+    std::error_code error;
+    fs::rename(temporary, target, error);
+    if (error) {
+        std::error_code ignored;
+        fs::remove(temporary, ignored);
+        throw demo::DemoError(path + ": cannot write: " + error.message());
+    }
+}
+
+void makeDemo(const std::string& folder, const std::atomic<bool>& stop) {
+    const fs::path dir(folder);
+    const fs::path document = dir / "timeline.otio";
+    if (allThere({dir / "video.mp4", dir / "music.wav", dir / "voice.wav", document})) return;
+    std::error_code error;
+    fs::create_directories(dir, error);
+    if (error) throw demo::DemoError(folder + ": cannot create the folder: " + error.message());
+    if (!allThere({dir / "video.mp4", dir / "music.wav", dir / "voice.wav"})) {
+        // Thrown from the progress callback, DemoStopped unwinds the writer,
+        // which removes the file it was writing.
+        demo::writeDemoMedia(folder, [&](double) {
+            if (stop.load()) throw DemoStopped{};
+        });
+    }
+    if (stop.load()) throw DemoStopped{};
+    writeFileAtomically(document.string(), demo::demoTimelineDocument());
+}
+
+void writeManyClipsDocument(const std::string& root, const std::string& path, int clips) {
+    const std::atomic<bool> never{false};
+    const std::string folder = demoFolder(root);
+    makeDemo(folder, never);
+    const std::string text =
+        demo::manyClipsDocument(clips, fs::absolute(fs::path(folder)).lexically_normal().string());
+    writeFileAtomically(path, text);
+}
+
+std::string mediaThumbnailRoot(const std::string& root, const std::string& mediaPath) {
+    std::error_code error;
+    fs::path canonical = fs::weakly_canonical(fs::path(mediaPath), error);
+    if (error) canonical = fs::absolute(fs::path(mediaPath), error).lexically_normal();
+    std::string identity = canonical.string();
+    const auto size = fs::file_size(canonical, error);
+    if (!error) {
+        identity += '|';
+        identity += std::to_string(size);
+    }
+    const auto time = fs::last_write_time(canonical, error);
+    if (!error) {
+        identity += '|';
+        identity += std::to_string(time.time_since_epoch().count());
+    }
+    char hex[17];
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(digest(identity)));
+    return (fs::path(root) / "media-thumbnails" / (safeName(canonical.filename().string()) + "-" + hex)).string();
+}
+
+}  // namespace miravel::view
