@@ -26,11 +26,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../Adapter/AdapterKeyTexts.h"
+#include "DataModel/DmKeyTexts.h"
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmTimeline.h"
 #include "DmEffect.h"
-#include "DmTimeline.h"
+#include "DmTimelineObject.h"
 #include "DmTimelineClip.h"
 #include "DmTrack.h"
 #include "ListenerCenter/ListenerCenter.h"
@@ -140,7 +140,7 @@ DmClipDesc describeClip(DmTimelineClip* clip, int32_t trackKind) {
 
 int32_t fail(std::string* error, std::string text) {
     if (error != nullptr) *error = std::move(text);
-    return kDmEditBadArgument;
+    return kResultFailure;
 }
 
 // ---------------------------------------------------------------------------

@@ -127,11 +127,11 @@ void OpenDocument::cancelVideo(ZOR::IDmClip* clip) {
 
 void OpenDocument::edit(const QString& what, Edit edit) {
     job([this, what, edit = std::move(edit)] {
-        int32_t result = ZOR::kDmEditBadArgument;
+        int32_t result = ZOR::kResultFailure;
         try {
             ZOR::runOnEventThread([&] { result = edit(timeline_); });
         } catch (const std::exception&) {
-            result = ZOR::kDmEditBadArgument;
+            result = ZOR::kResultFailure;
         }
         Arrival arrival{Arrival::Edited};
         arrival.text = what;

@@ -275,14 +275,14 @@ TEST_F(DmTimelineWriter, ReplacesTheFileWholeAndLeavesNoTemporaryFile) {
 
     // A folder that does not exist: nothing is written, the error says why.
     const std::string nowhere = folder_->file("missing/cut.otio");
-    EXPECT_EQ(writeTimelineDocument(timeline_, nowhere.c_str(), &error), kDmEditBadArgument);
+    EXPECT_EQ(writeTimelineDocument(timeline_, nowhere.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, nowhere + ": cannot create a file in its folder: No such file or directory");
     EXPECT_FALSE(std::filesystem::exists(folder_->path() / "missing"));
 
     // Something that is not a timeline of the data model.
-    EXPECT_EQ(writeTimelineDocument(nullptr, target.c_str(), &error), kDmEditBadArgument);
+    EXPECT_EQ(writeTimelineDocument(nullptr, target.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, target + ": not a timeline made by the data model");
-    EXPECT_EQ(writeTimelineDocument(timeline_, "", &error), kDmEditBadArgument);
+    EXPECT_EQ(writeTimelineDocument(timeline_, "", &error), kResultFailure);
     EXPECT_EQ(error, ": no file name");
 }
 
@@ -294,7 +294,7 @@ TEST_F(DmTimelineWriter, OverlappingClipsAreRefusedAndTheOldFileStays) {
     // The shot ends at 2.5 s; the still is moved to begin inside it.
     ASSERT_EQ(moveClip(still, 2 * kSecond), 0);
     std::string error;
-    EXPECT_EQ(writeTimelineDocument(timeline_, target.c_str(), &error), kDmEditBadArgument);
+    EXPECT_EQ(writeTimelineDocument(timeline_, target.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, target + ": clip 'Still' of track 0 begins before the end of the clip before it");
     const std::vector<char> bytes = readBytes(target);
     EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "kept");
