@@ -4,6 +4,8 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include <sys/stat.h>
+
 namespace ZOR::av {
 
 std::string avErrorText(int code) {
@@ -31,12 +33,25 @@ StreamDecoder::~StreamDecoder() {
     avformat_close_input(&format_);
 }
 
-bool StreamDecoder::openInput(const std::string& path, std::string* cause) {
-    int result = avformat_open_input(&format_, path.c_str(), nullptr, nullptr);
-    if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
+bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause) {
+    // A pipe or a device would block the open or the reads, for ever when
+    // nobody writes: only regular files (and what the file system does not
+    // know, such as URLs) are read.
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        *cause = S_ISDIR(info.st_mode) ? "a folder, not a media file" : "not a regular file";
+        return false;
+    }
+    int result = avformat_open_input(format, path.c_str(), nullptr, nullptr);
+    if (result >= 0) result = avformat_find_stream_info(*format, nullptr);
     if (result >= 0) return true;
+    avformat_close_input(format);
     *cause = avErrorText(result);
     return false;
+}
+
+bool StreamDecoder::openInput(const std::string& path, std::string* cause) {
+    return openMediaFile(path, &format_, cause);
 }
 
 bool StreamDecoder::openDecoder(int index, std::string* cause) {

@@ -4,7 +4,6 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <limits>
@@ -68,10 +67,6 @@ public:
             *cause = text;
             return false;
         };
-        // A pipe or a device would block the open or the reads; only regular
-        // files (and what the file system does not know, such as URLs) are read.
-        struct stat info {};
-        if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) return fail("not a regular file");
         if (!openInput(path, cause)) return false;
         int index = streamId;
         const bool firstIsVideo = format_->nb_streams > 0 && isVideoStream(format_->streams[0]);
@@ -125,6 +120,7 @@ bool FrameDecoder::reopen(std::string* cause) {
     resolvedStream_ = stream->index;
     cursor_.clock = StreamClock::of(stream);
     rotation_ = displayRotation(stream);
+    cursor_.frames.nextCounted = cursor_.clock.origin;
     fresh_ = true;
     // Seeks and the choice to decode on follow the container's keyframe index
     // when it covers the stream.
@@ -212,6 +208,18 @@ std::vector<FrameRun> FrameDecoder::runs(const std::vector<int64_t>& times) {
 // ---------------------------------------------------------------------------
 // Packets
 
+void FrameDecoder::countFrames() {
+    counted_ = true;
+    skipping_ = false;
+    AVRational rate = reader_->stream()->avg_frame_rate;
+    if (rate.num <= 0 || rate.den <= 0) rate = reader_->stream()->r_frame_rate;
+    if (rate.num <= 0 || rate.den <= 0) rate = AVRational{25, 1};
+    cursor_.frames.countedDuration =
+        std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), cursor_.clock.timeBase));
+    // What was decoded so far was timed otherwise: start over.
+    mustSeek_ = true;
+}
+
 bool FrameDecoder::readPacket() {
     if (cursor_.packets.ended) return false;
     // Stopped: the stream ends here for this picture, so that every loop
@@ -232,6 +240,7 @@ bool FrameDecoder::readPacket() {
         ++counts_->dropped;
     }
     awaitKey_ = false;
+    if (packet->pts == AV_NOPTS_VALUE && !counted_) countFrames();
     if ((packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE) {
         keyRead_ = haveKeyRead_ ? std::max(keyRead_, packet->pts) : packet->pts;
         haveKeyRead_ = true;
@@ -313,6 +322,8 @@ int FrameDecoder::readAhead(int64_t time) {
 
 bool FrameDecoder::positionAt(int64_t target, bool startOver, bool* fromStart, std::string* cause) {
     *fromStart = false;
+    // Counted times are known only from the start.
+    if (counted_) startOver = true;
     // A file just opened reads from its start: when the time falls to the
     // first keyframe anyway, there is nothing to seek.
     if (fresh_) {
@@ -354,6 +365,7 @@ bool FrameDecoder::indexEntryAt(int64_t time, int64_t* timestamp) const {
 
 bool FrameDecoder::canContinue(int64_t time) const {
     if (!reader_ || mustSeek_ || !cursor_.reaches(time)) return false;
+    if (counted_) return true;
     if (useIndex_) {
         // Seek when the seek would land on a keyframe ahead of the packets
         // read (the index holds a keyframe's dts or its pts).
@@ -413,11 +425,18 @@ int FrameDecoder::exactFrame(int64_t time, const AVFrame** shown, int64_t* shown
     while (planPos_ < plan_.size() && plan_[planPos_] <= time) ++planPos_;
     skipNow_ = time >= 0;
     for (;;) {
+        const bool wasCounted = counted_;
         if (!canContinue(time)) {
             const int result = seekBefore(time, cause);
             if (result != 0) return result;
         }
         if (decodeTo(time) == kStopped || stopped()) return kStopped;
+        if (counted_ != wasCounted) {
+            // The stream turned out to carry no presentation times: decode
+            // again from the start, timing frames by their order.
+            mustSeek_ = true;
+            continue;
+        }
         *shown = cursor_.frames.shown();
         *shownPts = cursor_.frames.shownPts();
         // The packets name the frame shown; when another came out while
@@ -577,7 +596,8 @@ int FrameDecoder::frameAt(int64_t time, bool keyframe, const AVFrame** frame, in
     if (!open(cause)) return AVERROR(EIO);
     const AVFrame* shown = nullptr;
     int64_t shownPts = 0;
-    const int result = keyframe ? keyFrame(time, &shown, &shownPts, cause) : exactFrame(time, &shown, &shownPts, cause);
+    const int result = keyframe && !counted_ ? keyFrame(time, &shown, &shownPts, cause)
+                                             : exactFrame(time, &shown, &shownPts, cause);
     if (result == kStopped || stopped()) {
         if (cause != nullptr) *cause = "stopped";
         return kStopped;

@@ -20,7 +20,12 @@ int FramePair::receive(StreamDecoder& decoder, bool draining) {
         const int result = decoder.receiveFrame(lookahead.get());
         if (result == 0) {
             int64_t pts = lookahead->best_effort_timestamp;
-            if (pts == AV_NOPTS_VALUE) pts = lastPts + 1;  // keeps frames without one in decoding order
+            if (countedDuration != 0) {
+                pts = nextCounted;
+                nextCounted += countedDuration;
+            } else if (pts == AV_NOPTS_VALUE) {
+                pts = lastPts + 1;  // keeps frames without one in decoding order
+            }
             lookaheadPts = pts;
             lastPts = pts;
             haveLookahead = true;

@@ -66,13 +66,9 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
     probe.fileName = std::filesystem::path(probe.path).filename().string();
 
     AVFormatContext* format = nullptr;
-    int result = avformat_open_input(&format, probe.path.c_str(), nullptr, nullptr);
-    if (result >= 0) {
-        result = avformat_find_stream_info(format, nullptr);
-        if (result < 0) avformat_close_input(&format);
-    }
-    if (result < 0) {
-        probe.problem = "'" + probe.path + "': " + avErrorText(result);
+    std::string cause;
+    if (!av::openMediaFile(probe.path, &format, &cause)) {
+        probe.problem = "'" + probe.path + "': " + cause;
         probe.audioProblem = probe.videoProblem = probe.problem;
         ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaProbe::probeMedia", "cannot read %s", probe.problem.c_str());
         return probe;

@@ -10,7 +10,9 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -219,6 +221,23 @@ std::string writeErrorText(int32_t error) {
     }
 }
 
+namespace {
+
+// Whether /proc says the process has ended but is not reaped yet.
+bool processIsZombie(pid_t pid) {
+    std::FILE* stat = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+    if (stat == nullptr) return false;
+    char line[512] = {0};
+    const size_t got = std::fread(line, 1, sizeof line - 1, stat);
+    std::fclose(stat);
+    // "pid (command) state ...": the command may hold spaces and parentheses.
+    const char* close = std::strrchr(line, ')');
+    if (got == 0 || close == nullptr || close[1] != ' ') return false;
+    return close[2] == 'Z' || close[2] == 'X';
+}
+
+}  // namespace
+
 bool isAbandonedTemporary(const std::string& fileName) {
     const std::string::size_type mark = fileName.rfind(kTemporaryMark);
     if (mark == std::string::npos || mark == 0) return false;
@@ -233,7 +252,10 @@ bool isAbandonedTemporary(const std::string& fileName) {
     if (pid < 1 || pid > INT_MAX) return false;
     if (pid == static_cast<long long>(::getpid())) return false;
     // EPERM: the process exists, under another user.
-    return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+    if (::kill(static_cast<pid_t>(pid), 0) != 0) return errno == ESRCH;
+    // A process that was killed stays a zombie until it is reaped, which may
+    // take a while once its parent is gone too: it writes nothing any more.
+    return processIsZombie(static_cast<pid_t>(pid));
 }
 
 int32_t removeAbandonedTemporaries(const Path& dir) {

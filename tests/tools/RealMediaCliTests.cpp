@@ -368,3 +368,22 @@ TEST(DamagedMediaCli, ADamagedClipEndsAudioVideoAndRenderAtOnceNamingTheClip) {
 }
 
 }  // namespace
+
+namespace {
+
+// A file name in another encoding than UTF-8: the JSON printed stays valid
+// UTF-8, the stray byte shown as U+FFFD.
+TEST(JsonOutputCli, NamesThatAreNotUtf8GiveValidJson) {
+    MediaTest::TempFolder folder;
+    const Rate rate{"25", 25, 1};
+    const std::string media = grey(folder, "clip.mp4", rate, 10);
+    const std::string root = folder.file(std::string("r\xff") + "\xc3\xa9");  // a stray byte, then a real é
+    const CliTest::CliRun run =
+        runMiravel(folder, "media '" + media + "' --root '" + root + "' --count 2 --box 16x9");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const Json json = Json::parse(run.out);  // throws on text that is not UTF-8
+    EXPECT_EQ(json.at("root").get<std::string>(), folder.file("r\xef\xbf\xbd\xc3\xa9"));
+    EXPECT_EQ(json.at("files").size(), 2u);
+}
+
+}  // namespace

@@ -6,6 +6,8 @@
 // (16 + 8 x (n mod 28), coded losslessly), so the frame a picture comes from
 // is read back from its pixels, and each frame's time is computed here from
 // the rate the file was made at.
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -241,6 +243,49 @@ TEST(FrameDecoder, AStreamThatIsNotVideoIsRefusedByName) {
     FrameDecoder missing(path, 7, nullptr);
     EXPECT_FALSE(missing.open(&cause));
     EXPECT_EQ(cause, "no stream 7");
+}
+
+}  // namespace
+
+namespace {
+
+// Streams whose packets carry no presentation times (a raw H.264 stream, an
+// AVI file with packed B-frames): frame n shows from n / rate on, as players
+// time them.
+TEST(FrameDecoder, StreamsWithoutPresentationTimesAreTimedByTheOrderOfTheirFrames) {
+    MediaTest::TempFolder folder;
+    const std::string raw = makeClip(folder, "raw.h264", "25", 50, 12, "-bf 2 -f h264");
+    const std::string avi = folder.file("packed.avi");
+    MediaTest::ffmpeg("-f lavfi -i \"color=black:size=64x36:rate=25,format=yuv420p,geq=lum='16+8*mod(N\\,28)':cb=128:"
+                      "cr=128\" -frames:v 50 -c:v mpeg4 -bf 2 -q:v 2 \"" + avi + "\"");
+    for (const std::string& path : {raw, avi}) {
+        SCOPED_TRACE(path);
+        FrameDecoder decoder(path, -1, nullptr);
+        for (int64_t k : {0, 1, 3, 6, 10, 9, 2, 49}) {
+            const Shown at = shownAt(decoder, k * 400'000);
+            EXPECT_EQ(at.number, k % kCycle) << "frame " << k;
+            EXPECT_EQ(at.time, k * 400'000);
+            if (k > 0) {
+                EXPECT_EQ(shownAt(decoder, k * 400'000 - 1).number, (k - 1) % kCycle) << "before frame " << k;
+            }
+        }
+        // Keyframe pictures of such a stream are exact ones.
+        EXPECT_EQ(shownAt(decoder, 7 * 400'000, true).number, 7);
+    }
+}
+
+// A pipe would block the open for as long as nobody writes.
+TEST(FrameDecoder, AnythingButARegularFileIsRefusedAtOnce) {
+    MediaTest::TempFolder folder;
+    const std::string pipe = folder.file("pipe.mp4");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    FrameDecoder fromPipe(pipe, -1, nullptr);
+    std::string cause;
+    EXPECT_FALSE(fromPipe.open(&cause));
+    EXPECT_EQ(cause, "not a regular file");
+    FrameDecoder fromFolder(folder.path().string(), -1, nullptr);
+    EXPECT_FALSE(fromFolder.open(&cause));
+    EXPECT_EQ(cause, "a folder, not a media file");
 }
 
 }  // namespace

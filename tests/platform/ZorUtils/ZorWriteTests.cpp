@@ -172,4 +172,24 @@ TEST(ZorAbandonedTemporary, RemovingTakesOnlyThoseOfEndedWritersDirectlyInTheFol
     EXPECT_EQ(ZOR::removeAbandonedTemporaries(folder.file("missing")), 0);
 }
 
+// A writer killed and not yet reaped (a zombie, as when its parent went
+// too) writes nothing any more: its temporaries are abandoned.
+TEST(ZorAbandonedTemporary, AWriterThatEndedButIsNotReapedYetCountsAsGone) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) ::_exit(0);
+    // Not reaped yet: the child stays a zombie until waitpid below. Its
+    // state is read from /proc once it has exited.
+    bool zombie = false;
+    for (int tries = 0; tries < 100000 && !zombie; ++tries) {
+        siginfo_t info{};
+        zombie = ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG) == 0 &&
+                 info.si_pid == child;
+    }
+    ASSERT_TRUE(zombie);
+    EXPECT_TRUE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + std::to_string(child) + "-0"));
+    ::waitpid(child, nullptr, 0);
+    EXPECT_TRUE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + std::to_string(child) + "-0"));
+}
+
 }  // namespace

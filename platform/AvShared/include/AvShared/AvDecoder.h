@@ -16,6 +16,11 @@ namespace ZOR::av {
 // The text of an AVERROR code.
 std::string avErrorText(int code);
 
+// Opens a media file and reads what its streams are. Anything but a regular
+// file (a pipe, a device, a folder) is refused at once: reading it could
+// block. False with *cause set (and *format null).
+bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause);
+
 struct FrameFree {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };

@@ -84,6 +84,12 @@ int64_t streamDuration(AVFormatContext* format, AVStream* stream);
 // skipped too, and after the last planned time the decoder is drained
 // instead of fed on.
 //
+// Streams without presentation times (raw elementary streams, old AVI files
+// with packed B-frames): once a packet without one is read, the frames are
+// timed by their order from the start of the stream at its frame rate (frame
+// n at n / rate), every picture is decoded forward from the start, nothing
+// is skipped, and keyframe pictures are exact ones.
+//
 // Keyframes. The frame for t is the keyframe at or before t (the first
 // keyframe when t is earlier): a seek and one packet decoded; when the
 // container's index shows that t falls to the keyframe given last, that frame
@@ -160,6 +166,8 @@ private:
     int readAhead(int64_t time);
     bool feed(int64_t time);
     bool readPacket();
+    // Switches to counted frame times (see above); the decoder then starts over.
+    void countFrames();
     bool needed(int64_t pts, int64_t time);
     bool wantedFrom(int64_t pts, int64_t time, int64_t* wanted) const;
 
@@ -200,6 +208,7 @@ private:
     bool awaitKey_ = false;   // after a seek: packets before the first keyframe are dropped
     bool skipping_ = true;    // discarding is allowed
     bool skipNow_ = false;    // discarding is allowed for the packets being sent
+    bool counted_ = false;    // the stream's packets carry no presentation times: frames are counted
 
     // The keyframe given last.
     FramePtr keyFrame_;

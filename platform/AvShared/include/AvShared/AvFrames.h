@@ -27,6 +27,11 @@ struct FramePair {
     bool haveLookahead = false;
     bool ended = false;    // the decoder gave its last frame
     int64_t lastPts = 0;   // for frames without a timestamp
+    // Counted times: when not 0, the frames' own timestamps are not used and
+    // frame n since the stream's start is given nextCounted + n x this (for
+    // streams whose packets carry no presentation times).
+    int64_t countedDuration = 0;
+    int64_t nextCounted = 0;
 
     // Makes the two frames when they are not made yet; false when memory
     // ran out.
