@@ -33,13 +33,13 @@ StreamDecoder::~StreamDecoder() {
     avformat_close_input(&format_);
 }
 
-bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause) {
+bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause, bool regularOnly) {
     // A pipe or a device would block the open or the reads, for ever when
     // nobody writes: only regular files (and what the file system does not
-    // know, such as URLs) are read.
+    // know, such as URLs) are read, unless the caller can be held.
     struct stat info {};
-    if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
-        *cause = S_ISDIR(info.st_mode) ? "a folder, not a media file" : "not a regular file";
+    if (regularOnly && ::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        *cause = "not a regular file";
         return false;
     }
     int result = avformat_open_input(format, path.c_str(), nullptr, nullptr);
@@ -50,8 +50,8 @@ bool openMediaFile(const std::string& path, AVFormatContext** format, std::strin
     return false;
 }
 
-bool StreamDecoder::openInput(const std::string& path, std::string* cause) {
-    return openMediaFile(path, &format_, cause);
+bool StreamDecoder::openInput(const std::string& path, std::string* cause, bool regularOnly) {
+    return openMediaFile(path, &format_, cause, regularOnly);
 }
 
 bool StreamDecoder::openDecoder(int index, std::string* cause) {

@@ -11,7 +11,10 @@ bool MediaDecoder::open(const std::string& path, int streamIndex, std::string* p
         return false;
     };
     std::string cause;
-    if (!openInput(path, &cause)) return fail(cause);
+    // A request's file may be a pipe that another process feeds (the clip was
+    // probed from a regular file): the task reads it as it comes, and a
+    // cancel is seen once data flows again.
+    if (!openInput(path, &cause, false)) return fail(cause);
     if (streamIndex < 0 || static_cast<unsigned>(streamIndex) >= format_->nb_streams)
         return fail("no stream " + std::to_string(streamIndex));
     if (!openDecoder(streamIndex, &cause)) return fail(cause);

@@ -285,7 +285,7 @@ TEST(FrameDecoder, AnythingButARegularFileIsRefusedAtOnce) {
     EXPECT_EQ(cause, "not a regular file");
     FrameDecoder fromFolder(folder.path().string(), -1, nullptr);
     EXPECT_FALSE(fromFolder.open(&cause));
-    EXPECT_EQ(cause, "a folder, not a media file");
+    EXPECT_EQ(cause, "not a regular file");
 }
 
 }  // namespace

@@ -16,10 +16,10 @@ namespace ZOR::av {
 // The text of an AVERROR code.
 std::string avErrorText(int code);
 
-// Opens a media file and reads what its streams are. Anything but a regular
-// file (a pipe, a device, a folder) is refused at once: reading it could
-// block. False with *cause set (and *format null).
-bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause);
+// Opens a media file and reads what its streams are. With regularOnly,
+// anything but a regular file (a pipe, a device, a folder) is refused at once:
+// reading it could block for ever. False with *cause set (and *format null).
+bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause, bool regularOnly = true);
 
 struct FrameFree {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
@@ -82,7 +82,8 @@ public:
 
 protected:
     // Opens the file and reads what its streams are. False with *cause set.
-    bool openInput(const std::string& path, std::string* cause);
+    // regularOnly: see openMediaFile().
+    bool openInput(const std::string& path, std::string* cause, bool regularOnly = true);
     // Opens the decoder of the stream with this container index, decoding on
     // one thread, and drops the packets of the other streams. False with
     // *cause set.
