@@ -75,6 +75,15 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
     }
     probe.opened = true;
     probe.containerDuration = toCns(format->duration, AVRational{1, AV_TIME_BASE});
+    // Why a stream asked for by index is not there.
+    const auto missingStream = [&](int32_t index, const char* kind) {
+        if (format->nb_streams == 0) return "'" + probe.path + "': no streams (the file may be cut short)";
+        if (static_cast<unsigned>(index) >= format->nb_streams)
+            return "'" + probe.path + "': no stream " + std::to_string(index) + " (the file has " +
+                   std::to_string(format->nb_streams) + ")";
+        return "'" + probe.path + "': stream " + std::to_string(index) + " is not " + kind + " stream";
+    };
+    const std::string noStreams = "'" + probe.path + "': no streams (the file may be cut short)";
 
     // Audio.
     int audio = -1;
@@ -83,11 +92,10 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
             format->streams[audioStreamId]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
             audio = audioStreamId;
         else
-            probe.audioProblem = "'" + probe.path + "': stream " + std::to_string(audioStreamId) +
-                                 " is not an audio stream";
+            probe.audioProblem = missingStream(audioStreamId, "an audio");
     } else {
         audio = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-        if (audio < 0) probe.audioProblem = "'" + probe.path + "': no audio stream";
+        if (audio < 0) probe.audioProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no audio stream";
     }
     if (audio >= 0) {
         const AVStream* stream = format->streams[audio];
@@ -104,11 +112,10 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
             format->streams[videoStreamId]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
             video = videoStreamId;
         else
-            probe.videoProblem = "'" + probe.path + "': stream " + std::to_string(videoStreamId) +
-                                 " is not a video stream";
+            probe.videoProblem = missingStream(videoStreamId, "a video");
     } else {
         video = av::bestVideoStream(format);
-        if (video < 0) probe.videoProblem = "'" + probe.path + "': no video stream";
+        if (video < 0) probe.videoProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no video stream";
     }
     if (video >= 0) {
         AVStream* stream = format->streams[video];

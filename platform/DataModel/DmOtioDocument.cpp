@@ -624,6 +624,10 @@ private:
         if (value == nullptr) return true;
         if (!value->is_string()) return fail(member(path, key), "a string");
         *out = value->get<std::string>();
+        // The data model hands names out as C strings: a NUL would cut them
+        // short, and two clips could then answer to one name.
+        for (size_t at = out->find('\0'); at != std::string::npos; at = out->find('\0', at + 3))
+            out->replace(at, 1, "\xEF\xBF\xBD");
         return true;
     }
 
@@ -652,7 +656,7 @@ private:
         double rate = 0.0;
         if (!number(value, path, "value", &amount)) return false;
         if (!number(value, path, "rate", &rate)) return false;
-        if (!(rate > 0.0)) return fail(member(path, "rate"), "a rate above 0");
+        if (!(rate > 0.0) || !std::isfinite(rate)) return fail(member(path, "rate"), "a rate above 0");
         const double secs = amount / rate;
         if (unknown != nullptr && !std::isfinite(secs)) {
             *unknown = true;

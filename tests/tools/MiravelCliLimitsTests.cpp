@@ -156,10 +156,10 @@ TEST(MiravelCliLimits, StreamAndTimeoutAtTheirEdges) {
     // The highest stream index is asked for, and the file has none there.
     CliRun run = runMiravel(folder, "wave " + shellQuoted(wav) + " --stream 65535" + range);
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.err, "miravel: '" + wav + "': stream 65535 is not an audio stream; '" + wav + "': no video stream\n");
+    EXPECT_EQ(run.err, "miravel: '" + wav + "': no stream 65535 (the file has 1); '" + wav + "': no video stream\n");
     run = runMiravel(folder, "frames " + shellQuoted(video) + " --stream 65535 --times 0 --size 4x4");
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.err, "miravel: '" + video + "': no audio stream; '" + video + "': stream 65535 is not a video stream\n");
+    EXPECT_EQ(run.err, "miravel: '" + video + "': no audio stream; '" + video + "': no stream 65535 (the file has 1)\n");
     run = runMiravel(folder, "wave " + shellQuoted(wav) + " --stream -1" + range);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     expectUsageError(runMiravel(folder, "wave " + shellQuoted(wav) + " --stream 65536" + range),

@@ -26,9 +26,15 @@ Arguments::Arguments(int argc, char** argv, int first, const std::vector<std::st
     const auto isFlag = [&](const std::string& name) {
         return std::find(flags.begin(), flags.end(), name) != flags.end();
     };
+    bool optionsEnded = false;
     for (int i = first; i < argc; ++i) {
         const std::string word = argv[i];
-        if (word.rfind("--", 0) == 0 && word.size() > 2) {
+        if (!optionsEnded && word == "--") {
+            // What follows is positional even when it starts with "-".
+            optionsEnded = true;
+            continue;
+        }
+        if (!optionsEnded && word.rfind("--", 0) == 0 && word.size() > 2) {
             const std::string name = word.substr(2);
             if (isFlag(name)) {
                 values_[name] = "";

@@ -339,12 +339,17 @@ std::string VideoThumbnails::missing() {
         if (outstanding_[i].empty()) continue;
         if (!text.empty()) text += ", ";
         text += "'" + queries_[i].name + "' at";
-        bool first = true;
+        // The first few times, and how many more: the line stays readable.
+        constexpr size_t kShown = 10;
+        size_t listed = 0;
         for (int64_t time : outstanding_[i]) {
-            text += first ? " " : ",";
+            if (listed == kShown) break;
+            text += listed == 0 ? " " : ",";
             text += std::to_string(time);
-            first = false;
+            ++listed;
         }
+        if (outstanding_[i].size() > listed)
+            text += " and " + std::to_string(outstanding_[i].size() - listed) + " more";
     }
     return text;
 }

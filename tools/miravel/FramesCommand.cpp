@@ -79,7 +79,7 @@ std::string framesJson(const FramesRequest& request) {
     Progress progress("frames");
     const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.object->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": no answer within " + std::to_string(request.timeout.count()) + " s");
+    if (!ended) throw Failure(media + ": none of the " + std::to_string(times.size()) + " frames within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;
         if (ZOR::mediaFailure(media.c_str(), ZOR::DmTrackVideo, &cause))

@@ -84,7 +84,7 @@ std::string waveJson(const WaveRequest& request) {
     Progress progress("wave");
     const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.object->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": no answer within " + std::to_string(request.timeout.count()) + " s");
+    if (!ended) throw Failure(media + ": no wave values of [" + std::to_string(request.begin) + ", " + std::to_string(request.end) + ") within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;
         if (ZOR::mediaFailure(media.c_str(), ZOR::DmTrackAudio, &cause))
