@@ -34,6 +34,7 @@
 #include "DmTimelineClip.h"
 #include "DmTrack.h"
 #include "ListenerCenter/ListenerCenter.h"
+#include "ZorUtils/ZorUtils.h"
 
 namespace ZOR {
 namespace {
@@ -239,56 +240,15 @@ bool documentOf(const DmTimelineDesc& desc, const std::filesystem::path& folder,
     return true;
 }
 
-// Writes text to a new file beside path and renames it over path, so that a
-// reader sees the old document or the whole new one, and a failure leaves
-// the old one as it was. "" on success, otherwise what failed.
+// Writes the text whole (a temporary beside it, synced, renamed over it), so
+// that a reader sees the old document or the whole new one, and a failure
+// leaves the old one as it was. "" on success, otherwise the cause in words.
 std::string writeAtomically(const std::string& path, const std::string& text) {
-    static std::atomic<uint64_t> counter{0};
-    const std::filesystem::path target(path);
-    const std::filesystem::path folder = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
-    std::string temporary;
-    int fd = -1;
-    for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
-        temporary = (folder / ("." + target.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
-                               std::to_string(counter.fetch_add(1))))
-                        .string();
-        fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno != EEXIST) break;
-    }
-    if (fd < 0) return std::string("cannot create a file in its folder: ") + std::strerror(errno);
-    const auto failWith = [&](const char* what) {
-        const int code = errno;
-        ::close(fd);
-        ::unlink(temporary.c_str());
-        return std::string(what) + std::strerror(code);
-    };
-    size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t now = ::write(fd, text.data() + written, text.size() - written);
-        if (now < 0) {
-            if (errno == EINTR) continue;
-            return failWith("cannot write: ");
-        }
-        written += static_cast<size_t>(now);
-    }
-    if (::fsync(fd) != 0) return failWith("cannot write: ");
-    if (::close(fd) != 0) {
-        const int code = errno;
-        ::unlink(temporary.c_str());
-        return std::string("cannot write: ") + std::strerror(code);
-    }
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        const int code = errno;
-        ::unlink(temporary.c_str());
-        return std::string("cannot replace it: ") + std::strerror(code);
-    }
-    // The rename itself is made durable with the folder.
-    const int directory = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory >= 0) {
-        ::fsync(directory);
-        ::close(directory);
-    }
-    return {};
+    const int32_t error = writeFileAtomically(path.c_str(), text.data(), text.size());
+    if (error == 0) return {};
+    // No folder to write the temporary into.
+    if (error == ENOENT || error == ENOTDIR) return "cannot create a file in its folder: " + writeErrorText(error);
+    return "cannot write: " + writeErrorText(error);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "DemoDocument.h"
 #include "DemoMedia.h"
+#include "ZorUtils/ZorUtils.h"
 
 namespace miravel::view {
 namespace {
@@ -60,30 +61,8 @@ std::string demoFolder(const std::string& root) { return (fs::path(root) / "demo
 std::string demoDocument(const std::string& root) { return (fs::path(demoFolder(root)) / "timeline.otio").string(); }
 
 void writeFileAtomically(const std::string& path, const std::string& text) {
-    const fs::path target(path);
-    // Built piece by piece: GCC 12 warns wrongly about "." + std::string.
-    std::string hidden = target.filename().string();
-    hidden.insert(0, 1, '.');
-    hidden += ".partial-";
-    hidden += std::to_string(::getpid());
-    const fs::path temporary = target.parent_path() / hidden;
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << text;
-        out.flush();
-        if (!out) {
-            std::error_code ignored;
-            fs::remove(temporary, ignored);
-            throw demo::DemoError(path + ": cannot write");
-        }
-    }
-    std::error_code error;
-    fs::rename(temporary, target, error);
-    if (error) {
-        std::error_code ignored;
-        fs::remove(temporary, ignored);
-        throw demo::DemoError(path + ": cannot write: " + error.message());
-    }
+    if (const int32_t error = ZOR::writeFileAtomically(path.c_str(), text.data(), text.size()); error != 0)
+        throw demo::DemoError(path + ": cannot write: " + ZOR::writeErrorText(error));
 }
 
 void makeDemo(const std::string& folder, const std::atomic<bool>& stop) {
