@@ -140,6 +140,23 @@ struct ReleaseOnExit {
     ReleaseOnExit& operator=(const ReleaseOnExit&) = delete;
 };
 
+// The one wait of the command line: calls check() (which may update the
+// progress bar, and throw) until it says true, sleeping between calls with
+// sleep(until) for at most a slice, so that the bar's seconds tick even
+// without news; false once the deadline has passed. Neither is called with a
+// lock of this function held.
+template <class Check, class Sleep>
+bool waitWithProgress(std::chrono::steady_clock::time_point deadline, Progress& progress, Check check, Sleep sleep) {
+    constexpr auto kSlice = std::chrono::milliseconds(250);
+    for (;;) {
+        if (check()) return true;
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
+        sleep(std::min(deadline, now + kSlice));
+        progress.tick();
+    }
+}
+
 // Lets the command's thread wait for the end of a request that a callback
 // reports on another thread. The callback fills its result under lock() and
 // calls finish(); the command reads it after wait() returned true.
@@ -155,16 +172,17 @@ public:
     // goes from 0 to 100% at the end, its seconds running meanwhile.
     bool wait(std::chrono::seconds limit, Progress& progress) {
         progress.update(0.0);
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (;;) {
-            const auto slice = std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(250));
-            {
+        const bool ended = waitWithProgress(
+            std::chrono::steady_clock::now() + limit, progress,
+            [this] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                return done_;
+            },
+            [this](std::chrono::steady_clock::time_point until) {
                 std::unique_lock<std::mutex> lock(mutex_);
-                if (changed_.wait_until(lock, slice, [this] { return done_; })) break;
-            }
-            if (std::chrono::steady_clock::now() >= deadline) return false;
-            progress.tick();  // not under the lock: the callback need not wait for stderr
-        }
+                changed_.wait_until(lock, until, [this] { return done_; });
+            });
+        if (!ended) return false;
         progress.update(1.0);
         progress.finish();
         return true;

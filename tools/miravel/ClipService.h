@@ -207,30 +207,31 @@ void waitForThumbnails(const std::string& document, AudioThumbnails* audio, Vide
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     const size_t total = (audio != nullptr ? audio->total() : 0) + (video != nullptr ? video->total() : 0);
     size_t shown = 0;  // the bar does not go back when an answer is asked for again
-    for (;;) {
-        const size_t answered = audio != nullptr ? audio->step() : 0;
-        // Counted before taking, so that whatever was counted is taken.
-        const size_t done = answered + (video != nullptr ? video->delivered() : 0);
-        if (video != nullptr) onPictures(video->take());
-        shown = std::max(shown, done);
-        progress.update(total == 0 ? 1.0 : static_cast<double>(shown) / static_cast<double>(total));
-        if (done == total) return;
-        std::string failed = audio != nullptr ? audio->failure() : std::string();
-        if (failed.empty() && video != nullptr) failed = video->failure();
-        if (!failed.empty()) throw Failure(document + ": " + failed);
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline) {
-            std::string what;
-            if (audio != nullptr && answered < audio->total()) what = "no audio thumbnail of " + audio->missing();
-            if (video != nullptr && video->delivered() < video->total()) {
-                if (!what.empty()) what += "; ";
-                what += "no picture of " + video->missing();
-            }
-            throw Failure(document + ": " + what + " within " + std::to_string(timeout.count()) + " s");
-        }
-        wakeup.waitUntil(std::min(deadline, now + std::chrono::milliseconds(250)));
-        progress.tick();
+    size_t answered = 0;
+    const bool done = waitWithProgress(
+        deadline, progress,
+        [&] {
+            answered = audio != nullptr ? audio->step() : 0;
+            // Counted before taking, so that whatever was counted is taken.
+            const size_t delivered = answered + (video != nullptr ? video->delivered() : 0);
+            if (video != nullptr) onPictures(video->take());
+            shown = std::max(shown, delivered);
+            progress.update(total == 0 ? 1.0 : static_cast<double>(shown) / static_cast<double>(total));
+            if (delivered == total) return true;
+            std::string failed = audio != nullptr ? audio->failure() : std::string();
+            if (failed.empty() && video != nullptr) failed = video->failure();
+            if (!failed.empty()) throw Failure(document + ": " + failed);
+            return false;
+        },
+        [&](std::chrono::steady_clock::time_point until) { wakeup.waitUntil(until); });
+    if (done) return;
+    std::string what;
+    if (audio != nullptr && answered < audio->total()) what = "no audio thumbnail of " + audio->missing();
+    if (video != nullptr && video->delivered() < video->total()) {
+        if (!what.empty()) what += "; ";
+        what += "no picture of " + video->missing();
     }
+    throw Failure(document + ": " + what + " within " + std::to_string(timeout.count()) + " s");
 }
 
 }  // namespace miravel

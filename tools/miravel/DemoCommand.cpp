@@ -178,19 +178,31 @@ int runDemo(int argc, char** argv) {
         keepFrameFiles(steps, out, result);
     });
 
-    Json render;
+    struct Rendered {
+        bool done = false;
+        std::string file;
+        int64_t width = 0;
+        int64_t height = 0;
+    } render;
     steps.run("render", "the timeline picture", [&] {
         RenderRequest request;
         request.document = document;
         request.out = steps.file("timeline.png");
         request.timeout = timeout;
-        render = Json::parse(renderJson(request));
+        const Json parsed = Json::parse(renderJson(request));
+        render = Rendered{true, parsed.at("file").get<std::string>(), parsed.at("width").get<int64_t>(),
+                          parsed.at("height").get<int64_t>()};
     });
 
     // Media thumbnails: the manager's pictures of the video file, emptied
     // first so that every run renders them (pictures on disk are not
     // rendered again, nor announced).
-    Json mediaThumbnails;
+    struct MediaThumbnails {
+        bool done = false;
+        int32_t count = 0;
+        int64_t milliseconds = 0;
+        std::vector<std::string> files;
+    } mediaThumbnails;
     steps.run("media_thumbnails", "media thumbnails of the video file (media thumbnail manager)", [&] {
         MediaRequest request;
         request.media = media.video;
@@ -207,40 +219,56 @@ int runDemo(int argc, char** argv) {
                                          .count();
         steps.keep("media-thumbnails.json", result);
         const Json parsed = Json::parse(result);
-        Json files = Json::array();
+        mediaThumbnails.done = true;
+        mediaThumbnails.count = request.count;
+        mediaThumbnails.milliseconds = milliseconds;
         for (const auto& file : parsed.at("files")) {
             const std::string name = std::filesystem::path(file.at("file").get<std::string>())
                                          .lexically_relative(out)
                                          .generic_string();
-            files.push_back(name);
+            mediaThumbnails.files.push_back(name);
             steps.file(name);
         }
-        mediaThumbnails = Json{{"status", "done"},
-                               {"media", "video.mp4"},
-                               {"root", "media-thumbnails/video"},
-                               {"count", request.count},
-                               {"box", "160x90"},
-                               {"seek", "exact"},
-                               {"milliseconds", milliseconds},
-                               {"files", std::move(files)}};
     });
 
     const int64_t total =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
-    Json timings = Json::object();
-    for (const auto& [name, milliseconds] : steps.timings()) timings[name] = milliseconds;
-    timings["total"] = total;
-
     const std::string summaryPath = steps.file("summary.json");
-    Json summary{{"out", out},
-                 {"document", "timeline.otio"},
-                 {"video_encoder", media.videoEncoder},
-                 {"files", steps.files()},
-                 {"timings_ms", timings},
-                 {"picture", "timeline.png"},
-                 {"render", render},
-                 {"media_thumbnails", mediaThumbnails}};
-    writeJsonFile(summaryPath, summary.dump(2));
+    JsonWriter summary;
+    summary.beginObject()
+        .key("out").value(out)
+        .key("document").value("timeline.otio")
+        .key("video_encoder").value(media.videoEncoder)
+        .key("files").beginArray();
+    for (const std::string& file : steps.files()) summary.value(file);
+    summary.endArray().key("timings_ms").beginObject();
+    for (const auto& [name, milliseconds] : steps.timings()) summary.key(name).value(milliseconds);
+    summary.key("total").value(total).endObject();
+    summary.key("picture").value("timeline.png");
+    summary.key("render");
+    if (render.done)
+        summary.beginObject().key("file").value(render.file).key("width").value(render.width)
+            .key("height").value(render.height).endObject();
+    else
+        summary.null();
+    summary.key("media_thumbnails");
+    if (!mediaThumbnails.done) {
+        summary.null();
+    } else {
+        summary.beginObject()
+            .key("status").value("done")
+            .key("media").value("video.mp4")
+            .key("root").value("media-thumbnails/video")
+            .key("count").value(mediaThumbnails.count)
+            .key("box").value("160x90")
+            .key("seek").value("exact")
+            .key("milliseconds").value(mediaThumbnails.milliseconds)
+            .key("files").beginArray();
+        for (const std::string& file : mediaThumbnails.files) summary.value(file);
+        summary.endArray().endObject();
+    }
+    summary.endObject();
+    writeJsonFile(summaryPath, summary.text());
 
     JsonWriter json;
     json.beginObject().key("out").value(out).key("files").beginArray();

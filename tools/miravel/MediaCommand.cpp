@@ -120,21 +120,24 @@ public:
     template <class Ready>
     bool waitUntil(std::chrono::steady_clock::time_point until, Ready ready, Progress& progress, size_t before,
                    size_t count) {
-        for (;;) {
-            const auto slice = std::min(until, std::chrono::steady_clock::now() + std::chrono::milliseconds(250));
-            bool met = false;
-            size_t done = before;
-            {
+        return waitWithProgress(
+            until, progress,
+            [&] {
+                bool met = false;
+                size_t done = before;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    met = ready();
+                    done += files_.size();
+                }
+                // Not under the lock: the worker need not wait for stderr.
+                progress.update(static_cast<double>(done) / static_cast<double>(count));
+                return met;
+            },
+            [&](std::chrono::steady_clock::time_point slice) {
                 std::unique_lock<std::mutex> lock(mutex_);
-                met = changed_.wait_until(lock, slice, [&] { return ready(); });
-                done += files_.size();
-            }
-            // Not under the lock: the worker need not wait for stderr.
-            progress.update(static_cast<double>(done) / static_cast<double>(count));
-            progress.tick();
-            if (met) return true;
-            if (std::chrono::steady_clock::now() >= until) return false;
-        }
+                changed_.wait_until(lock, slice, [&] { return ready(); });
+            });
     }
 
     // For the predicates of waitUntil (called with the lock held).
