@@ -387,3 +387,27 @@ TEST(JsonOutputCli, NamesThatAreNotUtf8GiveValidJson) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every command tells its own usage, from the one table the arguments are
+// read from.
+TEST(UsageCli, EveryCommandTellsItsUsageWithHelp) {
+    MediaTest::TempFolder folder;
+    for (const std::string command : {"wave", "frames", "audio", "video", "render", "media", "demo"}) {
+        const CliTest::CliRun run = runMiravel(folder, command + " --help");
+        EXPECT_EQ(run.exitCode, 0) << command;
+        EXPECT_EQ(run.out.rfind("usage: miravel " + command, 0), 0u) << run.out;
+        EXPECT_NE(run.out.find("--timeout SECONDS"), std::string::npos) << run.out;
+        EXPECT_TRUE(run.err.empty()) << run.err;
+    }
+    const CliTest::CliRun frames = runMiravel(folder, "frames --help");
+    EXPECT_NE(frames.out.find("  --size WxH              the box the pictures are fitted into\n"), std::string::npos)
+        << frames.out;
+    // Options are taken from the same table: one not listed is refused.
+    const CliTest::CliRun wrong = runMiravel(folder, "render doc.otio --out x.png --size 4x4");
+    EXPECT_EQ(wrong.exitCode, 2);
+    EXPECT_EQ(wrong.err.rfind("miravel: unknown option --size\n", 0), 0u) << wrong.err;
+}
+
+}  // namespace

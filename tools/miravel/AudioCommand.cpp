@@ -11,6 +11,7 @@
 
 #include "ClipService.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "Json.h"
 
 namespace miravel {
@@ -47,7 +48,7 @@ std::string audioJson(const AudioRequest& request) {
 }
 
 int runAudio(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"clip", "begin", "end", "points", "timeout"}, {"no-ducking"});
+    Arguments arguments(argc, argv, 2, commandSpec("audio"));
     if (arguments.positional().size() != 1) throw UsageError("audio needs one timeline DOC");
     AudioRequest request;
     request.document = arguments.positional()[0];

@@ -1,5 +1,7 @@
 #include "Cli.h"
 
+#include "Usage.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,8 +20,11 @@ extern "C" {
 
 namespace miravel {
 
-Arguments::Arguments(int argc, char** argv, int first, const std::vector<std::string>& options,
-                     const std::vector<std::string>& flags) {
+Arguments::Arguments(int argc, char** argv, int first, const CommandSpec& command) {
+    std::vector<std::string> options;
+    std::vector<std::string> flags;
+    for (const auto* list : {&command.required, &command.optional})
+        for (const OptionSpec& option : *list) (*option.value == '\0' ? flags : options).push_back(option.name);
     const auto isOption = [&](const std::string& name) {
         return std::find(options.begin(), options.end(), name) != options.end();
     };
@@ -34,6 +39,7 @@ Arguments::Arguments(int argc, char** argv, int first, const std::vector<std::st
             optionsEnded = true;
             continue;
         }
+        if (!optionsEnded && (word == "--help" || word == "-h")) throw HelpRequested(command);
         if (!optionsEnded && word.rfind("--", 0) == 0 && word.size() > 2) {
             const std::string name = word.substr(2);
             if (isFlag(name)) {

@@ -18,6 +18,8 @@
 
 namespace miravel {
 
+struct CommandSpec;
+
 // A usage error: exit code 2, with the usage text.
 class UsageError : public std::runtime_error {
 public:
@@ -33,9 +35,10 @@ public:
 // "--name value" options and positional arguments of one command.
 class Arguments {
 public:
-    // flags: options that take no value ("--refresh").
-    Arguments(int argc, char** argv, int first, const std::vector<std::string>& options,
-              const std::vector<std::string>& flags);
+    // The options and flags ("--refresh", no value) of command, from the
+    // command table; "--help" anywhere asks for the command's usage
+    // (HelpRequested).
+    Arguments(int argc, char** argv, int first, const CommandSpec& command);
 
     const std::vector<std::string>& positional() const { return positional_; }
     bool has(const std::string& name) const;

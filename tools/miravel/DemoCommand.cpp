@@ -31,6 +31,7 @@
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DmMedia.h"
 #include "DemoDocument.h"
 #include "DemoMedia.h"
@@ -94,7 +95,7 @@ void keepFrameFiles(Steps& steps, const std::string& out, const std::string& res
 }  // namespace
 
 int runDemo(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"out", "timeout"}, {});
+    Arguments arguments(argc, argv, 2, commandSpec("demo"));
     if (!arguments.positional().empty()) throw UsageError("demo takes no file arguments");
     const std::string out = arguments.text("out").value_or("miravel-demo");
     if (out.empty()) throw UsageError("--out needs a folder");

@@ -16,6 +16,7 @@
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
@@ -121,7 +122,7 @@ std::string framesJson(const FramesRequest& request) {
 }
 
 int runFrames(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"stream", "times", "size", "timeout"}, {});
+    Arguments arguments(argc, argv, 2, commandSpec("frames"));
     if (arguments.positional().size() != 1) throw UsageError("frames needs one MEDIA file");
     FramesRequest request;
     request.media = arguments.positional()[0];

@@ -52,6 +52,7 @@
 #include "Adapter/Adapter.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "Json.h"
@@ -373,7 +374,7 @@ std::string mediaJson(const MediaRequest& request) {
 }
 
 int runMedia(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"root", "count", "box", "position", "seek", "timeout"}, {});
+    Arguments arguments(argc, argv, 2, commandSpec("media"));
     if (arguments.positional().size() != 1) throw UsageError("media needs one MEDIA file");
     MediaRequest request;
     request.media = arguments.positional()[0];

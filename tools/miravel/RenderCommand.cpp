@@ -23,6 +23,7 @@
 
 #include "ClipService.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DmMedia.h"
 #include "Json.h"
 #include "DataModel/DmTimeline.h"
@@ -306,7 +307,7 @@ std::string renderJson(const RenderRequest& request) {
 }
 
 int runRender(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"out", "width", "timeout"}, {});
+    Arguments arguments(argc, argv, 2, commandSpec("render"));
     if (arguments.positional().size() != 1) throw UsageError("render needs one timeline DOC");
     RenderRequest request;
     request.document = arguments.positional()[0];

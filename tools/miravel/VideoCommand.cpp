@@ -20,6 +20,7 @@
 
 #include "ClipService.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DmMedia.h"
 #include "Json.h"
 #include "ZorUtils/ZorUtils.h"
@@ -75,7 +76,7 @@ std::string videoJson(const VideoRequest& request) {
 }
 
 int runVideo(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"clip", "times", "size", "out", "timeout"}, {"refresh"});
+    Arguments arguments(argc, argv, 2, commandSpec("video"));
     if (arguments.positional().size() != 1) throw UsageError("video needs one timeline DOC");
     VideoRequest request;
     request.document = arguments.positional()[0];

@@ -15,6 +15,7 @@
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTime.h"
@@ -106,7 +107,7 @@ std::string waveJson(const WaveRequest& request) {
 }
 
 int runWave(int argc, char** argv) {
-    Arguments arguments(argc, argv, 2, {"stream", "begin", "end", "samples", "timeout"}, {});
+    Arguments arguments(argc, argv, 2, commandSpec("wave"));
     if (arguments.positional().size() != 1) throw UsageError("wave needs one MEDIA file");
     WaveRequest request;
     request.media = arguments.positional()[0];

@@ -14,28 +14,13 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Limits.h"
+#include "Usage.h"
 #include "Miravel/Miravel.h"
 #include "ZorLogger/ZorLogger.h"
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: miravel <command> [options]\n"
-    "commands:\n"
-    "  version\n"
-    "  wave MEDIA [--stream N] --begin CNS --end CNS --samples N\n"
-    "  frames MEDIA [--stream N] --times T1,T2,... --size WxH\n"
-    "  audio DOC --clip NAME [--begin CNS --end CNS] --points N [--no-ducking]\n"
-    "  video DOC --clip NAME --times T1,T2,... --size WxH --out DIR [--refresh]\n"
-    "  render DOC --out PNG [--width W]\n"
-    "  media MEDIA --root DIR [--count N] [--box WxH] [--position P] [--seek exact|keyframe]\n"
-    "        (lists the pictures the manager announced; those already on disk\n"
-    "        from an earlier run over DIR are not made again, nor listed)\n"
-    "  demo [--out DIR]\n"
-    "options of every command: --log <severity>, --log-file <path>;\n"
-    "of those that wait for the library: --timeout SECONDS (default 600)\n";
-
-std::string usage() { return std::string(kUsage) + miravel::limitsText(); }
+std::string usage() { return miravel::usageText(); }
 
 int runVersion(int argc) {
     if (argc > 2) throw miravel::UsageError("version takes no arguments");
@@ -69,6 +54,9 @@ int main(int argc, char** argv) {
     miravel::routeFfmpegLogging();
     try {
         code = dispatch(argc, argv);
+    } catch (const miravel::HelpRequested& help) {
+        std::fputs(miravel::commandUsage(help.command()).c_str(), stdout);
+        code = 0;
     } catch (const miravel::UsageError& error) {
         std::fprintf(stderr, "miravel: %s\n%s", miravel::printable(error.what()).c_str(), usage().c_str());
         code = 2;
