@@ -60,30 +60,6 @@ constexpr int32_t kLongestMediaId = 1 << 16;
 
 int64_t clampTime(int64_t time) { return std::clamp(time, -kFarthestTime, kFarthestTime); }
 
-// A reference held on a data-model object.
-template <class T>
-class Held {
-public:
-    Held() = default;
-    ~Held() { reset(); }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-
-    // Takes a reference on object; false (and empty) when it is already dead.
-    bool take(T* object) {
-        reset();
-        if (object == nullptr || object->AddRef() <= 0) return false;
-        object_ = object;
-        return true;
-    }
-    void reset() {
-        if (object_ != nullptr) std::exchange(object_, nullptr)->Release();
-    }
-    T* get() const { return object_; }
-
-private:
-    T* object_ = nullptr;
-};
 
 bool trackVisible(IDmTrack* track) {
     ZorProperty visible;
@@ -168,7 +144,8 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         // The handle is the timeline's IDmTimeline pointer value.
         auto* timeline = reinterpret_cast<IDmTimeline*>(static_cast<intptr_t>(handle));
-        if (!nextTimeline_.take(timeline)) {
+        nextTimeline_ = ZorRef<IDmTimeline>::share(timeline);
+        if (!nextTimeline_) {
             ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::setMediaObject", "the timeline %lld is gone", static_cast<long long>(handle));
             return kResultFailure;
         }
@@ -227,7 +204,8 @@ public:
             return kOk;
         }
         if (nextTimeline_.get() != nullptr) {
-            if (!timeline_.take(nextTimeline_.get())) return kResultFailure;
+            timeline_ = ZorRef<IDmTimeline>::share(nextTimeline_.get());
+            if (!timeline_) return kResultFailure;
             return kOk;
         }
         ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::open", "no media set");
@@ -439,10 +417,10 @@ private:
     // What open() opens.
     std::string nextPath_;
     bool nextIsPath_ = false;
-    Held<IDmTimeline> nextTimeline_;
+    ZorRef<IDmTimeline> nextTimeline_;
     // What is open: a file, or a timeline and the files of its clips.
     std::unique_ptr<thumb::FrameSession> file_;
-    Held<IDmTimeline> timeline_;
+    ZorRef<IDmTimeline> timeline_;
     std::list<std::unique_ptr<thumb::FrameSession>> clipSessions_;
 
     int32_t width_ = 0;

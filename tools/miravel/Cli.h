@@ -131,17 +131,6 @@ private:
     bool finished_ = false;
 };
 
-// Releases a reference-counted object (IDmBaseObj) when the scope ends.
-template <class T>
-struct ReleaseOnExit {
-    explicit ReleaseOnExit(T* adopted) : object(adopted) {}
-    T* object;
-    ~ReleaseOnExit() {
-        if (object != nullptr) object->Release();
-    }
-    ReleaseOnExit(const ReleaseOnExit&) = delete;
-    ReleaseOnExit& operator=(const ReleaseOnExit&) = delete;
-};
 
 // The one wait of the command line: calls check() (which may update the
 // progress bar, and throw) until it says true, sleeping between calls with

@@ -16,6 +16,7 @@
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Common/ZorInternalComUtility.h"
 #include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
@@ -52,9 +53,9 @@ std::string framesJson(const FramesRequest& request) {
     const std::string& media = request.media;
     const std::vector<int64_t>& times = request.times;
     std::string error;
-    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), -1, request.stream, &error)};
-    if (clip.object == nullptr) throw Failure(error);
-    auto* feature = static_cast<ZOR::IDmVideoFeature*>(clip.object->queryInterface("IDmVideoFeature"));
+    const auto clip = ZOR::ZorRef<ZOR::IDmClip>::adopt(ZOR::createMediaClip(media.c_str(), -1, request.stream, &error));
+    if (clip.get() == nullptr) throw Failure(error);
+    auto* feature = static_cast<ZOR::IDmVideoFeature*>(clip.get()->queryInterface("IDmVideoFeature"));
     if (feature == nullptr)
         throw Failure(!error.empty() ? error
                                      : media + ": no video stream" +
@@ -62,24 +63,24 @@ std::string framesJson(const FramesRequest& request) {
 
     // The folder the frame task writes into: named after the canonical path
     // the clip keeps.
-    auto* source = static_cast<ZOR::IDmMediaSource*>(clip.object->queryInterface("IDmMediaSource"));
+    auto* source = static_cast<ZOR::IDmMediaSource*>(clip.get()->queryInterface("IDmMediaSource"));
     const std::string store = source != nullptr ? ZOR::frameStoreFolder(source->mediaPath()) : std::string();
     if (store.empty()) throw Failure(media + ": cannot find its folder in the frame store");
     ZOR::removeAbandonedTemporaries(store);
     requireWritableFolder(store, "the frame store");
 
     FramesResult result;
-    ReleaseOnExit<ZOR::IBsVideoFrameExtractWrapper> wrapper{createBsVideoFrameExtractWrapper()};
-    wrapper.object->addCallBack(&result);
+    const auto wrapper = ZOR::ZorRef<ZOR::IBsVideoFrameExtractWrapper>::adopt(createBsVideoFrameExtractWrapper());
+    wrapper.get()->addCallBack(&result);
     int64_t token = -1;
-    if (wrapper.object->queryVideoFrame(clip.object, request.width, request.height, times.data(),
+    if (wrapper.get()->queryVideoFrame(clip.get(), request.width, request.height, times.data(),
                                         static_cast<uint32_t>(times.size()), 0, &token) != 0) {
-        wrapper.object->removeCallBack(&result);
+        wrapper.get()->removeCallBack(&result);
         throw Failure(media + ": the frame request was not accepted");
     }
     Progress progress("frames");
     const bool ended = result.completion.wait(request.timeout, progress);
-    wrapper.object->removeCallBack(&result);
+    wrapper.get()->removeCallBack(&result);
     if (!ended) throw Failure(media + ": none of the " + std::to_string(times.size()) + " frames within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;

@@ -52,6 +52,7 @@
 #include "Adapter/Adapter.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "Common/ZorInternalComUtility.h"
 #include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
@@ -206,21 +207,21 @@ std::string quoted(const std::string& media) {
 // make no file at all.
 int64_t pictureDuration(const std::string& media) {
     ZOR::IDmFactory* factory = ZOR::getDmFactoryInstance();
-    ReleaseOnExit<ZOR::IDmMediaInfo> info{factory != nullptr ? factory->createMediaInfo(media.c_str()) : nullptr};
-    if (info.object == nullptr) {
+    const auto info = ZOR::ZorRef<ZOR::IDmMediaInfo>::adopt(factory != nullptr ? factory->createMediaInfo(media.c_str()) : nullptr);
+    if (info.get() == nullptr) {
         // The media information says only that it failed; the clip says why.
         std::string error;
-        ReleaseOnExit<ZOR::IDmClip> probe{ZOR::createMediaClip(media.c_str(), -1, -1, &error)};
+        const auto probe = ZOR::ZorRef<ZOR::IDmClip>::adopt(ZOR::createMediaClip(media.c_str(), -1, -1, &error));
         throw Failure(!error.empty() ? error : quoted(media) + ": cannot read the media");
     }
     ZOR::ZorProperty width;
     ZOR::ZorProperty height;
-    if (info.object->getProperty(ZOR::mediaInfoKey::width, &width) != 0 ||
-        info.object->getProperty(ZOR::mediaInfoKey::height, &height) != 0 || width.intValue < 1 ||
+    if (info.get()->getProperty(ZOR::mediaInfoKey::width, &width) != 0 ||
+        info.get()->getProperty(ZOR::mediaInfoKey::height, &height) != 0 || width.intValue < 1 ||
         height.intValue < 1)
         throw Failure(quoted(media) + ": no video stream");
     ZOR::ZorProperty duration;
-    if (info.object->getProperty(ZOR::mediaInfoKey::duration, &duration) != 0 || duration.intValue < 1)
+    if (info.get()->getProperty(ZOR::mediaInfoKey::duration, &duration) != 0 || duration.intValue < 1)
         throw Failure(quoted(media) + ": the media has no duration");
     return duration.intValue;
 }
@@ -271,13 +272,13 @@ std::string mediaJson(const MediaRequest& request) {
     Progress progress("media");
     std::vector<std::pair<int32_t, std::string>> announced;
     if (before < static_cast<size_t>(count)) {
-        ReleaseOnExit<ZOR::IBsThumbManager> manager{createThumbManager()};
-        if (manager.object == nullptr) throw Failure("the media thumbnail manager could not be created");
-        manager.object->setThumbCount(count);
-        manager.object->setThumbSize(request.width, request.height);
-        manager.object->setAdapterSeekMode(request.keyframe ? ZOR::ThumbSeekKeyframe : ZOR::ThumbSeekExact);
+        const auto manager = ZOR::ZorRef<ZOR::IBsThumbManager>::adopt(createThumbManager());
+        if (manager.get() == nullptr) throw Failure("the media thumbnail manager could not be created");
+        manager.get()->setThumbCount(count);
+        manager.get()->setThumbSize(request.width, request.height);
+        manager.get()->setAdapterSeekMode(request.keyframe ? ZOR::ThumbSeekKeyframe : ZOR::ThumbSeekExact);
         ItemWatch watch;
-        WatchRegistration registration(manager.object, &watch);
+        WatchRegistration registration(manager.get(), &watch);
 
         ZOR::MediaThumbRequest item{};
         copyText(item.mediaPath, request.media);
@@ -303,16 +304,16 @@ std::string mediaJson(const MediaRequest& request) {
         const auto deadline = std::chrono::steady_clock::now() + request.timeout;
         char found[kPathBytes] = {};
         progress.update(static_cast<double>(before) / static_cast<double>(count));
-        manager.object->getFrame(&marker, 0.0, found);
+        manager.get()->getFrame(&marker, 0.0, found);
         for (;;) {
             const auto until = std::min(deadline, std::chrono::steady_clock::now() + kMarkerPatience);
             if (watch.waitUntil(until, [&] { return watch.markerSeenLocked(); }, progress, before, count)) break;
             if (std::chrono::steady_clock::now() >= deadline)
                 throw Failure(timeoutText(request, "the media thumbnail manager did not start"));
-            manager.object->getFrame(&marker, 0.0, found);
+            manager.get()->getFrame(&marker, 0.0, found);
         }
         for (;;) {
-            manager.object->getFrame(&item, position, found);
+            manager.get()->getFrame(&item, position, found);
             const int64_t since = watch.markerSteps();
             if (!watch.waitUntil(
                     deadline, [&] { return watch.itemSeenLocked() || watch.markerStepsLocked() >= since + 2; },

@@ -15,6 +15,7 @@
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Common/ZorInternalComUtility.h"
 #include "Usage.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
@@ -67,24 +68,24 @@ int64_t waveValueCount(int64_t begin, int64_t end, int64_t samples) {
 std::string waveJson(const WaveRequest& request) {
     const std::string& media = request.media;
     std::string error;
-    ReleaseOnExit<ZOR::IDmClip> clip{ZOR::createMediaClip(media.c_str(), request.stream, -1, &error)};
-    if (clip.object == nullptr) throw Failure(error);
-    if (clip.object->queryInterface("IDmAudioFeature") == nullptr)
+    const auto clip = ZOR::ZorRef<ZOR::IDmClip>::adopt(ZOR::createMediaClip(media.c_str(), request.stream, -1, &error));
+    if (clip.get() == nullptr) throw Failure(error);
+    if (clip.get()->queryInterface("IDmAudioFeature") == nullptr)
         throw Failure(!error.empty() ? error
                                      : media + ": no audio stream" +
                                            (request.stream >= 0 ? " at index " + std::to_string(request.stream) : ""));
 
     WaveResult result;
-    ReleaseOnExit<ZOR::IBsAudioWaveExtractWrapper> wrapper{createBsAudioWaveExtractWrapper()};
-    wrapper.object->addCallBack(&result);
+    const auto wrapper = ZOR::ZorRef<ZOR::IBsAudioWaveExtractWrapper>::adopt(createBsAudioWaveExtractWrapper());
+    wrapper.get()->addCallBack(&result);
     int64_t token = -1;
-    if (wrapper.object->queryAudioWave(clip.object, request.begin, request.end, request.samples, 0, &token) != 0) {
-        wrapper.object->removeCallBack(&result);
+    if (wrapper.get()->queryAudioWave(clip.get(), request.begin, request.end, request.samples, 0, &token) != 0) {
+        wrapper.get()->removeCallBack(&result);
         throw Failure(media + ": the audio wave request was not accepted");
     }
     Progress progress("wave");
     const bool ended = result.completion.wait(request.timeout, progress);
-    wrapper.object->removeCallBack(&result);
+    wrapper.get()->removeCallBack(&result);
     if (!ended) throw Failure(media + ": no wave values of [" + std::to_string(request.begin) + ", " + std::to_string(request.end) + ") within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;
