@@ -11,12 +11,38 @@ install(TARGETS Miravel MiravelPlatformHeaders ${_miravel_platform_targets}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/Include/Miravel/
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Miravel
-  FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/Include/Platform/
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Miravel/Platform
-  FILES_MATCHING PATTERN "*.h")
+# The public headers, named one by one: what a client includes. The host's
+# own inner declarations (DataModel/DmMediaInternal.h, DataModel/DmKeyTexts.h)
+# stay in the source tree.
+install(FILES
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/ClipThumbnailKey.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/IBsAudioWaveExtractWrapper.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/IBsClipThumbnailCallbacks.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/IBsClipThumbnailService.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/IBsThumbManager.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/IBsVideoFrameExtractWrapper.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/Miravel.h
+  ${PROJECT_SOURCE_DIR}/Include/Miravel/MiravelExport.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Miravel)
+set(_miravel_platform_headers
+  ZorPlatformExport.h
+  Adapter/Adapter.h
+  BackgroundTaskManager/BackgroundTaskManager.h
+  BsDataStructure/BsDataStructure.h
+  DataModel/DataModel.h
+  DataModel/DmEdit.h
+  DataModel/DmMedia.h
+  DataModel/DmTime.h
+  DataModel/DmTimeline.h
+  DataModel/IDmBaseObj.h
+  ListenerCenter/ListenerCenter.h
+  ZorLogger/ZorLogger.h
+  ZorUtils/ZorUtils.h)
+foreach(_header IN LISTS _miravel_platform_headers)
+  get_filename_component(_folder ${_header} DIRECTORY)
+  install(FILES ${PROJECT_SOURCE_DIR}/Include/Platform/${_header}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Miravel/Platform/${_folder})
+endforeach()
 # The object model header, for hosts that implement Miravel-compatible objects.
 install(FILES ${PROJECT_SOURCE_DIR}/Include/Common/ZorInternalComUtility.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Common)
