@@ -347,6 +347,9 @@ void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, con
     } else {
         core.finish(request, 100, BsTaskFinished);
     }
+    // What was decoded, the whole request or part of it, is kept on disk for
+    // later processes; after the report, so that nobody waits for the write.
+    request.store_->flush();
 }
 
 void runPiece(TaskCore& core, const std::shared_ptr<AudioRequest>& request, int32_t first, int32_t last,

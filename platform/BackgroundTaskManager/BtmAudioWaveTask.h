@@ -87,8 +87,8 @@ public:
     }
     // Frames complete: into the wave manager, under the content the request
     // decodes (a store that moved to newer content refuses them).
-    void store(int32_t firstFrame, int32_t count, const float* values) override {
-        store_->storeFrames(generation, firstFrame, count, values);
+    void store(int32_t firstFrame, int32_t count, int32_t channels, const float* values) override {
+        store_->storeChannelFrames(generation, firstFrame, count, channels, values);
         framesDone.fetch_add(count, std::memory_order_acq_rel);
     }
     void ended(int32_t endFrame) override { store_->setEndFrame(generation, endFrame); }

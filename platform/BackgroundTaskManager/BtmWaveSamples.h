@@ -12,6 +12,8 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -53,6 +55,14 @@ public:
             peak = std::max(peak, peakOf(planes_[static_cast<size_t>(c)] + from, to - from));
         return peak;
     }
+    // The largest absolute value of samples [from, to) of one channel.
+    float channelPeak(int channel, int from, int to) const {
+        if (planar_) return peakOf(planes_[static_cast<size_t>(channel)] + from, to - from);
+        float peak = 0.0f;
+        const float* sample = planes_[0] + static_cast<ptrdiff_t>(from) * channels_ + channel;
+        for (int i = from; i < to; ++i, sample += channels_) peak = std::max(peak, std::fabs(*sample));
+        return peak;
+    }
 
 private:
     int channels_ = 0;
@@ -69,8 +79,9 @@ private:
 // Where complete frames go.
 class WaveSink {
 public:
-    // count frames from first on, kWaveValues values each.
-    virtual void store(int32_t first, int32_t count, const float* values) = 0;
+    // count frames from first on: for each frame, channels x kWaveValues
+    // values, one channel after the other.
+    virtual void store(int32_t first, int32_t count, int32_t channels, const float* values) = 0;
     // The stream ends before frame endFrame.
     virtual void ended(int32_t endFrame) = 0;
 
@@ -94,21 +105,26 @@ public:
     int64_t needFirst() const { return needFirst_; }
     int64_t needEnd() const { return needEnd_; }
 
-    // count samples from sample n0 on.
+    // count samples from sample n0 on. The channels are those of the first
+    // samples added; later samples with more fold channel c into c % that.
     void add(int64_t n0, const FloatSamples& samples) {
+        if (channels_ == 0) channels_ = std::max(1, samples.channels());
         int64_t n = std::max(n0, needFirst_);
         const int64_t end = std::min(n0 + samples.count(), needEnd_);
         if (n >= end) return;
+        const size_t perFrame = static_cast<size_t>(channels_) * kWaveValues;
         // Runs end where windows do: the window of the next run is the next one.
         for (int64_t window = n * 1000 / rate_; n < end; ++window) {
             const int64_t nextWindowStart = ((window + 1) * rate_ + 999) / 1000;
             const int64_t runEnd = std::min(end, nextWindowStart);
-            const float peak = samples.peak(static_cast<int>(n - n0), static_cast<int>(runEnd - n0));
-            const int64_t index = window - base_ * kWaveValues;
-            if (index >= 0) {  // frames already stored are complete
-                if (static_cast<size_t>(index) >= values_.size())
-                    values_.resize(static_cast<size_t>(index / kWaveValues + 1) * kWaveValues, 0.0f);
-                values_[static_cast<size_t>(index)] = std::max(values_[static_cast<size_t>(index)], peak);
+            const int64_t frame = window / kWaveValues - base_;
+            if (frame >= 0) {  // frames already stored are complete
+                const size_t at = static_cast<size_t>(frame) * perFrame + static_cast<size_t>(window % kWaveValues);
+                if (at >= values_.size()) values_.resize((static_cast<size_t>(frame) + 1) * perFrame, 0.0f);
+                for (int c = 0; c < samples.channels(); ++c) {
+                    float& value = values_[at + static_cast<size_t>(c % channels_) * kWaveValues];
+                    value = std::max(value, samples.channelPeak(c, static_cast<int>(n - n0), static_cast<int>(runEnd - n0)));
+                }
             }
             n = runEnd;
         }
@@ -132,9 +148,10 @@ private:
         if (through < base_) return;
         const int64_t count = through - base_ + 1;
         if (!force && count < kCommitFrames) return;
-        const size_t stored = static_cast<size_t>(count) * kWaveValues;
+        const int32_t channels = std::max(channels_, 1);
+        const size_t stored = static_cast<size_t>(count) * static_cast<size_t>(channels) * kWaveValues;
         if (values_.size() < stored) values_.resize(stored, 0.0f);  // windows without samples hold 0
-        sink_.store(static_cast<int32_t>(base_), static_cast<int32_t>(count), values_.data());
+        sink_.store(static_cast<int32_t>(base_), static_cast<int32_t>(count), channels, values_.data());
         values_.erase(values_.begin(), values_.begin() + static_cast<ptrdiff_t>(stored));
         base_ = through + 1;
     }
@@ -144,8 +161,9 @@ private:
     const int64_t rate_;
     const int64_t needFirst_;
     const int64_t needEnd_;
-    int64_t base_;               // the first frame not stored yet: values_[0] is its value 0
-    std::vector<float> values_;
+    int64_t base_;               // the first frame not stored yet: values_ begin with its values
+    int32_t channels_ = 0;       // set by the first samples added
+    std::vector<float> values_;  // per frame, channels_ x kWaveValues
 };
 
 }  // namespace ZOR::btm

@@ -1,10 +1,22 @@
 #include "DmAudioWaveMgr.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
+
+#include "DataModel/DmCache.h"
+#include "ZorUtils/ZorUtils.h"
 
 ZOR_LOG_SOURCE("platform/DataModel/DmAudioWaveMgr")
 
@@ -30,10 +42,18 @@ Registry& registry() {
 
 }  // namespace
 
-DmAudioWaveManager::DmAudioWaveManager(std::string mediaPath, int32_t stream, const DmFileIdentity& identity)
-    : mediaPath_(std::move(mediaPath)), stream_(stream), identity_(identity) {}
+DmAudioWaveManager::DmAudioWaveManager(std::string mediaPath, int32_t stream, int32_t channels,
+                                       const DmFileIdentity& identity)
+    : mediaPath_(std::move(mediaPath)),
+      stream_(stream),
+      channels_(std::clamp<int32_t>(channels, 1, static_cast<int32_t>(DmWaveStoreData::kMostChannels))),
+      identity_(identity) {}
 
-DmAudioWaveManager::~DmAudioWaveManager() = default;
+DmAudioWaveManager::~DmAudioWaveManager() {
+    // What was decoded is kept for the next process.
+    flush();
+    if (!heldStore_.empty()) releaseCacheFile(heldStore_);
+}
 
 void* DmAudioWaveManager::queryInterface(const char* name) {
     if (name == nullptr) return nullptr;
@@ -74,9 +94,14 @@ int32_t DmAudioWaveManager::readFrame(int32_t frame, int64_t rateNum, int64_t ra
     std::shared_lock<std::shared_mutex> lock(lock_);
     if (!isHeldLocked(frame)) return kResultFailure;
     const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
-    const size_t base = static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame;
+    const size_t base = static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_);
     const uint32_t copied = std::min<uint32_t>(count, static_cast<uint32_t>(kValuesPerFrame));
-    for (uint32_t k = 0; k < copied; ++k) values[k] = dequantise(chunk.values[base + k]);
+    for (uint32_t k = 0; k < copied; ++k) {
+        uint16_t step = chunk.values[base + k];
+        for (int32_t c = 1; c < channels_; ++c)
+            step = std::max(step, chunk.values[base + static_cast<size_t>(c) * kValuesPerFrame + k]);
+        values[k] = dequantise(step);
+    }
     return 0;
 }
 
@@ -133,7 +158,11 @@ uint64_t DmAudioWaveManager::adoptContent(const DmFileIdentity& identity) {
         haveOrigin_ = false;
         originPts_ = 0;
         originRate_ = 0;
+        haveFingerprint_ = false;
+        dirty_ = false;
     }
+    // The new content may have been decoded by an earlier process.
+    loadStore();
     ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::adoptContent",
             "'%s' stream %d changed on disk (%lld bytes): held frames dropped, generation %llu", mediaPath_.c_str(),
             stream_, static_cast<long long>(identity.size), static_cast<unsigned long long>(generation));
@@ -156,16 +185,70 @@ int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int3
 
     std::unique_lock<std::shared_mutex> lock(lock_);
     if (generation != generation_) return kStaleGeneration;
-    const size_t lastChunk = static_cast<size_t>((first + frameCount - 1) / kChunkFrames);
-    if (chunks_.size() <= lastChunk) chunks_.resize(lastChunk + 1);
     for (int32_t i = 0; i < frameCount; ++i) {
-        const int32_t frame = first + i;
-        std::unique_ptr<Chunk>& chunk = chunks_[static_cast<size_t>(frame / kChunkFrames)];
-        if (!chunk) chunk = std::make_unique<Chunk>();
-        const size_t slot = static_cast<size_t>(frame % kChunkFrames);
-        std::copy_n(steps.begin() + static_cast<ptrdiff_t>(i) * kValuesPerFrame, kValuesPerFrame,
-                    chunk->values.begin() + static_cast<ptrdiff_t>(slot) * kValuesPerFrame);
-        chunk->held.set(slot);
+        uint16_t* out = frameValuesLocked(first + i);
+        for (int32_t c = 0; c < channels_; ++c)
+            std::copy_n(steps.begin() + static_cast<ptrdiff_t>(i) * kValuesPerFrame, kValuesPerFrame,
+                        out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
+    }
+    dirty_ = true;
+    return 0;
+}
+
+uint16_t* DmAudioWaveManager::frameValuesLocked(int32_t frame) {
+    const size_t index = static_cast<size_t>(frame / kChunkFrames);
+    if (chunks_.size() <= index) chunks_.resize(index + 1);
+    std::unique_ptr<Chunk>& chunk = chunks_[index];
+    if (!chunk) chunk = std::make_unique<Chunk>(channels_);
+    const size_t slot = static_cast<size_t>(frame % kChunkFrames);
+    chunk->held.set(slot);
+    return chunk->values.data() + slot * kValuesPerFrame * static_cast<size_t>(channels_);
+}
+
+int32_t DmAudioWaveManager::storeChannelFrames(uint64_t generation, int32_t first, int32_t frameCount,
+                                               int32_t channels, const float* values) {
+    if (first < 0 || frameCount < 0 || channels < 1 || (values == nullptr && frameCount > 0)) return kResultFailure;
+    if (frameCount == 0) return 0;
+    if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return kResultFailure;
+    // Quantised outside the lock, folded into the channels kept: a stream
+    // whose decoded layout has more channels than it declared keeps the
+    // largest of channel c, c + kept, c + 2 x kept ... in channel c.
+    const size_t perFrame = static_cast<size_t>(channels_) * kValuesPerFrame;
+    std::vector<uint16_t> steps(static_cast<size_t>(frameCount) * perFrame, 0);
+    for (int32_t i = 0; i < frameCount; ++i)
+        for (int32_t c = 0; c < channels; ++c)
+            for (int32_t k = 0; k < kValuesPerFrame; ++k) {
+                const float value = values[(static_cast<size_t>(i) * static_cast<size_t>(channels) + c) * kValuesPerFrame + k];
+                uint16_t& step = steps[static_cast<size_t>(i) * perFrame + static_cast<size_t>(c % channels_) * kValuesPerFrame + k];
+                step = std::max(step, quantise(value));
+            }
+    std::unique_lock<std::shared_mutex> lock(lock_);
+    if (generation != generation_) return kStaleGeneration;
+    for (int32_t i = 0; i < frameCount; ++i)
+        std::copy_n(steps.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(i) * perFrame), perFrame,
+                    frameValuesLocked(first + i));
+    dirty_ = true;
+    return 0;
+}
+
+int32_t DmAudioWaveManager::channelCount() { return channels_; }
+
+int32_t DmAudioWaveManager::readChannelWindows(int32_t channel, int64_t firstWindow, int32_t count, float* values) {
+    if (count < 0 || (count > 0 && values == nullptr) || channel < -1 || channel >= channels_) return kResultFailure;
+    std::fill(values, values + count, 0.0f);
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    for (int32_t i = 0; i < count; ++i) {
+        const int64_t window = firstWindow + i;
+        if (window < 0 || window / kValuesPerFrame > INT32_MAX) continue;
+        const auto frame = static_cast<int32_t>(window / kValuesPerFrame);
+        if (!isHeldLocked(frame)) continue;
+        const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
+        const size_t base = static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_) +
+                            static_cast<size_t>(window % kValuesPerFrame);
+        uint16_t step = 0;
+        for (int32_t c = 0; c < channels_; ++c)
+            if (channel == -1 || channel == c) step = std::max(step, chunk.values[base + static_cast<size_t>(c) * kValuesPerFrame]);
+        values[i] = dequantise(step);
     }
     return 0;
 }
@@ -198,7 +281,214 @@ void DmAudioWaveManager::setDecodeOrigin(uint64_t generation, int64_t pts, int32
     originRate_ = sampleRate;
 }
 
-DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream,
+// ---------------------------------------------------------------------------
+// The wave store on disk
+
+std::string DmAudioWaveManager::storePathLocked() const {
+    char name[96];
+    std::snprintf(name, sizeof name, "%016llx-%016llx-%016llx-s%d.mwav",
+                  static_cast<unsigned long long>(fingerprint_.size), static_cast<unsigned long long>(fingerprint_.head),
+                  static_cast<unsigned long long>(fingerprint_.tail), stream_);
+    return (std::filesystem::path(waveStoreRoot()) / name).string();
+}
+
+namespace {
+
+bool readWholeFile(const std::string& path, std::vector<char>* bytes) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    if (size < 0) return false;
+    bytes->resize(static_cast<size_t>(size));
+    in.seekg(0);
+    return static_cast<bool>(in.read(bytes->data(), size));
+}
+
+// Holds an exclusive lock on path (made when missing) while it lives: one
+// writer of a store file at a time, across processes.
+class FileLock {
+public:
+    explicit FileLock(const std::string& path) : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666)) {
+        if (fd_ >= 0)
+            while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+            }
+    }
+    ~FileLock() {
+        if (fd_ >= 0) ::close(fd_);  // releases the lock
+    }
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+
+private:
+    int fd_;
+};
+
+}  // namespace
+
+void DmAudioWaveManager::loadStore() {
+    if (!waveStoreEnabled()) return;
+    DmMediaFingerprint fingerprint;
+    if (!mediaFingerprint(mediaPath_, &fingerprint)) return;
+    uint64_t generation = 0;
+    std::string path;
+    std::string released;
+    bool newlyHeld = false;
+    {
+        std::unique_lock<std::shared_mutex> lock(lock_);
+        fingerprint_ = fingerprint;
+        haveFingerprint_ = true;
+        generation = generation_;
+        path = storePathLocked();
+        if (heldStore_ != path) {
+            released = heldStore_;
+            heldStore_ = path;
+            newlyHeld = true;
+        }
+    }
+    if (!released.empty()) releaseCacheFile(released);
+    if (newlyHeld) holdCacheFile(path);
+    std::vector<char> bytes;
+    if (!readWholeFile(path, &bytes)) return;  // not stored yet
+    DmWaveStoreData data;
+    std::string why;
+    if (!readWaveStore(bytes.data(), bytes.size(), &fingerprint, stream_, &data, &why) ||
+        (why = "kept for another channel count", static_cast<int32_t>(data.channels) != channels_)) {
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::loadStore",
+                "'%s' stream %d: the wave store file '%s' is ignored (%s); it is written again", mediaPath_.c_str(),
+                stream_, path.c_str(), why.c_str());
+        return;
+    }
+    touchCacheFile(path);
+    int64_t loaded = 0;
+    {
+        std::unique_lock<std::shared_mutex> lock(lock_);
+        if (generation != generation_) return;
+        const size_t windows = static_cast<size_t>(data.frames) * kValuesPerFrame;
+        for (int32_t frame = 0; frame < data.frames; ++frame) {
+            if (!data.isHeld(frame) || isHeldLocked(frame)) continue;
+            uint16_t* out = frameValuesLocked(frame);
+            for (int32_t c = 0; c < channels_; ++c)
+                std::copy_n(data.levels.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(c) * windows +
+                                                                          static_cast<size_t>(frame) * kValuesPerFrame),
+                            kValuesPerFrame, out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
+            ++loaded;
+        }
+        if (endFrame_ < 0) endFrame_ = data.endFrame;
+        if (!haveOrigin_ && data.hasOrigin) {
+            haveOrigin_ = true;
+            originPts_ = data.originPts;
+            originRate_ = data.originRate;
+        }
+    }
+    ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::loadStore", "'%s' stream %d: %lld frames from '%s'",
+            mediaPath_.c_str(), stream_, static_cast<long long>(loaded), path.c_str());
+}
+
+int32_t DmAudioWaveManager::flush() {
+    std::lock_guard<std::mutex> flushing(flushLock_);
+    if (!waveStoreEnabled()) return 0;
+    DmWaveStoreData data;
+    uint64_t generation = 0;
+    std::string path;
+    {
+        std::unique_lock<std::shared_mutex> lock(lock_);
+        if (!dirty_ || !haveFingerprint_) return 0;
+        dirty_ = false;
+        generation = generation_;
+        path = storePathLocked();
+        int32_t frames = 0;
+        for (size_t c = chunks_.size(); c-- > 0 && frames == 0;)
+            if (chunks_[c])
+                for (int32_t slot = kChunkFrames; slot-- > 0;)
+                    if (chunks_[c]->held.test(static_cast<size_t>(slot))) {
+                        frames = static_cast<int32_t>(c) * kChunkFrames + slot + 1;
+                        break;
+                    }
+        data.fingerprint = fingerprint_;
+        data.stream = stream_;
+        data.channels = static_cast<uint32_t>(channels_);
+        data.frames = frames;
+        data.endFrame = endFrame_;
+        data.hasOrigin = haveOrigin_;
+        data.originPts = originPts_;
+        data.originRate = originRate_;
+        data.held.assign((static_cast<size_t>(frames) + 7) / 8, 0);
+        const size_t windows = static_cast<size_t>(frames) * kValuesPerFrame;
+        data.levels.assign(static_cast<size_t>(channels_) * windows, 0);
+        for (int32_t frame = 0; frame < frames; ++frame) {
+            if (!isHeldLocked(frame)) continue;
+            data.held[static_cast<size_t>(frame) / 8] |= static_cast<uint8_t>(1u << (frame % 8));
+            const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
+            const uint16_t* in = chunk.values.data() +
+                                 static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_);
+            for (int32_t c = 0; c < channels_; ++c)
+                std::copy_n(in + static_cast<ptrdiff_t>(c) * kValuesPerFrame, kValuesPerFrame,
+                            data.levels.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(c) * windows +
+                                                                         static_cast<size_t>(frame) * kValuesPerFrame));
+        }
+    }
+    const auto failed = [&](int32_t error, const char* what) {
+        {
+            std::unique_lock<std::shared_mutex> lock(lock_);
+            if (generation == generation_) dirty_ = true;  // tried again at the next flush
+        }
+        ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::flush",
+                "'%s' stream %d: the wave store cannot %s '%s' (%s): the levels stay in memory only",
+                mediaPath_.c_str(), stream_, what, path.c_str(), writeErrorText(error).c_str());
+        return error;
+    };
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    if (const int32_t error = createFolder(folder); error != 0) return failed(error, "make the folder of");
+    int64_t before = 0;
+    std::vector<char> bytes;
+    {
+        // Another process may have stored frames of the same content: they
+        // are kept beside this one's.
+        const FileLock lock(path + ".lock");
+        std::vector<char> existing;
+        DmWaveStoreData stored;
+        if (readWholeFile(path, &existing)) {
+            before = static_cast<int64_t>(existing.size());
+            if (readWaveStore(existing.data(), existing.size(), &data.fingerprint, stream_, &stored, nullptr) &&
+                stored.channels == data.channels) {
+                const int32_t frames = std::max(data.frames, stored.frames);
+                if (frames > data.frames) {
+                    // Grown: each channel's levels move to their new place.
+                    std::vector<uint16_t> grown(static_cast<size_t>(channels_) * frames * kValuesPerFrame, 0);
+                    for (int32_t c = 0; c < channels_; ++c)
+                        std::copy_n(data.levels.begin() + static_cast<ptrdiff_t>(c) * data.frames * kValuesPerFrame,
+                                    static_cast<size_t>(data.frames) * kValuesPerFrame,
+                                    grown.begin() + static_cast<ptrdiff_t>(c) * frames * kValuesPerFrame);
+                    data.levels.swap(grown);
+                    data.held.resize((static_cast<size_t>(frames) + 7) / 8, 0);
+                    data.frames = frames;
+                }
+                for (int32_t frame = 0; frame < stored.frames; ++frame) {
+                    if (!stored.isHeld(frame) || data.isHeld(frame)) continue;
+                    data.held[static_cast<size_t>(frame) / 8] |= static_cast<uint8_t>(1u << (frame % 8));
+                    for (int32_t c = 0; c < channels_; ++c)
+                        std::copy_n(stored.levels.begin() + (static_cast<ptrdiff_t>(c) * stored.frames + frame) * kValuesPerFrame,
+                                    kValuesPerFrame,
+                                    data.levels.begin() + (static_cast<ptrdiff_t>(c) * data.frames + frame) * kValuesPerFrame);
+                }
+                if (data.endFrame < 0) data.endFrame = stored.endFrame;
+                if (!data.hasOrigin && stored.hasOrigin) {
+                    data.hasOrigin = true;
+                    data.originPts = stored.originPts;
+                    data.originRate = stored.originRate;
+                }
+            }
+        }
+        bytes = writeWaveStore(data);
+        if (const int32_t error = writeFileAtomically(path.c_str(), bytes.data(), bytes.size()); error != 0)
+            return failed(error, "write");
+    }
+    noteCacheWrite(static_cast<int64_t>(bytes.size()) - before);
+    return 0;
+}
+
+DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream, int32_t channels,
                                        const DmFileIdentity& identity) {
     Registry& reg = registry();
     DmAudioWaveManager* created = nullptr;
@@ -219,7 +509,7 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
             if (living == nullptr) reg.entries.erase(found);
         }
         if (living == nullptr) {
-            created = new DmAudioWaveManager(canonicalPath, stream, identity);
+            created = new DmAudioWaveManager(canonicalPath, stream, channels, identity);
             created->AddRef();
             reg.entries.emplace(key, RefCntWeakHolder<IDmAudioWaveMgrInternal>(
                                          static_cast<IDmAudioWaveMgrInternal*>(created)));
@@ -232,6 +522,8 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
     }
     ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d", canonicalPath.c_str(),
             stream);
+    // Outside the registry's lock: reading the store file takes a while.
+    created->loadStore();
     return created;
 }
 

@@ -6,6 +6,13 @@
 // when a clip of the file is made, or the audio task starts decoding, with a
 // different identity, the manager drops what it holds and starts empty under
 // a new generation (see IDmAudioWaveStore in DmMediaInternal.h).
+//
+// It keeps each channel's levels, and the wave store (DmWaveStoreFile.h,
+// under waveStoreRoot()) keeps them on disk for later processes: a manager
+// made for a content whose store file is valid starts with the frames that
+// file holds; flush() writes what it holds (merged with what another process
+// wrote meanwhile), when a request of the audio task ends and when the
+// manager goes.
 #pragma once
 
 #include <array>
@@ -20,6 +27,7 @@
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMediaInternal.h"
+#include "DmWaveStoreFile.h"
 
 namespace ZOR {
 
@@ -33,7 +41,7 @@ class DmAudioWaveManager final : public RefCnt<void>,
 public:
     ZOR_IMPLEMENT_REFCNT
 
-    DmAudioWaveManager(std::string mediaPath, int32_t stream, const DmFileIdentity& identity);
+    DmAudioWaveManager(std::string mediaPath, int32_t stream, int32_t channels, const DmFileIdentity& identity);
     ~DmAudioWaveManager() override;
 
     void* queryInterface(const char* name) override;
@@ -52,6 +60,15 @@ public:
     void setEndFrame(uint64_t generation, int32_t frame) override;
     bool decodeOrigin(uint64_t generation, int64_t* pts, int32_t* sampleRate) override;
     void setDecodeOrigin(uint64_t generation, int64_t pts, int32_t sampleRate) override;
+    int32_t storeChannelFrames(uint64_t generation, int32_t first, int32_t frameCount, int32_t channels,
+                               const float* values) override;
+    int32_t channelCount() override;
+    int32_t readChannelWindows(int32_t channel, int64_t firstWindow, int32_t count, float* values) override;
+    int32_t flush() override;
+
+    // Reads the store file of the current content (when the manager holds
+    // nothing yet). Called once made.
+    void loadStore();
 
     const std::string& mediaPath() const { return mediaPath_; }
     int32_t stream() const { return stream_; }
@@ -62,15 +79,21 @@ public:
 
 private:
     static constexpr int32_t kChunkFrames = 1024;
+    // Frames [c x 1024, (c + 1) x 1024): for each frame, each channel's 40
+    // values one channel after the other.
     struct Chunk {
-        std::array<uint16_t, static_cast<size_t>(kChunkFrames) * kValuesPerFrame> values{};
+        explicit Chunk(int32_t channels) : values(static_cast<size_t>(kChunkFrames) * kValuesPerFrame * channels) {}
+        std::vector<uint16_t> values;
         std::bitset<kChunkFrames> held;
     };
 
     bool isHeldLocked(int32_t frame) const;
+    uint16_t* frameValuesLocked(int32_t frame);  // makes the chunk when missing
+    std::string storePathLocked() const;
 
     const std::string mediaPath_;
     const int32_t stream_;
+    const int32_t channels_;  // 1 or more: the levels kept per frame are channels_ x 40
 
     mutable std::shared_mutex lock_;               // leaf: nothing is called with it held
     DmFileIdentity identity_;                      // guarded by lock_: the content described
@@ -80,12 +103,17 @@ private:
     bool haveOrigin_ = false;                      // guarded by lock_
     int64_t originPts_ = 0;                        // guarded by lock_
     int32_t originRate_ = 0;                       // guarded by lock_
+    bool haveFingerprint_ = false;                 // guarded by lock_
+    DmMediaFingerprint fingerprint_;               // guarded by lock_: the content's, for the store
+    bool dirty_ = false;                           // guarded by lock_: frames stored since the last flush
+    std::string heldStore_;                        // guarded by lock_: the store file marked in use
+    std::mutex flushLock_;                         // before lock_: one flush at a time
 };
 
 // The manager of (canonical path, stream) with one reference for the caller:
 // the living one when some clip still holds it (made to adopt identity), a
 // new one for identity otherwise. The registry holds weak entries only.
-DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream,
+DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t stream, int32_t channels,
                                        const DmFileIdentity& identity);
 
 }  // namespace ZOR

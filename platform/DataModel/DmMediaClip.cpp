@@ -162,7 +162,7 @@ std::unique_ptr<DmMediaClip::AudioState> DmMediaClip::makeAudioState(const DmMed
         state->sampleRate = probe.sampleRate;
         state->channels = probe.channels;
         state->duration = probe.audioDuration;
-        state->manager = acquireWaveManager(probe.path, probe.audioStream, mediaFileIdentity(probe.path.c_str()));
+        state->manager = acquireWaveManager(probe.path, probe.audioStream, probe.channels, mediaFileIdentity(probe.path.c_str()));
     }
     return state;
 }

@@ -101,6 +101,24 @@ public:
     virtual bool decodeOrigin(uint64_t generation, int64_t* pts, int32_t* sampleRate) = 0;
     virtual void setDecodeOrigin(uint64_t generation, int64_t pts, int32_t sampleRate) = 0;
 
+    // Per channel. storeChannelFrames stores frameCount frames from first on
+    // with each channel's values (for each frame, channels x 40 values, one
+    // channel after the other); a frame's value is then the largest of its
+    // channels'. Returns as storeFrames. Frames stored with storeFrames have
+    // that value in every channel.
+    virtual int32_t storeChannelFrames(uint64_t generation, int32_t first, int32_t frameCount, int32_t channels,
+                                       const float* values) = 0;
+    // The channels the store keeps apart (1 or more).
+    virtual int32_t channelCount() = 0;
+    // count values of one channel (-1: the largest of all) from millisecond
+    // window firstWindow on (window w is value w % 40 of frame w / 40); 0 for
+    // frames not held. Returns 0, or 1001 for bad arguments.
+    virtual int32_t readChannelWindows(int32_t channel, int64_t firstWindow, int32_t count, float* values) = 0;
+    // Writes what is held to the wave store on disk (see DmCache.h), merged
+    // with what the store file holds already; nothing when nothing changed.
+    // Returns 0, or the errno of a failed write (the levels stay in memory).
+    virtual int32_t flush() = 0;
+
 protected:
     ~IDmAudioWaveStore() = default;
 };

@@ -52,18 +52,32 @@ FramePtr fltpFrame(const std::vector<std::vector<float>>& planes, int rate) {
     return frame;
 }
 
+// Keeps what the accumulator hands on, each channel's windows and the largest
+// of every channel's, in order.
 class RecordingSink final : public WaveSink {
 public:
-    void store(int32_t first, int32_t count, const float* values) override {
-        if (stored.empty()) firstFrame = first;
-        EXPECT_EQ(first, firstFrame + static_cast<int32_t>(stored.size()) / kWaveValues) << "frames out of order";
-        stored.insert(stored.end(), values, values + static_cast<size_t>(count) * kWaveValues);
+    void store(int32_t first, int32_t count, int32_t channelCount, const float* values) override {
+        if (merged.empty()) firstFrame = first;
+        EXPECT_EQ(first, firstFrame + static_cast<int32_t>(merged.size()) / kWaveValues) << "frames out of order";
+        if (channels.empty()) channels.resize(static_cast<size_t>(channelCount));
+        EXPECT_EQ(channels.size(), static_cast<size_t>(channelCount));
+        for (int32_t f = 0; f < count; ++f)
+            for (int32_t k = 0; k < kWaveValues; ++k) {
+                float largest = 0.0f;
+                for (int32_t c = 0; c < channelCount; ++c) {
+                    const float value = values[(static_cast<size_t>(f) * channelCount + c) * kWaveValues + k];
+                    channels[static_cast<size_t>(c)].push_back(value);
+                    largest = std::max(largest, value);
+                }
+                merged.push_back(largest);
+            }
         ++calls;
     }
     void ended(int32_t frame) override { endFrame = frame; }
 
     int32_t firstFrame = -1;
-    std::vector<float> stored;
+    std::vector<float> merged;
+    std::vector<std::vector<float>> channels;
     int calls = 0;
     int32_t endFrame = -1;
 };
@@ -135,13 +149,19 @@ TEST(WaveSamples, TheAccumulatorGivesEachMillisecondsPeakFromPiecesOfAnySize) {
         waves.streamEnded(total);
         const int64_t frames = ZOR::btm::frameOfSample(total - 1, rate) + 1;
         EXPECT_EQ(sink.endFrame, frames);
-        ASSERT_EQ(sink.stored.size(), static_cast<size_t>(frames * kWaveValues));
-        const std::vector<float> expected = windowsOf(planes, rate, frames * kWaveValues);
-        int mismatches = 0;
-        for (size_t i = 0; i < expected.size(); ++i)
-            if (sink.stored[i] != expected[i] && ++mismatches < 5)
-                ADD_FAILURE() << "window " << i << ": " << sink.stored[i] << " expected " << expected[i];
-        EXPECT_EQ(mismatches, 0);
+        ASSERT_EQ(sink.merged.size(), static_cast<size_t>(frames * kWaveValues));
+        ASSERT_EQ(sink.channels.size(), 2u);
+        const auto compare = [&](const std::vector<float>& got, const std::vector<float>& expected, const char* what) {
+            ASSERT_EQ(got.size(), expected.size()) << what;
+            int mismatches = 0;
+            for (size_t i = 0; i < expected.size(); ++i)
+                if (got[i] != expected[i] && ++mismatches < 5)
+                    ADD_FAILURE() << what << " window " << i << ": " << got[i] << " expected " << expected[i];
+            EXPECT_EQ(mismatches, 0) << what;
+        };
+        compare(sink.merged, windowsOf(planes, rate, frames * kWaveValues), "both channels");
+        compare(sink.channels[0], windowsOf({planes[0]}, rate, frames * kWaveValues), "channel 0");
+        compare(sink.channels[1], windowsOf({planes[1]}, rate, frames * kWaveValues), "channel 1");
         EXPECT_GT(sink.calls, 1) << "frames are handed on as they complete";
     }
 }
@@ -161,8 +181,8 @@ TEST(WaveSamples, OnlyTheFramesAskedForAreKeptAndFramesAreHandedOnInCommits) {
     EXPECT_EQ(sink.calls, 0);
     waves.completeBefore(4 * rate, false);
     EXPECT_EQ(sink.firstFrame, 25);
-    ASSERT_EQ(sink.stored.size(), static_cast<size_t>(50 * kWaveValues));
-    for (float value : sink.stored) EXPECT_EQ(value, 0.25f);
+    ASSERT_EQ(sink.merged.size(), static_cast<size_t>(50 * kWaveValues));
+    for (float value : sink.merged) EXPECT_EQ(value, 0.25f);
 }
 
 }  // namespace
