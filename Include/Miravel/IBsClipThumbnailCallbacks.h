@@ -10,8 +10,9 @@
 // mutex of the callback list that calls it held (one callback of a list at a
 // time): copy what you need and return. From inside a callback do not add or
 // remove callbacks, do not call the service (several of its operations wait
-// for the threads that are calling you), and do not release it. Clip pointers
-// given to a callback carry no reference: they are valid during the call.
+// for the threads that are calling you), and do not release the service.
+// Clip pointers given to a callback carry no reference: they are valid
+// during the call.
 #pragma once
 
 #include <cstdint>
@@ -28,17 +29,17 @@ public:
     // the clip's timeline. Thread: the event bus's delivery thread after a
     // data-model edit changed the clip (sound, range, speed, enable, track)
     // or the ducking it gets, once per clip and event; the thread calling
-    // clearAudioRawSamples();
-    // or the audio builder's worker, when an answer was read while the
-    // clip's media was still being extracted.
+    // clearAudioRawSamples(); or the audio builder's worker, when an answer
+    // was read while the clip's media was still being extracted.
     virtual int32_t onAudioThumbnailNotice(IDmClip* clip) = 0;
     // audioClip left the timeline: the queries of every service for it have
     // been cancelled. Sent to the callbacks of every service working on the
     // timeline, on the event bus's delivery thread.
     virtual int32_t onAudioThumbnailChanged(IDmClip* audioClip) = 0;
-    // The answer to this service's query of clip: count values (the query's
-    // sampleCount, or that of an identical query still waiting when it was
-    // made) over the query's range [beginCns, endCns] of clip time, value i
+    // The answer to this service's query of clip: count values (its
+    // sampleCount; a query repeating the range of one still waiting for
+    // extraction is answered by that one, at its count) over the query's
+    // range [beginCns, endCns] of clip time, value i
     // at beginCns + trunc(i / count x (endCns - beginCns)), each at most 1.0.
     // Sent to the callbacks of the querying service only, on the audio
     // builder's worker thread, while the builder holds the clip's lock:
