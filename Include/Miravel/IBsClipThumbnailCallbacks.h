@@ -39,8 +39,8 @@ public:
     // The answer to this service's query of clip: count values (its
     // sampleCount; a query repeating the range of one still waiting for
     // extraction is answered by that one, at its count) over the query's
-    // range [beginCns, endCns] of clip time, value i
-    // at beginCns + trunc(i / count x (endCns - beginCns)), each at most 1.0.
+    // range [beginCns, endCns] of clip time, value i at beginCns + trunc(i /
+    // count x (endCns - beginCns)), each at most 1.0.
     // Sent to the callbacks of the querying service only, on the audio
     // builder's worker thread, while the builder holds the clip's lock:
     // querying, cancelling or clearing from here would wait on itself (or on
