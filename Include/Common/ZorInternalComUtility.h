@@ -375,7 +375,8 @@ private:
 // Callback registration lists
 
 // The registered callbacks of interface I, in registration order, each once.
-// Registration takes no reference. Notification calls every callback with the
+// Registration takes no reference: a callback stays alive until its
+// removeCallBack() has returned. Notification calls every callback with the
 // list's mutex held: callbacks are never called at the same time by one list,
 // and a removeCallBack() that returns guarantees the callback is not being
 // called and will not be called again. Hence a callback must not add or remove

@@ -1,4 +1,5 @@
-// Property keys of the clip thumbnail service.
+// Property keys of the clip thumbnail service (IBsClipThumbnailService's
+// setProperty and getProperty, which compare keys as text).
 #pragma once
 
 #include "Miravel/MiravelExport.h"

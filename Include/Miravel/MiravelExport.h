@@ -1,4 +1,5 @@
-// Visibility of Miravel's exported entry points.
+// Visibility of Miravel's exported entry points: the four factories and
+// ClipThumbnailKey::enableCalcDucking are all the library exports.
 #pragma once
 
 #if defined(_WIN32)

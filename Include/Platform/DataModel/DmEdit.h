@@ -6,7 +6,11 @@
 // edit over and waits for it; called on that thread (from an event handler or
 // a data-model notification), it runs at once. Edits, the notifications they
 // send and event delivery therefore never run at the same time. The model
-// stays readable from any thread while edits run.
+// stays readable from any thread while edits run. Never edit from a thread
+// the delivery thread may be waiting for: not from inside a Miravel callback
+// (the clip thumbnail service's change tracking, running there, may wait for
+// the audio builder's worker, which calls onAudioThumbnailData), nor while
+// holding a lock that an event handler or a callback takes.
 //
 // What an edit does, in order: it changes the model; it notifies the
 // listeners registered (IDmCallbackSource) on the objects concerned, each

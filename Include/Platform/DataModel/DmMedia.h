@@ -18,6 +18,7 @@
 namespace ZOR {
 
 // A clip of the media file at path, with one reference owned by the caller.
+// Any thread; it probes the file, which may take a while.
 // audioStreamId / videoStreamId: the container's stream index of the stream
 // to use, or -1 for the file's best stream of that kind.
 //

@@ -100,7 +100,9 @@ struct DmTimelineDesc {
     std::vector<std::string> warnings;
 };
 
-// A timeline made from desc, with one reference owned by the caller. Media
+// A timeline made from desc, with one reference owned by the caller (any
+// thread; it probes the media files). Its tracks and clips are handed out
+// without a reference and live as long as the timeline (DmEdit.h). Media
 // that cannot be read gives clips without features (as createMediaClip does),
 // not an error. Null, with *error set, when desc is inconsistent (a clip with
 // end < begin or markOut < markIn, an unknown track kind).
@@ -113,8 +115,8 @@ ZOR_PLATFORM_API IDmTimeline* createTimeline(const DmTimelineDesc& desc, std::st
 // there.
 ZOR_PLATFORM_API int32_t parseTimelineDocument(const char* path, DmTimelineDesc* desc, std::string* error);
 
-// parseTimelineDocument, then createTimeline. Null (with *error) on failure;
-// nothing is half-loaded.
+// parseTimelineDocument, then createTimeline: a timeline with one reference
+// owned by the caller. Null (with *error) on failure; nothing is half-loaded.
 ZOR_PLATFORM_API IDmTimeline* loadTimelineDocument(const char* path, std::string* error);
 
 // The same, handing out the document's warnings in *warnings (emptied when
@@ -138,7 +140,9 @@ ZOR_PLATFORM_API int32_t describeTimeline(IDmTimeline* timeline, DmTimelineDesc*
 // absolute paths otherwise; a clip without media gets a MissingReference.1.
 // The file is written under a temporary name in the same folder, flushed to
 // disk and renamed over path, so that a reader (or a crash) never meets a
-// partial document. Returns 0; otherwise 1001 with *error one line naming the
+// partial document. The timeline is read as describeTimeline() reads it (on
+// the delivery thread, waiting for it); the file is written on the calling
+// thread. Returns 0; otherwise 1001 with *error one line naming the
 // file and the cause, and whatever was at path left as it was. A track whose
 // clips overlap cannot be written (a document lays them end to end).
 ZOR_PLATFORM_API int32_t writeTimelineDocument(IDmTimeline* timeline, const char* path, std::string* error);
@@ -147,6 +151,7 @@ ZOR_PLATFORM_API int32_t writeTimelineDocument(IDmTimeline* timeline, const char
 // its constant speed or speed parts and its direction applied, exactly as its
 // sound is mapped (a video clip's pictures and its linked sound play the same
 // positions). A clip that is not on a timeline plays forwards at speed 1.
+// Any thread, also while edits run.
 ZOR_PLATFORM_API int64_t mediaTimeOfClip(IDmClip* clip, int64_t clipTime);
 
 }  // namespace ZOR

@@ -11,12 +11,20 @@ namespace ZOR {
 
 // key: the event key; data: the event's data (valid during the call);
 // context: what was given at subscription.
+//
+// Handlers run on the delivery thread, one at a time, with no lock of the
+// bus held: a handler may subscribe, unsubscribe, publish or post (what it
+// queues is delivered after it returns). One that blocks holds up every
+// event, and every data-model edit of the reference host (DmEdit.h). What a
+// handler throws is caught and logged.
 using EventHandler = void (*)(const char* key, const void* data, void* context);
 
 class IEventBus {
 public:
     // Subscribes handler to key; returns an id >= 0, or a negative value when
-    // the key is not registered.
+    // the key is not registered. context is passed to the handler as given
+    // (no reference taken): keep it valid until unsubscribe() has returned.
+    // Every operation of the bus may be called from any thread.
     virtual int32_t subscribe(const char* key, EventHandler handler, void* context, int32_t flag) = 0;
     // Registers key so that it can be subscribed to; 0 on success.
     virtual int32_t registerKey(const char* key, int32_t flag) = 0;
