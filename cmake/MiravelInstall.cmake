@@ -30,6 +30,7 @@ set(_miravel_platform_headers
   BackgroundTaskManager/BackgroundTaskManager.h
   BsDataStructure/BsDataStructure.h
   DataModel/DataModel.h
+  DataModel/DmCache.h
   DataModel/DmEdit.h
   DataModel/DmMedia.h
   DataModel/DmTime.h

@@ -191,8 +191,75 @@ int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int3
             std::copy_n(steps.begin() + static_cast<ptrdiff_t>(i) * kValuesPerFrame, kValuesPerFrame,
                         out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
     }
+    refreshCoarseLocked(first, frameCount);
     dirty_ = true;
     return 0;
+}
+
+void DmAudioWaveManager::refreshCoarseLocked(int32_t first, int32_t count) {
+    const int64_t firstWindow = int64_t{first} * kValuesPerFrame;
+    const int64_t endWindow = (int64_t{first} + count) * kValuesPerFrame;
+    const auto channels = static_cast<size_t>(channels_);
+    for (int64_t block = firstWindow / 256 * 256; block < endWindow; block += 256) {
+        const auto index = static_cast<size_t>(block / kChunkWindows);
+        if (index >= chunks_.size() || !chunks_[index]) continue;
+        Chunk& chunk = *chunks_[index];
+        const auto inChunk = static_cast<size_t>(block % kChunkWindows);
+        for (size_t c = 0; c < channels; ++c) {
+            uint16_t big = 0;
+            for (size_t b16 = inChunk / 16; b16 < inChunk / 16 + 16; ++b16) {
+                uint16_t small = 0;
+                for (size_t w = b16 * 16; w < b16 * 16 + 16; ++w)
+                    small = std::max(small, chunk.values[((w / kValuesPerFrame) * channels + c) * kValuesPerFrame +
+                                                         w % kValuesPerFrame]);
+                chunk.coarse16[c * (kChunkWindows / 16) + b16] = small;
+                big = std::max(big, small);
+            }
+            chunk.coarse256[c * (kChunkWindows / 256) + inChunk / 256] = big;
+        }
+    }
+}
+
+uint16_t DmAudioWaveManager::chunkPeakLocked(const Chunk& chunk, int32_t channel, int64_t first, int64_t end) const {
+    // first and end are windows inside the chunk.
+    const auto channels = static_cast<size_t>(channels_);
+    uint16_t best = 0;
+    for (size_t c = 0; c < channels; ++c) {
+        if (channel >= 0 && static_cast<size_t>(channel) != c) continue;
+        int64_t w = first;
+        while (w < end) {
+            if (w % 256 == 0 && w + 256 <= end) {
+                best = std::max(best, chunk.coarse256[c * (kChunkWindows / 256) + static_cast<size_t>(w / 256)]);
+                w += 256;
+            } else if (w % 16 == 0 && w + 16 <= end) {
+                best = std::max(best, chunk.coarse16[c * (kChunkWindows / 16) + static_cast<size_t>(w / 16)]);
+                w += 16;
+            } else {
+                const auto window = static_cast<size_t>(w);
+                best = std::max(best, chunk.values[((window / kValuesPerFrame) * channels + c) * kValuesPerFrame +
+                                                   window % kValuesPerFrame]);
+                ++w;
+            }
+        }
+    }
+    return best;
+}
+
+float DmAudioWaveManager::channelPeak(int32_t channel, int64_t firstWindow, int64_t endWindow) {
+    if (channel < -1 || channel >= channels_) return 0.0f;
+    firstWindow = std::max<int64_t>(firstWindow, 0);
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    endWindow = std::min<int64_t>(endWindow, static_cast<int64_t>(chunks_.size()) * kChunkWindows);
+    uint16_t best = 0;
+    for (int64_t w = firstWindow; w < endWindow;) {
+        const int64_t index = w / kChunkWindows;
+        const int64_t chunkEnd = std::min(endWindow, (index + 1) * kChunkWindows);
+        if (const auto& chunk = chunks_[static_cast<size_t>(index)])
+            best = std::max(best, chunkPeakLocked(*chunk, channel, w - index * kChunkWindows,
+                                                  chunkEnd - index * kChunkWindows));
+        w = chunkEnd;
+    }
+    return dequantise(best);
 }
 
 uint16_t* DmAudioWaveManager::frameValuesLocked(int32_t frame) {
@@ -227,6 +294,7 @@ int32_t DmAudioWaveManager::storeChannelFrames(uint64_t generation, int32_t firs
     for (int32_t i = 0; i < frameCount; ++i)
         std::copy_n(steps.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(i) * perFrame), perFrame,
                     frameValuesLocked(first + i));
+    refreshCoarseLocked(first, frameCount);
     dirty_ = true;
     return 0;
 }
@@ -374,6 +442,7 @@ void DmAudioWaveManager::loadStore() {
                             kValuesPerFrame, out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
             ++loaded;
         }
+        refreshCoarseLocked(0, data.frames);
         if (endFrame_ < 0) endFrame_ = data.endFrame;
         if (!haveOrigin_ && data.hasOrigin) {
             haveOrigin_ = true;
@@ -433,9 +502,13 @@ int32_t DmAudioWaveManager::flush() {
             std::unique_lock<std::shared_mutex> lock(lock_);
             if (generation == generation_) dirty_ = true;  // tried again at the next flush
         }
-        ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::flush",
-                "'%s' stream %d: the wave store cannot %s '%s' (%s): the levels stay in memory only",
-                mediaPath_.c_str(), stream_, what, path.c_str(), writeErrorText(error).c_str());
+        // Said once: the next flushes try again, quietly.
+        if (!toldWriteFailure_) {
+            toldWriteFailure_ = true;
+            ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::flush",
+                    "'%s' stream %d: the wave store cannot %s '%s' (%s): the levels stay in memory only",
+                    mediaPath_.c_str(), stream_, what, path.c_str(), writeErrorText(error).c_str());
+        }
         return error;
     };
     const std::string folder = std::filesystem::path(path).parent_path().string();

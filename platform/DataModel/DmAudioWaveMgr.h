@@ -64,6 +64,7 @@ public:
                                const float* values) override;
     int32_t channelCount() override;
     int32_t readChannelWindows(int32_t channel, int64_t firstWindow, int32_t count, float* values) override;
+    float channelPeak(int32_t channel, int64_t firstWindow, int64_t endWindow) override;
     int32_t flush() override;
 
     // Reads the store file of the current content (when the manager holds
@@ -79,16 +80,27 @@ public:
 
 private:
     static constexpr int32_t kChunkFrames = 1024;
+    static constexpr int32_t kChunkWindows = kChunkFrames * kValuesPerFrame;  // 160 x 256
     // Frames [c x 1024, (c + 1) x 1024): for each frame, each channel's 40
-    // values one channel after the other.
+    // values one channel after the other; beside them, for each channel, the
+    // largest of every 16 and every 256 windows (frames not held count 0), so
+    // that the peak of a long range reads few values.
     struct Chunk {
-        explicit Chunk(int32_t channels) : values(static_cast<size_t>(kChunkFrames) * kValuesPerFrame * channels) {}
+        explicit Chunk(int32_t channels)
+            : values(static_cast<size_t>(kChunkWindows) * channels),
+              coarse16(static_cast<size_t>(kChunkWindows / 16) * channels),
+              coarse256(static_cast<size_t>(kChunkWindows / 256) * channels) {}
         std::vector<uint16_t> values;
+        std::vector<uint16_t> coarse16;   // channel after channel
+        std::vector<uint16_t> coarse256;  // channel after channel
         std::bitset<kChunkFrames> held;
     };
 
     bool isHeldLocked(int32_t frame) const;
     uint16_t* frameValuesLocked(int32_t frame);  // makes the chunk when missing
+    // Works out the coarse levels over frames [first, first + count) again.
+    void refreshCoarseLocked(int32_t first, int32_t count);
+    uint16_t chunkPeakLocked(const Chunk& chunk, int32_t channel, int64_t first, int64_t end) const;
     std::string storePathLocked() const;
 
     const std::string mediaPath_;
@@ -108,6 +120,7 @@ private:
     bool dirty_ = false;                           // guarded by lock_: frames stored since the last flush
     std::string heldStore_;                        // guarded by lock_: the store file marked in use
     std::mutex flushLock_;                         // before lock_: one flush at a time
+    bool toldWriteFailure_ = false;                // guarded by flushLock_
 };
 
 // The manager of (canonical path, stream) with one reference for the caller:

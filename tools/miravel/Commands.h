@@ -20,6 +20,8 @@ int runVideo(int argc, char** argv);
 int runRender(int argc, char** argv);
 int runMedia(int argc, char** argv);
 int runDemo(int argc, char** argv);
+int runPeaks(int argc, char** argv);
+int runCache(int argc, char** argv);
 
 // wave MEDIA: the audio wave wrapper's values of [begin, end).
 struct WaveRequest {
@@ -31,6 +33,26 @@ struct WaveRequest {
     std::chrono::seconds timeout{600};
 };
 std::string waveJson(const WaveRequest& request);
+
+// peaks MEDIA: a peak-true view of the wave data, from the wave store, what
+// it lacks extracted first.
+struct PeaksRequest {
+    std::string media;
+    int32_t stream = -1;
+    std::optional<int64_t> begin;  // both or neither; default: the whole stream
+    std::optional<int64_t> end;
+    int32_t points = 1;
+    bool channels = false;  // each channel's values too
+    std::chrono::seconds timeout{600};
+};
+std::string peaksJson(const PeaksRequest& request);
+
+// cache: what the cache root holds, after pruning it to bytes or emptying it.
+struct CacheRequest {
+    std::optional<int64_t> prune;
+    bool clear = false;
+};
+std::string cacheJson(const CacheRequest& request);
 
 // frames MEDIA: the video frame wrapper's pictures at times.
 struct FramesRequest {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <climits>
 #include <string>
 
 namespace miravel {
@@ -33,6 +34,9 @@ inline constexpr Limit samples{"--samples", 1, 10'000'000, "", "wave"};
 // of floats.
 inline constexpr Limit values{"values printed (wave: 40 a frame sampled; audio: --points)", 1, 4'000'000, "",
                               "wave, audio"};
+// peaks prints points values, and as many again for each channel.
+inline constexpr Limit points{"--points", 1, 1'000'000, "", "peaks"};
+inline constexpr Limit cacheBytes{"--prune", 0, INT64_MAX, "bytes (K, M or G after it: times 1024, 1024^2, 1024^3)", "cache"};
 // A time list is one argument, and one argument holds at most 128 KiB.
 inline constexpr Limit timeCount{"how many --times", 1, 10'000, "", "frames, video"};
 // The pictures the frame store and the thumb adapter take.
@@ -55,7 +59,7 @@ inline constexpr Limit mediaPath{"MEDIA", 1, 1023, "bytes", "media"};
 inline constexpr Limit rootPath{"--root", 1, 959, "bytes", "media"};
 inline constexpr Limit timeout{"--timeout", 1, 1'000'000'000, "seconds", "every command that waits"};
 
-inline constexpr const Limit* all[] = {&time,  &waveRange, &stream, &samples, &values,   &timeCount,
+inline constexpr const Limit* all[] = {&time,  &waveRange, &stream, &samples, &values,   &points, &cacheBytes, &timeCount,
                                        &side,  &pictureBytes, &heldBytes, &width, &count, &position,
                                        &mediaPath, &rootPath, &timeout};
 

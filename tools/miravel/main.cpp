@@ -40,6 +40,8 @@ int dispatch(int argc, char** argv) {
     if (command == "render") return miravel::runRender(argc, argv);
     if (command == "media") return miravel::runMedia(argc, argv);
     if (command == "demo") return miravel::runDemo(argc, argv);
+    if (command == "peaks") return miravel::runPeaks(argc, argv);
+    if (command == "cache") return miravel::runCache(argc, argv);
     if (command == "help" || command == "--help" || command == "-h") {
         std::fputs(usage().c_str(), stdout);
         return 0;

@@ -114,6 +114,11 @@ public:
     // window firstWindow on (window w is value w % 40 of frame w / 40); 0 for
     // frames not held. Returns 0, or 1001 for bad arguments.
     virtual int32_t readChannelWindows(int32_t channel, int64_t firstWindow, int32_t count, float* values) = 0;
+    // The largest value of one channel (-1: of all) over the millisecond
+    // windows [firstWindow, endWindow); 0 for an empty range and for frames
+    // not held. Reads coarse levels where whole 16 or 256 ms blocks lie
+    // inside the range, so an hour costs tens of thousands of reads.
+    virtual float channelPeak(int32_t channel, int64_t firstWindow, int64_t endWindow) = 0;
     // Writes what is held to the wave store on disk (see DmCache.h), merged
     // with what the store file holds already; nothing when nothing changed.
     // Returns 0, or the errno of a failed write (the levels stay in memory).
