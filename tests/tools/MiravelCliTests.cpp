@@ -669,6 +669,15 @@ TEST(MiravelCli, DemoMakesItsMediaAndRunsEveryPipeline) {
     std::ifstream in(summary);
     const Json parsed = Json::parse(in);
     EXPECT_EQ(parsed.at("files"), json.at("files"));
+    // The wave step ran twice, decoding and then reading the wave store that
+    // the demo keeps in its folder (the values are compared by the demo);
+    // every step that decoded sound left its levels there.
+    EXPECT_GE(parsed.at("wave_cold_ms").get<int64_t>(), 0);
+    EXPECT_GE(parsed.at("wave_warm_ms").get<int64_t>(), 0);
+    int storeFiles = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(out) / "wave-store"))
+        storeFiles += entry.path().extension() == ".mwav" ? 1 : 0;
+    EXPECT_EQ(storeFiles, 3);  // the sound of the music, the voice and the video
 
     // The media thumbnail manager's 24 pictures of the video, 160x90, in its
     // rendering order, listed in the output and in the summary.
