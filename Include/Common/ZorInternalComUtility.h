@@ -129,9 +129,9 @@ struct RefCntBlock {
             return 0;
         }
         const int32_t now = before - 1;
-        // A strong count of -1 here means the object was destroyed without ever
-        // being counted (a Release of a fresh object, or a plain delete); its
-        // block is freed as well, since no weak holder can exist for it.
+        // Freed at a strong count of 0, and also at -1: an object destroyed
+        // without ever being counted (a Release of a fresh object, or a plain
+        // delete) leaves -1, and freeing only at 0 would leak its block.
         if (now == 0 && block->strong.load(std::memory_order_acquire) <= 0) delete block;
         return now;
     }
