@@ -418,9 +418,10 @@ void DmAudioWaveManager::loadStore() {
     if (newlyHeld) holdCacheFile(path);
     std::vector<char> bytes;
     if (!readWholeFile(path, &bytes)) return;  // not stored yet
-    DmWaveStoreData data;
+    DmWaveStoreView view;
+    const DmWaveStoreData& data = view.data;
     std::string why;
-    if (!readWaveStore(bytes.data(), bytes.size(), &fingerprint, stream_, &data, &why) ||
+    if (!readWaveStoreView(bytes.data(), bytes.size(), &fingerprint, stream_, &view, &why) ||
         (why = "kept for another channel count", static_cast<int32_t>(data.channels) != channels_)) {
         ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::loadStore",
                 "'%s' stream %d: the wave store file '%s' is ignored (%s); it is written again", mediaPath_.c_str(),
@@ -433,6 +434,7 @@ void DmAudioWaveManager::loadStore() {
         std::unique_lock<std::shared_mutex> lock(lock_);
         if (generation != generation_) return;
         const size_t windows = static_cast<size_t>(data.frames) * kValuesPerFrame;
+        const bool wasEmpty = chunks_.empty();
         for (int32_t frame = 0; frame < data.frames; ++frame) {
             if (!data.isHeld(frame) || isHeldLocked(frame)) continue;
             uint16_t* out = frameValuesLocked(frame);
@@ -442,7 +444,29 @@ void DmAudioWaveManager::loadStore() {
                             kValuesPerFrame, out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
             ++loaded;
         }
-        refreshCoarseLocked(0, data.frames);
+        if (wasEmpty) {
+            // Nothing else is held: the file's coarse levels are the chunks'.
+            const size_t count16 = (windows + 15) / 16;
+            const size_t count256 = (windows + 255) / 256;
+            for (size_t index = 0; index < chunks_.size(); ++index) {
+                if (!chunks_[index]) continue;
+                Chunk& chunk = *chunks_[index];
+                const size_t first16 = index * (kChunkWindows / 16);
+                const size_t first256 = index * (kChunkWindows / 256);
+                for (size_t c = 0; c < static_cast<size_t>(channels_); ++c) {
+                    if (first16 < count16)
+                        std::copy_n(view.level16.begin() + static_cast<ptrdiff_t>(c * count16 + first16),
+                                    std::min<size_t>(kChunkWindows / 16, count16 - first16),
+                                    chunk.coarse16.begin() + static_cast<ptrdiff_t>(c * (kChunkWindows / 16)));
+                    if (first256 < count256)
+                        std::copy_n(view.level256.begin() + static_cast<ptrdiff_t>(c * count256 + first256),
+                                    std::min<size_t>(kChunkWindows / 256, count256 - first256),
+                                    chunk.coarse256.begin() + static_cast<ptrdiff_t>(c * (kChunkWindows / 256)));
+                }
+            }
+        } else {
+            refreshCoarseLocked(0, data.frames);
+        }
         if (endFrame_ < 0) endFrame_ = data.endFrame;
         if (!haveOrigin_ && data.hasOrigin) {
             haveOrigin_ = true;
