@@ -23,24 +23,13 @@ if [[ ! -s "$mp3" ]]; then
 fi
 [[ -s "$wav" ]] || ffmpeg -nostdin -v error -y -i "$mp3" -c:a pcm_s16le "$wav"
 
-# median of 5 wall times (s) of a command
+# median of 5 wall times (s) of a command; with "cold" first, each run starts
+# with an empty cache root
 median() {
-  local times=()
+  local cold=0 times=()
+  if [[ $1 == cold ]]; then cold=1; shift; fi
   for _ in 1 2 3 4 5; do
-    local start end
-    start=$(date +%s.%N)
-    "$@" >/dev/null 2>&1
-    end=$(date +%s.%N)
-    times+=("$(echo "$end - $start" | bc -l)")
-  done
-  printf '%s\n' "${times[@]}" | sort -g | sed -n 3p
-}
-
-# median of 5 wall times (s) of a command run on an empty cache root
-median_cold() {
-  local times=()
-  for _ in 1 2 3 4 5; do
-    rm -rf "$XDG_CACHE_HOME"
+    [[ $cold == 1 ]] && rm -rf "$XDG_CACHE_HOME"
     local start end
     start=$(date +%s.%N)
     "$@" >/dev/null 2>&1
@@ -53,10 +42,10 @@ median_cold() {
 wave_args=(--begin 0 --end 36000000000 --samples 2000)
 for file in "$mp3" "$wav"; do
   name=$(basename "$file")
-  cold_wave=$(median_cold "$miravel" wave "$file" "${wave_args[@]}")
+  cold_wave=$(median cold "$miravel" wave "$file" "${wave_args[@]}")
   "$miravel" wave "$file" "${wave_args[@]}" >/dev/null 2>&1
   warm_wave=$(median "$miravel" wave "$file" "${wave_args[@]}")
-  cold_peaks=$(median_cold "$miravel" peaks "$file" --points 2000)
+  cold_peaks=$(median cold "$miravel" peaks "$file" --points 2000)
   "$miravel" peaks "$file" --points 2000 >/dev/null 2>&1
   warm_peaks=$(median "$miravel" peaks "$file" --points 2000)
   ff=$(median ffmpeg -nostdin -v error -i "$file" -f null -)

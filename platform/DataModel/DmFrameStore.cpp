@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "Common/ZorInternalComUtility.h"
+#include "DataModel/DmCache.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
 #include "ZorUtils/ZorUtils.h"
@@ -34,14 +35,7 @@ RootSetting& rootSetting() {
     return *setting;
 }
 
-std::string defaultRoot() {
-    const char* cache = std::getenv("XDG_CACHE_HOME");
-    if (cache != nullptr && *cache != '\0') return (std::filesystem::path(cache) / "miravel" / "frames").string();
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0')
-        return (std::filesystem::path(home) / ".cache" / "miravel" / "frames").string();
-    return "/tmp/miravel/frames";
-}
+std::string defaultRoot() { return (std::filesystem::path(cacheRoot()) / "frames").string(); }
 
 uint64_t fnv1a(const std::string& text) {
     uint64_t hash = 14695981039346656037ULL;

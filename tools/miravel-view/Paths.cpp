@@ -1,3 +1,4 @@
+#include "DataModel/DmCache.h"
 #include "Paths.h"
 
 #include <unistd.h>
@@ -48,13 +49,7 @@ std::string safeName(const std::string& name) {
 
 }  // namespace
 
-std::string cacheRoot() {
-    const char* xdg = std::getenv("XDG_CACHE_HOME");
-    if (xdg != nullptr && *xdg != '\0') return (fs::path(xdg) / "miravel").string();
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0') return (fs::path(home) / ".cache" / "miravel").string();
-    return "/tmp/miravel";
-}
+std::string cacheRoot() { return ZOR::cacheRoot(); }
 
 std::string demoFolder(const std::string& root) { return (fs::path(root) / "demo").string(); }
 

@@ -92,6 +92,15 @@ protected:
                 for (int32_t k = 0; k < kValues; ++k) values.push_back(static_cast<float>((f + 1) * (c + 1)) / 4096.0f);
         return values;
     }
+    // Stores the pattern of frames [first, first + count) through a clip of
+    // path that is then dropped: its manager goes, writing its store file.
+    void keepFrames(const std::string& path, int32_t first, int32_t count) {
+        const ZorRef<IDmClip> clip = clipOf(path);
+        IDmAudioWaveStore* store = storeOf(clip);
+        ASSERT_NE(store, nullptr);
+        const std::vector<float> values = pattern(first, count, 2);
+        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), first, count, 2, values.data()), 0);
+    }
     std::vector<std::string> storeFiles() const {
         std::vector<std::string> files;
         std::error_code ec;
@@ -218,12 +227,7 @@ TEST_F(WaveStoreTest, ASecondManagerServesEveryHeldFrameFromTheStorePerChannel) 
 
 TEST_F(WaveStoreTest, APartialStoreServesWhatItHoldsAndLeavesTheRestMissing) {
     const std::string path = stereoWav("tone.wav", 2.0);
-    {
-        const ZorRef<IDmClip> clip = clipOf(path);
-        IDmAudioWaveStore* store = storeOf(clip);
-        const std::vector<float> values = pattern(10, 5, 2);
-        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), 10, 5, 2, values.data()), 0);
-    }
+    keepFrames(path, 10, 5);
     const ZorRef<IDmClip> again = clipOf(path);
     IDmAudioWaveStore* store = storeOf(again);
     const std::vector<std::pair<int32_t, int32_t>> missing = store->missingRanges(0, 30);
@@ -242,12 +246,7 @@ TEST_F(WaveStoreTest, APartialStoreServesWhatItHoldsAndLeavesTheRestMissing) {
 
 TEST_F(WaveStoreTest, ARenamedFileFindsItsLevels) {
     const std::string path = stereoWav("tone.wav", 1.0);
-    {
-        const ZorRef<IDmClip> clip = clipOf(path);
-        IDmAudioWaveStore* store = storeOf(clip);
-        const std::vector<float> values = pattern(0, 3, 2);
-        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), 0, 3, 2, values.data()), 0);
-    }
+    keepFrames(path, 0, 3);
     fs::create_directories(folder_.file("moved"));
     const std::string moved = folder_.file("moved/renamed.wav");
     fs::rename(path, moved);
@@ -259,12 +258,7 @@ TEST_F(WaveStoreTest, SameSizeAndTimeButOtherContentFindsNoLevels) {
     const std::string path = stereoWav("tone.wav", 1.0);
     struct stat before {};
     ASSERT_EQ(::stat(path.c_str(), &before), 0);
-    {
-        const ZorRef<IDmClip> clip = clipOf(path);
-        IDmAudioWaveStore* store = storeOf(clip);
-        const std::vector<float> values = pattern(0, 3, 2);
-        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), 0, 3, 2, values.data()), 0);
-    }
+    keepFrames(path, 0, 3);
     // The same size and modification time, other samples in the middle.
     const std::string other = stereoWav("other.wav", 1.0, 0.75, 0.125);
     const std::vector<char> otherBytes = readAll(other);
@@ -295,12 +289,7 @@ TEST_F(WaveStoreTest, AFileReplacedInPlaceNeverGetsTheOldLevels) {
 
 TEST_F(WaveStoreTest, ADamagedStoreFileIsIgnoredWithOneWarningAndWrittenAgain) {
     const std::string path = stereoWav("tone.wav", 1.0);
-    {
-        const ZorRef<IDmClip> clip = clipOf(path);
-        IDmAudioWaveStore* store = storeOf(clip);
-        const std::vector<float> values = pattern(0, 3, 2);
-        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), 0, 3, 2, values.data()), 0);
-    }
+    keepFrames(path, 0, 3);
     const std::string file = storeFiles().at(0);
     std::vector<char> bytes = readAll(file);
     bytes[bytes.size() - 3] ^= 0x40;
