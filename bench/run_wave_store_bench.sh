@@ -50,7 +50,8 @@ for file in "$mp3" "$wav"; do
   warm_peaks=$(median "$miravel" peaks "$file" --points 2000)
   ff=$(median ffmpeg -nostdin -v error -i "$file" -f null -)
   pic=$(median ffmpeg -nostdin -v error -y -i "$file" -filter_complex "showwavespic=s=2000x200:split_channels=1" -frames:v 1 "$work/wave.png")
-  rss=$( { /usr/bin/time -f '%M' "$miravel" peaks "$file" --points 2000 >/dev/null 2>/dev/null; } 2>&1 | tail -1)
+  /usr/bin/time -f '%M' -o "$work/rss.txt" "$miravel" peaks "$file" --points 2000 >/dev/null 2>&1
+  rss=$(tail -1 "$work/rss.txt")
   store=$(find "$XDG_CACHE_HOME/miravel/waves" -name '*.mwav' -printf '%s\n' | head -1)
   printf '%s\n  wave --samples 2000: cold %.3f s, warm %.4f s (%.3f of cold, %.3f of ffmpeg decoding)\n  peaks --points 2000 (every frame): cold %.3f s, warm %.4f s (%.4f of cold); warm max RSS %s KiB\n  ffmpeg -f null decode %.3f s; ffmpeg showwavespic 2000x200 %.3f s\n  store %s bytes: %.2f MB per hour per channel\n' \
     "$name" "$cold_wave" "$warm_wave" "$(echo "$warm_wave / $cold_wave" | bc -l)" "$(echo "$warm_wave / $ff" | bc -l)" \
