@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "../platform/Adapter/ThumbAdapterInternal.h"
+#include "ThumbAdapterInternal.h"
 #include "Adapter/Adapter.h"
 
 namespace {
