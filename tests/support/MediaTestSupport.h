@@ -22,37 +22,9 @@
 
 #include <gtest/gtest.h>
 
+#include "TempFolder.h"
+
 namespace MediaTest {
-
-// A fresh, empty folder for one test, removed when the test ends.
-class TempFolder {
-public:
-    TempFolder() {
-        static std::atomic<int> counter{0};
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = "miravel-media-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
-        if (info != nullptr) name += std::string("-") + info->name();
-        // Parameterised tests are named "Test/Param": one folder, not two.
-        std::replace(name.begin(), name.end(), '/', '-');
-        path_ = std::filesystem::temp_directory_path() / name;
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-        std::filesystem::create_directories(path_, ec);
-        EXPECT_FALSE(ec) << "cannot create " << path_ << ": " << ec.message();
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
 
 // Runs "ffmpeg <arguments>" quietly; true when it succeeded.
 inline bool ffmpeg(const std::string& arguments) {

@@ -56,7 +56,7 @@ inline CliRun runShell(const std::string& command, const std::string& errPath) {
 
 // Runs the miravel command line with the frame store under the folder (or
 // under cacheHome when given). arguments are shell words.
-inline CliRun runMiravel(const MediaTest::TempFolder& folder, const std::string& arguments,
+inline CliRun runMiravel(const ZOR::test::TempFolder& folder, const std::string& arguments,
                          const std::string& cacheHome = std::string()) {
     const std::string errPath = folder.file("stderr.txt");
     const std::string cache = cacheHome.empty() ? folder.file("cache") : cacheHome;
@@ -66,7 +66,7 @@ inline CliRun runMiravel(const MediaTest::TempFolder& folder, const std::string&
 }
 
 // A 2.5 s stereo WAV file whose levels change over time.
-inline std::string rampWav(const MediaTest::TempFolder& folder, int rate) {
+inline std::string rampWav(const ZOR::test::TempFolder& folder, int rate) {
     const std::string path = folder.file("ramp-" + std::to_string(rate) + ".wav");
     MediaTest::ffmpeg("-f lavfi -i \"aevalsrc=exprs='(0.1+0.3*t)*sin(2*PI*440*t)|(0.9-0.3*t)*sin(2*PI*660*t)':s=" +
                       std::to_string(rate) + ":d=2.5\" -c:a pcm_s16le '" + path + "'");
@@ -104,7 +104,7 @@ inline Json otioTrack(const std::string& name, const std::string& kind, const Js
     return Json{{"OTIO_SCHEMA", "Track.1"}, {"name", name}, {"kind", kind}, {"children", children}};
 }
 
-inline std::string writeDocument(const MediaTest::TempFolder& folder, const std::string& name, const Json& tracks) {
+inline std::string writeDocument(const ZOR::test::TempFolder& folder, const std::string& name, const Json& tracks) {
     const std::string path = folder.file(name);
     MediaTest::writeText(path, Json{{"OTIO_SCHEMA", "Timeline.1"},
                                     {"name", "cut"},

@@ -37,7 +37,7 @@ using CliTest::runShell;
 using CliTest::shellQuoted;
 using CliTest::writeDocument;
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 // 64x36, every frame a keyframe, red for seconds.
 std::string redVideo(const TempFolder& folder, int seconds) {

@@ -25,7 +25,7 @@ using CliTest::runMiravel;
 using CliTest::shellQuoted;
 using CliTest::writeDocument;
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 constexpr int64_t kTimeLimit = 100'000'000'000'000;   // 10^14 cns
 constexpr int64_t kWaveRange = 10'000'000'000'000;    // 10^13 cns

@@ -23,7 +23,7 @@ namespace {
 
 using MediaTest::expectedThumbnail;
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 using CliTest::CliRun;
 using CliTest::rampWav;

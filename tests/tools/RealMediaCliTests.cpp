@@ -24,7 +24,7 @@
 namespace {
 
 using Json = nlohmann::json;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 constexpr int kCycle = 28;
 constexpr int kGop = 12;

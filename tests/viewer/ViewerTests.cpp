@@ -14,6 +14,7 @@
 #include <QTest>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <map>
@@ -30,6 +31,7 @@
 #include "MediaBin.h"
 #include "Paths.h"
 #include "TimelineView.h"
+#include "Timeouts.h"
 #include "ViewerTestMedia.h"
 
 #include <QCheckBox>
@@ -41,7 +43,8 @@ using miravel::view::TimelineView;
 
 namespace {
 
-constexpr int kLong = 180'000;  // ms: generous, for sanitizer builds on busy machines
+// ms: generous, for sanitizer builds on busy machines
+constexpr int kLong = static_cast<int>(std::chrono::milliseconds(ZOR::test::kGenerousForStress).count());
 
 // A window on a cache folder of its own; everything is shut down (threads
 // joined) when it goes.

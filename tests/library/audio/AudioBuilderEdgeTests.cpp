@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AudioEdgeSupport.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
@@ -57,7 +58,7 @@ TEST_F(AudioEdgeTest, TheWorkerWakesWithinItsWaitWithNothingQueued) {
     ASSERT_TRUE(drainWorker());
     const size_t deliveries = queryer.callback.deliveries().size();
     const uint64_t before = builder().workerRounds();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + kGenerous;
     while (builder().workerRounds() < before + 3 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
     EXPECT_GE(builder().workerRounds(), before + 3);

@@ -24,6 +24,7 @@
 #include "FakeTimeline.h"
 #include "MediaTestSupport.h"
 #include "TimelineDescs.h"
+#include "Timeouts.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -32,7 +33,6 @@ namespace {
 // The test media, and the thumbnails worked out from their samples.
 using namespace MediaTest;
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
 constexpr uint32_t kChangeVolume = 0x40;
 

@@ -41,6 +41,7 @@
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
 #include "TimelineDescs.h"
+#include "Timeouts.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -49,7 +50,6 @@ namespace {
 // The test media, and the thumbnails worked out from their samples.
 using namespace MediaTest;
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
 constexpr int64_t kFrame = 400'000;      // one frame at 25/1, cns
 

@@ -24,7 +24,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 std::string hex(const void* pointer) {
     char text[32];

@@ -38,6 +38,7 @@
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
+#include "Timeouts.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -46,7 +47,6 @@ namespace {
 // The test media, and the thumbnails worked out from their samples.
 using namespace MediaTest;
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
 
 // The document's layout, in cns. Music track: A on [0, 2 s) from 0.3 s of

@@ -27,7 +27,7 @@ constexpr int kMedia = 5;
 constexpr int kThreads = 3;
 
 TEST(ThumbManagerConcurrencyTest, GetFrameFromThreeThreadsWithStopsResizesAndCacheClearsThenDestruction) {
-    MediaTest::TempFolder folder;
+    TempFolder folder;
     // Five media items: one small video under five names.
     const std::string first = folder.file("media0.mp4");
     ASSERT_TRUE(makeColourVideo(first, {{255, 0, 0}, {0, 0, 255}}, 64, 36, 25));
@@ -118,7 +118,7 @@ TEST(ThumbManagerConcurrencyTest, GetFrameFromThreeThreadsWithStopsResizesAndCac
     }
     ASSERT_EQ(manager->setThumbSize(64, 36), 0);
     ASSERT_EQ(manager->setMaxTasks(kMedia), 0);
-    const auto settle = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    const auto settle = std::chrono::steady_clock::now() + kGenerousForStress;
     for (;;) {
         int missingItems = 0;
         for (int m = 0; m < kMedia; ++m) {
@@ -145,7 +145,7 @@ TEST(ThumbManagerConcurrencyTest, GetFrameFromThreeThreadsWithStopsResizesAndCac
     // Destroyed while it may still be working: returns promptly.
     IBsThumbManager* held = manager.take();
     auto destroyed = std::async(std::launch::async, [held] { held->Release(); });
-    ASSERT_EQ(destroyed.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    ASSERT_EQ(destroyed.wait_for(kGenerous), std::future_status::ready);
     destroyed.get();
     EXPECT_TRUE(filesNamed(folder.path(), ".tmp").empty());
 }

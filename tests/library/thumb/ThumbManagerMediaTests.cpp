@@ -36,13 +36,13 @@ int64_t frameTime(int32_t index, int32_t count, int64_t duration, int64_t start)
 class ThumbManagerSixtySecondTest : public ThumbManagerFixture {
 protected:
     static void SetUpTestSuite() {
-        folder() = std::make_unique<MediaTest::TempFolder>();
+        folder() = std::make_unique<TempFolder>();
         video() = folder()->file("sixty.mp4");
         if (!makeColourVideo(video(), palette(kSeconds), 160, 90, 50)) video().clear();
     }
     static void TearDownTestSuite() { folder().reset(); }
-    static std::unique_ptr<MediaTest::TempFolder>& folder() {
-        static std::unique_ptr<MediaTest::TempFolder> held;
+    static std::unique_ptr<TempFolder>& folder() {
+        static std::unique_ptr<TempFolder> held;
         return held;
     }
     static std::string& video() {

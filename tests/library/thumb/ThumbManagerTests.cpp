@@ -768,7 +768,7 @@ TEST_F(ThumbManagerFaultTest, DestroyingTheManagerWhileItDecodesReturnsPromptlyA
 
     IBsThumbManager* manager = manager_.take();
     auto destroyed = std::async(std::launch::async, [manager] { manager->Release(); });
-    ASSERT_EQ(destroyed.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    ASSERT_EQ(destroyed.wait_for(kGenerous), std::future_status::ready);
     destroyed.get();
 
     EXPECT_TRUE(filesNamed(folder_.path(), ".tmp").empty());

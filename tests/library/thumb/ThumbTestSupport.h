@@ -26,11 +26,11 @@
 #include "BsThumbManager.h"
 #include "MediaTestSupport.h"
 #include "Miravel/IBsThumbManager.h"
+#include "Timeouts.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR::test {
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
 
 struct Rgb {
@@ -459,7 +459,7 @@ protected:
         return std::string(bytes.begin(), bytes.end());
     }
 
-    MediaTest::TempFolder folder_;
+    TempFolder folder_;
     FilterProbe probe_;
     Recorder recorder_;
     std::string root_;

@@ -20,21 +20,20 @@
 #include "CapturingLogger.h"
 #include "MediaTestSupport.h"
 #include "ScriptedTaskService.h"
+#include "Timeouts.h"
 #include "VideoFakes.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR::test {
 namespace {
 
-using MediaTest::TempFolder;
 
 constexpr int kIterations = 3000;
 constexpr int kThreads = 4;
-constexpr auto kGenerous = std::chrono::seconds(240);
 
 // Waits for a thread's work; a thread that never ends is a deadlock.
 void finish(std::future<void>& work, const char* name) {
-    if (work.wait_for(kGenerous) != std::future_status::ready) {
+    if (work.wait_for(kGenerousForStress) != std::future_status::ready) {
         ADD_FAILURE() << name << " did not end";
         std::abort();
     }

@@ -24,14 +24,13 @@
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int64_t kSecond = 10'000'000;  // cns
 constexpr int32_t kWidth = 160;
 constexpr int32_t kHeight = 90;

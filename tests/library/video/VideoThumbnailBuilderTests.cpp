@@ -23,7 +23,6 @@
 namespace ZOR::test {
 namespace {
 
-using MediaTest::TempFolder;
 
 constexpr int32_t kWidth = 4;
 constexpr int32_t kHeight = 2;

@@ -16,7 +16,6 @@
 namespace ZOR::test {
 namespace {
 
-using MediaTest::TempFolder;
 
 // Counts the allocations of the cache; fails them when told to.
 std::atomic<int> gAllocations{0};

@@ -16,14 +16,13 @@
 #include "MediaTestSupport.h"
 #include "Miravel/Miravel.h"
 #include "PipeServer.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 constexpr int32_t kValues = 40;
 // 400,000 cns is one frame at 25/1.
 constexpr int64_t kFrame = 400'000;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "../../../platform/Adapter/ThumbAdapterInternal.h"
+#include "ThumbAdapterInternal.h"
 #include "Adapter/Adapter.h"
 #include "CapturingLogger.h"
 #include "Common/ZorInternalComUtility.h"
@@ -22,7 +22,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int64_t kSecond = 10'000'000;
 constexpr int64_t kFrame = 400'000;  // 25 frames per second

@@ -10,9 +10,10 @@
 #include <thread>
 #include <vector>
 
-#include "../../../platform/Adapter/ThumbAdapterInternal.h"
+#include "ThumbAdapterInternal.h"
 #include "Adapter/Adapter.h"
 #include "MediaTestSupport.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
@@ -21,7 +22,6 @@ constexpr int64_t kSecond = 10'000'000;
 constexpr int64_t kFrame = 400'000;  // 25 frames per second
 constexpr int32_t kWidth = 128;
 constexpr int32_t kHeight = 64;
-constexpr auto kGenerous = std::chrono::seconds(120);
 
 // The frame number the band of a picture spells (bit k white in the stripe
 // 16k..16k+15 of the top rows), or -1.
@@ -40,7 +40,7 @@ int numberOf(const std::vector<unsigned char>& rgba) {
 class ThumbReadAheadConcurrencyTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        folder_ = new MediaTest::TempFolder();
+        folder_ = new TempFolder();
         // 10 s at 25/1 under a band that spells each frame's number, a
         // keyframe every 2 s, B-frames in a pyramid.
         path_ = folder_->file("numbered.mp4");
@@ -56,11 +56,11 @@ protected:
         folder_ = nullptr;
     }
 
-    static MediaTest::TempFolder* folder_;
+    static TempFolder* folder_;
     static std::string path_;
 };
 
-MediaTest::TempFolder* ThumbReadAheadConcurrencyTest::folder_ = nullptr;
+TempFolder* ThumbReadAheadConcurrencyTest::folder_ = nullptr;
 std::string ThumbReadAheadConcurrencyTest::path_;
 
 TEST_F(ThumbReadAheadConcurrencyTest, PlansPicturesAndSettingsFromThreeThreads) {
@@ -121,9 +121,9 @@ TEST_F(ThumbReadAheadConcurrencyTest, PlansPicturesAndSettingsFromThreeThreads) 
         }
         return frames;
     });
-    ASSERT_EQ(renderer.wait_for(kGenerous), std::future_status::ready);
-    ASSERT_EQ(settings.wait_for(kGenerous), std::future_status::ready);
-    ASSERT_EQ(reader.wait_for(kGenerous), std::future_status::ready);
+    ASSERT_EQ(renderer.wait_for(kGenerousForStress), std::future_status::ready);
+    ASSERT_EQ(settings.wait_for(kGenerousForStress), std::future_status::ready);
+    ASSERT_EQ(reader.wait_for(kGenerousForStress), std::future_status::ready);
     renderer.get();
     settings.get();
     EXPECT_GE(reader.get(), 0);
@@ -155,7 +155,7 @@ TEST_F(ThumbReadAheadConcurrencyTest, ReleasedWhileItsLanesDecode) {
         // Released at once, from another thread than the one that planned;
         // the lanes end with their pictures.
         auto released = std::async(std::launch::async, [adapter] { adapter->Release(); });
-        ASSERT_EQ(released.wait_for(kGenerous), std::future_status::ready);
+        ASSERT_EQ(released.wait_for(kGenerousForStress), std::future_status::ready);
     }
 }
 

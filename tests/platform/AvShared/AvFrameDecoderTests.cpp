@@ -32,7 +32,7 @@ int frameNumber(const AVFrame* frame) {
 }
 
 // A grey test clip: frames at rate num/den, keyframes every `gop` frames.
-std::string makeClip(const MediaTest::TempFolder& folder, const std::string& name, const std::string& rate, int frames,
+std::string makeClip(const ZOR::test::TempFolder& folder, const std::string& name, const std::string& rate, int frames,
                      int gop, const std::string& extra = "") {
     const std::string path = folder.file(name);
     MediaTest::ffmpeg("-f lavfi -i \"color=black:size=64x36:rate=" + rate +
@@ -79,7 +79,7 @@ class FrameTimes : public ::testing::TestWithParam<Rate> {};
 // decoders asked once, and a decoder with a plan.
 TEST_P(FrameTimes, AFrameIsShownFromItsOwnTimeAndNotOneCnsEarlier) {
     const Rate rate = GetParam();
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, std::string("clip.") + rate.container, rate.text, 90, 12, "-bf 2");
     const std::vector<int64_t> frames = {1, 2, 11, 12, 13, 29, 47, 60, 89};
 
@@ -112,7 +112,7 @@ TEST_P(FrameTimes, AFrameIsShownFromItsOwnTimeAndNotOneCnsEarlier) {
 // own time shows it, 1 cns earlier the keyframe before.
 TEST_P(FrameTimes, AKeyframeIsShownFromItsOwnTimeAndNotOneCnsEarlier) {
     const Rate rate = GetParam();
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, std::string("clip.") + rate.container, rate.text, 90, 12, "-bf 2");
     FrameDecoder decoder(path, -1, nullptr);
     for (int64_t k : {12, 36, 84, 24}) {
@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(Rates, FrameTimes,
 // A file whose frames last unequal times: each frame is shown from its own
 // time (milliseconds here, as the container keeps them).
 TEST(FrameDecoder, VariableFrameRateFramesAreShownFromTheirOwnTimes) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     // Frame k at k x 40 ms plus 20 ms for every third frame before it.
     const std::string path =
         makeClip(folder, "vfr.mkv", "25", 60, 10, "-vf \"settb=1/1000,setpts=N*40+floor(N/3)*20\" -fps_mode vfr -enc_time_base 1/1000");
@@ -154,7 +154,7 @@ TEST(FrameDecoder, VariableFrameRateFramesAreShownFromTheirOwnTimes) {
 // Timestamps that start at 10 s: media time 0 is the first frame, and the
 // stream lasts its own length, not the container's 10 s more.
 TEST(FrameDecoder, TimestampsStartingLateCountFromTheFirstFrame) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, "late.mkv", "25", 75, 25, "-output_ts_offset 10");
     FrameDecoder decoder(path, -1, nullptr);
     std::string cause;
@@ -168,7 +168,7 @@ TEST(FrameDecoder, TimestampsStartingLateCountFromTheFirstFrame) {
 }
 
 TEST(FrameDecoder, AStreamThatTellsItsDurationKeepsIt) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, "clip.mp4", "25", 50, 25);
     FrameDecoder decoder(path, -1, nullptr);
     std::string cause;
@@ -182,7 +182,7 @@ TEST(FrameDecoder, AStreamThatTellsItsDurationKeepsIt) {
 // a group of pictures, and the packets up to its next keyframe are dropped,
 // so the pictures are those of a decode from the start.
 TEST(FrameDecoder, AfterASeekDecodingStartsAtAKeyframe) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, "clip.ts", "25", 250, 50, "-bf 0");
     FrameDecoder waiting(path, -1, nullptr);
     for (int64_t k : {170, 230, 120}) {
@@ -202,7 +202,7 @@ TEST(FrameDecoder, AfterASeekDecodingStartsAtAKeyframe) {
 
 // A stop asked for between packets ends the picture at once.
 TEST(FrameDecoder, AStopEndsThePictureWithTheStoppedCode) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, "clip.mp4", "25", 100, 100);
     FrameDecoder decoder(path, -1, nullptr);
     decoder.setStop([] { return true; });
@@ -217,7 +217,7 @@ TEST(FrameDecoder, AStopEndsThePictureWithTheStoppedCode) {
 
 // The head of an MP4 without the rest: no picture, and the cause, at once.
 TEST(FrameDecoder, ATruncatedFileFailsWithItsCause) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = makeClip(folder, "clip.mp4", "25", 100, 25, "-movflags +faststart");
     const std::vector<char> bytes = MediaTest::readBytes(path);
     const std::string cut = folder.file("cut.mp4");
@@ -232,7 +232,7 @@ TEST(FrameDecoder, ATruncatedFileFailsWithItsCause) {
 }
 
 TEST(FrameDecoder, AStreamThatIsNotVideoIsRefusedByName) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("sound.mkv");
     MediaTest::ffmpeg("-f lavfi -i \"color=black:size=64x36:rate=25\" -f lavfi -i sine -t 1 -c:v libx264 -c:a flac \"" +
                       path + "\"");

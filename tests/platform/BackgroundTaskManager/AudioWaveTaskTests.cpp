@@ -25,7 +25,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int32_t kValues = 40;
 // 16-bit PCM samples are k / 32768, which the wave store keeps exactly.
@@ -638,7 +637,7 @@ TEST_F(HeldDecoderTest, CancelStopsADecodingRequest) {
     ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
     const int64_t token = append(clip_, 0, 249);
-    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    ASSERT_TRUE(server_->waitAtGate(kGenerous));
     EXPECT_EQ(task_->pendingCount(), 1);
     EXPECT_EQ(task_->cancel(token), 0);
     server_->openGate();
@@ -654,7 +653,7 @@ TEST_F(HeldDecoderTest, PauseLetsRunningWorkFinishAndHoldsNewWork) {
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
     serve(path);
     const int64_t running = append(clip_, 0, 249);
-    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    ASSERT_TRUE(server_->waitAtGate(kGenerous));
     ASSERT_EQ(task_->pause(), 0);
     server_->openGate();
     EXPECT_EQ(recorder_.waitFinal(running), BsTaskFinished);
@@ -674,7 +673,7 @@ TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
     ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
     const int64_t token = append(clip_, 0, 249);
-    ASSERT_TRUE(server_->waitAtGate(std::chrono::seconds(60)));
+    ASSERT_TRUE(server_->waitAtGate(kGenerous));
     server_->openGate();
     ASSERT_EQ(task_->shutdown(), 0);
     const size_t reportsAtShutdown = recorder_.count();

@@ -16,10 +16,10 @@
 #include <gtest/gtest.h>
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 
-constexpr auto kGenerous = std::chrono::seconds(60);
 
 struct Report {
     int64_t token = -1;

@@ -21,7 +21,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int64_t kSecond = 10'000'000;
 constexpr int64_t kFrame = 400'000;  // 25 frames per second

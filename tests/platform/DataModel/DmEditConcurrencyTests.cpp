@@ -19,15 +19,14 @@
 #include "DataModel/DmTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int64_t kSecond = 10'000'000;  // cns
-constexpr std::chrono::seconds kGenerous{60};
 
 DmClipDesc clipOf(const std::string& path, const std::string& name, int64_t begin, int64_t end) {
     DmClipDesc clip;

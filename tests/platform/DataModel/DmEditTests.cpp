@@ -26,15 +26,14 @@
 #include "DataModel/DmTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int64_t kSecond = 10'000'000;  // cns
-constexpr std::chrono::seconds kGenerous{30};
 
 const char* const kAllEventKeys[] = {
     "timeline.dataChanged",         "timeline.trackPropertyChanged", "clip.videoPropertyChanged",

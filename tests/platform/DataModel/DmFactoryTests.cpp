@@ -15,7 +15,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 int64_t intOf(IDmMediaInfo* info, const char* key) {
     ZorProperty value;

@@ -17,7 +17,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 // Releases an object at the end of a scope.
 template <class T>

@@ -14,14 +14,15 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "MediaTestSupport.h"
+#include "Timeouts.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-constexpr auto kGenerous = 60s;
+using ZOR::test::kGenerous;
 
 TEST(DmMediaFailures, ANotedFailureIsFoundByAnySpellingOfThePathAndOnlyForItsKind) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("broken.mp4");
     MediaTest::writeText(path, "not media");
     ZOR::noteMediaFailure(path.c_str(), ZOR::DmTrackVideo, "'x': no picture could be decoded");
@@ -35,7 +36,7 @@ TEST(DmMediaFailures, ANotedFailureIsFoundByAnySpellingOfThePathAndOnlyForItsKin
 }
 
 TEST(DmMediaFailures, AFailureNoLongerStandsOnceTheFileChanges) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("replaced.wav");
     MediaTest::writeText(path, "broken");
     ZOR::noteMediaFailure(path.c_str(), ZOR::DmTrackAudio, "'replaced.wav': Invalid data");
@@ -52,7 +53,7 @@ TEST(DmMediaFailures, NothingIsNotedWithoutAPath) {
 }
 
 TEST(DmMediaFailures, ListenersHearEachFailureOnTheNotingThreadUntilRemoved) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("a.mp4");
     MediaTest::writeText(path, "x");
     std::vector<ZOR::DmMediaFailure> heard;
@@ -78,7 +79,7 @@ TEST(DmMediaFailures, ListenersHearEachFailureOnTheNotingThreadUntilRemoved) {
 // Removing a listener while it runs on another thread waits for it to
 // return: afterwards it is neither running nor called again.
 TEST(DmMediaFailures, RemovingAListenerWaitsForTheCallInProgress) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("b.mp4");
     MediaTest::writeText(path, "x");
     std::promise<void> entered;

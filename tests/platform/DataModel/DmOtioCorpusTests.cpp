@@ -23,7 +23,6 @@
 namespace ZOR::test {
 namespace {
 
-using MediaTest::TempFolder;
 using MediaTest::writeText;
 
 constexpr double kNtscFilm = 24000.0 / 1001.0;   // 23.976...

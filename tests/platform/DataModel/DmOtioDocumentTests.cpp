@@ -13,7 +13,6 @@
 namespace ZOR::test {
 namespace {
 
-using MediaTest::TempFolder;
 using MediaTest::writeText;
 
 

@@ -68,7 +68,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 using MediaTest::writeText;
 
 constexpr int64_t kSecond = 10'000'000;  // cns

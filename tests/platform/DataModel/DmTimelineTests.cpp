@@ -23,7 +23,6 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
 
 constexpr int64_t kSecond = 10'000'000;  // cns
 

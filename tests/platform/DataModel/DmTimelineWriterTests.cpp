@@ -24,7 +24,6 @@ namespace {
 using MediaTest::ffmpeg;
 using MediaTest::filesUnder;
 using MediaTest::readBytes;
-using MediaTest::TempFolder;
 using MediaTest::writeText;
 
 constexpr int64_t kSecond = 10'000'000;

@@ -17,7 +17,6 @@ namespace {
 
 using MediaTest::ffmpeg;
 using MediaTest::quantised;
-using MediaTest::TempFolder;
 
 constexpr int32_t kValues = 40;
 

@@ -11,10 +11,10 @@
 #include <gtest/gtest.h>
 
 #include "ListenerCenter/ListenerCenter.h"
+#include "Timeouts.h"
 
 namespace ZOR::test {
 
-constexpr std::chrono::seconds kGenerous{30};
 
 // A one-shot signal that may be raised more than once (only the first counts).
 class Signal {

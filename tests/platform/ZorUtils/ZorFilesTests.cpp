@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ZorTestFolder.h"
+#include "TempFolder.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace fs = std::filesystem;
@@ -23,7 +23,7 @@ TEST(ZorPathUtil, JoinWithEmptyDirGivesNameUnchanged) {
 }
 
 TEST(ZorPathUtil, ExistsForFileAndFolderButNotMissing) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string file = folder.file("present.txt");
     std::ofstream(file) << "x";
     EXPECT_TRUE(ZOR::PathUtil::exists(file));
@@ -34,7 +34,7 @@ TEST(ZorPathUtil, ExistsForFileAndFolderButNotMissing) {
 }
 
 TEST(ZorDirUtil, CreateMakesMissingParents) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path deep = folder.path() / "a" / "b" / "c";
     EXPECT_TRUE(ZOR::DirUtil::create(deep.string()));
     EXPECT_TRUE(fs::is_directory(deep));
@@ -43,7 +43,7 @@ TEST(ZorDirUtil, CreateMakesMissingParents) {
 }
 
 TEST(ZorDirUtil, CreateFailsWhenAFileIsInTheWay) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string file = folder.file("blocker");
     std::ofstream(file) << "x";
     EXPECT_FALSE(ZOR::DirUtil::create(file));
@@ -52,7 +52,7 @@ TEST(ZorDirUtil, CreateFailsWhenAFileIsInTheWay) {
 }
 
 TEST(ZorDirUtil, RemoveAllDeletesTheWholeTree) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path root = folder.path() / "tree";
     fs::create_directories(root / "x" / "y");
     std::ofstream((root / "top.txt").string()) << "1";
@@ -63,7 +63,7 @@ TEST(ZorDirUtil, RemoveAllDeletesTheWholeTree) {
 }
 
 TEST(ZorDirUtil, RemoveAllOfMissingFolderSucceeds) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     EXPECT_TRUE(ZOR::DirUtil::removeAll(folder.file("never-created")));
-    EXPECT_TRUE(ZorTest::TestFolder::entries(folder.path()).empty());
+    EXPECT_TRUE(ZOR::test::TempFolder::entries(folder.path()).empty());
 }

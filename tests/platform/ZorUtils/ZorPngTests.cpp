@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ZorTestFolder.h"
+#include "TempFolder.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace fs = std::filesystem;
@@ -101,7 +101,7 @@ const unsigned char kPalettePng[] = {
 }  // namespace
 
 TEST(ZorPng, RoundTripKeepsEveryByte) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const int width = 13;
     const int height = 7;
     const Pixels picture = makePicture(width, height, 1);
@@ -116,11 +116,11 @@ TEST(ZorPng, RoundTripKeepsEveryByte) {
     for (size_t i = 0; i < picture.size(); ++i) {
         ASSERT_EQ(loaded.pixels[i], picture[i]) << "byte " << i;
     }
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"round.png"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"round.png"});
 }
 
 TEST(ZorPng, EveryCompressionLevelRoundTrips) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const Pixels picture = makePicture(31, 17, 9);
     for (int level : {-1, 0, 1, 6, 9, 42, -5}) {
         const std::string path = folder.file("level" + std::to_string(level) + ".png");
@@ -132,7 +132,7 @@ TEST(ZorPng, EveryCompressionLevelRoundTrips) {
 }
 
 TEST(ZorPng, CompressionLevelNineIsSmallerThanZero) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const Pixels flat(64 * 64 * 4, 0x80);
     const std::string stored = folder.file("stored.png");
     const std::string packed = folder.file("packed.png");
@@ -143,7 +143,7 @@ TEST(ZorPng, CompressionLevelNineIsSmallerThanZero) {
 }
 
 TEST(ZorPng, LoadConvertsGreyscaleToRgba) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("grey.png");
     writeBytes(path, kGreyPng, sizeof kGreyPng);
     const Loaded loaded = load(path);
@@ -155,7 +155,7 @@ TEST(ZorPng, LoadConvertsGreyscaleToRgba) {
 }
 
 TEST(ZorPng, LoadConvertsPaletteWithTransparencyToRgba) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("palette.png");
     writeBytes(path, kPalettePng, sizeof kPalettePng);
     const Loaded loaded = load(path);
@@ -167,16 +167,16 @@ TEST(ZorPng, LoadConvertsPaletteWithTransparencyToRgba) {
 }
 
 TEST(ZorPng, WriteIntoMissingFolderFailsAndLeavesNothing) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const Pixels picture = makePicture(4, 4, 2);
     const std::string path = (folder.path() / "absent" / "out.png").string();
     EXPECT_NE(ZOR::dumpPNG(4, 4, picture.data(), path.c_str(), -1), 0);
     EXPECT_FALSE(fs::exists(folder.path() / "absent"));
-    EXPECT_TRUE(ZorTest::TestFolder::entries(folder.path()).empty());
+    EXPECT_TRUE(ZOR::test::TempFolder::entries(folder.path()).empty());
 }
 
 TEST(ZorPng, WriteIntoReadOnlyFolderFailsAndLeavesNothing) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path locked = folder.path() / "locked";
     ASSERT_TRUE(fs::create_directory(locked));
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
@@ -188,23 +188,23 @@ TEST(ZorPng, WriteIntoReadOnlyFolderFailsAndLeavesNothing) {
     const Pixels picture = makePicture(4, 4, 3);
     const std::string path = (locked / "out.png").string();
     EXPECT_NE(ZOR::dumpPNG(4, 4, picture.data(), path.c_str(), -1), 0);
-    EXPECT_TRUE(ZorTest::TestFolder::entries(locked).empty());
+    EXPECT_TRUE(ZOR::test::TempFolder::entries(locked).empty());
 }
 
 TEST(ZorPng, WriteOntoExistingFolderFailsAndLeavesNoTemporary) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path target = folder.path() / "out.png";
     ASSERT_TRUE(fs::create_directory(target));
     std::ofstream((target / "inside.txt").string()) << "keep";
     const Pixels picture = makePicture(4, 4, 4);
     EXPECT_NE(ZOR::dumpPNG(4, 4, picture.data(), target.string().c_str(), -1), 0);
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"out.png"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"out.png"});
     EXPECT_TRUE(fs::is_directory(target));
-    EXPECT_EQ(ZorTest::TestFolder::entries(target), std::set<std::string>{"inside.txt"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(target), std::set<std::string>{"inside.txt"});
 }
 
 TEST(ZorPng, WriteRejectsBadArgumentsAndWritesNothing) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const Pixels picture = makePicture(4, 4, 5);
     const std::string path = folder.file("out.png");
     EXPECT_NE(ZOR::dumpPNG(4, 4, nullptr, path.c_str(), -1), 0);
@@ -214,18 +214,18 @@ TEST(ZorPng, WriteRejectsBadArgumentsAndWritesNothing) {
     EXPECT_NE(ZOR::dumpPNG(4, 0, picture.data(), path.c_str(), -1), 0);
     EXPECT_NE(ZOR::dumpPNG(-4, 4, picture.data(), path.c_str(), -1), 0);
     EXPECT_NE(ZOR::dumpPNG(4, -4, picture.data(), path.c_str(), -1), 0);
-    EXPECT_TRUE(ZorTest::TestFolder::entries(folder.path()).empty());
+    EXPECT_TRUE(ZOR::test::TempFolder::entries(folder.path()).empty());
 }
 
 TEST(ZorPng, WriteReplacesExistingFileWithNewContent) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("out.png");
     const Pixels first = makePicture(8, 6, 10);
     const Pixels second = makePicture(5, 9, 20);
     ASSERT_EQ(ZOR::dumpPNG(8, 6, first.data(), path.c_str(), -1), 0);
     ASSERT_EQ(ZOR::dumpPNG(5, 9, second.data(), path.c_str(), -1), 0);
 
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"out.png"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"out.png"});
     const Loaded loaded = load(path);
     ASSERT_EQ(loaded.result, 0);
     EXPECT_EQ(loaded.width, 5);
@@ -234,7 +234,7 @@ TEST(ZorPng, WriteReplacesExistingFileWithNewContent) {
 }
 
 TEST(ZorPng, ConcurrentWritesToOneTargetLeaveOneValidFile) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("shared.png");
     constexpr int kWriters = 4;
     std::vector<Pixels> pictures;
@@ -262,7 +262,7 @@ TEST(ZorPng, ConcurrentWritesToOneTargetLeaveOneValidFile) {
         EXPECT_EQ(results[i], 0) << "writer " << i;
     }
 
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"shared.png"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"shared.png"});
     const Loaded loaded = load(path);
     ASSERT_EQ(loaded.result, 0);
     EXPECT_EQ(loaded.width, 40);
@@ -275,7 +275,7 @@ TEST(ZorPng, ConcurrentWritesToOneTargetLeaveOneValidFile) {
 }
 
 TEST(ZorPng, LoadTruncatedFileFails) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("cut.png");
     const Pixels picture = makePicture(64, 64, 6);
     ASSERT_EQ(ZOR::dumpPNG(64, 64, picture.data(), path.c_str(), 0), 0);
@@ -291,7 +291,7 @@ TEST(ZorPng, LoadTruncatedFileFails) {
 }
 
 TEST(ZorPng, LoadTextFileFails) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("notes.png");
     const std::string text = "this is not a picture\n";
     writeBytes(path, text.data(), text.size());
@@ -301,7 +301,7 @@ TEST(ZorPng, LoadTextFileFails) {
 }
 
 TEST(ZorPng, LoadEmptyFileFails) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("empty.png");
     writeBytes(path, "", 0);
     ASSERT_EQ(fs::file_size(path), 0u);
@@ -311,14 +311,14 @@ TEST(ZorPng, LoadEmptyFileFails) {
 }
 
 TEST(ZorPng, LoadMissingFileFails) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const Loaded loaded = load(folder.file("missing.png"));
     EXPECT_NE(loaded.result, 0);
     EXPECT_TRUE(loaded.bufferWasNull);
 }
 
 TEST(ZorPng, LoadRejectsNullArguments) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("ok.png");
     const Pixels picture = makePicture(2, 2, 7);
     ASSERT_EQ(ZOR::dumpPNG(2, 2, picture.data(), path.c_str(), -1), 0);

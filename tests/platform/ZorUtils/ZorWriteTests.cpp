@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ZorTestFolder.h"
+#include "TempFolder.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace fs = std::filesystem;
@@ -34,7 +34,7 @@ pid_t endedProcess() {
 }
 
 TEST(ZorCreateFolder, MakesMissingParentsAndAcceptsAFolderThatExists) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path deep = folder.path() / "a" / "b" / "c";
     EXPECT_EQ(ZOR::createFolder(deep.string()), 0);
     EXPECT_TRUE(fs::is_directory(deep));
@@ -43,7 +43,7 @@ TEST(ZorCreateFolder, MakesMissingParentsAndAcceptsAFolderThatExists) {
 }
 
 TEST(ZorCreateFolder, AFileInTheWayIsNotAFolderAndTheFailureIsKept) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string file = folder.file("blocker");
     std::ofstream(file) << "x";
     EXPECT_EQ(ZOR::createFolder(file), ENOTDIR);
@@ -61,15 +61,15 @@ TEST(ZorCreateFolder, AFileInTheWayIsNotAFolderAndTheFailureIsKept) {
 TEST(ZorCreateFolder, EmptyPathIsAnInvalidArgument) { EXPECT_EQ(ZOR::createFolder(ZOR::Path()), EINVAL); }
 
 TEST(ZorCheckFolderWritable, CreatesTheFolderAndLeavesNothingInIt) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const fs::path target = folder.path() / "x" / "y";
     EXPECT_EQ(ZOR::checkFolderWritable(target.string()), 0);
     EXPECT_TRUE(fs::is_directory(target));
-    EXPECT_TRUE(ZorTest::TestFolder::entries(target).empty());
+    EXPECT_TRUE(ZOR::test::TempFolder::entries(target).empty());
 }
 
 TEST(ZorCheckFolderWritable, AFileInTheWayIsNotAFolder) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string file = folder.file("file");
     std::ofstream(file) << "x";
     EXPECT_EQ(ZOR::checkFolderWritable(file), ENOTDIR);
@@ -77,7 +77,7 @@ TEST(ZorCheckFolderWritable, AFileInTheWayIsNotAFolder) {
 }
 
 TEST(ZorWriteFileAtomically, WritesAndReplacesTheWholeFileLeavingNoTemporary) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("data.json");
     const std::string first = "{\"first\": 1}\n";
     const std::string second = "[2]";
@@ -87,11 +87,11 @@ TEST(ZorWriteFileAtomically, WritesAndReplacesTheWholeFileLeavingNoTemporary) {
     EXPECT_EQ(readAll(path), second);
     ASSERT_EQ(ZOR::writeFileAtomically(path.c_str(), nullptr, 0), 0);
     EXPECT_EQ(readAll(path), "");
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"data.json"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"data.json"});
 }
 
 TEST(ZorWriteFileAtomically, AFailureGivesItsErrnoKeptForTheFolder) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string missing = folder.file("absent");
     const std::string path = missing + "/out.txt";
     EXPECT_EQ(ZOR::writeFileAtomically(path.c_str(), "x", 1), ENOENT);
@@ -105,13 +105,13 @@ TEST(ZorWriteFileAtomically, AFailureGivesItsErrnoKeptForTheFolder) {
     EXPECT_EQ(ZOR::writeFileAtomically(target.string().c_str(), "x", 1), EISDIR);
     EXPECT_EQ(ZOR::lastWriteFailure(folder.path().string(), &failed), EISDIR);
     EXPECT_EQ(failed, target.string());
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()), std::set<std::string>{"taken"});
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()), std::set<std::string>{"taken"});
     EXPECT_EQ(ZOR::writeFileAtomically(nullptr, "x", 1), EINVAL);
     EXPECT_EQ(ZOR::writeFileAtomically("", "x", 1), EINVAL);
 }
 
 TEST(ZorWriteFileAtomically, AFolderWithoutFailuresHasNone) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string path = folder.file("ok.txt");
     ASSERT_EQ(ZOR::writeFileAtomically(path.c_str(), "x", 1), 0);
     std::string failed = "untouched";
@@ -120,7 +120,7 @@ TEST(ZorWriteFileAtomically, AFolderWithoutFailuresHasNone) {
 }
 
 TEST(ZorDumpPng, AFailureIsKeptForTheFolder) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string missing = folder.file("gone");
     const std::vector<unsigned char> picture(4 * 4 * 4, 200);
     EXPECT_NE(ZOR::dumpPNG(4, 4, picture.data(), (missing + "/p.png").c_str(), -1), 0);
@@ -156,7 +156,7 @@ TEST(ZorAbandonedTemporary, OnlyTheTemporariesOfEndedWritersAre) {
 }
 
 TEST(ZorAbandonedTemporary, RemovingTakesOnlyThoseOfEndedWritersDirectlyInTheFolder) {
-    ZorTest::TestFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string dead = std::to_string(endedProcess());
     const std::string self = std::to_string(::getpid());
     for (const std::string& name : {std::string("1.png"), "1.png.tmp-" + dead + "-0", "2.png.tmp-" + dead + "-5",
@@ -165,9 +165,9 @@ TEST(ZorAbandonedTemporary, RemovingTakesOnlyThoseOfEndedWritersDirectlyInTheFol
     fs::create_directory(folder.path() / "below");
     std::ofstream((folder.path() / "below" / ("4.png.tmp-" + dead + "-0")).string()) << "x";
     EXPECT_EQ(ZOR::removeAbandonedTemporaries(folder.path().string()), 2);
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path()),
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path()),
               (std::set<std::string>{"1.png", "3.png.tmp-" + self + "-0", "notes.tmp-x-1", "below"}));
-    EXPECT_EQ(ZorTest::TestFolder::entries(folder.path() / "below"),
+    EXPECT_EQ(ZOR::test::TempFolder::entries(folder.path() / "below"),
               std::set<std::string>{"4.png.tmp-" + dead + "-0"});
     EXPECT_EQ(ZOR::removeAbandonedTemporaries(folder.file("missing")), 0);
 }
