@@ -20,12 +20,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -34,12 +30,14 @@
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "BsAudioSampleCache.h"
 #include "BsAudioThumbnailBuilder.h"
+#include "AudioRecording.h"
+#include "BenchMedia.h"
 #include "CapturingLogger.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTime.h"
 #include "DataModel/DmTimeline.h"
-#include "TimelineDescs.h"
+#include "TaskRecording.h"
 
 namespace ZOR {
 namespace {
@@ -48,40 +46,31 @@ constexpr int kPoints = 2000;
 constexpr int64_t kFrame = 400'000;  // one wave frame at 25/1, cns
 constexpr auto kLimit = std::chrono::minutes(5);
 
-// The MP3 and its clip.
-struct Media {
-    std::string path;
-    int64_t duration = 0;  // cns, the audio stream's
+// The MP3, its clip's length and its modification time as found.
+struct Media : bench::BenchFile {
     std::filesystem::file_time_type originalTime;
-    std::string problem;
 };
 
 const Media& media() {
     static const Media* shared = [] {
-        auto* made = new Media;
-        const char* path = std::getenv("MIRAVEL_BENCH_MP3");
-        if (path == nullptr || *path == '\0') {
-            made->problem = "set MIRAVEL_BENCH_MP3 to an MP3 file (bench/run_audio_cold_bench.sh makes one)";
-            return made;
-        }
-        made->path = path;
+        auto* made = new Media{bench::benchFile("MIRAVEL_BENCH_MP3", "an MP3 file", "bench/run_audio_cold_bench.sh",
+                                                "IDmAudioFeature", "audio"),
+                               {}};
+        if (!made->problem.empty()) return made;
         std::error_code error;
         made->originalTime = std::filesystem::last_write_time(made->path, error);
-        if (error) {
-            made->problem = made->path + ": " + error.message();
-            return made;
-        }
-        std::string why;
-        IDmClip* clip = createMediaClip(path, -1, -1, &why);
-        if (clip == nullptr || clip->queryInterface("IDmAudioFeature") == nullptr) {
-            made->problem = made->path + " has no audio: " + why;
-        } else {
-            made->duration = markOutTimeOfClip(clip);
-        }
-        if (clip != nullptr) clip->Release();
+        if (error) made->problem = made->path + ": " + error.message();
         return made;
     }();
     return *shared;
+}
+
+// The MP3, or null (and the benchmark skipped) when there is none to use.
+const Media* readyMedia(benchmark::State& state) {
+    const Media& file = media();
+    if (file.problem.empty()) return &file;
+    state.SkipWithError(file.problem.c_str());
+    return nullptr;
 }
 
 // Gives the file an identity it never had, so that no packet index kept from
@@ -96,11 +85,6 @@ bool renewIdentity(const Media& file) {
 void restoreIdentity(const Media& file) {
     std::error_code error;
     std::filesystem::last_write_time(file.path, file.originalTime, error);
-}
-
-// A timeline of one audio track holding one clip of the whole file.
-IDmTimeline* timelineOf(const Media& file) {
-    return test::wholeFileTimeline("hour", file.path, file.duration, DmTrackAudio);
 }
 
 // The frames the 2,000 points of the clip's whole range fall in, as the
@@ -123,12 +107,9 @@ std::pair<int32_t, int32_t> frameRange(IDmClip* clip) {
 // Whether the clip's wave manager holds every frame of range.
 bool holds(IDmClip* clip, std::pair<int32_t, int32_t> range) {
     auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
-    IDmAudioWaveMgrInternal* manager =
-        internal != nullptr ? acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()) : nullptr;
-    if (manager == nullptr) return false;
-    const bool held = manager->hasFrames(range.first, range.second) != 0;
-    manager->Release();
-    return held;
+    const auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(
+        internal != nullptr ? acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()) : nullptr);
+    return manager != nullptr && manager->hasFrames(range.first, range.second) != 0;
 }
 
 // Whether the clip's wave manager holds none of the first, middle and last
@@ -140,58 +121,34 @@ bool holdsNone(IDmClip* clip, std::pair<int32_t, int32_t> range) {
     return true;
 }
 
-class ThumbnailWaiter final : public IBsAudioClipThumbnailCallback, public IBsAudioThumbnailQueryer {
+// The owner of the query's result.
+class ThumbnailWaiter final : public test::RecordingCallback, public IBsAudioThumbnailQueryer {
 public:
-    int32_t onAudioThumbnailNotice(IDmClip*) override { return 0; }
-    int32_t onAudioThumbnailChanged(IDmClip*) override { return 0; }
-    int32_t onAudioThumbnailData(IDmClip*, int64_t, int64_t, const float* samples, int32_t count) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        values_.assign(samples, samples + count);
-        ++delivered_;
-        signal_.notify_all();
-        return 0;
-    }
     IBsAudioClipThumbnailCallback* getResultCallback() override { return this; }
     bool isCalcDuckingEnabled() override { return true; }
-
-    bool waitFor(int64_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kLimit, [&] { return delivered_ >= count; });
-    }
-    std::vector<float> values() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return values_;
-    }
-
-private:
-    std::mutex mutex_;  // leaf
-    std::condition_variable signal_;
-    int64_t delivered_ = 0;
-    std::vector<float> values_;
 };
 
-class TaskWaiter final : public IZorCallBack {
-public:
-    int32_t processChanged(IDmBaseObj*, int32_t, int32_t status, const BsTaskProgressInfo* info) override {
-        if (status == BsTaskProgress || info == nullptr) return 0;
-        std::lock_guard<std::mutex> lock(mutex_);
-        final_[info->token] = status;
-        signal_.notify_all();
-        return 0;
-    }
-    // The final status of token; 0 when none came in time.
-    int32_t waitFor(int64_t token) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        signal_.wait_for(lock, kLimit, [&] { return final_.count(token) != 0; });
-        const auto found = final_.find(token);
-        return found != final_.end() ? found->second : 0;
-    }
-
-private:
-    std::mutex mutex_;  // leaf
-    std::condition_variable signal_;
-    std::map<int64_t, int32_t> final_;
+// The start of a cold iteration (timing paused): the file given an identity
+// it never had, a new timeline of it, and the frames of the 2,000 points of
+// its clip; cold counts the iterations whose wave manager held none of them.
+// A null clip (the benchmark skipped) ends the benchmark.
+struct ColdStart {
+    bench::WholeFileTimeline scene;
+    std::pair<int32_t, int32_t> frames;
 };
+
+ColdStart coldStart(benchmark::State& state, const Media& file, int64_t& cold) {
+    ColdStart start;
+    if (!renewIdentity(file)) {
+        state.SkipWithError("cannot set the file's modification time");
+        return start;
+    }
+    start.scene = bench::wholeFileTimeline(state, file, "hour", DmTrackAudio);
+    if (start.scene.clip == nullptr) return start;
+    start.frames = frameRange(start.scene.clip);
+    if (holdsNone(start.scene.clip, start.frames)) ++cold;
+    return start;
+}
 
 // Log lines that tell what the task did: the indexes built and the decodings
 // planned.
@@ -223,41 +180,29 @@ void report(benchmark::State& state, const test::CapturingSink& sink, int64_t co
 // (a) The builder: a query of 2,000 points over the whole clip, timed from
 // the query to the callback.
 void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
-    const Media& file = media();
-    if (!file.problem.empty()) {
-        state.SkipWithError(file.problem.c_str());
-        return;
-    }
+    const Media* file = readyMedia(state);
+    if (file == nullptr) return;
     test::ScopedCapture capture(IBsLogger::Debug);
     int64_t cold = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        if (!renewIdentity(file)) {
-            state.SkipWithError("cannot set the file's modification time");
-            break;
-        }
-        IDmTimeline* timeline = timelineOf(file);
-        IDmClip* clip = timeline != nullptr ? timeline->clip(0, 0) : nullptr;
-        if (clip == nullptr) {
-            if (timeline != nullptr) timeline->Release();
-            state.SkipWithError("no timeline");
-            break;
-        }
-        const auto frames = frameRange(clip);
-        if (holdsNone(clip, frames)) ++cold;
+        ColdStart start = coldStart(state, *file, cold);
+        IDmClip* clip = start.scene.clip;
+        if (clip == nullptr) break;
         ThumbnailWaiter waiter;
-        auto builder = std::make_unique<BsAudioThumbnailBuilder>(nullptr, timeline);
+        auto builder = std::make_unique<BsAudioThumbnailBuilder>(nullptr, start.scene.timeline.get());
         state.ResumeTiming();
 
         const int32_t accepted =
             builder->queryAudioThumbnailData(&waiter, clip, markInTimeOfClip(clip), markOutTimeOfClip(clip), kPoints);
-        const bool delivered = accepted == 0 && waiter.waitFor(1);
+        const bool delivered = accepted == 0 && waiter.waitForDeliveries(1, kLimit);
 
         state.PauseTiming();
-        const std::vector<float> values = waiter.values();
-        const bool heldAfter = holds(clip, frames);
+        const std::vector<test::AudioDelivery> deliveries = waiter.deliveries();
+        const std::vector<float> values = deliveries.empty() ? std::vector<float>() : deliveries.back().values;
+        const bool heldAfter = holds(clip, start.frames);
         builder.reset();
-        timeline->Release();
+        start.scene.timeline.reset();
         const size_t caches = BsAudioSampleCache::registrySize();
         state.ResumeTiming();
         if (!delivered || values.size() != static_cast<size_t>(kPoints)) {
@@ -269,7 +214,7 @@ void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
             break;
         }
     }
-    restoreIdentity(file);
+    restoreIdentity(*file);
     report(state, capture.sink(), cold);
     state.counters["points"] = kPoints;
 }
@@ -278,30 +223,18 @@ BENCHMARK(BM_AudioColdQuery2000PointsWholeClip)->Unit(benchmark::kMillisecond)->
 // (b) The task alone: the frames of the smallest and largest source position
 // of the same 2,000 points, from start and append to status 2.
 void BM_AudioColdTaskExtractSameRange(benchmark::State& state) {
-    const Media& file = media();
-    if (!file.problem.empty()) {
-        state.SkipWithError(file.problem.c_str());
-        return;
-    }
+    const Media* file = readyMedia(state);
+    if (file == nullptr) return;
     test::ScopedCapture capture(IBsLogger::Debug);
     int64_t cold = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        if (!renewIdentity(file)) {
-            state.SkipWithError("cannot set the file's modification time");
-            break;
-        }
-        IDmTimeline* timeline = timelineOf(file);
-        IDmClip* clip = timeline != nullptr ? timeline->clip(0, 0) : nullptr;
-        if (clip == nullptr) {
-            if (timeline != nullptr) timeline->Release();
-            state.SkipWithError("no timeline");
-            break;
-        }
-        const auto frames = frameRange(clip);
-        if (holdsNone(clip, frames)) ++cold;
-        TaskWaiter waiter;
-        IBsAudioWaveExtractTask* task = createAudioWaveExtractTask();
+        ColdStart start = coldStart(state, *file, cold);
+        IDmClip* clip = start.scene.clip;
+        if (clip == nullptr) break;
+        const auto frames = start.frames;
+        test::TaskRecorder waiter;
+        auto task = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
         task->initialize();
         task->addCallBack(&waiter);
         BsWaveTaskRecord record;
@@ -317,14 +250,14 @@ void BM_AudioColdTaskExtractSameRange(benchmark::State& state) {
         task->start();
         int64_t token = -1;
         const int32_t appended = task->append(&record, &token);
-        const int32_t status = appended == 0 ? waiter.waitFor(token) : 0;
+        const int32_t status = appended == 0 ? waiter.waitFinal(token, kLimit) : 0;
 
         state.PauseTiming();
         const bool heldAfter = holds(clip, frames);
         task->removeCallBack(&waiter);
         task->shutdown();
-        task->Release();
-        timeline->Release();
+        task.reset();
+        start.scene.timeline.reset();
         state.ResumeTiming();
         if (status != BsTaskFinished) {
             state.SkipWithError("the task did not finish with status 2");
@@ -335,7 +268,7 @@ void BM_AudioColdTaskExtractSameRange(benchmark::State& state) {
             break;
         }
     }
-    restoreIdentity(file);
+    restoreIdentity(*file);
     report(state, capture.sink(), cold);
 }
 BENCHMARK(BM_AudioColdTaskExtractSameRange)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);

@@ -11,7 +11,7 @@
 
 #include "BsAudioThumbnailBuilder.h"
 #include "BsDataStructure/BsDataStructure.h"
-#include "FakeTimeline.h"
+#include "FakeDataModel.h"
 
 namespace ZOR {
 namespace {
@@ -48,60 +48,33 @@ private:
     float last_ = 0.0f;
 };
 
-class OneClipList final : public RefCnt<void>, public virtual IDmClipList {
-public:
-    ZOR_IMPLEMENT_REFCNT
-    explicit OneClipList(IDmClip* clip) : clip_(clip) {}
-    void* queryInterface(const char* name) override {
-        return zorQueryInterface(name, "IDmClipList", static_cast<IDmClipList*>(this));
-    }
-    int32_t count() override { return 1; }
-    IDmClip* get(int32_t) override { return clip_; }
-    int32_t append(IDmClip*) override { return 1001; }
-
-private:
-    IDmClip* clip_;
-};
-
 // A one-minute music clip with 8 volume keyframes, ducked by 4 voice clips.
 struct Scene {
     Scene() {
-        wave = new test::FakeWaveManager();
-        wave->AddRef();
-        timeline = new test::FakeTimeline();
-        timeline->AddRef();
         timeline->addTrack(DmTrackAudio);
         timeline->addTrack(DmTrackAudio);
-        music = timeline->addClip(0, "music", wave, 0, 0, 60 * kSecond);
+        music = timeline->addClip(0, "music", wave.get(), 0, 0, 60 * kSecond);
         std::vector<std::pair<int64_t, double>> keys;
         for (int i = 0; i < 8; ++i) keys.emplace_back(i * 7 * kSecond, (i % 2 == 0) ? -6.0 : 2.0);
         music->addEffect(4110)->setKeyframes(keys);
         music->setProperty(clipVolumeKey::volumeGain, doubleProperty(1.5));
         for (int i = 0; i < 4; ++i) {
-            auto* voice = timeline->addClip(1, "voice" + std::to_string(i), wave, 0, (5 + 14 * i) * kSecond,
+            auto* voice = timeline->addClip(1, "voice" + std::to_string(i), wave.get(), 0, (5 + 14 * i) * kSecond,
                                             (12 + 14 * i) * kSecond);
             voice->addEffect(4109)->setValues(0.5f, 0.5f, 0.5f);
         }
-        builder = std::make_shared<BsAudioThumbnailBuilder>(&waiter, timeline);
-        changed = new OneClipList(music);
-        changed->AddRef();
-        bits = createZORIntList();
+        builder = std::make_shared<BsAudioThumbnailBuilder>(&waiter, timeline.get());
+        changed->append(music);
         bits->append(0x40);
     }
-    ~Scene() {
-        builder.reset();
-        bits->Release();
-        changed->Release();
-        timeline->Release();
-        wave->Release();
-    }
+    ~Scene() { builder.reset(); }
     Waiter waiter;
-    test::FakeWaveManager* wave;
-    test::FakeTimeline* timeline;
-    test::FakeTimelineClip* music;
+    ZorRef<test::FakeWaveManager> wave = test::makeRef<test::FakeWaveManager>();
+    ZorRef<test::FakeTimeline> timeline = test::makeRef<test::FakeTimeline>();
+    test::FakeClip* music = nullptr;
     std::shared_ptr<BsAudioThumbnailBuilder> builder;
-    OneClipList* changed;
-    IZORIntList* bits;
+    ZorRef<test::FakeClipList> changed = test::makeRef<test::FakeClipList>();
+    ZorRef<IZORIntList> bits = ZorRef<IZORIntList>::adopt(createZORIntList());
 };
 
 // A change of the clip's volume, then the query: the thumbnail is computed
@@ -112,7 +85,7 @@ void BM_AudioThumbnailRecompute2000Points(benchmark::State& state) {
     scene.builder->queryAudioThumbnailData(&scene.waiter, scene.music, 0, 60 * kSecond, kPoints);
     scene.waiter.waitFor(expected);
     for (auto _ : state) {
-        scene.builder->onAudioChanged(scene.timeline, scene.changed, scene.bits);
+        scene.builder->onAudioChanged(scene.timeline.get(), scene.changed.get(), scene.bits.get());
         scene.builder->queryAudioThumbnailData(&scene.waiter, scene.music, 0, 60 * kSecond, kPoints);
         if (!scene.waiter.waitFor(++expected)) state.SkipWithError("no delivery");
     }

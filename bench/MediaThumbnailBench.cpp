@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "Miravel/Miravel.h"
 #include "ZorUtils/ZorUtils.h"
@@ -63,12 +64,10 @@ const char* benchVideo(benchmark::State& state) {
 }
 
 int64_t durationOf(const char* path) {
-    ZOR::IDmMediaInfo* info = ZOR::getDmFactoryInstance()->createMediaInfo(path);
+    const auto info = ZOR::ZorRef<ZOR::IDmMediaInfo>::adopt(ZOR::getDmFactoryInstance()->createMediaInfo(path));
     if (info == nullptr) return 0;
     ZOR::ZorProperty value;
-    const int64_t duration = info->getProperty(ZOR::mediaInfoKey::duration, &value) == 0 ? value.intValue : 0;
-    info->Release();
-    return duration;
+    return info->getProperty(ZOR::mediaInfoKey::duration, &value) == 0 ? value.intValue : 0;
 }
 
 // A new empty folder, removed at the end of the scope.
@@ -148,7 +147,7 @@ private:
 // for its first picture; the destructor stops the worker and releases it.
 struct BusyManager {
     BusyManager(const char* media, const std::string& root, int64_t duration)
-        : manager(createThumbManager()), item(itemOf(media, root, duration)) {
+        : manager(ZOR::ZorRef<ZOR::IBsThumbManager>::adopt(createThumbManager())), item(itemOf(media, root, duration)) {
         manager->setThumbCount(kPictures);
         manager->setThumbSize(kWidth, kHeight);
         manager->setAdapterSeekMode(ZOR::ThumbSeekExact);
@@ -157,7 +156,7 @@ struct BusyManager {
     ~BusyManager() {
         manager->stopWorker();
         manager->removeCallback(&announcements);
-        manager->Release();
+        manager.reset();
     }
     BusyManager(const BusyManager&) = delete;
     BusyManager& operator=(const BusyManager&) = delete;
@@ -177,7 +176,7 @@ struct BusyManager {
         return false;
     }
 
-    ZOR::IBsThumbManager* manager;
+    ZOR::ZorRef<ZOR::IBsThumbManager> manager;
     ZOR::MediaThumbRequest item;
     Announcements announcements;
     int askedAgain = 0;
@@ -250,12 +249,11 @@ void BM_AdapterFirstThreePictures(benchmark::State& state) {
         const std::string folder = ZOR::PathUtil::join(root.path, "media_thumbnail").str();
         std::filesystem::create_directories(folder);
         const auto start = Clock::now();
-        ZOR::IThumbAdapter* adapter = ZOR::createThumbAdapter();
+        const auto adapter = ZOR::ZorRef<ZOR::IThumbAdapter>::adopt(ZOR::createThumbAdapter());
         adapter->setMediaPath(media);
         adapter->setOutputSize(kWidth, kHeight);
         adapter->setSeekMode(ZOR::ThumbSeekExact);
         if (adapter->open(-1) != 0) {
-            adapter->Release();
             state.SkipWithError("cannot open MIRAVEL_BENCH_VIDEO");
             return;
         }
@@ -267,7 +265,6 @@ void BM_AdapterFirstThreePictures(benchmark::State& state) {
                                                       static_cast<double>(kPictures) * static_cast<double>(duration));
             if (adapter->frameAt(time, buffer.data(), static_cast<int64_t>(buffer.size())) != 0 ||
                 ZOR::dumpPNG(kWidth, kHeight, buffer.data(), pictureFile(root.path, indices[i]).c_str(), -1) != 0) {
-                adapter->Release();
                 state.SkipWithError("a picture failed");
                 return;
             }
@@ -279,7 +276,6 @@ void BM_AdapterFirstThreePictures(benchmark::State& state) {
         third += millisecondsBetween(start, done[2]);
         ++runs;
         adapter->close();
-        adapter->Release();
     }
     if (runs == 0) return;
     state.counters["picture0_ms"] = first / runs;

@@ -215,12 +215,10 @@ struct Scene {
     ~Scene() {
         client.disarm();
         impl.reset();
-        if (service != nullptr) {
-            service->removeAudioClipThumbnailCallback(&client);
-            service->Release();
-        }
+        if (service != nullptr) service->removeAudioClipThumbnailCallback(&client);
+        service.reset();
         runOnEventThread([] {});
-        if (timeline != nullptr) timeline->Release();
+        timeline.reset();
         std::error_code ignored;
         if (!folder.empty()) std::filesystem::remove_all(folder, ignored);
     }
@@ -259,7 +257,7 @@ struct Scene {
         }
         std::string why;
         const Clock::time_point made = Clock::now();
-        timeline = createTimeline(desc, &why);
+        timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &why));
         if (timeline == nullptr) return joined({"createTimeline: ", why});
         timelineMs = std::chrono::duration<double, std::milli>(Clock::now() - made).count();
         for (int t = 0; t < kTracks; ++t)
@@ -268,7 +266,7 @@ struct Scene {
         if (edited == nullptr || edited->queryInterface("IDmAudioFeature") == nullptr)
             return "the edited clip has no sound";
 
-        service = createBsClipThumbnaiService();
+        service = ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService());
         if (service == nullptr) return "no service";
         if (service->addAudioClipThumbnailCallback(&client) != 0) return "addAudioClipThumbnailCallback failed";
 
@@ -289,16 +287,16 @@ struct Scene {
         runOnEventThread([] {});
 
         const auto live = BsClipThumbnailServiceRegistry::instance().live();
-        if (live.size() != 1 || live[0]->timeline() != timeline) return "not one implementation of the timeline";
+        if (live.size() != 1 || live[0]->timeline() != timeline.get()) return "not one implementation of the timeline";
         impl = live[0];
         if (impl->changedInfo() == nullptr) return "no change tracker";
         return {};
     }
 
     std::filesystem::path folder;
-    IDmTimeline* timeline = nullptr;  // one reference
+    ZorRef<IDmTimeline> timeline;
     IDmClip* edited = nullptr;
-    IBsClipThumbnailService* service = nullptr;  // one reference
+    ZorRef<IBsClipThumbnailService> service;
     Client client;
     std::shared_ptr<BsClipThumbnailServiceImpl> impl;
     double timelineMs = 0.0;
@@ -325,16 +323,30 @@ void releaseScene() {
     sharedScene = nullptr;
 }
 
+// The scene, or null (and the benchmark skipped) when it could not be made.
+Scene* readyScene(benchmark::State& state) {
+    Scene& s = scene();
+    if (s.problem.empty()) return &s;
+    state.SkipWithError(s.problem.c_str());
+    return nullptr;
+}
+
+// An event of the edited clip after which the tracker records nothing.
+DmEditEvent unrecordedEvent(const Scene& s) {
+    DmEditEvent event;
+    event.timeline = s.timeline.get();
+    event.clip = s.edited;
+    return event;
+}
+
 // ---------------------------------------------------------------------------
 // 1. An event after which nothing was recorded
 
 // The tracker's report after such an event, called directly.
 void BM_ProcessChangesNothingRecorded(benchmark::State& state) {
-    Scene& s = scene();
-    if (!s.problem.empty()) {
-        state.SkipWithError(s.problem.c_str());
-        return;
-    }
+    Scene* ready = readyScene(state);
+    if (ready == nullptr) return;
+    Scene& s = *ready;
     BsTimelineChangedInfo* info = s.impl->changedInfo();
     const int64_t notices = s.client.notices();
     for (auto _ : state) info->processChanges(s.impl);
@@ -345,15 +357,11 @@ BENCHMARK(BM_ProcessChangesNothingRecorded)->UseRealTime();
 // The whole handler: the live implementations collected from the registry,
 // then each one's processChanges.
 void BM_OnDataModelEventNothingRecorded(benchmark::State& state) {
-    Scene& s = scene();
-    if (!s.problem.empty()) {
-        state.SkipWithError(s.problem.c_str());
-        return;
-    }
-    DmEditEvent event;
-    event.timeline = s.timeline;
-    event.clip = s.edited;
-    void* context = s.service;
+    Scene* ready = readyScene(state);
+    if (ready == nullptr) return;
+    Scene& s = *ready;
+    const DmEditEvent event = unrecordedEvent(s);
+    void* context = s.service.get();
     const int64_t notices = s.client.notices();
     for (auto _ : state) BsClipThumbnailService::onDataModelEvent(clipEventKey::videoPropertyChanged, &event, context);
     if (s.client.notices() != notices) state.SkipWithError("something was reported");
@@ -363,14 +371,10 @@ BENCHMARK(BM_OnDataModelEventNothingRecorded)->UseRealTime();
 // The same event published on the bus (the service's handler is its only
 // subscriber), waited for with a round trip to the event thread.
 void BM_PublishedEventNothingRecorded(benchmark::State& state) {
-    Scene& s = scene();
-    if (!s.problem.empty()) {
-        state.SkipWithError(s.problem.c_str());
-        return;
-    }
-    DmEditEvent event;
-    event.timeline = s.timeline;
-    event.clip = s.edited;
+    Scene* ready = readyScene(state);
+    if (ready == nullptr) return;
+    Scene& s = *ready;
+    const DmEditEvent event = unrecordedEvent(s);
     IEventBus* bus = defaultEventBus();
     const int64_t notices = s.client.notices();
     for (auto _ : state) {
@@ -383,11 +387,7 @@ BENCHMARK(BM_PublishedEventNothingRecorded)->Unit(benchmark::kMicrosecond)->UseR
 
 // Peer of the above: the round trip alone.
 void BM_EventThreadRoundTrip(benchmark::State& state) {
-    Scene& s = scene();
-    if (!s.problem.empty()) {
-        state.SkipWithError(s.problem.c_str());
-        return;
-    }
+    if (readyScene(state) == nullptr) return;
     for (auto _ : state) runOnEventThread([] {});
 }
 BENCHMARK(BM_EventThreadRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -398,14 +398,12 @@ BENCHMARK(BM_EventThreadRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime()
 double micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
 void BM_VolumeEditToRefreshedThumbnail(benchmark::State& state) {
-    Scene& s = scene();
-    if (!s.problem.empty()) {
-        state.SkipWithError(s.problem.c_str());
-        return;
-    }
+    Scene* ready = readyScene(state);
+    if (ready == nullptr) return;
+    Scene& s = *ready;
     const int64_t begin = kMarkIn;
     const int64_t end = kMarkIn + kClipLength;
-    s.client.arm(s.service, s.edited, begin, end);
+    s.client.arm(s.service.get(), s.edited, begin, end);
 
     // One edit to each value, untimed: the thumbnails each value gives.
     std::vector<float> reference[2];

@@ -20,6 +20,7 @@
 
 #include "ThumbAdapterInternal.h"
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 
 namespace {
 
@@ -70,14 +71,13 @@ void pictures(benchmark::State& state, Mode mode) {
     int64_t runs = 0;
     std::chrono::steady_clock::duration elapsed{};
     for (auto _ : state) {
-        IThumbAdapter* adapter = ZOR::createThumbAdapter();
+        const auto adapter = ZOR::ZorRef<IThumbAdapter>::adopt(ZOR::createThumbAdapter());
         auto* inner = static_cast<IThumbAdapterInternal*>(adapter->queryInterface("IThumbAdapterInternal"));
         adapter->setMediaPath(path);
         adapter->setOutputSize(kWidth, kHeight);
         adapter->setSeekMode(mode == Mode::Keyframe ? ZOR::ThumbSeekKeyframe : ZOR::ThumbSeekExact);
         if (inner != nullptr) inner->setFrameSkipping(mode != Mode::ExactNoSkipping);
         if (adapter->open(-1) != 0) {
-            adapter->Release();
             state.SkipWithError("cannot open MIRAVEL_BENCH_VIDEO");
             return;
         }
@@ -102,7 +102,6 @@ void pictures(benchmark::State& state, Mode mode) {
         }
         ++runs;
         adapter->close();
-        adapter->Release();
     }
     if (runs == 0) return;
     const double milliseconds = std::chrono::duration<double, std::milli>(elapsed).count();

@@ -61,6 +61,7 @@
 #include <vector>
 
 #include "BackgroundTaskManager/BackgroundTaskManager.h"
+#include "BenchMedia.h"
 #include "BsDataStructure/BsDataStructure.h"
 #include "BsVideoThumbnailBuilder.h"
 #include "BsVideoThumbnailCacheManager.h"
@@ -68,7 +69,6 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
-#include "TimelineDescs.h"
 
 // ---------------------------------------------------------------------------
 // Counting operator new and delete
@@ -188,39 +188,10 @@ std::string mediaIdNumber(int index) {
 // ---------------------------------------------------------------------------
 // The media file and its timeline
 
-struct VideoFile {
-    std::string path;
-    int64_t duration = 0;  // cns
-    std::string problem;
-};
-
-const VideoFile& videoFile() {
-    static const VideoFile* shared = [] {
-        auto* made = new VideoFile;
-        const char* path = std::getenv("MIRAVEL_BENCH_VIDEO");
-        if (path == nullptr || *path == '\0') {
-            made->problem = "set MIRAVEL_BENCH_VIDEO to a video file (bench/run_video_thumbnail_bench.sh makes one)";
-            return made;
-        }
-        made->path = path;
-        std::string why;
-        IDmClip* clip = createMediaClip(path, -1, -1, &why);
-        if (clip == nullptr || clip->queryInterface("IDmVideoFeature") == nullptr) {
-            made->problem = made->path;
-            made->problem += " has no video: ";
-            made->problem += why;
-        } else {
-            made->duration = markOutTimeOfClip(clip);
-        }
-        if (clip != nullptr) clip->Release();
-        return made;
-    }();
+const bench::BenchFile& videoFile() {
+    static const bench::BenchFile* shared = new bench::BenchFile(bench::benchFile(
+        "MIRAVEL_BENCH_VIDEO", "a video file", "bench/run_video_thumbnail_bench.sh", "IDmVideoFeature", "video"));
     return *shared;
-}
-
-// A timeline of one video track holding one clip of the whole file.
-IDmTimeline* timelineOf(const VideoFile& file) {
-    return test::wholeFileTimeline("long", file.path, file.duration, DmTrackVideo);
 }
 
 // A new empty folder for the frame store, removed with the object.
@@ -260,6 +231,23 @@ public:
 private:
     std::string folder_;
     std::string root_;
+};
+
+// A cold iteration's scene: a new empty frame store and a new timeline of
+// the file.
+struct ColdScene {
+    FreshStore store;
+    bench::WholeFileTimeline made;
+
+    // false (and the benchmark skipped) when either cannot be made.
+    bool make(benchmark::State& state, const bench::BenchFile& file) {
+        if (!store.ready() || !store.empty()) {
+            state.SkipWithError("no fresh frame store");
+            return false;
+        }
+        made = bench::wholeFileTimeline(state, file, "long", DmTrackVideo);
+        return made.clip != nullptr;
+    }
 };
 
 std::vector<int64_t> coldTimes() {
@@ -373,6 +361,16 @@ void BM_VideoCacheLookupEmpty(benchmark::State& state) {
 }
 BENCHMARK(BM_VideoCacheLookupEmpty);
 
+// The file, or null (and the benchmark skipped) when there is none to use;
+// the lookups' cache scene is released first.
+const bench::BenchFile* readyVideo(benchmark::State& state) {
+    releaseCacheScene();
+    const bench::BenchFile& file = videoFile();
+    if (file.problem.empty()) return &file;
+    state.SkipWithError(file.problem.c_str());
+    return nullptr;
+}
+
 // ---------------------------------------------------------------------------
 // 2. A request whose 50 frames are all cached
 
@@ -410,19 +408,15 @@ public:
 };
 
 void BM_VideoRequestCached(benchmark::State& state) {
-    releaseCacheScene();
     const int frameCount = static_cast<int>(state.range(0));
     const int cached = static_cast<int>(state.range(1));
-    const VideoFile& file = videoFile();
-    if (!file.problem.empty()) {
-        state.SkipWithError(file.problem.c_str());
-        return;
-    }
+    const bench::BenchFile* file = readyVideo(state);
+    if (file == nullptr) return;
     FreshStore store;
-    IDmTimeline* timeline = timelineOf(file);
-    IDmClip* clip = timeline != nullptr ? timeline->clip(0, 0) : nullptr;
-    if (clip == nullptr || clip->queryInterface("IDmVideoFeature") == nullptr) {
-        if (timeline != nullptr) timeline->Release();
+    const bench::WholeFileTimeline made = bench::wholeFileTimeline(state, *file, "long", DmTrackVideo);
+    IDmClip* clip = made.clip;
+    if (clip == nullptr) return;
+    if (clip->queryInterface("IDmVideoFeature") == nullptr) {
         state.SkipWithError("no timeline with a video clip");
         return;
     }
@@ -443,7 +437,7 @@ void BM_VideoRequestCached(benchmark::State& state) {
         for (int64_t time : wanted) builder->cache().addThumbnail(key, time, kWidth, kHeight, pixels.data(), kPictureBytes);
         const int64_t others = cached - frameCount;
         // Quanta spread over the clip, none of them a requested frame's.
-        const int64_t quanta = file.duration / thumbnailTimeStep;
+        const int64_t quanta = file->duration / thumbnailTimeStep;
         const int64_t requestedEvery = kColdStep / thumbnailTimeStep;
         for (int64_t i = 0; i < others; ++i) {
             int64_t quantum = 1 + i * (quanta - 2) / std::max<int64_t>(others, 1);
@@ -470,7 +464,6 @@ void BM_VideoRequestCached(benchmark::State& state) {
         state.counters["cached_pictures"] = static_cast<double>(held);
         state.counters["delivered_per_request"] = static_cast<double>(owner.lastCount);
     }
-    timeline->Release();
 }
 BENCHMARK(BM_VideoRequestCached)
     ->ArgNames({"frames", "cached"})
@@ -644,19 +637,44 @@ DecodeWork workIn(const test::CapturingSink& sink) {
 
 benchmark::Counter perIteration(double value) { return benchmark::Counter(value, benchmark::Counter::kAvgIterations); }
 
-void BM_VideoColdRequest100Frames(benchmark::State& state) {
-    releaseCacheScene();
-    const VideoFile& file = videoFile();
-    if (!file.problem.empty()) {
-        state.SkipWithError(file.problem.c_str());
-        return;
-    }
-    test::ScopedCapture capture(IBsLogger::Debug);
+// What both sides of a cold benchmark sum over their iterations: from the
+// start to the first picture, to half of them and to all of them (or the
+// task's end), in wall and in CPU time; reported per iteration with the
+// decoding work the log tells of.
+struct ColdSums {
     double firstMs = 0;
     double halfMs = 0;
     double allMs = 0;
     double firstCpu = 0;
     double allCpu = 0;
+
+    void add(Clock::time_point start, double startCpu, Clock::time_point first,
+             const std::optional<Clock::time_point>& half, Clock::time_point all, double firstCpuMs,
+             double allCpuMs) {
+        firstMs += millisecondsBetween(start, first);
+        if (half) halfMs += millisecondsBetween(start, *half);
+        allMs += millisecondsBetween(start, all);
+        firstCpu += firstCpuMs - startCpu;
+        allCpu += allCpuMs - startCpu;
+    }
+    void report(benchmark::State& state, const test::CapturingSink& sink, bool withHalf) const {
+        const DecodeWork work = workIn(sink);
+        state.counters["first_ms"] = perIteration(firstMs);
+        if (withHalf) state.counters["half_ms"] = perIteration(halfMs);
+        state.counters["all_ms"] = perIteration(allMs);
+        state.counters["first_cpu_ms"] = perIteration(firstCpu);
+        state.counters["all_cpu_ms"] = perIteration(allCpu);
+        state.counters["seeks"] = perIteration(static_cast<double>(work.seeks));
+        state.counters["frames_decoded"] = perIteration(static_cast<double>(work.frames));
+        state.counters["log_warnings"] = perIteration(static_cast<double>(work.warnings));
+    }
+};
+
+void BM_VideoColdRequest100Frames(benchmark::State& state) {
+    const bench::BenchFile* file = readyVideo(state);
+    if (file == nullptr) return;
+    test::ScopedCapture capture(IBsLogger::Debug);
+    ColdSums sums;
     double returnMs = 0;
     double firstCount = 0;
     double firstFrameS = 0;
@@ -664,19 +682,13 @@ void BM_VideoColdRequest100Frames(benchmark::State& state) {
     double duplicates = 0;
     double stored = 0;
     for (auto _ : state) {
-        FreshStore store;
-        IDmTimeline* timeline = timelineOf(file);
-        IDmClip* clip = timeline != nullptr ? timeline->clip(0, 0) : nullptr;
-        if (!store.ready() || !store.empty() || clip == nullptr) {
-            if (timeline != nullptr) timeline->Release();
-            state.SkipWithError("no fresh frame store or no timeline");
-            break;
-        }
+        ColdScene scene;
+        if (!scene.make(state, *file)) break;
         std::vector<int64_t> frames = coldTimes();
         ArrivalRecorder recorder(frames.size());
         auto builder = std::make_unique<BsVideoThumbnailBuilder>(&recorder);
         VideoThumbnailRequest request;
-        request.clip = clip;
+        request.clip = scene.made.clip;
         request.width = kWidth;
         request.height = kHeight;
         request.frames = frames.data();
@@ -690,68 +702,42 @@ void BM_VideoColdRequest100Frames(benchmark::State& state) {
         const ArrivalRecorder::Summary summary = recorder.summary();
         const size_t cached = builder->cache().pictureCount();
         builder.reset();
-        stored += static_cast<double>(store.pngFiles());
-        timeline->Release();
+        stored += static_cast<double>(scene.store.pngFiles());
+        scene.made.timeline.reset();
         if (!complete || !summary.first || !summary.all || summary.bad != 0 ||
             cached != static_cast<size_t>(kColdFrames)) {
             state.SkipWithError("the 100 pictures were not all delivered and cached");
             break;
         }
         state.SetIterationTime(std::chrono::duration<double>(*summary.all - start).count());
-        firstMs += millisecondsBetween(start, *summary.first);
-        halfMs += millisecondsBetween(start, *summary.half);
-        allMs += millisecondsBetween(start, *summary.all);
-        firstCpu += summary.firstCpuMs - startCpu;
-        allCpu += summary.allCpuMs - startCpu;
+        sums.add(start, startCpu, *summary.first, summary.half, *summary.all, summary.firstCpuMs, summary.allCpuMs);
         returnMs += millisecondsBetween(start, returned);
         firstCount += summary.firstCount;
         firstFrameS += static_cast<double>(summary.firstFrame) / static_cast<double>(kSecond);
         deliveries += static_cast<double>(summary.deliveries);
         duplicates += static_cast<double>(summary.duplicates);
     }
-    const DecodeWork work = workIn(capture.sink());
-    state.counters["first_ms"] = perIteration(firstMs);
-    state.counters["half_ms"] = perIteration(halfMs);
-    state.counters["all_ms"] = perIteration(allMs);
-    state.counters["first_cpu_ms"] = perIteration(firstCpu);
-    state.counters["all_cpu_ms"] = perIteration(allCpu);
+    sums.report(state, capture.sink(), true);
     state.counters["request_call_ms"] = perIteration(returnMs);
     state.counters["pictures_in_first_delivery"] = perIteration(firstCount);
     state.counters["first_frame_s"] = perIteration(firstFrameS);
     state.counters["deliveries"] = perIteration(deliveries);
     state.counters["duplicates"] = perIteration(duplicates);
     state.counters["png_stored"] = perIteration(stored);
-    state.counters["seeks"] = perIteration(static_cast<double>(work.seeks));
-    state.counters["frames_decoded"] = perIteration(static_cast<double>(work.frames));
-    state.counters["log_warnings"] = perIteration(static_cast<double>(work.warnings));
 }
 BENCHMARK(BM_VideoColdRequest100Frames)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
 
 // The task alone, cold: start and append of times to status 2.
 void coldTask(benchmark::State& state, const std::vector<int64_t>& frames) {
-    releaseCacheScene();
-    const VideoFile& file = videoFile();
-    if (!file.problem.empty()) {
-        state.SkipWithError(file.problem.c_str());
-        return;
-    }
+    const bench::BenchFile* file = readyVideo(state);
+    if (file == nullptr) return;
     test::ScopedCapture capture(IBsLogger::Debug);
-    double firstMs = 0;
-    double halfMs = 0;
-    double endMs = 0;
-    double firstCpu = 0;
-    double endCpu = 0;
+    ColdSums sums;
     for (auto _ : state) {
-        FreshStore store;
-        IDmTimeline* timeline = timelineOf(file);
-        IDmClip* clip = timeline != nullptr ? timeline->clip(0, 0) : nullptr;
-        if (!store.ready() || !store.empty() || clip == nullptr) {
-            if (timeline != nullptr) timeline->Release();
-            state.SkipWithError("no fresh frame store or no timeline");
-            break;
-        }
+        ColdScene scene;
+        if (!scene.make(state, *file)) break;
         TaskRecorder recorder;
-        IBsVideoFrameExtractTask* task = createVideoFrameExtractTask();
+        const auto task = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
         task->initialize();
         task->addCallBack(&recorder);
 
@@ -759,35 +745,22 @@ void coldTask(benchmark::State& state, const std::vector<int64_t>& frames) {
         const Clock::time_point start = Clock::now();
         task->start();
         int64_t token = -1;
-        const int32_t appended = task->append(clip, frames.data(), static_cast<int32_t>(frames.size()), &token, kWidth,
-                                              kHeight, 0);
+        const int32_t appended = task->append(scene.made.clip, frames.data(), static_cast<int32_t>(frames.size()),
+                                              &token, kWidth, kHeight, 0);
         const bool ended = appended == 0 && recorder.waitForEnd();
 
         task->removeCallBack(&recorder);
         task->shutdown();
-        task->Release();
-        timeline->Release();
         if (!ended || recorder.final_ != BsTaskFinished || recorder.seen_.size() != frames.size() ||
             recorder.bad_ != 0 || !recorder.first_) {
             state.SkipWithError("the task did not give the exact pictures and status 2");
             break;
         }
         state.SetIterationTime(std::chrono::duration<double>(*recorder.end_ - start).count());
-        firstMs += millisecondsBetween(start, *recorder.first_);
-        if (recorder.half_) halfMs += millisecondsBetween(start, *recorder.half_);
-        endMs += millisecondsBetween(start, *recorder.end_);
-        firstCpu += recorder.firstCpuMs_ - startCpu;
-        endCpu += recorder.endCpuMs_ - startCpu;
+        sums.add(start, startCpu, *recorder.first_, recorder.half_, *recorder.end_, recorder.firstCpuMs_,
+                 recorder.endCpuMs_);
     }
-    const DecodeWork work = workIn(capture.sink());
-    state.counters["first_ms"] = perIteration(firstMs);
-    if (frames.size() > 1) state.counters["half_ms"] = perIteration(halfMs);
-    state.counters["all_ms"] = perIteration(endMs);
-    state.counters["first_cpu_ms"] = perIteration(firstCpu);
-    state.counters["all_cpu_ms"] = perIteration(endCpu);
-    state.counters["seeks"] = perIteration(static_cast<double>(work.seeks));
-    state.counters["frames_decoded"] = perIteration(static_cast<double>(work.frames));
-    state.counters["log_warnings"] = perIteration(static_cast<double>(work.warnings));
+    sums.report(state, capture.sink(), frames.size() > 1);
 }
 
 void BM_VideoColdTaskAlone100Frames(benchmark::State& state) { coldTask(state, coldTimes()); }

@@ -17,14 +17,13 @@ constexpr int kIterations = 3000;
 TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoesWhileReportsArrive) {
     // Two media: one whose wave data is held (answered at once), one that
     // needs tasks.
-    auto* pending = new FakeWaveManager();
-    pending->AddRef();
+    auto pending = makeRef<FakeWaveManager>();
     pending->holdNothing();
     timeline_->addTrack(DmTrackAudio);
-    std::vector<FakeTimelineClip*> clips;
+    std::vector<FakeClip*> clips;
     for (int i = 0; i < 3; ++i) clips.push_back(addClip("held" + std::to_string(i), 0, i * kSecond, (i + 4) * kSecond));
     for (int i = 0; i < 3; ++i)
-        clips.push_back(timeline_->addClip(1, "pending" + std::to_string(i), pending, 0, i * kSecond, (i + 4) * kSecond));
+        clips.push_back(timeline_->addClip(1, "pending" + std::to_string(i), pending.get(), 0, i * kSecond, (i + 4) * kSecond));
     clips[1]->addEffect(4109)->setValues(0.5f, 0.5f, 0.5f);
     clips[4]->addEffect(4110)->setKeyframes({{0, -6.0}, {2 * kSecond, 0.0}});
 
@@ -39,7 +38,7 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
     auto querying = std::async(std::launch::async, [&] {
         std::mt19937 random(1);
         for (int i = 0; i < kIterations; ++i) {
-            FakeTimelineClip* clip = clips[random() % clips.size()];
+            FakeClip* clip = clips[random() % clips.size()];
             RecordingQueryer* queryer = queryers[random() % queryers.size()].get();
             const int64_t begin = static_cast<int64_t>(random() % 4) * kFrame;
             if (shared.queryAudioThumbnailData(queryer, clip, begin, begin + 2 * kSecond, 1 + static_cast<int32_t>(random() % 64)) == 0)
@@ -60,17 +59,14 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
         std::mt19937 random(3);
         const uint32_t bits[] = {0x40, 0x200, 0x10, 0x8, 0x800, 0x22, 0x400, 0x50};
         for (int i = 0; i < kIterations; ++i) {
-            auto* list = new FakeClipList();
-            list->AddRef();
-            IZORIntList* flags = createZORIntList();
+            auto list = makeRef<FakeClipList>();
+            auto flags = ZorRef<IZORIntList>::adopt(createZORIntList());
             for (int k = 0; k < 2; ++k) {
                 list->append(clips[random() % clips.size()]);
                 flags->append(static_cast<int32_t>(bits[random() % 8]));
             }
-            shared.onAudioChanged(timeline_, list, flags);
+            shared.onAudioChanged(timeline_.get(), list.get(), flags.get());
             if (i % 500 == 0) shared.clearAudioRawSamples(clips[random() % clips.size()]);
-            flags->Release();
-            list->Release();
         }
     });
     auto reporting = std::async(std::launch::async, [&] {
@@ -98,7 +94,6 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
 
     EXPECT_FALSE(task->alive());
     EXPECT_EQ(task->callbackCount(), 0u);
-    pending->Release();
 }
 
 }  // namespace

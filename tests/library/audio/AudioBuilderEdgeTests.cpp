@@ -29,10 +29,10 @@ std::vector<float> firstFivePoints() {
 // Builder
 
 TEST_F(AudioEdgeTest, FirstAcceptedQueryStartsTheWorkerAndAnUnqueriedBuilderNeverDoes) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     {
-        BsAudioThumbnailBuilder idle(&owner_, timeline_);
+        BsAudioThumbnailBuilder idle(&owner_, timeline_.get());
         EXPECT_FALSE(idle.workerStarted());
     }
 
@@ -51,7 +51,7 @@ TEST_F(AudioEdgeTest, FirstAcceptedQueryStartsTheWorkerAndAnUnqueriedBuilderNeve
 // With nothing queued the worker's wait ends by its time-out and the loop goes
 // round again: rounds go on while no message arrives.
 TEST_F(AudioEdgeTest, TheWorkerWakesWithinItsWaitWithNothingQueued) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, kSecond, 4), 0);
     ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
@@ -66,7 +66,7 @@ TEST_F(AudioEdgeTest, TheWorkerWakesWithinItsWaitWithNothingQueued) {
 }
 
 TEST_F(AudioEdgeTest, TwoQueryersOfOneClipShareItsEntryAndWaveHandleAndGetTheirOwnRanges) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer first;
     RecordingQueryer second;
 
@@ -103,7 +103,7 @@ TEST_F(AudioEdgeTest, TwoQueryersOfOneClipShareItsEntryAndWaveHandleAndGetTheirO
 
 TEST_F(AudioEdgeTest, QueryIdenticalToOneWithARunningTaskReturnsZeroAndSubmitsNothing) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_EQ(lastAudioTask()->appends().size(), 1u);
@@ -127,7 +127,7 @@ class AudioClosingStatusTest : public AudioEdgeTest, public ::testing::WithParam
 
 TEST_P(AudioClosingStatusTest, TaskReportWithThisStatusProducesNoCallback) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_EQ(lastAudioTask()->appends().size(), 1u);
@@ -147,7 +147,7 @@ TEST_P(AudioClosingStatusTest, TaskReportWithThisStatusProducesNoCallback) {
 INSTANTIATE_TEST_SUITE_P(FailedCancelledAndAborted, AudioClosingStatusTest, ::testing::Values(3, 4, 7));
 
 TEST_F(AudioEdgeTest, HeldWaveDataIsAnsweredWithoutAnyTask) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     // No deliver(): the wave data message was queued by the query itself.
@@ -162,8 +162,8 @@ TEST_F(AudioEdgeTest, HeldWaveDataIsAnsweredWithoutAnyTask) {
 }
 
 TEST_F(AudioEdgeTest, CancellingAQueryerErasesEachEntryOnceItsLastRequestIsGone) {
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
-    FakeTimelineClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
     RecordingQueryer everywhere;
     RecordingQueryer onA;
     ASSERT_EQ(builder().queryAudioThumbnailData(&everywhere, a, 0, 2 * kSecond, 5), 0);
@@ -191,8 +191,8 @@ TEST_F(AudioEdgeTest, LastBuilderReleasesTheSharedTaskAndTheNextBuilderCreatesAN
     const std::string releaseText = "==wav clip AudioWaveTask release";
     RecordingCallback otherOwner;
 
-    auto first = std::make_unique<BsAudioThumbnailBuilder>(&owner_, timeline_);
-    auto second = std::make_unique<BsAudioThumbnailBuilder>(&otherOwner, timeline_);
+    auto first = std::make_unique<BsAudioThumbnailBuilder>(&owner_, timeline_.get());
+    auto second = std::make_unique<BsAudioThumbnailBuilder>(&otherOwner, timeline_.get());
     ASSERT_EQ(scriptedAudioTasks().size(), 1u);
     const auto task = scriptedAudioTasks()[0];
     EXPECT_EQ(task->initializeCount(), 1);
@@ -218,7 +218,7 @@ TEST_F(AudioEdgeTest, LastBuilderReleasesTheSharedTaskAndTheNextBuilderCreatesAN
     EXPECT_EQ(released[0].severity, IBsLogger::Info);
     EXPECT_EQ(released[0].function, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder");
 
-    auto third = std::make_unique<BsAudioThumbnailBuilder>(&owner_, timeline_);
+    auto third = std::make_unique<BsAudioThumbnailBuilder>(&owner_, timeline_.get());
     ASSERT_EQ(scriptedAudioTasks().size(), 2u);
     const auto next = scriptedAudioTasks()[1];
     EXPECT_TRUE(next->alive());
@@ -233,7 +233,7 @@ TEST_F(AudioEdgeTest, LastBuilderReleasesTheSharedTaskAndTheNextBuilderCreatesAN
 }
 
 TEST_F(AudioEdgeTest, EnableOnlyChangeOfAnUnduckedClipOnlyNotifiesTheOwner) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
@@ -243,7 +243,7 @@ TEST_F(AudioEdgeTest, EnableOnlyChangeOfAnUnduckedClipOnlyNotifiesTheOwner) {
 
     auto clips = clipList({clip});
     auto bits = intList({0x200});
-    EXPECT_EQ(builder().onAudioChanged(timeline_, clips.get(), bits.get()), 0);
+    EXPECT_EQ(builder().onAudioChanged(timeline_.get(), clips.get(), bits.get()), 0);
     EXPECT_EQ(owner_.notices(), (std::vector<IDmClip*>{clip}));
 
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
@@ -257,7 +257,7 @@ TEST_F(AudioEdgeTest, EnableOnlyChangeOfAnUnduckedClipOnlyNotifiesTheOwner) {
 
     // Whereas a volume change is read at the next query.
     auto volumeBits = intList({0x40});
-    EXPECT_EQ(builder().onAudioChanged(timeline_, clips.get(), volumeBits.get()), 0);
+    EXPECT_EQ(builder().onAudioChanged(timeline_.get(), clips.get(), volumeBits.get()), 0);
     EXPECT_EQ(owner_.notices(), (std::vector<IDmClip*>{clip, clip}));
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_TRUE(queryer.callback.waitForDeliveries(3));
@@ -267,19 +267,19 @@ TEST_F(AudioEdgeTest, EnableOnlyChangeOfAnUnduckedClipOnlyNotifiesTheOwner) {
 }
 
 TEST_F(AudioEdgeTest, ChangesOfAnotherTimelineAreRefused) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
-    auto other = Ref<FakeTimeline>::retain(new FakeTimeline());
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    auto other = makeRef<FakeTimeline>();
     auto clips = clipList({clip});
     auto bits = intList({0x40});
     EXPECT_EQ(builder().onAudioChanged(other.get(), clips.get(), bits.get()), 1001);
     EXPECT_EQ(builder().onAudioChanged(nullptr, clips.get(), bits.get()), 1001);
     EXPECT_TRUE(owner_.notices().empty());
-    EXPECT_EQ(builder().onAudioChanged(timeline_, clips.get(), bits.get()), 0);
+    EXPECT_EQ(builder().onAudioChanged(timeline_.get(), clips.get(), bits.get()), 0);
 }
 
 TEST_F(AudioEdgeTest, ZeroSampleCountIsRefusedWithAnErrorLine) {
     ScopedCapture capture;
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     const std::string hex = hexText(static_cast<IDmClip*>(clip));
 
@@ -308,7 +308,7 @@ TEST_F(AudioEdgeTest, NullClipIsRefused) {
 }
 
 TEST_F(AudioEdgeTest, QueryIsTimedAtTimingSeverity) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     const std::regex timed(R"(ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData\[293\] cost \d+ milliSecond\.)");
     auto timedLines = [&](const CapturingSink& sink) {
@@ -340,8 +340,8 @@ TEST_F(AudioEdgeTest, QueryIsTimedAtTimingSeverity) {
 
 TEST_F(AudioEdgeTest, NewQueryLineCarriesTheEntryKey) {
     ScopedCapture capture;
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
-    FakeTimelineClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
     RecordingQueryer queryer;
     const std::string q = hexText(static_cast<IBsAudioThumbnailQueryer*>(&queryer));
     auto expected = [&](IDmClip* clip, const std::string& id, const std::string& position, const std::string& tail) {
@@ -374,7 +374,7 @@ TEST_F(AudioEdgeTest, NewQueryLineCarriesTheEntryKey) {
 
 TEST_F(AudioEdgeTest, CompletionOfACancelledRequestDeliversNothing) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
     ASSERT_EQ(lastAudioTask()->appends().size(), 1u);
@@ -391,8 +391,8 @@ TEST_F(AudioEdgeTest, CompletionOfACancelledRequestDeliversNothing) {
 }
 
 TEST_F(AudioEdgeTest, OneWaveDataMessagePerClipIsQueuedAtATime) {
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
-    FakeTimelineClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
     GateQueryer gate;
     RecordingQueryer first;
     RecordingQueryer second;
@@ -424,7 +424,7 @@ TEST_F(AudioEdgeTest, OneWaveDataMessagePerClipIsQueuedAtATime) {
 
 TEST_F(AudioEdgeTest, BuilderWithAnIdleWorkerIsDestroyed) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     // The query waits for its task: nothing is ever queued for the worker.
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
@@ -442,7 +442,7 @@ TEST_F(AudioEdgeTest, BuilderWithAnIdleWorkerIsDestroyed) {
 
 TEST_F(AudioEdgeTest, FailedAppendIsServedFromWhatTheManagerHolds) {
     wave_->setHeld(0, 20);  // frames 30 and 40 are missing
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer partly;
     builder();
     lastAudioTask()->setAppendResult(1001);
@@ -456,9 +456,9 @@ TEST_F(AudioEdgeTest, FailedAppendIsServedFromWhatTheManagerHolds) {
               (std::vector<float>{waveValue(0, 0), waveValue(10, 0), waveValue(20, 0), 0.0f, 0.0f}));
 
     // A manager that holds nothing gives zeros.
-    auto empty = makeWaveManager();
+    auto empty = makeRef<FakeWaveManager>();
     empty->holdNothing();
-    FakeTimelineClip* b = timeline_->addClip(0, "b", empty.get(), 0, 4 * kSecond, 8 * kSecond);
+    FakeClip* b = timeline_->addClip(0, "b", empty.get(), 0, 4 * kSecond, 8 * kSecond);
     RecordingQueryer nothing;
     ASSERT_EQ(builder().queryAudioThumbnailData(&nothing, b, 0, 2 * kSecond, 5), 0);
     ASSERT_TRUE(nothing.callback.waitForDeliveries(1));
@@ -468,7 +468,7 @@ TEST_F(AudioEdgeTest, FailedAppendIsServedFromWhatTheManagerHolds) {
 
 TEST_F(AudioEdgeTest, AppendedRecordNamesTheFramesOfTheSourceRange) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     // Points 0, 0.4 s, ..., 1.6 s: frames 0 to 40.
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 2 * kSecond, 5), 0);
@@ -488,7 +488,7 @@ TEST_F(AudioEdgeTest, AppendedRecordNamesTheFramesOfTheSourceRange) {
 
 TEST_F(AudioEdgeTest, AppendedRecordOfOneFrameHasStepOne) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     // Two points in frame 25 (1 s and 1.01 s).
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, kSecond, kSecond + kFrame / 2, 2), 0);

@@ -9,7 +9,7 @@
 
 #include "AudioRecording.h"
 #include "BsAudioThumbnailBuilder.h"
-#include "FakeTimeline.h"
+#include "FakeDataModel.h"
 #include "ScriptedTaskService.h"
 
 namespace ZOR::test {
@@ -34,30 +34,27 @@ class AudioBuilderTest : public ::testing::Test {
 protected:
     void SetUp() override {
         resetScriptedTasks();
-        wave_ = new FakeWaveManager();
-        wave_->AddRef();
-        timeline_ = new FakeTimeline();
-        timeline_->AddRef();
+        wave_ = makeRef<FakeWaveManager>();
+        timeline_ = makeRef<FakeTimeline>();
         timeline_->addTrack(DmTrackAudio);
     }
     void TearDown() override {
         builder_.reset();
-        timeline_->Release();
-        wave_->Release();
+        timeline_.reset();
+        wave_.reset();
     }
     BsAudioThumbnailBuilder& builder() {
-        if (!builder_) builder_ = std::make_shared<BsAudioThumbnailBuilder>(&owner_, timeline_);
+        if (!builder_) builder_ = std::make_shared<BsAudioThumbnailBuilder>(&owner_, timeline_.get());
         return *builder_;
     }
     // A clip on track 0 over [begin, end) of the timeline, media from markIn.
-    FakeTimelineClip* addClip(const std::string& name, int64_t markIn, int64_t begin, int64_t end,
-                              int32_t track = 0) {
-        return timeline_->addClip(track, name, wave_, markIn, begin, end);
+    FakeClip* addClip(const std::string& name, int64_t markIn, int64_t begin, int64_t end, int32_t track = 0) {
+        return timeline_->addClip(track, name, wave_.get(), markIn, begin, end);
     }
 
     RecordingCallback owner_;
-    FakeWaveManager* wave_ = nullptr;
-    FakeTimeline* timeline_ = nullptr;
+    ZorRef<FakeWaveManager> wave_;
+    ZorRef<FakeTimeline> timeline_;
     std::shared_ptr<BsAudioThumbnailBuilder> builder_;
 };
 

@@ -6,7 +6,7 @@ namespace ZOR::test {
 namespace {
 
 TEST_F(AudioBuilderTest, HeldWaveDataIsDeliveredWithUnitGain) {
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer queryer;
     ASSERT_EQ(builder().queryAudioThumbnailData(&queryer, clip, 0, 4 * kSecond, 4), 0);
     ASSERT_TRUE(queryer.callback.waitForDeliveries(1));
@@ -26,7 +26,7 @@ namespace {
 
 TEST_F(AudioBuilderTest, RequestAnsweredWhileItsMediaWasStillExtractingIsRefreshedWhenTheTaskEnds) {
     wave_->holdNothing();
-    FakeTimelineClip* clip = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* clip = addClip("a", 0, 0, 4 * kSecond);
     RecordingQueryer first;
     RecordingQueryer second;
     ASSERT_EQ(builder().queryAudioThumbnailData(&first, clip, 0, 4 * kSecond, 4), 0);

@@ -1,5 +1,5 @@
 // What the edge-case tests of the audio thumbnail builder and its sample cache
-// share: reference holders, lists for onAudioChanged, a callback that can hold
+// share: lists for onAudioChanged, a callback that can hold
 // the worker inside a delivery, and a fixture with a marker clip that tells
 // when the worker has processed everything queued before it.
 #pragma once
@@ -22,42 +22,14 @@
 
 namespace ZOR::test {
 
-// Holds one reference on a counted object.
-template <class T>
-class Ref {
-public:
-    // Takes over the reference the creator handed out.
-    static Ref adopt(T* object) { return Ref(object); }
-    // Takes a reference of its own (a fresh object's first).
-    static Ref retain(T* object) {
-        if (object != nullptr) object->AddRef();
-        return Ref(object);
-    }
-    Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    Ref(const Ref&) = delete;
-    Ref& operator=(const Ref&) = delete;
-    Ref& operator=(Ref&&) = delete;
-    ~Ref() {
-        if (object_ != nullptr) object_->Release();
-    }
-    T* get() const { return object_; }
-    T* operator->() const { return object_; }
-
-private:
-    explicit Ref(T* object) : object_(object) {}
-    T* object_;
-};
-
-inline Ref<FakeWaveManager> makeWaveManager() { return Ref<FakeWaveManager>::retain(new FakeWaveManager()); }
-
-inline Ref<FakeClipList> clipList(std::initializer_list<IDmClip*> clips) {
-    auto list = Ref<FakeClipList>::retain(new FakeClipList());
+inline ZorRef<FakeClipList> clipList(std::initializer_list<IDmClip*> clips) {
+    auto list = makeRef<FakeClipList>();
     for (IDmClip* clip : clips) list->append(clip);
     return list;
 }
 
-inline Ref<IZORIntList> intList(std::initializer_list<int32_t> values) {
-    auto list = Ref<IZORIntList>::adopt(createZORIntList());
+inline ZorRef<IZORIntList> intList(std::initializer_list<int32_t> values) {
+    auto list = ZorRef<IZORIntList>::adopt(createZORIntList());
     for (int32_t value : values) list->append(value);
     return list;
 }
@@ -68,9 +40,7 @@ inline std::string hexText(const void* pointer) {
 }
 
 // The default value of the fake wave manager at (frame, k).
-inline float waveValue(int32_t frame, int32_t k) {
-    return static_cast<float>(frame % 100) / 100.0f + static_cast<float>(k) / 1000.0f;
-}
+inline float waveValue(int32_t frame, int32_t k) { return FakeWaveManager::defaultValue(frame, k); }
 
 // The captured lines with exactly this text.
 inline std::vector<CapturedLine> linesWithText(const CapturingSink& sink, const std::string& text) {
@@ -140,15 +110,14 @@ class AudioEdgeTest : public AudioBuilderTest {
 protected:
     void SetUp() override {
         AudioBuilderTest::SetUp();
-        markerWave_ = new FakeWaveManager();
-        markerWave_->AddRef();
+        markerWave_ = makeRef<FakeWaveManager>();
         timeline_->addTrack(DmTrackAudio);
-        markerClip_ = timeline_->addClip(1, "marker", markerWave_, 0, 0, kSecond);
+        markerClip_ = timeline_->addClip(1, "marker", markerWave_.get(), 0, 0, kSecond);
     }
     void TearDown() override {
         AudioBuilderTest::TearDown();
         markers_.clear();
-        markerWave_->Release();
+        markerWave_.reset();
     }
 
     // Returns once the builder's worker has processed everything queued before
@@ -169,8 +138,8 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    FakeWaveManager* markerWave_ = nullptr;
-    FakeTimelineClip* markerClip_ = nullptr;
+    ZorRef<FakeWaveManager> markerWave_;
+    FakeClip* markerClip_ = nullptr;
     // Kept until the builder is gone: the builder keeps their requests.
     std::vector<std::unique_ptr<RecordingQueryer>> markers_;
 };

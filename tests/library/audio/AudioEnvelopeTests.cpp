@@ -108,7 +108,7 @@ std::vector<float> expectedValues(const Expectation& e, int64_t begin, int64_t e
 class AudioEnvelope : public AudioBuilderTest {
 protected:
     // Queries clip over [begin, end] with count points and returns the values.
-    std::vector<float> query(FakeTimelineClip* clip, int64_t begin, int64_t end, int count, bool ducking = true) {
+    std::vector<float> query(FakeClip* clip, int64_t begin, int64_t end, int count, bool ducking = true) {
         auto queryer = std::make_unique<RecordingQueryer>(ducking);
         EXPECT_EQ(builder().queryAudioThumbnailData(queryer.get(), clip, begin, end, count), 0);
         EXPECT_TRUE(queryer->callback.waitForDeliveries(1));
@@ -129,7 +129,7 @@ const auto kHalf = [](int64_t) { return 0.5f; };
 
 TEST_F(AudioEnvelope, VolumePlusGainAtMinus48DbWithoutKeyframesGivesZeros) {
     constantRaw(0.5f);
-    FakeTimelineClip* clip = addClip("quiet", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("quiet", 0, 0, 10 * kSecond);
     clip->setProperty(audioKey::volume, doubleProperty(-30.0));
     clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(-18.0));
     const auto values = query(clip, 0, 10 * kSecond, 16);
@@ -139,7 +139,7 @@ TEST_F(AudioEnvelope, VolumePlusGainAtMinus48DbWithoutKeyframesGivesZeros) {
 
 TEST_F(AudioEnvelope, ZeroLoudnessAndZeroVolumeGainLeaveStaticFactorOneWhileVolumeActsThroughEnvelope) {
     constantRaw(0.25f);
-    FakeTimelineClip* clip = addClip("loud", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("loud", 0, 0, 10 * kSecond);
     clip->setProperty(audioKey::volume, doubleProperty(6.0));
     const auto values = query(clip, 0, 10 * kSecond, 8);
     Expectation e;
@@ -152,7 +152,7 @@ TEST_F(AudioEnvelope, ZeroLoudnessAndZeroVolumeGainLeaveStaticFactorOneWhileVolu
 
 TEST_F(AudioEnvelope, HugeGainIsCappedAtFiftyBeforeTheSquareRoot) {
     constantRaw(0.001f);
-    FakeTimelineClip* clip = addClip("huge", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("huge", 0, 0, 10 * kSecond);
     clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(40.0));
     const auto values = query(clip, 0, 10 * kSecond, 4);
     Expectation e;
@@ -166,7 +166,7 @@ TEST_F(AudioEnvelope, HugeGainIsCappedAtFiftyBeforeTheSquareRoot) {
 
 TEST_F(AudioEnvelope, ValuesAboveOneAreDeliveredAsExactlyOneAndNegativeValuesPassUnclamped) {
     wave_->setValues([](int32_t frame, int32_t) { return frame < 125 ? 0.9f : -0.9f; });
-    FakeTimelineClip* clip = addClip("clip", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("clip", 0, 0, 10 * kSecond);
     clip->setProperty(audioKey::volume, doubleProperty(12.0));
     const auto values = query(clip, 0, 10 * kSecond, 2);
     ASSERT_EQ(values.size(), 2u);
@@ -178,7 +178,7 @@ TEST_F(AudioEnvelope, ValuesAboveOneAreDeliveredAsExactlyOneAndNegativeValuesPas
 
 TEST_F(AudioEnvelope, PointExactlyOnSilentRangeEndIsZero) {
     constantRaw(0.5f);
-    FakeTimelineClip* clip = addClip("frozen", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("frozen", 0, 0, 10 * kSecond);
     // Points every second; the frozen stretch ends exactly on the point at 4 s.
     clip->setSpeedParts({{2 * kSecond, 4 * kSecond, 0.0}, {6 * kSecond, 7 * kSecond, 0.5}});
     const auto values = query(clip, 0, 10 * kSecond, 10);
@@ -199,16 +199,16 @@ protected:
         timeline_->addTrack(DmTrackAudio);
         constantRaw(0.5f);
     }
-    FakeTimelineClip* addDucker(int32_t track, const std::string& name, int64_t begin, int64_t end, float depth,
+    FakeClip* addDucker(int32_t track, const std::string& name, int64_t begin, int64_t end, float depth,
                                 float fade, float ratio) {
-        FakeTimelineClip* clip = addClip(name, 0, begin, end, track);
+        FakeClip* clip = addClip(name, 0, begin, end, track);
         clip->addEffect(4109)->setValues(depth, fade, ratio);
         return clip;
     }
 };
 
 TEST_F(AudioDucking, TwoOverlappingRecordsTakeTheDeepestNotTheSum) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice-a", 2 * kSecond, 6 * kSecond, 0.3f, 0.0f, 0.0f);
     addDucker(2, "voice-b", 4 * kSecond, 8 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 10);
@@ -220,7 +220,7 @@ TEST_F(AudioDucking, TwoOverlappingRecordsTakeTheDeepestNotTheSum) {
 }
 
 TEST_F(AudioDucking, QueryerThatDoesNotAskForDuckingGetsNone) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 4, /*ducking=*/false);
     ASSERT_EQ(values.size(), 4u);
@@ -228,10 +228,10 @@ TEST_F(AudioDucking, QueryerThatDoesNotAskForDuckingGetsNone) {
 }
 
 TEST_F(AudioDucking, MutedOrSwitchedOffDuckingSourceDucksNothing) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
-    FakeTimelineClip* muted = addDucker(1, "muted voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* muted = addDucker(1, "muted voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     muted->setProperty(audioKey::mute, boolProperty(true));
-    FakeTimelineClip* off = addDucker(2, "voice off", 0, 10 * kSecond, 0.7f, 0.0f, 0.0f);
+    FakeClip* off = addDucker(2, "voice off", 0, 10 * kSecond, 0.7f, 0.0f, 0.0f);
     off->addEffect(4109)->setEnabled(false);
     const auto values = query(ducked, 0, 10 * kSecond, 4);
     ASSERT_EQ(values.size(), 4u);
@@ -241,12 +241,12 @@ TEST_F(AudioDucking, MutedOrSwitchedOffDuckingSourceDucksNothing) {
 TEST_F(AudioDucking, ClipsOnMutedOrHiddenTracksAndDisabledClipsDuckNothing) {
     timeline_->addTrack(DmTrackAudio);
     timeline_->addTrack(DmTrackVideo);
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "on muted track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     static_cast<IDmPropertyOwner*>(timeline_->track(1)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::mute, boolProperty(true));
     addDucker(2, "on hidden track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     static_cast<IDmPropertyOwner*>(timeline_->track(2)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::visible, boolProperty(false));
-    FakeTimelineClip* disabled = addDucker(3, "disabled", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    FakeClip* disabled = addDucker(3, "disabled", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     disabled->setProperty(clipKey::enable, boolProperty(false));
     addDucker(4, "on a video track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 4);
@@ -255,7 +255,7 @@ TEST_F(AudioDucking, ClipsOnMutedOrHiddenTracksAndDisabledClipsDuckNothing) {
 }
 
 TEST_F(AudioDucking, DuckingSourceIsNeverDuckedItself) {
-    FakeTimelineClip* voice = addDucker(0, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
+    FakeClip* voice = addDucker(0, "voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     addDucker(1, "other voice", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     const auto values = query(voice, 0, 10 * kSecond, 4);
     ASSERT_EQ(values.size(), 4u);
@@ -263,7 +263,7 @@ TEST_F(AudioDucking, DuckingSourceIsNeverDuckedItself) {
 }
 
 TEST_F(AudioDucking, FadeRatioOneKeepsTheWholeFadeInsideTheInterval) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 2 * kSecond, 8 * kSecond, 0.8f, 1.0f, 1.0f);
     // Points every 0.5 s.
     const auto values = query(ducked, 0, 10 * kSecond, 20);
@@ -278,7 +278,7 @@ TEST_F(AudioDucking, FadeRatioOneKeepsTheWholeFadeInsideTheInterval) {
 }
 
 TEST_F(AudioDucking, FadeRatioZeroPutsTheWholeFadeOutsideWithFullDepthFromBeginToEnd) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "voice", 2 * kSecond, 8 * kSecond, 0.8f, 1.0f, 0.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 20);
     ASSERT_EQ(values.size(), 20u);
@@ -294,7 +294,7 @@ TEST_F(AudioDucking, FadeRatioZeroPutsTheWholeFadeOutsideWithFullDepthFromBeginT
 }
 
 TEST_F(AudioDucking, IntervalShorterThanTwiceTheInnerFadeReachesFullDepthOnlyAtItsMiddle) {
-    FakeTimelineClip* ducked = addClip("music", 0, 0, 10 * kSecond);
+    FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     // 2 s long, 4 s of fade all inside: h = 1 s.
     addDucker(1, "voice", 4 * kSecond, 6 * kSecond, 0.6f, 4.0f, 1.0f);
     const auto values = query(ducked, 0, 10 * kSecond, 40);
@@ -310,7 +310,7 @@ TEST_F(AudioDucking, IntervalShorterThanTwiceTheInnerFadeReachesFullDepthOnlyAtI
 
 TEST_F(AudioEnvelope, TimesBeforeTheFirstKeyframeAndAfterTheLastHoldTheirGains) {
     constantRaw(0.5f);
-    FakeTimelineClip* clip = addClip("keys", 0, 0, 10 * kSecond);
+    FakeClip* clip = addClip("keys", 0, 0, 10 * kSecond);
     clip->addEffect(4110)->setKeyframes({{3 * kSecond, -6.0}, {7 * kSecond, 3.0}});
     const auto values = query(clip, 0, 10 * kSecond, 10);
     ASSERT_EQ(values.size(), 10u);
@@ -331,7 +331,7 @@ TEST_F(AudioDucking, KeyframesLoudnessVolumeGainSilentRangesAndTwoDucksGiveTheEx
     // The ducked clip sits at 1 s on the timeline and starts 2 s into its
     // media: clip time = timeline time + 1 s.
     wave_->setValues([](int32_t frame, int32_t k) { return static_cast<float>((frame * 7 + k) % 50) / 64.0f; });
-    FakeTimelineClip* clip = addClip("music", 2 * kSecond, 1 * kSecond, 11 * kSecond);
+    FakeClip* clip = addClip("music", 2 * kSecond, 1 * kSecond, 11 * kSecond);
     clip->setProperty(audioKey::volume, doubleProperty(-3.5));
     clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(2.25));
     clip->setProperty(audioLoudness::enable, boolProperty(true));
@@ -373,7 +373,7 @@ TEST_F(AudioDucking, KeyframesLoudnessVolumeGainSilentRangesAndTwoDucksGiveTheEx
 TEST_F(AudioEnvelope, KeyframesPastMarkInAndMarkOutKeepTheEnvelopeInsideTheClip) {
     constantRaw(0.5f);
     // Media range [3 s, 8 s]; keyframes at 1, 5 and 10 s of media time.
-    FakeTimelineClip* clip = addClip("trimmed", 3 * kSecond, 0, 5 * kSecond);
+    FakeClip* clip = addClip("trimmed", 3 * kSecond, 0, 5 * kSecond);
     std::vector<Keyframe> keys = {{1 * kSecond, -20.0}, {5 * kSecond, 6.0}, {10 * kSecond, -3.0}};
     clip->addEffect(4110)->setKeyframes({{1 * kSecond, -20.0}, {5 * kSecond, 6.0}, {10 * kSecond, -3.0}});
     const int count = 50;

@@ -21,10 +21,9 @@
 #include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
-#include "FakeTimeline.h"
+#include "FakeDataModel.h"
 #include "MediaTestSupport.h"
 #include "TimelineDescs.h"
-#include "Timeouts.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -36,28 +35,10 @@ using namespace MediaTest;
 constexpr int64_t kSecond = 10'000'000;  // cns
 constexpr uint32_t kChangeVolume = 0x40;
 
-// Releases a data-model object at the end of a scope.
-template <class T>
-class Held {
-public:
-    explicit Held(T* object) : object_(object) {}
-    ~Held() {
-        if (object_ != nullptr) object_->Release();
-    }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-    T* get() const { return object_; }
-    T* operator->() const { return object_; }
-
-private:
-    T* object_;
-};
-
 // A queryer that keeps every delivery, and an owner that keeps every notice;
 // the test waits for them.
 class Recorder final : public RecordingCallback, public IBsAudioThumbnailQueryer {
 public:
-    Recorder() : RecordingCallback(kGenerous) {}
     IBsAudioClipThumbnailCallback* getResultCallback() override { return this; }
     bool isCalcDuckingEnabled() override { return true; }
 };
@@ -123,7 +104,7 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
     const int64_t markIn = 7'123'457;  // 0.7123457 s: inside a frame and inside a window
     const int64_t length = 3 * kSecond;
     const int64_t markOut = markIn + length;
-    Held<IDmTimeline> timeline(timelineOf(DmTrackAudio, clipOf("clip", path, 2 * kSecond, markIn, length, -6.0)));
+    auto timeline = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 2 * kSecond, markIn, length, -6.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* clip = timeline->clip(0, 0);
     ASSERT_NE(clip, nullptr);
@@ -149,9 +130,9 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
 
     // The volume to 0 dB, and the change told to the builder.
     ASSERT_EQ(audio->setProperty(audioKey::volume, doubleProperty(0.0)), 0);
-    Held<FakeClipList> clips(zorCreateObject<FakeClipList, FakeClipList>());
+    auto clips = ZorRef<FakeClipList>::adopt(zorCreateObject<FakeClipList, FakeClipList>());
     clips->append(clip);
-    Held<IZORIntList> bits(createZORIntList());
+    auto bits = ZorRef<IZORIntList>::adopt(createZORIntList());
     bits->append(static_cast<int32_t>(kChangeVolume));
     ASSERT_EQ(builder->onAudioChanged(timeline.get(), clips.get(), bits.get()), 0);
     EXPECT_EQ(owner.notices(), std::vector<IDmClip*>{clip});
@@ -183,7 +164,7 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     ASSERT_EQ(BsAudioSampleCache::registrySize(), 0u);
 
     const int64_t length = 2 * kSecond;
-    Held<IDmTimeline> first(timelineOf(DmTrackAudio, clipOf("clip", path, 0, 5'000'000, length, -3.0)));
+    auto first = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 0, 5'000'000, length, -3.0)));
     ASSERT_NE(first.get(), nullptr);
     IDmClip* firstClip = first->clip(0, 0);
     Recorder firstOwner;
@@ -204,7 +185,7 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     // The second timeline uses a part of the same frames, at another place and volume.
     const int64_t secondIn = 9'000'000;
     const int64_t secondLength = kSecond;
-    Held<IDmTimeline> second(timelineOf(DmTrackAudio, clipOf("clip", path, 3 * kSecond, secondIn, secondLength, 0.0)));
+    auto second = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 3 * kSecond, secondIn, secondLength, 0.0)));
     ASSERT_NE(second.get(), nullptr);
     IDmClip* secondClip = second->clip(0, 0);
     ASSERT_NE(secondClip, firstClip);
@@ -212,8 +193,8 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
         auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
         return internal != nullptr ? acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()) : nullptr;
     };
-    Held<IDmAudioWaveMgrInternal> firstManager(managerOf(firstClip));
-    Held<IDmAudioWaveMgrInternal> secondManager(managerOf(secondClip));
+    auto firstManager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(firstClip));
+    auto secondManager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(secondClip));
     ASSERT_NE(firstManager.get(), nullptr);
     EXPECT_EQ(firstManager.get(), secondManager.get());
     // Every frame the second query needs is held already.
@@ -256,7 +237,7 @@ TEST_F(AudioRealService, VideoClipWithSoundIsQueriedThroughItsLinkedAudioClip) {
 
     const int64_t markIn = 3'210'000;
     const int64_t length = 2 * kSecond;
-    Held<IDmTimeline> timeline(timelineOf(DmTrackVideo, clipOf("clip", movie, kSecond, markIn, length, -3.0)));
+    auto timeline = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackVideo, clipOf("clip", movie, kSecond, markIn, length, -3.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(0, 0);
     ASSERT_NE(video, nullptr);

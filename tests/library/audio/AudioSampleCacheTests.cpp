@@ -20,10 +20,10 @@ std::vector<float> valuesOfFirstTwoSeconds() {
 }
 
 TEST_F(AudioEdgeTest, ClipsOfOneMediaOnTwoTimelinesShareOneCache) {
-    FakeTimelineClip* here = addClip("here", 0, 0, 4 * kSecond);
-    auto otherTimeline = Ref<FakeTimeline>::retain(new FakeTimeline());
+    FakeClip* here = addClip("here", 0, 0, 4 * kSecond);
+    auto otherTimeline = makeRef<FakeTimeline>();
     otherTimeline->addTrack(DmTrackAudio);
-    FakeTimelineClip* there = otherTimeline->addClip(0, "there", wave_, 0, 10 * kSecond, 14 * kSecond);
+    FakeClip* there = otherTimeline->addClip(0, "there", wave_.get(), 0, 10 * kSecond, 14 * kSecond);
     RecordingCallback otherOwner;
     auto otherBuilder = std::make_unique<BsAudioThumbnailBuilder>(&otherOwner, otherTimeline.get());
     RecordingQueryer first;
@@ -47,10 +47,10 @@ TEST_F(AudioEdgeTest, ClipsOfOneMediaOnTwoTimelinesShareOneCache) {
 }
 
 TEST_F(AudioEdgeTest, ClearingOneClipEmptiesEveryEntryOfItsCacheAndNotifiesTheirClips) {
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
-    FakeTimelineClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
-    auto elsewhere = makeWaveManager();
-    FakeTimelineClip* c = timeline_->addClip(0, "c", elsewhere.get(), 0, 8 * kSecond, 12 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
+    auto elsewhere = makeRef<FakeWaveManager>();
+    FakeClip* c = timeline_->addClip(0, "c", elsewhere.get(), 0, 8 * kSecond, 12 * kSecond);
     RecordingQueryer qa;
     RecordingQueryer qb;
     RecordingQueryer qc;
@@ -96,8 +96,8 @@ TEST_F(AudioEdgeTest, ClearingOneClipEmptiesEveryEntryOfItsCacheAndNotifiesTheir
 }
 
 TEST_F(AudioEdgeTest, CacheIsMadeAnewOnceItsLastEntryIsErased) {
-    FakeTimelineClip* a = addClip("a", 0, 0, 4 * kSecond);
-    FakeTimelineClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
+    FakeClip* a = addClip("a", 0, 0, 4 * kSecond);
+    FakeClip* b = addClip("b", 4 * kSecond, 4 * kSecond, 8 * kSecond);
     RecordingQueryer qa;
     RecordingQueryer qb;
     const Reads once{{0, 1}, {10, 1}, {20, 1}, {30, 1}, {40, 1}};

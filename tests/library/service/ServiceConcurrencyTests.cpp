@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -31,17 +32,16 @@
 #include "BsAudioSampleCache.h"
 #include "BsClipThumbnailService.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
-#include "FakeTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
 #include "TimelineDescs.h"
-#include "Timeouts.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -105,8 +105,7 @@ class Client final : public IBsAudioClipThumbnailCallback, public IBsVideoClipTh
 public:
     int32_t onAudioThumbnailNotice(IDmClip* clip) override {
         notices_.fetch_add(1, std::memory_order_relaxed);
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (isWatched(clip)) watchedNotices_.push_back(clip);
+        if (isWatched(clip)) watchedNotices_.record(clip);
         return 0;
     }
     int32_t onAudioThumbnailChanged(IDmClip*) override {
@@ -117,11 +116,8 @@ public:
                                  int32_t count) override {
         audio_.fetch_add(1, std::memory_order_relaxed);
         if (count < 0 || (count > 0 && samples == nullptr)) bad_.fetch_add(1, std::memory_order_relaxed);
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (isWatched(clip)) {
-            deliveries_.push_back(AudioDelivery{clip, begin, end, std::vector<float>(samples, samples + count)});
-            signal_.notify_all();
-        }
+        if (isWatched(clip))
+            deliveries_.record(AudioDelivery{clip, begin, end, std::vector<float>(samples, samples + count)});
         return 0;
     }
     int32_t onVideoThumbnailNotice(void*) override { return 0; }
@@ -141,11 +137,8 @@ public:
             for (int32_t b = 0; b < bytesPerPicture; b += 97) sum += picture[b];
         }
         pictureBytes_.fetch_add(sum, std::memory_order_relaxed);
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (isWatched(clip) && width == 32 && height == 24) {
-            for (int32_t i = 0; i < count; ++i) seenFrames_.emplace_back(clip, frames->get(i));
-            signal_.notify_all();
-        }
+        if (isWatched(clip) && width == 32 && height == 24)
+            for (int32_t i = 0; i < count; ++i) seenFrames_.record({clip, frames->get(i)});
         return 0;
     }
 
@@ -153,31 +146,20 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         watched_.push_back(clip);
     }
-    size_t deliveryCount() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return deliveries_.size();
-    }
+    size_t deliveryCount() const { return deliveries_.size(); }
     std::optional<AudioDelivery> waitForDelivery(IDmClip* clip, size_t from) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return waitForDeliveryOf(lock, signal_, kGenerous, deliveries_, clip, from);
+        return waitForDeliveryOf(deliveries_, clip, from);
     }
-    void forgetFrames() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        seenFrames_.clear();
-    }
+    void forgetFrames() { seenFrames_.clear(); }
     // Waits until every one of times was delivered for clip since forgetFrames().
     bool waitForFrames(IDmClip* clip, const std::vector<int64_t>& times) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kGenerous, [&] {
+        return seenFrames_.waitFor([&](const std::vector<std::pair<IDmClip*, int64_t>>& seen) {
             return std::all_of(times.begin(), times.end(), [&](int64_t time) {
-                return std::find(seenFrames_.begin(), seenFrames_.end(), std::pair{clip, time}) != seenFrames_.end();
+                return std::find(seen.begin(), seen.end(), std::pair{clip, time}) != seen.end();
             });
         });
     }
-    std::vector<IDmClip*> takeWatchedNotices() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::exchange(watchedNotices_, {});
-    }
+    std::vector<IDmClip*> takeWatchedNotices() { return watchedNotices_.take(); }
 
     uint64_t audioCount() const { return audio_.load(); }
     uint64_t videoCount() const { return video_.load(); }
@@ -185,7 +167,10 @@ public:
     uint64_t badCount() const { return bad_.load(); }
 
 private:
-    bool isWatched(IDmClip* clip) const { return std::find(watched_.begin(), watched_.end(), clip) != watched_.end(); }
+    bool isWatched(IDmClip* clip) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::find(watched_.begin(), watched_.end(), clip) != watched_.end();
+    }
 
     std::atomic<uint64_t> audio_{0};
     std::atomic<uint64_t> video_{0};
@@ -193,17 +178,16 @@ private:
     std::atomic<uint64_t> changed_{0};
     std::atomic<uint64_t> bad_{0};
     std::atomic<uint64_t> pictureBytes_{0};
-    mutable std::mutex mutex_;  // leaf: guards the lists below
-    std::condition_variable signal_;
+    mutable std::mutex mutex_;  // leaf: guards watched_
     std::vector<IDmClip*> watched_;
-    std::vector<AudioDelivery> deliveries_;  // of the clips watched only
-    std::vector<IDmClip*> watchedNotices_;
-    std::vector<std::pair<IDmClip*, int64_t>> seenFrames_;
+    CallRecorder<AudioDelivery> deliveries_;  // of the clips watched only
+    CallRecorder<IDmClip*> watchedNotices_;
+    CallRecorder<std::pair<IDmClip*, int64_t>> seenFrames_;
 };
 
 // The clips and tracks of one timeline.
 struct Cut {
-    IDmTimeline* timeline = nullptr;
+    ZorRef<IDmTimeline> timeline;
     IDmTrack* music = nullptr;
     IDmTrack* pictures = nullptr;
     IDmClip* a = nullptr;
@@ -252,7 +236,7 @@ protected:
             spare.clips.push_back(clipOf("F", spare_, kFBegin, kFMarkIn, kFLength, kFVolume));
             desc.tracks = {music, pictures, spare};
             std::string error;
-            cut.timeline = createTimeline(desc, &error);
+            cut.timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
             ASSERT_NE(cut.timeline, nullptr) << error;
             cut.music = cut.timeline->track(0);
             cut.pictures = cut.timeline->track(1);
@@ -272,14 +256,13 @@ protected:
     }
 
     void TearDown() override {
-        for (Cut& cut : cuts_)
-            if (cut.timeline != nullptr) cut.timeline->Release();
+        for (Cut& cut : cuts_) cut.timeline.reset();
         setFrameStoreRoot(nullptr);
     }
 
     // One client's work: random queries and cancels of the clips of both
     // timelines, now and then a new service in place of its own.
-    void runClient(int index, IBsClipThumbnailService*& service, Client& client) {
+    void runClient(int index, ZorRef<IBsClipThumbnailService>& service, Client& client) {
         std::mt19937 random(static_cast<uint32_t>(1000 + index));
         bool ducking = true;
         for (int operation = 0; operation < kClientOperations; ++operation) {
@@ -312,8 +295,8 @@ protected:
                 EXPECT_EQ(service->clearAudioRawSamples(clip), 0);
             } else if (choice < 95) {
                 // The client closes its view and opens another.
-                service->Release();
-                service = createBsClipThumbnaiService();
+                service.reset();
+                service = ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService());
                 ASSERT_NE(service, nullptr);
                 EXPECT_EQ(service->addAudioClipThumbnailCallback(&client), 0);
                 EXPECT_EQ(service->addVideoClipThumbnailCallback(&client), 0);
@@ -370,18 +353,18 @@ protected:
                     break;
                 case 7:
                     check(removeClip(random() % 2 == 0 ? cut.d : cut.a));
-                    check(undoTimelineEdit(cut.timeline));
+                    check(undoTimelineEdit(cut.timeline.get()));
                     edit += 2;
                     break;
                 case 8:
                     check(removeClip(cut.v));
-                    check(undoTimelineEdit(cut.timeline));
+                    check(undoTimelineEdit(cut.timeline.get()));
                     edit += 2;
                     break;
                 default:
-                    if (undoableEditCount(cut.timeline) > 0) {
-                        check(undoTimelineEdit(cut.timeline));
-                        check(redoTimelineEdit(cut.timeline));
+                    if (undoableEditCount(cut.timeline.get()) > 0) {
+                        check(undoTimelineEdit(cut.timeline.get()));
+                        check(redoTimelineEdit(cut.timeline.get()));
                         edit += 2;
                     }
                     break;
@@ -399,21 +382,11 @@ protected:
     Cut cuts_[kTimelines];
 };
 
-// The clients' services, released at the end of the scope if still there.
-struct Services {
-    IBsClipThumbnailService* at[kClients] = {};
-    ~Services() {
-        for (IBsClipThumbnailService* service : at)
-            if (service != nullptr) service->Release();
-    }
-    IBsClipThumbnailService*& operator[](int index) { return at[index]; }
-};
-
 TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
     Client clients[kClients];
-    Services services;
+    std::array<ZorRef<IBsClipThumbnailService>, kClients> services;
     for (int i = 0; i < kClients; ++i) {
-        services[i] = createBsClipThumbnaiService();
+        services[i] = ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService());
         ASSERT_NE(services[i], nullptr);
         ASSERT_EQ(services[i]->addAudioClipThumbnailCallback(&clients[i]), 0);
         ASSERT_EQ(services[i]->addVideoClipThumbnailCallback(&clients[i]), 0);
@@ -446,9 +419,9 @@ TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
     for (const Cut& cut : cuts_) {
         EXPECT_EQ(cut.timeline->clipCount(0), 2);
         EXPECT_EQ(cut.timeline->clipCount(1), 1);
-        EXPECT_EQ(cut.a->timeline(), cut.timeline);
-        EXPECT_EQ(cut.d->timeline(), cut.timeline);
-        EXPECT_EQ(cut.v->timeline(), cut.timeline);
+        EXPECT_EQ(cut.a->timeline(), cut.timeline.get());
+        EXPECT_EQ(cut.d->timeline(), cut.timeline.get());
+        EXPECT_EQ(cut.v->timeline(), cut.timeline.get());
     }
 
     // Each client, one after the other, gets F of each timeline exactly as
@@ -509,8 +482,7 @@ TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
         for (int i = 0; i < kClients; ++i) {
             threads.emplace_back([&, i] {
                 start.arrive_and_wait();
-                services[i]->Release();
-                services[i] = nullptr;
+                services[i].reset();
             });
         }
         for (std::thread& thread : threads) thread.join();

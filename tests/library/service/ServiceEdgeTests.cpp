@@ -13,6 +13,7 @@
 #include "Adapter/Adapter.h"
 #include "AudioRecording.h"
 #include "CapturingLogger.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DmTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
@@ -49,13 +50,12 @@ protected:
         b_ = makeTimeline();
     }
     void TearDown() override {
-        for (IBsClipThumbnailService* service : services_) service->Release();
         services_.clear();
-        if (a_ != nullptr) a_->Release();
-        if (b_ != nullptr) b_->Release();
+        timelines_.clear();
     }
 
-    static IDmTimeline* makeTimeline() {
+    // A timeline of the movie and the tone, held until the test ends.
+    IDmTimeline* makeTimeline() {
         DmTrackDesc video;
         video.kind = DmTrackVideo;
         video.clips.push_back(clipOf("movie", movie_, 0, 0, 20'000'000, 0.0));
@@ -65,18 +65,19 @@ protected:
         DmTimelineDesc desc;
         desc.tracks = {video, audio};
         std::string error;
-        IDmTimeline* timeline = createTimeline(desc, &error);
-        EXPECT_NE(timeline, nullptr) << error;
-        return timeline;
+        timelines_.push_back(ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error)));
+        EXPECT_NE(timelines_.back(), nullptr) << error;
+        return timelines_.back().get();
     }
+    // A service held until the test ends, or release().
     IBsClipThumbnailService* newService() {
-        IBsClipThumbnailService* service = createBsClipThumbnaiService();
-        services_.push_back(service);
-        return service;
+        services_.push_back(ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService()));
+        return services_.back().get();
     }
     void release(IBsClipThumbnailService* service) {
-        services_.erase(std::find(services_.begin(), services_.end(), service));
-        service->Release();
+        services_.erase(std::find_if(services_.begin(), services_.end(), [service](const auto& held) {
+            return held.get() == service;
+        }));
     }
     static BsClipThumbnailService* concrete(IBsClipThumbnailService* service) {
         return dynamic_cast<BsClipThumbnailService*>(service);
@@ -96,9 +97,10 @@ protected:
     static std::unique_ptr<TempFolder> folder_;
     static std::string tone_;
     static std::string movie_;
-    IDmTimeline* a_ = nullptr;
+    std::vector<ZorRef<IDmTimeline>> timelines_;
+    IDmTimeline* a_ = nullptr;  // the timelines' own
     IDmTimeline* b_ = nullptr;
-    std::vector<IBsClipThumbnailService*> services_;
+    std::vector<ZorRef<IBsClipThumbnailService>> services_;
 };
 
 std::unique_ptr<TempFolder> ServiceEdge::folder_;

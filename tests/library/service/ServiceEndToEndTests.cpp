@@ -29,16 +29,17 @@
 #include "BsClipThumbnailService.h"
 #include "BsDataStructure/BsDataStructure.h"
 #include "CapturingLogger.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
-#include "FakeTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
 #include "MediaTestSupport.h"
 #include "Miravel/ClipThumbnailKey.h"
 #include "Miravel/IBsClipThumbnailService.h"
 #include "Timeouts.h"
+#include "VideoRecording.h"
 #include "WavePeaks.h"
 
 namespace ZOR::test {
@@ -126,37 +127,26 @@ std::string documentText(const std::string& music, const std::string& voice, con
 
 // --- The client --------------------------------------------------------------
 
-struct VideoDelivery {
-    IDmClip* clip = nullptr;
-    int32_t width = 0;
-    int32_t height = 0;
-    int32_t count = 0;
-    int32_t bytesPerPicture = 0;
-    std::vector<int64_t> frames;
-    std::vector<std::vector<unsigned char>> pictures;
-};
-
-// A client's audio and video callbacks: keeps everything it hears; the test
-// waits for deliveries on a condition variable.
-class Client final : public IBsAudioClipThumbnailCallback, public IBsVideoClipThumbnailCallback {
+// A client's audio and video callbacks: keeps everything it hears (the
+// pictures copied); the test waits for deliveries.
+class Client final : public RecordingVideoOwner, public IBsAudioClipThumbnailCallback {
 public:
+    Client() : RecordingVideoOwner(Pixels::All) {}
+
     int32_t onAudioThumbnailNotice(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(clip);
-        signal_.notify_all();
+        notices_.record(clip);
         return 0;
     }
     int32_t onAudioThumbnailChanged(IDmClip* audioClip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        changed_.push_back(audioClip);
+        audioChanged_.record(audioClip);
         return 0;
     }
     int32_t onAudioThumbnailData(IDmClip* clip, int64_t begin, int64_t end, const float* samples,
                                  int32_t count) override {
-        AudioDelivery delivery{clip, begin, end, std::vector<float>(samples, samples + count)};
+        // Recorded under the hold's lock: a delivery the test has already
+        // seen (recorded before holdNextDelivery()) is never the one held.
         std::unique_lock<std::mutex> lock(mutex_);
-        audio_.push_back(std::move(delivery));
-        signal_.notify_all();
+        audio_.record(AudioDelivery{clip, begin, end, std::vector<float>(samples, samples + count)});
         if (held_ != nullptr && held_ == clip) {
             // Keeps the builder's worker here until the test lets it go.
             held_ = nullptr;
@@ -165,23 +155,6 @@ public:
             signal_.wait_for(lock, kGenerous, [&] { return !holding_; });
             holding_ = false;
         }
-        return 0;
-    }
-    int32_t onVideoThumbnailNotice(void*) override { return 0; }
-    int32_t onVideoThumbnailChanged(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        videoChanged_.push_back(clip);
-        return 0;
-    }
-    int32_t onVideoThumbnailData(IDmClip* clip, int32_t width, int32_t height, IZORLonglongList* frames,
-                                 IZORPByteList* pictures, int32_t count, int32_t bytesPerPicture) override {
-        VideoDelivery delivery{clip, width, height, count, bytesPerPicture, {}, {}};
-        for (int32_t i = 0; i < frames->count(); ++i) delivery.frames.push_back(frames->get(i));
-        for (int32_t i = 0; i < pictures->count(); ++i)
-            delivery.pictures.emplace_back(pictures->get(i), pictures->get(i) + bytesPerPicture);
-        std::lock_guard<std::mutex> lock(mutex_);
-        video_.push_back(std::move(delivery));
-        signal_.notify_all();
         return 0;
     }
 
@@ -201,62 +174,26 @@ public:
         signal_.notify_all();
     }
 
-    size_t audioCount() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return audio_.size();
-    }
+    size_t audioCount() const { return audio_.size(); }
     // The first audio delivery of clip from index from on, once it came.
     std::optional<AudioDelivery> waitForAudio(IDmClip* clip, size_t from) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return waitForDeliveryOf(lock, signal_, kGenerous, audio_, clip, from);
+        return waitForDeliveryOf(audio_, clip, from);
     }
-    std::vector<AudioDelivery> audio() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return audio_;
-    }
-    // Waits until every one of times was delivered for clip.
-    bool waitForFrames(IDmClip* clip, const std::vector<int64_t>& times) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kGenerous, [&] {
-            std::set<int64_t> seen;
-            for (const VideoDelivery& delivery : video_)
-                if (delivery.clip == clip) seen.insert(delivery.frames.begin(), delivery.frames.end());
-            return std::all_of(times.begin(), times.end(), [&](int64_t time) { return seen.count(time) > 0; });
-        });
-    }
-    std::vector<VideoDelivery> video() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return video_;
-    }
+    std::vector<AudioDelivery> audio() const { return audio_.snapshot(); }
     // Waits until a notice of clip is among those not taken yet.
     bool waitForNotice(IDmClip* clip, std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, limit, [&] {
-            return std::find(notices_.begin(), notices_.end(), clip) != notices_.end();
-        });
+        return notices_.waitForAny([clip](IDmClip* noticed) { return noticed == clip; }, limit);
     }
     // The notices heard since the last call, and the stale clips.
-    std::vector<IDmClip*> takeNotices() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::exchange(notices_, {});
-    }
-    std::vector<IDmClip*> takeChanged() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::exchange(changed_, {});
-    }
-    std::vector<IDmClip*> videoChanged() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return videoChanged_;
-    }
+    std::vector<IDmClip*> takeNotices() { return notices_.take(); }
+    std::vector<IDmClip*> takeChanged() { return audioChanged_.take(); }
 
 private:
-    mutable std::mutex mutex_;  // leaf: guards the lists
+    CallRecorder<IDmClip*> notices_;
+    CallRecorder<IDmClip*> audioChanged_;
+    CallRecorder<AudioDelivery> audio_;
+    std::mutex mutex_;  // guards the hold below; taken before audio_'s own
     std::condition_variable signal_;
-    std::vector<IDmClip*> notices_;
-    std::vector<IDmClip*> changed_;
-    std::vector<AudioDelivery> audio_;
-    std::vector<IDmClip*> videoChanged_;
-    std::vector<VideoDelivery> video_;
     IDmClip* held_ = nullptr;
     bool holding_ = false;
 };
@@ -313,8 +250,8 @@ protected:
         ASSERT_EQ(BsAudioSampleCache::registrySize(), 0u);
 
         std::string error = "not cleared";
-        timeline_ = loadTimelineDocument(document_.c_str(), &error);
-        ASSERT_NE(timeline_, nullptr) << error;
+        timeline_ = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
+        ASSERT_NE(timeline_.get(), nullptr) << error;
         ASSERT_EQ(timeline_->trackCount(), 2);
         ASSERT_EQ(timeline_->clipCount(0), 2);
         ASSERT_EQ(timeline_->clipCount(1), 1);
@@ -351,18 +288,19 @@ protected:
         ASSERT_EQ(a_->effect(DmEffectDucking), nullptr);
         ASSERT_EQ(vs_->effect(DmEffectDucking), nullptr);
 
-        first_ = createBsClipThumbnaiService();
-        second_ = createBsClipThumbnaiService();
-        ASSERT_NE(first_, nullptr);
-        ASSERT_NE(second_, nullptr);
-        for (auto [service, client] : {std::pair{first_, &firstClient_}, std::pair{second_, &secondClient_}}) {
+        first_ = ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService());
+        second_ = ZorRef<IBsClipThumbnailService>::adopt(createBsClipThumbnaiService());
+        ASSERT_NE(first_.get(), nullptr);
+        ASSERT_NE(second_.get(), nullptr);
+        for (auto [service, client] :
+             {std::pair{first_.get(), &firstClient_}, std::pair{second_.get(), &secondClient_}}) {
             ASSERT_EQ(service->addAudioClipThumbnailCallback(client), 0);
             ASSERT_EQ(service->addVideoClipThumbnailCallback(client), 0);
         }
 
         // Every clip's thumbnail through the first service, then through the
         // second, each waited for: the second finds the wave data decoded.
-        for (IBsClipThumbnailService* service : {first_, second_}) {
+        for (IBsClipThumbnailService* service : {first_.get(), second_.get()}) {
             Client& client = clientOf(service);
             expectSameFloats(query(service, a_, kACount), expectedA(kAVolume));
             expectSameFloats(query(service, d_, kDCount), expectedD());
@@ -373,24 +311,26 @@ protected:
         }
         // The worker answers in order: once these answers came, it has
         // finished with every earlier one, and with A altogether.
-        expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
-        expectSameFloats(query(first_, d_, kDCount), expectedD());
+        expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
+        expectSameFloats(query(first_.get(), d_, kDCount), expectedD());
         // One implementation, one sample cache per media.
         EXPECT_EQ(BsClipThumbnailServiceRegistry::instance().size(), 1u);
         EXPECT_EQ(BsAudioSampleCache::registrySize(), 3u);
     }
 
     void TearDown() override {
-        if (first_ != nullptr) first_->Release();
-        if (second_ != nullptr) second_->Release();
+        first_.reset();
+        second_.reset();
         settle();
         // The implementation goes with the last service of its timeline.
         EXPECT_EQ(BsClipThumbnailServiceRegistry::instance().size(), 0u);
         EXPECT_EQ(BsAudioSampleCache::registrySize(), 0u);
-        if (timeline_ != nullptr) timeline_->Release();
+        timeline_.reset();
     }
 
-    Client& clientOf(IBsClipThumbnailService* service) { return service == first_ ? firstClient_ : secondClient_; }
+    Client& clientOf(IBsClipThumbnailService* service) {
+        return service == first_.get() ? firstClient_ : secondClient_;
+    }
 
     // Queries the whole clip time of clip with count points and returns the
     // values delivered (checking the clip and the range).
@@ -456,7 +396,7 @@ protected:
     static std::vector<float> soundWindows_;
 
     ScopedCapture capture_{IBsLogger::Trace};
-    IDmTimeline* timeline_ = nullptr;
+    ZorRef<IDmTimeline> timeline_;
     IDmTrack* musicTrack_ = nullptr;
     IDmTrack* picturesTrack_ = nullptr;
     IDmClip* a_ = nullptr;
@@ -466,8 +406,8 @@ protected:
     std::map<IDmClip*, std::string> names_;
     Client firstClient_;
     Client secondClient_;
-    IBsClipThumbnailService* first_ = nullptr;
-    IBsClipThumbnailService* second_ = nullptr;
+    ZorRef<IBsClipThumbnailService> first_;
+    ZorRef<IBsClipThumbnailService> second_;
 };
 
 std::unique_ptr<TempFolder> ServiceEndToEnd::folder_;
@@ -486,11 +426,11 @@ TEST_F(ServiceEndToEnd, TwoServicesOfOneTimelineShareOneImplementation) {
     const std::vector<std::shared_ptr<BsClipThumbnailServiceImpl>> live =
         BsClipThumbnailServiceRegistry::instance().live();
     ASSERT_EQ(live.size(), 1u);
-    EXPECT_EQ(live[0]->timeline(), timeline_);
+    EXPECT_EQ(live[0]->timeline(), timeline_.get());
     EXPECT_EQ(textsOf(capture_.sink(), "ZOR::BsClipThumbnailServiceImpl::BsClipThumbnailServiceImpl").size(), 1u);
 
     std::set<unsigned long long> expectedThis;
-    for (IBsClipThumbnailService* service : {first_, second_}) {
+    for (IBsClipThumbnailService* service : {first_.get(), second_.get()}) {
         auto* concrete = dynamic_cast<BsClipThumbnailService*>(service);
         ASSERT_NE(concrete, nullptr);
         expectedThis.insert(hexOf(static_cast<IBsAudioThumbnailQueryer*>(concrete)));
@@ -509,7 +449,7 @@ TEST_F(ServiceEndToEnd, TwoServicesOfOneTimelineShareOneImplementation) {
             << line;
         seenThis.insert(self);
         EXPECT_EQ(impl, hexOf(live[0].get())) << line;
-        EXPECT_EQ(timeline, hexOf(timeline_)) << line;
+        EXPECT_EQ(timeline, hexOf(timeline_.get())) << line;
     }
     EXPECT_EQ(seenThis, expectedThis);
 }
@@ -538,7 +478,7 @@ TEST_F(ServiceEndToEnd, EveryClipHasItsAudioThumbnailAndTheVideoClipItsPictures)
     // (with another count than before), and nothing else is.
     const size_t before = firstClient_.audioCount();
     EXPECT_EQ(first_->queryAudioThumbnailData(v_, kVMarkIn, kVMarkIn + kLength, 100), 0);
-    expectSameFloats(query(first_, a_, 1500),
+    expectSameFloats(query(first_.get(), a_, 1500),
                      expectedThumbnail(musicWindows_, kAMarkIn, kAMarkIn + kLength, 1500, kAVolume));
     EXPECT_EQ(firstClient_.audioCount(), before + 1);
 
@@ -554,22 +494,22 @@ TEST_F(ServiceEndToEnd, EveryClipHasItsAudioThumbnailAndTheVideoClipItsPictures)
     request.frames = times.data();
     request.frameCount = static_cast<int32_t>(times.size());
     ASSERT_EQ(first_->queryVideoThumbnail(&request), 0);
-    ASSERT_TRUE(firstClient_.waitForFrames(v_, times));
+    ASSERT_TRUE(firstClient_.waitForFrames(times, v_));
     std::map<int64_t, int> seen;
-    for (const VideoDelivery& delivery : firstClient_.video()) {
+    for (const VideoDelivery& delivery : firstClient_.deliveries()) {
         EXPECT_EQ(delivery.clip, v_);
         EXPECT_EQ(delivery.width, kPictureWidth);
         EXPECT_EQ(delivery.height, kPictureHeight);
         EXPECT_EQ(delivery.bytesPerPicture, kPictureWidth * kPictureHeight * 4);
         EXPECT_EQ(delivery.count, static_cast<int32_t>(delivery.frames.size()));
-        ASSERT_EQ(delivery.pictures.size(), delivery.frames.size());
+        ASSERT_EQ(delivery.copies.size(), delivery.frames.size());
         EXPECT_TRUE(std::is_sorted(delivery.frames.begin(), delivery.frames.end()));
         for (size_t i = 0; i < delivery.frames.size(); ++i) {
             const int64_t time = delivery.frames[i];
             ++seen[time];
             const size_t index = static_cast<size_t>(std::find(times.begin(), times.end(), time) - times.begin());
             ASSERT_LT(index, times.size()) << "time " << time;
-            const std::vector<unsigned char>& picture = delivery.pictures[i];
+            const std::vector<unsigned char>& picture = delivery.copies[i];
             const size_t centre = (static_cast<size_t>(kPictureHeight / 2) * kPictureWidth + kPictureWidth / 2) * 4;
             EXPECT_NEAR(picture[centre], colours[index].r, 40) << "time " << time;
             EXPECT_NEAR(picture[centre + 1], colours[index].g, 40) << "time " << time;
@@ -581,7 +521,7 @@ TEST_F(ServiceEndToEnd, EveryClipHasItsAudioThumbnailAndTheVideoClipItsPictures)
 
     for (const AudioDelivery& delivery : firstClient_.audio()) EXPECT_NE(delivery.clip, v_);
     EXPECT_EQ(firstClient_.audioCount(), before + 1);
-    EXPECT_TRUE(firstClient_.videoChanged().empty());
+    EXPECT_TRUE(firstClient_.changed().empty());
     expectHeard({});
 }
 
@@ -591,7 +531,7 @@ TEST_F(ServiceEndToEnd, VolumeEditNoticesTheClipOnceAndItsValuesFollowTheNewGain
     ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleProperty(4.5)), 0);
     expectHeard({"A"});
 
-    const std::vector<float> louder = query(first_, a_, kACount);
+    const std::vector<float> louder = query(first_.get(), a_, kACount);
     const std::vector<float> expected = expectedA(4.5);
     expectSameFloats(louder, expected);
     EXPECT_GT(std::count(expected.begin(), expected.end(), 1.0f), 0);
@@ -608,10 +548,10 @@ TEST_F(ServiceEndToEnd, VolumeEditNoticesTheClipOnceAndItsValuesFollowTheNewGain
     }
     EXPECT_GT(compared, 500);
     // The second client's request reads the new volume too.
-    expectSameFloats(query(second_, a_, kACount), expected);
+    expectSameFloats(query(second_.get(), a_, kACount), expected);
     // The others did not change.
-    expectSameFloats(query(first_, d_, kDCount), expectedD());
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), d_, kDCount), expectedD());
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 
     // The same volume again is no edit: no event, no notice.
     ASSERT_EQ(setClipProperty(a_, audioKey::volume, doubleProperty(4.5)), 0);
@@ -628,20 +568,20 @@ TEST_F(ServiceEndToEnd, VolumeEditNoticesTheClipOnceAndItsValuesFollowTheNewGain
 TEST_F(ServiceEndToEnd, TrackMuteAndSoloNoticeTheTracksClipsAndTheClipsTheyDuck) {
     ASSERT_EQ(setTrackProperty(musicTrack_, trackKey::mute, true), 0);
     expectHeard({"A", "D", "V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(Ducked{}));
-    expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
-    expectSameFloats(query(first_, d_, kDCount), expectedD());
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(Ducked{}));
+    expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(first_.get(), d_, kDCount), expectedD());
     expectHeard({});
 
     ASSERT_EQ(setTrackProperty(musicTrack_, trackKey::mute, false), 0);
     expectHeard({"A", "D", "V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 
     ASSERT_EQ(setTrackProperty(musicTrack_, trackKey::solo, true), 0);
     expectHeard({"A", "D", "V.sound"});
     ASSERT_EQ(setTrackProperty(musicTrack_, trackKey::solo, false), 0);
     expectHeard({"A", "D", "V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 
     ASSERT_EQ(setTrackProperty(picturesTrack_, trackKey::solo, true), 0);
     expectHeard({"V.sound"});
@@ -651,7 +591,7 @@ TEST_F(ServiceEndToEnd, TrackMuteAndSoloNoticeTheTracksClipsAndTheClipsTheyDuck)
     expectHeard({"V.sound"});
     ASSERT_EQ(setTrackProperty(picturesTrack_, trackKey::mute, false), 0);
     expectHeard({"V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 }
 
 // Moving A notices A only (its clip time, so its thumbnail, is the same);
@@ -660,21 +600,21 @@ TEST_F(ServiceEndToEnd, MovingAClipNoticesThatClip) {
     ASSERT_EQ(moveClip(a_, 2'500'000), 0);
     expectHeard({"A"});
     ASSERT_EQ(beginTimeOfClip(a_), 2'500'000);
-    expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
     ASSERT_EQ(moveClip(a_, kABegin), 0);
     expectHeard({"A"});
-    expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
 
     const int64_t later = 35'000'000;
     ASSERT_EQ(moveClip(v_, later), 0);
     expectHeard({"V.sound"});
     ASSERT_EQ(beginTimeOfClip(vs_), later);
-    const std::vector<float> moved = query(first_, vs_, kVCount);
+    const std::vector<float> moved = query(first_.get(), vs_, kVCount);
     expectSameFloats(moved, expectedVs(duckedByD(later)));
     EXPECT_NE(moved, expectedVs(duckedByD(kVBegin)));
     ASSERT_EQ(moveClip(v_, kVBegin), 0);
     expectHeard({"V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 }
 
 // Removing A: the builder is told 0x80 for A (noticed), then A is stale to
@@ -692,24 +632,24 @@ TEST_F(ServiceEndToEnd, RemovingAClipCancelsItsQueriesAndUndoRedoReportTheirChan
     EXPECT_EQ(std::count(cancels.begin(), cancels.end(), std::string(cancel)), 1) << cancel;
     EXPECT_EQ(BsAudioSampleCache::registrySize(), 2u);
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     expectHeard({});
-    ASSERT_EQ(a_->timeline(), timeline_);
+    ASSERT_EQ(a_->timeline(), timeline_.get());
     ASSERT_EQ(timeline_->clip(0, 0), a_);
-    expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
     EXPECT_EQ(BsAudioSampleCache::registrySize(), 3u);
 
-    ASSERT_EQ(redoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
     expectHeard({"A"}, {"A"});
     EXPECT_EQ(timeline_->clipCount(0), 1);
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     expectHeard({});
-    expectSameFloats(query(first_, a_, kACount), expectedA(kAVolume));
-    expectSameFloats(query(second_, a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(first_.get(), a_, kACount), expectedA(kAVolume));
+    expectSameFloats(query(second_.get(), a_, kACount), expectedA(kAVolume));
 
     // The other clips' thumbnails were untouched throughout.
-    expectSameFloats(query(second_, d_, kDCount), expectedD());
-    expectSameFloats(query(second_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(second_.get(), d_, kDCount), expectedD());
+    expectSameFloats(query(second_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
     expectHeard({});
 }
 
@@ -719,21 +659,21 @@ TEST_F(ServiceEndToEnd, RemovingAClipCancelsItsQueriesAndUndoRedoReportTheirChan
 TEST_F(ServiceEndToEnd, RemovingTheDuckingClipNoticesTheClipItDuckedAndUndoRedoFollow) {
     ASSERT_EQ(removeClip(d_), 0);
     expectHeard({"D", "V.sound"}, {"D"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(Ducked{}));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(Ducked{}));
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     expectHeard({"V.sound"});
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
-    expectSameFloats(query(first_, d_, kDCount), expectedD());
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), d_, kDCount), expectedD());
 
-    ASSERT_EQ(redoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
     expectHeard({"D", "V.sound"}, {"D"});
-    expectSameFloats(query(second_, vs_, kVCount), expectedVs(Ducked{}));
+    expectSameFloats(query(second_.get(), vs_, kVCount), expectedVs(Ducked{}));
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     expectHeard({"V.sound"});
-    expectSameFloats(query(second_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(second_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
 }
 
 // A clip of media nobody has decoded yet is queried, and at once queried again
@@ -760,8 +700,7 @@ TEST_F(ServiceEndToEnd, QueryingAgainWhileTheMediaIsStillDecodedEndsWithItsValue
     desc.name = "fresh";
     desc.tracks.push_back(track);
     std::string error;
-    const std::unique_ptr<IDmTimeline, void (*)(IDmTimeline*)> timeline(createTimeline(desc, &error),
-                                                                        [](IDmTimeline* held) { held->Release(); });
+    const auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
     IDmClip* f = timeline->clip(0, 0);
     ASSERT_NE(f, nullptr);
@@ -812,7 +751,7 @@ TEST_F(ServiceEndToEnd, SecondServiceAskingWhileTheFirstOnesAnswerIsQueuedIsAnsw
     ASSERT_TRUE(first.has_value());
     expectSameFloats(first->values, expectedThumbnail(musicWindows_, kAMarkIn, kAMarkIn + kLength, 400, kAVolume));
     // A later query's answer comes after every answer queued before it.
-    expectSameFloats(query(first_, vs_, kVCount), expectedVs(duckedByD(kVBegin)));
+    expectSameFloats(query(first_.get(), vs_, kVCount), expectedVs(duckedByD(kVBegin)));
     EXPECT_EQ(secondClient_.audio().size(), secondFrom);
 
     EXPECT_EQ(second_->queryAudioThumbnailData(a_, kAMarkIn, kAMarkIn + kLength, 500), 0);
@@ -825,7 +764,7 @@ TEST_F(ServiceEndToEnd, SecondServiceAskingWhileTheFirstOnesAnswerIsQueuedIsAnsw
 // by no edit of it, and edits of another timeline of the same document.
 TEST_F(ServiceEndToEnd, EventsAfterWhichNothingWasRecordedNoticeNobody) {
     DmEditEvent event;
-    event.timeline = timeline_;
+    event.timeline = timeline_.get();
     event.clip = a_;
     for (const char* key : {clipEventKey::videoPropertyChanged, clipEventKey::multiCameraPropertyChanged,
                             clipEventKey::clipRelink, undoRedoEventKey::stackChanged, timelineEventKey::dataChanged}) {
@@ -834,17 +773,17 @@ TEST_F(ServiceEndToEnd, EventsAfterWhichNothingWasRecordedNoticeNobody) {
     }
 
     std::string error;
-    IDmTimeline* other = loadTimelineDocument(document_.c_str(), &error);
-    ASSERT_NE(other, nullptr) << error;
+    auto other = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
+    ASSERT_NE(other.get(), nullptr) << error;
     ASSERT_EQ(setClipProperty(other->clip(0, 0), audioKey::volume, doubleProperty(-1.0)), 0);
     expectHeard({});
     ASSERT_EQ(setTrackProperty(other->track(0), trackKey::mute, true), 0);
     expectHeard({});
     ASSERT_EQ(removeClip(other->clip(0, 1)), 0);
     expectHeard({});
-    ASSERT_EQ(undoTimelineEdit(other), 0);
+    ASSERT_EQ(undoTimelineEdit(other.get()), 0);
     expectHeard({});
-    other->Release();
+    other.reset();
 
     // Setting D's volume to the value it has is no edit; a new volume is, and
     // being D's (a ducking clip's) it concerns the sound of V as well.

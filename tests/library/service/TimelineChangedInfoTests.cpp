@@ -6,7 +6,7 @@
 
 #include "BsClipThumbnailService.h"
 #include "BsTimelineChangedInfo.h"
-#include "FakeTimeline.h"
+#include "FakeDataModel.h"
 
 namespace ZOR::test {
 namespace {
@@ -47,22 +47,17 @@ public:
 class TimelineChanges : public ::testing::Test {
 protected:
     void SetUp() override {
-        wave_ = new FakeWaveManager();
-        wave_->AddRef();
-        timeline_ = new FakeTimeline();
-        timeline_->AddRef();
         timeline_->addTrack(DmTrackAudio);
         timeline_->addTrack(DmTrackAudio);
-        a_ = timeline_->addClip(0, "a", wave_, 0, 0, 10'000'000);
-        b_ = timeline_->addClip(0, "b", wave_, 0, 10'000'000, 20'000'000);
-        c_ = timeline_->addClip(1, "c", wave_, 0, 0, 10'000'000);
-        info_ = new BsTimelineChangedInfo(&callback_, timeline_);
-        info_->AddRef();
+        a_ = timeline_->addClip(0, "a", wave_.get(), 0, 0, 10'000'000);
+        b_ = timeline_->addClip(0, "b", wave_.get(), 0, 10'000'000, 20'000'000);
+        c_ = timeline_->addClip(1, "c", wave_.get(), 0, 0, 10'000'000);
+        info_ = makeRef<BsTimelineChangedInfo>(&callback_, timeline_.get());
     }
     void TearDown() override {
-        info_->Release();
-        timeline_->Release();
-        wave_->Release();
+        info_.reset();
+        timeline_.reset();
+        wave_.reset();
     }
     void process() { info_->processChanges(nullptr); }
     // The one audio report of the last processChanges.
@@ -72,12 +67,12 @@ protected:
     }
 
     RecordingChanges callback_;
-    FakeWaveManager* wave_ = nullptr;
-    FakeTimeline* timeline_ = nullptr;
-    FakeTimelineClip* a_ = nullptr;
-    FakeTimelineClip* b_ = nullptr;
-    FakeTimelineClip* c_ = nullptr;
-    BsTimelineChangedInfo* info_ = nullptr;
+    ZorRef<FakeWaveManager> wave_ = makeRef<FakeWaveManager>();
+    ZorRef<FakeTimeline> timeline_ = makeRef<FakeTimeline>();
+    FakeClip* a_ = nullptr;
+    FakeClip* b_ = nullptr;
+    FakeClip* c_ = nullptr;
+    ZorRef<BsTimelineChangedInfo> info_;
 };
 
 TEST_F(TimelineChanges, AnswersItsSevenCallbackNames) {
@@ -85,7 +80,8 @@ TEST_F(TimelineChanges, AnswersItsSevenCallbackNames) {
                              "IDmAudioClipCallback", "IDmEffectCallback", "IDmTrackCallback",
                              "IDmAudioTimelineClipCallback"})
         EXPECT_NE(info_->queryInterface(name), nullptr) << name;
-    EXPECT_EQ(info_->queryInterface("IDmTimelineCallback"), static_cast<void*>(static_cast<IDmTimelineCallback*>(info_)));
+    EXPECT_EQ(info_->queryInterface("IDmTimelineCallback"),
+              static_cast<void*>(static_cast<IDmTimelineCallback*>(info_.get())));
     EXPECT_EQ(info_->queryInterface("IChangedCallback"), nullptr);
 }
 
@@ -93,7 +89,7 @@ TEST_F(TimelineChanges, MuteChangeReportsTheAudioClipWith0x50) {
     info_->onAudioPropertyChanged(a_, audioKey::mute);
     process();
     const AudioReport report = onlyReport();
-    EXPECT_EQ(report.timeline, timeline_);
+    EXPECT_EQ(report.timeline, timeline_.get());
     ASSERT_EQ(report.clips.size(), 1u);
     EXPECT_EQ(report.clips[0], a_);
     EXPECT_EQ(report.flags[0], 0x50u);
@@ -165,8 +161,8 @@ TEST_F(TimelineChanges, EffectChangesMarkTheirOwnersClip) {
 }
 
 TEST_F(TimelineChanges, RemovedAndReAddedClipIsReportedOnceWith0x100AndNotAsChanged) {
-    info_->onClipRemoved(timeline_, a_);
-    info_->onClipAdded(timeline_, a_);
+    info_->onClipRemoved(timeline_.get(), a_);
+    info_->onClipAdded(timeline_.get(), a_);
     process();
     const AudioReport report = onlyReport();
     EXPECT_EQ(report.clips, std::vector<IDmClip*>{a_});
@@ -178,13 +174,13 @@ TEST_F(TimelineChanges, RemovedClipWithAudioIsReportedWithExactly0x80ThenAsChang
     info_->watchClip(a_);
     info_->onAudioPropertyChanged(a_, audioKey::mute);
     info_->onTimelineClipPropertyChanged(a_, clipKey::markIn);
-    info_->onClipRemoved(timeline_, a_);
+    info_->onClipRemoved(timeline_.get(), a_);
     process();
     const AudioReport report = onlyReport();
     EXPECT_EQ(report.clips, std::vector<IDmClip*>{a_});
     EXPECT_EQ(report.flags, std::vector<uint32_t>{0x80});
     EXPECT_EQ(callback_.changed, std::vector<IDmClip*>{a_});
-    EXPECT_EQ(callback_.changedTimelines, std::vector<IDmTimeline*>{timeline_});
+    EXPECT_EQ(callback_.changedTimelines, std::vector<IDmTimeline*>{timeline_.get()});
     EXPECT_EQ(info_->watchedClips().count(a_), 0u);
 }
 
@@ -209,7 +205,7 @@ TEST_F(TimelineChanges, EventAfterWhichNothingWasRecordedCallsNoOperationOfTheCa
     info_->onSelectionChanged(a_);
     info_->onNameChanged(a_);
     info_->onAudioLevelsChanged(a_);
-    info_->onClipMoved(timeline_, a_);
+    info_->onClipMoved(timeline_.get(), a_);
     process();
     EXPECT_EQ(callback_.calls(), 0u);
 }
@@ -217,15 +213,15 @@ TEST_F(TimelineChanges, EventAfterWhichNothingWasRecordedCallsNoOperationOfTheCa
 TEST_F(TimelineChanges, TimelineGoneTellsAllClipsChangedAndForgetsTheWatchedClips) {
     info_->watchClip(a_);
     info_->watchClip(b_);
-    info_->onTimelineGone(timeline_);
-    EXPECT_EQ(callback_.allChanged, std::vector<IDmTimeline*>{timeline_});
+    info_->onTimelineGone(timeline_.get());
+    EXPECT_EQ(callback_.allChanged, std::vector<IDmTimeline*>{timeline_.get()});
     EXPECT_TRUE(info_->watchedClips().empty());
     EXPECT_EQ(info_->timeline(), nullptr);
     // Afterwards only the watched set is kept.
     info_->watchClip(c_);
     EXPECT_EQ(info_->watchedClips().count(c_), 1u);
-    info_->onTimelineGone(timeline_);
-    EXPECT_EQ(callback_.allChanged, (std::vector<IDmTimeline*>{timeline_, nullptr}));
+    info_->onTimelineGone(timeline_.get());
+    EXPECT_EQ(callback_.allChanged, (std::vector<IDmTimeline*>{timeline_.get(), nullptr}));
 }
 
 }  // namespace

@@ -143,8 +143,7 @@ TEST(ThumbManagerConcurrencyTest, GetFrameFromThreeThreadsWithStopsResizesAndCac
         }
 
     // Destroyed while it may still be working: returns promptly.
-    IBsThumbManager* held = manager.take();
-    auto destroyed = std::async(std::launch::async, [held] { held->Release(); });
+    auto destroyed = std::async(std::launch::async, [held = manager.take()]() mutable { held.reset(); });
     ASSERT_EQ(destroyed.wait_for(kGenerous), std::future_status::ready);
     destroyed.get();
     EXPECT_TRUE(filesNamed(folder.path(), ".tmp").empty());

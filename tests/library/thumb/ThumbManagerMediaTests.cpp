@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
 #include "ThumbTestSupport.h"
@@ -147,10 +148,10 @@ TEST_F(ThumbManagerSourceTest, ATimelineAsMediaObjectGivesThePicturesOfItsVideoC
     desc.name = "timeline";
     desc.tracks.push_back(track);
     std::string error;
-    IDmTimeline* timeline = createTimeline(desc, &error);
-    ASSERT_NE(timeline, nullptr) << error;
+    auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
+    ASSERT_NE(timeline.get(), nullptr) << error;
     ASSERT_EQ(timeline->duration(), 3 * kSecond);
-    const auto object = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(static_cast<IDmBaseObj*>(timeline)));
+    const auto object = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(static_cast<IDmBaseObj*>(timeline.get())));
 
     ASSERT_EQ(manager_->setThumbCount(6), 0);
     ASSERT_EQ(manager_->setThumbSize(160, 90), 0);
@@ -177,7 +178,6 @@ TEST_F(ThumbManagerSourceTest, ATimelineAsMediaObjectGivesThePicturesOfItsVideoC
     }
     EXPECT_EQ(indices, expectedOrder(6));
     manager_.reset();
-    timeline->Release();
 }
 
 TEST_F(ThumbManagerSourceTest, KeyframeSeekingGivesThePictureOfTheKeyframeAtOrBeforeTheTime) {

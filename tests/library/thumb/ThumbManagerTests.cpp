@@ -766,8 +766,7 @@ TEST_F(ThumbManagerFaultTest, DestroyingTheManagerWhileItDecodesReturnsPromptlyA
     requestUntilTaken(manager_, probe_, request, 0.5, out);
     ASSERT_TRUE(recorder_.waitForCount(1));
 
-    IBsThumbManager* manager = manager_.take();
-    auto destroyed = std::async(std::launch::async, [manager] { manager->Release(); });
+    auto destroyed = std::async(std::launch::async, [held = manager_.take()]() mutable { held.reset(); });
     ASSERT_EQ(destroyed.wait_for(kGenerous), std::future_status::ready);
     destroyed.get();
 

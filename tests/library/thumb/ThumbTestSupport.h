@@ -24,6 +24,8 @@
 #include <vector>
 
 #include "BsThumbManager.h"
+#include "CallRecorder.h"
+#include "Common/ZorInternalComUtility.h"
 #include "MediaTestSupport.h"
 #include "Miravel/IBsThumbManager.h"
 #include "Timeouts.h"
@@ -186,7 +188,7 @@ struct Notice {
     std::thread::id thread;
 };
 
-// Keeps every notice; tests wait for them on a condition variable.
+// Keeps every notice; tests wait for them.
 class Recorder final : public IBsThumbManagerCallback {
 public:
     void onThumbnail(const MediaThumbRequest* request, int32_t frameIndex, const char* pngPath) override {
@@ -198,19 +200,13 @@ public:
         std::error_code ec;
         notice.existed = std::filesystem::is_regular_file(notice.path, ec);
         notice.thread = std::this_thread::get_id();
-        std::lock_guard<std::mutex> lock(mutex_);
-        notices_.push_back(std::move(notice));
-        signal_.notify_all();
+        notices_.record(std::move(notice));
     }
 
     bool waitForCount(size_t count, std::chrono::milliseconds timeout = kGenerous) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, timeout, [&] { return notices_.size() >= count; });
+        return notices_.waitForCount(count, timeout);
     }
-    std::vector<Notice> notices() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return notices_;
-    }
+    std::vector<Notice> notices() const { return notices_.snapshot(); }
     std::vector<int32_t> indices() const {
         std::vector<int32_t> found;
         for (const Notice& notice : notices()) found.push_back(notice.index);
@@ -218,9 +214,7 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;  // leaf
-    std::condition_variable signal_;
-    std::vector<Notice> notices_;
+    CallRecorder<Notice> notices_;
 };
 
 // The task filter: records which media item each step of the worker was for
@@ -344,22 +338,23 @@ private:
 // One manager (one reference) for a test.
 class ManagerHolder {
 public:
-    ManagerHolder() : manager_(createThumbManager()), impl_(dynamic_cast<BsThumbManager*>(manager_)) {}
-    ~ManagerHolder() { reset(); }
+    ManagerHolder()
+        : manager_(ZorRef<IBsThumbManager>::adopt(createThumbManager())),
+          impl_(dynamic_cast<BsThumbManager*>(manager_.get())) {}
     ManagerHolder(const ManagerHolder&) = delete;
     ManagerHolder& operator=(const ManagerHolder&) = delete;
 
-    IBsThumbManager* operator->() const { return manager_; }
-    IBsThumbManager* get() const { return manager_; }
+    IBsThumbManager* operator->() const { return manager_.get(); }
+    IBsThumbManager* get() const { return manager_.get(); }
     BsThumbManager* impl() const { return impl_; }
     // Hands the reference over (for a test that releases it itself).
-    IBsThumbManager* take() {
+    ZorRef<IBsThumbManager> take() {
         impl_ = nullptr;
-        return std::exchange(manager_, nullptr);
+        return std::move(manager_);
     }
     void reset() {
         impl_ = nullptr;
-        if (manager_ != nullptr) std::exchange(manager_, nullptr)->Release();
+        manager_.reset();
     }
 
     // The keys of the queued media items, head first.
@@ -370,7 +365,7 @@ public:
     }
 
 private:
-    IBsThumbManager* manager_;
+    ZorRef<IBsThumbManager> manager_;
     BsThumbManager* impl_;
 };
 

@@ -18,15 +18,16 @@
 
 #include "BsVideoThumbnailBuilder.h"
 #include "CapturingLogger.h"
+#include "FakeDataModel.h"
+#include "FakeFrameData.h"
 #include "MediaTestSupport.h"
 #include "ScriptedTaskService.h"
 #include "Timeouts.h"
-#include "VideoFakes.h"
+#include "VideoRecording.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR::test {
 namespace {
-
 
 constexpr int kIterations = 3000;
 constexpr int kThreads = 4;
@@ -53,28 +54,22 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
     const std::string stored3 = folder.file("f3.png");
     ASSERT_EQ(dumpPNG(4, 2, pixels.data(), stored0.c_str(), -1), 0);
     ASSERT_EQ(dumpPNG(4, 2, pixels.data(), stored3.c_str(), -1), 0);
-    std::vector<FakeStoreVideoClip*> clips;
-    clips.push_back(new FakeStoreVideoClip("media-1", 0));
-    clips.push_back(new FakeStoreVideoClip("media-1", 0));
-    clips.push_back(new FakeStoreVideoClip("media-2", 1));
-    clips.push_back(new FakeStoreVideoClip("media-1", 0));
-    FakeStyleData* warm = newStyleData({"IImageStylizesData"}, "warm");
-    auto* items = new FakeAttachedItemList();
-    items->AddRef();
-    items->add(true, true, {warm});
-    warm->Release();
-    clips[3]->setAttachedItems(items);
-    for (FakeStoreVideoClip* clip : clips) {
-        clip->AddRef();
+    const std::vector<ZorRef<FakeClip>> held{FakeClip::storeVideo("media-1", 0), FakeClip::storeVideo("media-1", 0),
+                                             FakeClip::storeVideo("media-2", 1), FakeClip::storeVideo("media-1", 0)};
+    std::vector<FakeClip*> clips;
+    for (const ZorRef<FakeClip>& clip : held) {
         clip->setFile(0, stored0);
         clip->setFile(300000, stored3);
+        clips.push_back(clip.get());
     }
-    auto* timeline = new FakeMediaTimeline(/*uses=*/false);
-    timeline->AddRef();
+    const auto items = makeRef<FakeAttachedItemList>();
+    items->add(true, true, {newStyleData({"IImageStylizesData"}, "warm").get()});
+    clips[3]->setAttachedItems(items);
+    const auto timeline = makeRef<FakeTimeline>(/*usesEveryMedia=*/false);
 
     // The owner keeps the picture pointers only: a clear on another thread
     // may drop a picture while it is being delivered.
-    RecordingVideoOwner owner(/*readPixels=*/false);
+    RecordingVideoOwner owner(RecordingVideoOwner::Pixels::None);
     auto builder = std::make_unique<BsVideoThumbnailBuilder>(&owner);
     BsVideoThumbnailBuilder& shared = *builder;
     auto task = lastVideoTask();
@@ -98,7 +93,7 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
             std::mt19937 random(seed);
             start.arrive_and_wait();
             for (int i = 0; i < kIterations; ++i) {
-                FakeStoreVideoClip* clip = clips[random() % clips.size()];
+                FakeClip* clip = clips[random() % clips.size()];
                 std::vector<int64_t> frames;
                 const int count = 1 + static_cast<int>(random() % 5);
                 for (int k = 0; k < count; ++k) frames.push_back(static_cast<int64_t>(random() % 10) * 100000);
@@ -113,11 +108,11 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
                 if (shared.requestThumbnails(r) == 0) accepted.fetch_add(1);
                 if (i % 64 == 0) std::this_thread::yield();  // lets the reports in on few cores
                 if (!clearing) continue;
-                FakeStoreVideoClip* other = clips[random() % clips.size()];
+                FakeClip* other = clips[random() % clips.size()];
                 if (i % 7 == 0) shared.cancelClip(other->asClip());
                 if (i % 11 == 0)
                     shared.clearCache(other->asClip(), BsVideoThumbnailBuilder::mediaIdOf(other->asClip()));
-                if (i % 13 == 0) shared.clearCacheOnClipChange(timeline, other->asClip());
+                if (i % 13 == 0) shared.clearCacheOnClipChange(timeline.get(), other->asClip());
                 if (i % 17 == 0) shared.cancelTask(1 + static_cast<int64_t>(random() % 64));
             }
             requesters.fetch_sub(1);
@@ -159,13 +154,11 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
                 const int64_t time = random() % 2 == 0 && !append.times.empty()
                                          ? append.times[random() % append.times.size()]
                                          : static_cast<int64_t>(random() % 10) * 100000;
-                FakeFrameData* data = newFrameData(time, append.width, append.height, static_cast<unsigned char>(i));
+                const auto data = newFrameData(time, append.width, append.height, static_cast<unsigned char>(i));
                 task->deliver(append.token, 1, data->asData());
-                data->Release();
             } else if (kind < 13) {
-                FakeFrameData* data = newFrameData(950000, append.width, append.height, 1);  // never asked for
+                const auto data = newFrameData(950000, append.width, append.height, 1);  // never asked for
                 task->deliver(append.token, 1, data->asData());
-                data->Release();
             } else if (kind < 16) {
                 task->deliver(append.token, 1);
             } else if (kind < 18) {
@@ -206,11 +199,7 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
     EXPECT_EQ(task->callbackCount(), 0u);
     EXPECT_EQ(task->shutdownCount(), 1);
     // Every record's clip reference was given back.
-    for (FakeStoreVideoClip* clip : clips) {
-        EXPECT_EQ(clip->references(), 1);
-        clip->Release();
-    }
-    timeline->Release();
+    for (FakeClip* clip : clips) EXPECT_EQ(clip->references(), 1);
 }
 
 // A restart (status 7) on the task's thread while the builder is destroyed:
@@ -221,9 +210,8 @@ TEST(VideoBuilderConcurrency, TheBuilderGoesWhileRestartsArriveAndEveryClipRefer
     int kept = 0;  // rounds that ended with a clip reference still held
     for (int round = 0; round < kRounds; ++round) {
         resetScriptedTasks();
-        auto* clip = new FakeStoreVideoClip("media-1", 0);
-        clip->AddRef();
-        RecordingVideoOwner owner(/*readPixels=*/false);
+        const auto clip = FakeClip::storeVideo("media-1", 0);
+        RecordingVideoOwner owner(RecordingVideoOwner::Pixels::None);
         auto builder = std::make_unique<BsVideoThumbnailBuilder>(&owner);
         auto task = lastVideoTask();
         ASSERT_NE(task, nullptr);
@@ -251,7 +239,6 @@ TEST(VideoBuilderConcurrency, TheBuilderGoesWhileRestartsArriveAndEveryClipRefer
 
         EXPECT_FALSE(task->alive());
         if (clip->references() != 1) ++kept;
-        clip->Release();
     }
     EXPECT_EQ(kept, 0) << "rounds whose clip reference was never given back, of " << kRounds;
 }

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
@@ -20,11 +19,12 @@
 #include "BsDataStructure/BsDataStructure.h"
 #include "BsVideoThumbnailBuilder.h"
 #include "CapturingLogger.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
-#include "Timeouts.h"
+#include "VideoRecording.h"
 
 namespace ZOR::test {
 namespace {
@@ -52,84 +52,10 @@ std::vector<int64_t> twentyTimes() {
     return times;
 }
 
-struct Delivery {
-    IDmClip* clip = nullptr;
-    int32_t width = 0;
-    int32_t height = 0;
-    int32_t count = 0;
-    int32_t bytesPerPicture = 0;
-    std::vector<int64_t> frames;
-    std::vector<unsigned char*> pointers;
-    std::vector<std::vector<unsigned char>> pictures;  // bytesPerPicture bytes each
-    std::thread::id thread;
-};
-
-// Keeps every delivery (pictures copied) and notice; the test waits for
-// them on a condition variable.
-class Recorder final : public IBsVideoClipThumbnailCallback {
+// Keeps every delivery (pictures copied) and changed clip.
+class Recorder final : public RecordingVideoOwner {
 public:
-    int32_t onVideoThumbnailNotice(void*) override { return 0; }
-    int32_t onVideoThumbnailChanged(IDmClip* clip) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        changed_.push_back(clip);
-        return 0;
-    }
-    int32_t onVideoThumbnailData(IDmClip* clip, int32_t width, int32_t height, IZORLonglongList* frames,
-                                 IZORPByteList* pictures, int32_t count, int32_t bytesPerPicture) override {
-        Delivery delivery;
-        delivery.clip = clip;
-        delivery.width = width;
-        delivery.height = height;
-        delivery.count = count;
-        delivery.bytesPerPicture = bytesPerPicture;
-        delivery.thread = std::this_thread::get_id();
-        for (int32_t i = 0; i < frames->count(); ++i) delivery.frames.push_back(frames->get(i));
-        for (int32_t i = 0; i < pictures->count(); ++i) {
-            unsigned char* picture = pictures->get(i);
-            delivery.pointers.push_back(picture);
-            delivery.pictures.emplace_back(picture, picture + bytesPerPicture);
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (int64_t frame : delivery.frames) seen_.insert(frame);
-        deliveries_.push_back(std::move(delivery));
-        signal_.notify_all();
-        return 0;
-    }
-
-    // Waits until every one of times was delivered.
-    bool waitForFrames(const std::vector<int64_t>& times) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kGenerous, [&] {
-            return std::all_of(times.begin(), times.end(), [&](int64_t time) { return seen_.count(time) > 0; });
-        });
-    }
-    std::vector<Delivery> deliveries() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return deliveries_;
-    }
-    std::vector<Delivery> pictureDeliveries() const {
-        std::vector<Delivery> found;
-        for (Delivery& delivery : deliveries())
-            if (!delivery.frames.empty()) found.push_back(std::move(delivery));
-        return found;
-    }
-    std::vector<IDmClip*> changed() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return changed_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        deliveries_.clear();
-        changed_.clear();
-        seen_.clear();
-    }
-
-private:
-    mutable std::mutex mutex_;  // leaf
-    std::condition_variable signal_;
-    std::vector<Delivery> deliveries_;
-    std::vector<IDmClip*> changed_;
-    std::set<int64_t> seen_;
+    Recorder() : RecordingVideoOwner(Pixels::All) {}
 };
 
 std::string pointerText(const void* pointer) {
@@ -148,23 +74,23 @@ std::vector<std::string> textsOf(const CapturingSink& sink, const std::string& f
 // Checks the deliveries: each ascending and in step, of the request's size,
 // every frame once, each with the colour of its second at its centre. The
 // delivered frames, in delivery order.
-std::vector<int64_t> checkDeliveries(const std::vector<Delivery>& deliveries, IDmClip* clip) {
+std::vector<int64_t> checkDeliveries(const std::vector<VideoDelivery>& deliveries, IDmClip* clip) {
     std::vector<int64_t> all;
-    for (const Delivery& delivery : deliveries) {
+    for (const VideoDelivery& delivery : deliveries) {
         EXPECT_EQ(delivery.clip, clip);
         EXPECT_EQ(delivery.width, kWidth);
         EXPECT_EQ(delivery.height, kHeight);
         EXPECT_EQ(delivery.bytesPerPicture, kBytesPerPicture);
         EXPECT_EQ(delivery.count, static_cast<int32_t>(delivery.frames.size()));
-        EXPECT_EQ(delivery.pictures.size(), delivery.frames.size());
+        EXPECT_EQ(delivery.copies.size(), delivery.frames.size());
         EXPECT_TRUE(std::is_sorted(delivery.frames.begin(), delivery.frames.end()));
         EXPECT_EQ(std::adjacent_find(delivery.frames.begin(), delivery.frames.end()), delivery.frames.end());
-        for (size_t i = 0; i < delivery.frames.size() && i < delivery.pictures.size(); ++i) {
+        for (size_t i = 0; i < delivery.frames.size() && i < delivery.copies.size(); ++i) {
             const int64_t time = delivery.frames[i];
             all.push_back(time);
             const Colour expected = kColours[std::clamp<int64_t>(time / kSecond, 0, 3)];
             const size_t centre = (static_cast<size_t>(kHeight / 2) * kWidth + kWidth / 2) * 4;
-            const std::vector<unsigned char>& picture = delivery.pictures[i];
+            const std::vector<unsigned char>& picture = delivery.copies[i];
             EXPECT_NEAR(picture[centre], expected.r, 40) << "time " << time;
             EXPECT_NEAR(picture[centre + 1], expected.g, 40) << "time " << time;
             EXPECT_NEAR(picture[centre + 2], expected.b, 40) << "time " << time;
@@ -204,8 +130,8 @@ protected:
         desc.name = "timeline";
         desc.tracks.push_back(track);
         std::string error;
-        timeline_ = createTimeline(desc, &error);
-        ASSERT_NE(timeline_, nullptr) << error;
+        timeline_ = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
+        ASSERT_NE(timeline_.get(), nullptr) << error;
         clip_ = timeline_->clip(0, 0);
         ASSERT_NE(clip_, nullptr);
         ASSERT_NE(clip_->queryInterface("IDmVideoFeature"), nullptr);
@@ -215,7 +141,7 @@ protected:
     }
     void TearDown() override {
         builder_.reset();
-        if (timeline_ != nullptr) timeline_->Release();
+        timeline_.reset();
         setFrameStoreRoot(nullptr);
     }
 
@@ -246,7 +172,7 @@ protected:
     std::string store_;
     std::string video_;
     std::string mediaId_;
-    IDmTimeline* timeline_ = nullptr;
+    ZorRef<IDmTimeline> timeline_;
     IDmClip* clip_ = nullptr;  // the timeline's
     Recorder recorder_;
     std::unique_ptr<BsVideoThumbnailBuilder> builder_;
@@ -262,7 +188,7 @@ TEST_F(VideoRealServiceTest, TwentyTimesAreDeliveredWithTheColoursOfTheirTimes) 
 
     const auto deliveries = recorder_.pictureDeliveries();
     checkDeliveries(deliveries, clip_);
-    for (const Delivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
+    for (const VideoDelivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
     EXPECT_EQ(builder().taskCount(), 0u);
     const auto appends = textsOf(capture.sink(), kAppend);
     ASSERT_EQ(appends.size(), 1u);
@@ -280,8 +206,8 @@ TEST_F(VideoRealServiceTest, TheSameRequestAgainIsAnsweredFromTheCacheOnTheCalle
     firstPass();
     const auto first = recorder_.pictureDeliveries();
     std::map<int64_t, unsigned char*> pointers;
-    for (const Delivery& delivery : first)
-        for (size_t i = 0; i < delivery.frames.size(); ++i) pointers[delivery.frames[i]] = delivery.pointers[i];
+    for (const VideoDelivery& delivery : first)
+        for (size_t i = 0; i < delivery.frames.size(); ++i) pointers[delivery.frames[i]] = delivery.pictures[i];
     recorder_.clear();
 
     ASSERT_EQ(request(builder()), 0);
@@ -293,7 +219,7 @@ TEST_F(VideoRealServiceTest, TheSameRequestAgainIsAnsweredFromTheCacheOnTheCalle
     EXPECT_EQ(deliveries[0].frames, twentyTimes());
     checkDeliveries(deliveries, clip_);
     for (size_t i = 0; i < deliveries[0].frames.size(); ++i)
-        EXPECT_EQ(deliveries[0].pointers[i], pointers[deliveries[0].frames[i]]);
+        EXPECT_EQ(deliveries[0].pictures[i], pointers[deliveries[0].frames[i]]);
     EXPECT_EQ(textsOf(capture.sink(), kAppend).size(), 1u);  // the first pass's only
     EXPECT_EQ(builder().taskCount(), 0u);
 }
@@ -317,7 +243,7 @@ TEST_F(VideoRealServiceTest, ARefreshClearsTheCacheAndExtractsAnew) {
     ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
     const auto deliveries = recorder_.pictureDeliveries();
     checkDeliveries(deliveries, clip_);
-    for (const Delivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
+    for (const VideoDelivery& delivery : deliveries) EXPECT_NE(delivery.thread, std::this_thread::get_id());
     EXPECT_EQ(builder().taskCount(), 0u);
 }
 

@@ -14,15 +14,15 @@
 
 #include "BsVideoThumbnailBuilder.h"
 #include "CapturingLogger.h"
-#include "FakeClips.h"
+#include "FakeDataModel.h"
+#include "FakeFrameData.h"
 #include "MediaTestSupport.h"
 #include "ScriptedTaskService.h"
-#include "VideoFakes.h"
+#include "VideoRecording.h"
 #include "ZorUtils/ZorUtils.h"
 
 namespace ZOR::test {
 namespace {
-
 
 constexpr int32_t kWidth = 4;
 constexpr int32_t kHeight = 2;
@@ -83,18 +83,16 @@ protected:
     }
     void TearDown() override {
         builder_.reset();
-        for (FakeStoreVideoClip* clip : clips_) clip->Release();
+        clips_.clear();
     }
 
-    // A clip with one reference, released at the end of the test.
-    FakeStoreVideoClip* newClip(const std::string& media, int32_t stream = 0) {
-        auto* clip = new FakeStoreVideoClip(media, stream);
-        clip->AddRef();
-        clips_.push_back(clip);
-        return clip;
+    // A clip held until the end of the test.
+    FakeClip* newClip(const std::string& media, int32_t stream = 0) {
+        clips_.push_back(FakeClip::storeVideo(media, stream));
+        return clips_.back().get();
     }
 
-    int32_t request(FakeStoreVideoClip* clip, std::vector<int64_t>& frames, uint32_t refresh = 0,
+    int32_t request(FakeClip* clip, std::vector<int64_t>& frames, uint32_t refresh = 0,
                     int32_t stream = 0) {
         VideoThumbnailRequest r;
         r.clip = clip->asClip();
@@ -106,26 +104,22 @@ protected:
         r.refresh = refresh;
         return builder_->requestThumbnails(r);
     }
-    int32_t request(FakeStoreVideoClip* clip, std::vector<int64_t>&& frames, uint32_t refresh = 0) {
+    int32_t request(FakeClip* clip, std::vector<int64_t>&& frames, uint32_t refresh = 0) {
         return request(clip, frames, refresh);
     }
 
     // A status-1 report of the task carrying the picture of time (value: its
     // pixels), on this thread.
     void reportFrame(int64_t token, int64_t time, unsigned char value) {
-        FakeFrameData* data = newFrameData(time, kWidth, kHeight, value);
-        task_->deliver(token, 1, data->asData());
-        data->Release();
+        task_->deliver(token, 1, newFrameData(time, kWidth, kHeight, value)->asData());
     }
     // The same report handed to the builder directly, for its result.
     int32_t processFrame(int64_t token, int64_t time, unsigned char value) {
-        FakeFrameData* data = newFrameData(time, kWidth, kHeight, value);
+        const auto data = newFrameData(time, kWidth, kHeight, value);
         BsTaskProgressInfo info;
         info.token = token;
         info.data = data->asData();
-        const int32_t result = builder_->processChanged(nullptr, 0, 1, &info);
-        data->Release();
-        return result;
+        return builder_->processChanged(nullptr, 0, 1, &info);
     }
 
     unsigned char* cachePicture(const VideoThumbnailKey& key, int64_t time, unsigned char value) {
@@ -145,12 +139,12 @@ protected:
         return path;
     }
 
-    IDmBaseObj* asBase(FakeStoreVideoClip* clip) { return static_cast<IDmBaseObj*>(clip->asClip()); }
+    IDmBaseObj* asBase(FakeClip* clip) { return static_cast<IDmBaseObj*>(clip->asClip()); }
 
     TempFolder folder_;
     RecordingVideoOwner owner_;
-    std::vector<FakeStoreVideoClip*> clips_;  // one reference each
-    FakeStoreVideoClip* clip_ = nullptr;
+    std::vector<ZorRef<FakeClip>> clips_;
+    FakeClip* clip_ = nullptr;
     std::unique_ptr<BsVideoThumbnailBuilder> builder_;
     std::shared_ptr<ScriptedTaskState> task_;
 };
@@ -437,7 +431,7 @@ TEST_F(VideoBuilderTest, TheFirstReportLoadsTheStoredFilesAndKeepsTheStillMissin
 
     task_->deliver(1, 1);
 
-    EXPECT_EQ(clip_->prepared(), (std::vector<std::pair<int32_t, int32_t>>{{kWidth, kHeight}}));
+    EXPECT_EQ(clip_->preparedSizes(), (std::vector<std::pair<int32_t, int32_t>>{{kWidth, kHeight}}));
     auto calls = clip_->filesCalls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].frames, (std::vector<int64_t>{100000, 200000, 300000}));
@@ -606,7 +600,7 @@ TEST_F(VideoBuilderTest, TheOtherFinalStatusesAreLoggedAndDropTheRecord) {
 // --- Cancelling -----------------------------------------------------------------
 
 TEST_F(VideoBuilderTest, CancelClipDropsTheClipsRecordAndCancelsItsToken) {
-    FakeStoreVideoClip* other = newClip("media-2");
+    FakeClip* other = newClip("media-2");
     ASSERT_EQ(request(clip_, {100000}), 0);
     ASSERT_EQ(request(other, {100000}), 0);
 
@@ -627,7 +621,7 @@ TEST_F(VideoBuilderTest, CancelClipDropsTheClipsRecordAndCancelsItsToken) {
 }
 
 TEST_F(VideoBuilderTest, CancelTaskDropsTheRecordAndCancelsItsToken) {
-    FakeStoreVideoClip* other = newClip("media-2");
+    FakeClip* other = newClip("media-2");
     ASSERT_EQ(request(clip_, {100000}), 0);
     ASSERT_EQ(request(other, {100000}), 0);
 
@@ -644,42 +638,34 @@ TEST_F(VideoBuilderTest, CancelTaskDropsTheRecordAndCancelsItsToken) {
 // --- Style identifier -------------------------------------------------------------
 
 TEST_F(VideoBuilderTest, TheStyleIdIsTheTextOfTheFirstAppliedVisualStyleItem) {
-    FakeStyleData* skippedA = newStyleData({"IImageStylizesData"}, "not-applied");
-    FakeStyleData* skippedB = newStyleData({"IImageStylizesData"}, "not-visual");
-    FakeStyleData* warm = newStyleData({"IImageStylizesData"}, "warm");
-    FakeStyleData* later = newStyleData({"IImageStylizesData"}, "later");
-    auto* items = new FakeAttachedItemList();
-    items->AddRef();
-    items->add(/*applied=*/false, /*visualStyle=*/true, {skippedA});
-    items->add(true, false, {skippedB});
-    items->add(true, true, {warm, later});
-    items->add(true, true, {later});
-    FakeStoreVideoClip* styled = newClip("media-1");
+    const auto skippedA = newStyleData({"IImageStylizesData"}, "not-applied");
+    const auto skippedB = newStyleData({"IImageStylizesData"}, "not-visual");
+    const auto warm = newStyleData({"IImageStylizesData"}, "warm");
+    const auto later = newStyleData({"IImageStylizesData"}, "later");
+    const auto items = makeRef<FakeAttachedItemList>();
+    items->add(/*applied=*/false, /*visualStyle=*/true, {skippedA.get()});
+    items->add(true, false, {skippedB.get()});
+    items->add(true, true, {warm.get(), later.get()});
+    items->add(true, true, {later.get()});
+    FakeClip* styled = newClip("media-1");
     styled->setAttachedItems(items);
-    for (FakeStyleData* data : {skippedA, skippedB, warm, later}) data->Release();
 
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(styled->asClip()), "warm");
 }
 
 TEST_F(VideoBuilderTest, TheStyleIdTakesStylizeDataBeforeTemplateData) {
-    FakeStyleData* stylize = newStyleData({"IImageStylizesData"}, "stylize");
-    FakeStyleData* templ = newStyleData({"IAITemplateGenerateData"}, "template");
-    auto* both = new FakeTwoFacedData(stylize, templ);
-    both->AddRef();
-    auto* bothItems = new FakeAttachedItemList();
-    bothItems->AddRef();
-    bothItems->add(true, true, {both});
-    FakeStoreVideoClip* twoFaced = newClip("media-1");
+    const auto stylize = newStyleData({"IImageStylizesData"}, "stylize");
+    const auto templ = newStyleData({"IAITemplateGenerateData"}, "template");
+    const auto both = makeRef<FakeTwoFacedData>(stylize.get(), templ.get());
+    const auto bothItems = makeRef<FakeAttachedItemList>();
+    bothItems->add(true, true, {both.get()});
+    FakeClip* twoFaced = newClip("media-1");
     twoFaced->setAttachedItems(bothItems);
 
-    auto* templateItems = new FakeAttachedItemList();
-    templateItems->AddRef();
-    templateItems->add(true, true, {templ});
-    FakeStoreVideoClip* templated = newClip("media-1");
+    const auto templateItems = makeRef<FakeAttachedItemList>();
+    templateItems->add(true, true, {templ.get()});
+    FakeClip* templated = newClip("media-1");
     templated->setAttachedItems(templateItems);
-    both->Release();
-    stylize->Release();
-    templ->Release();
 
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(twoFaced->asClip()), "stylize");
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(templated->asClip()), "template");
@@ -688,52 +674,42 @@ TEST_F(VideoBuilderTest, TheStyleIdTakesStylizeDataBeforeTemplateData) {
 TEST_F(VideoBuilderTest, TheStyleIdIsEmptyWithoutAUsableFirstStyleItem) {
     // No list, an empty list.
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(clip_->asClip()), "");
-    auto* empty = new FakeAttachedItemList();
-    empty->AddRef();
-    FakeStoreVideoClip* emptyClip = newClip("media-1");
-    emptyClip->setAttachedItems(empty);
+    FakeClip* emptyClip = newClip("media-1");
+    emptyClip->setAttachedItems(makeRef<FakeAttachedItemList>());
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(emptyClip->asClip()), "");
 
-    FakeStyleData* other = newStyleData({"IOtherData"}, "other");
-    FakeStyleData* good = newStyleData({"IImageStylizesData"}, "good");
-    FakeStyleData* noText = newStyleData({"IImageStylizesData"}, nullptr);
+    const auto other = newStyleData({"IOtherData"}, "other");
+    const auto good = newStyleData({"IImageStylizesData"}, "good");
+    const auto noText = newStyleData({"IImageStylizesData"}, nullptr);
 
     // The first style item's data is of neither kind: a later one is not looked at.
-    auto* neither = new FakeAttachedItemList();
-    neither->AddRef();
-    neither->add(true, true, {other});
-    neither->add(true, true, {good});
-    FakeStoreVideoClip* neitherClip = newClip("media-1");
+    const auto neither = makeRef<FakeAttachedItemList>();
+    neither->add(true, true, {other.get()});
+    neither->add(true, true, {good.get()});
+    FakeClip* neitherClip = newClip("media-1");
     neitherClip->setAttachedItems(neither);
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(neitherClip->asClip()), "");
 
     // The first style item has no data.
-    auto* noData = new FakeAttachedItemList();
-    noData->AddRef();
+    const auto noData = makeRef<FakeAttachedItemList>();
     noData->add(true, true, {});
-    noData->add(true, true, {good});
-    FakeStoreVideoClip* noDataClip = newClip("media-1");
+    noData->add(true, true, {good.get()});
+    FakeClip* noDataClip = newClip("media-1");
     noDataClip->setAttachedItems(noData);
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(noDataClip->asClip()), "");
 
     // The data has no text.
-    auto* textless = new FakeAttachedItemList();
-    textless->AddRef();
-    textless->add(true, true, {noText});
-    FakeStoreVideoClip* textlessClip = newClip("media-1");
+    const auto textless = makeRef<FakeAttachedItemList>();
+    textless->add(true, true, {noText.get()});
+    FakeClip* textlessClip = newClip("media-1");
     textlessClip->setAttachedItems(textless);
     EXPECT_EQ(BsVideoThumbnailBuilder::styleIdOf(textlessClip->asClip()), "");
-
-    for (FakeStyleData* data : {other, good, noText}) data->Release();
 }
 
 TEST_F(VideoBuilderTest, TheStyleIdIsPartOfTheCacheKey) {
-    FakeStyleData* warm = newStyleData({"IImageStylizesData"}, "warm");
-    auto* items = new FakeAttachedItemList();
-    items->AddRef();
-    items->add(true, true, {warm});
-    warm->Release();
-    FakeStoreVideoClip* styled = newClip("media-1");
+    const auto items = makeRef<FakeAttachedItemList>();
+    items->add(true, true, {newStyleData({"IImageStylizesData"}, "warm").get()});
+    FakeClip* styled = newClip("media-1");
     styled->setAttachedItems(items);
     const VideoThumbnailKey styledKey{"media-1", "warm", 0};
     unsigned char* plain = cachePicture(kKey, 100000, 1);
@@ -768,27 +744,24 @@ TEST_F(VideoBuilderTest, TheStyleIdIsPartOfTheCacheKey) {
 
 TEST_F(VideoBuilderTest, AClipChangeKeepsTheCacheWhileTheTimelineStillUsesTheMedia) {
     ASSERT_NE(cachePicture(kKey, 100000, 1), nullptr);
-    auto* timeline = new FakeMediaTimeline(/*uses=*/true);
-    timeline->AddRef();
+    const auto timeline = makeRef<FakeTimeline>(/*usesEveryMedia=*/true);
     ScopedCapture capture;
 
-    EXPECT_EQ(builder_->clearCacheOnClipChange(timeline, clip_->asClip()), 0);
+    EXPECT_EQ(builder_->clearCacheOnClipChange(timeline.get(), clip_->asClip()), 0);
 
     EXPECT_EQ(timeline->asked(), (std::vector<std::string>{"media-1"}));
     EXPECT_TRUE(builder_->cache().containsKey(kKey));
     EXPECT_TRUE(owner_.changed().empty());
     EXPECT_TRUE(linesOf(capture.sink(), "ZOR::BsVideoThumbnailBuilder::clearCache").empty());
-    timeline->Release();
 }
 
 TEST_F(VideoBuilderTest, AClipChangeClearsTheCacheWhenTheTimelineNoLongerUsesTheMedia) {
     ASSERT_NE(cachePicture(kKey, 100000, 1), nullptr);
     ASSERT_NE(cachePicture({"media-2", "", 0}, 100000, 2), nullptr);
-    auto* timeline = new FakeMediaTimeline(/*uses=*/false);
-    timeline->AddRef();
+    const auto timeline = makeRef<FakeTimeline>(/*usesEveryMedia=*/false);
     ScopedCapture capture;
 
-    EXPECT_EQ(builder_->clearCacheOnClipChange(timeline, clip_->asClip()), 0);
+    EXPECT_EQ(builder_->clearCacheOnClipChange(timeline.get(), clip_->asClip()), 0);
 
     EXPECT_EQ(timeline->asked(), (std::vector<std::string>{"media-1"}));
     EXPECT_FALSE(builder_->cache().containsKey(kKey));
@@ -797,13 +770,9 @@ TEST_F(VideoBuilderTest, AClipChangeClearsTheCacheWhenTheTimelineNoLongerUsesThe
     const auto lines = linesOf(capture.sink(), "ZOR::BsVideoThumbnailBuilder::clearCache");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].text, "clear cache clipPtr:" + pointerText(clip_->asClip()) + "mediaId:media-1");
-    timeline->Release();
 
     // A clip without a video feature is refused.
-    auto* plain = new FakePlainClip();
-    plain->AddRef();
-    EXPECT_EQ(builder_->clearCacheOnClipChange(nullptr, plain), 1001);
-    plain->Release();
+    EXPECT_EQ(builder_->clearCacheOnClipChange(nullptr, FakeClip::plain().get()), 1001);
 }
 
 }  // namespace

@@ -6,42 +6,13 @@
 #include <vector>
 
 #include "CapturingLogger.h"
-#include "FakeClips.h"
+#include "ExtractRecorders.h"
+#include "FakeDataModel.h"
 #include "Miravel/Miravel.h"
 #include "ScriptedTaskService.h"
 
 namespace ZOR::test {
 namespace {
-
-struct WaveCall {
-    int64_t token;
-    int32_t status;
-    std::vector<float> values;
-    bool hasData;
-    int32_t count;
-    int32_t span;
-};
-
-class WaveRecorder final : public IBsAudioWaveExtractCallback {
-public:
-    void onAudioWaveChanged(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) override {
-        WaveCall call{token, status, {}, data != nullptr, count, span};
-        if (data != nullptr) {
-            const auto* values = static_cast<const float*>(data);
-            call.values.assign(values, values + count);
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        calls_.push_back(std::move(call));
-    }
-    std::vector<WaveCall> calls() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<WaveCall> calls_;
-};
 
 // 400,000 cns is one frame at 25/1.
 constexpr int64_t kFrame = 400'000;
@@ -49,33 +20,31 @@ constexpr int64_t kFrame = 400'000;
 class AudioWaveWrapper : public ::testing::Test {
 protected:
     void SetUp() override {
-        wrapper_ = createBsAudioWaveExtractWrapper();
+        wrapper_ = ZorRef<IBsAudioWaveExtractWrapper>::adopt(createBsAudioWaveExtractWrapper());
         task_ = lastAudioTask();
         ASSERT_NE(task_, nullptr);
-        clip_ = new FakeAudioClip();
-        clip_->AddRef();
         wrapper_->addCallBack(&recorder_);
     }
     void TearDown() override {
-        if (wrapper_ != nullptr) wrapper_->Release();
-        clip_->Release();
+        wrapper_.reset();
+        clip_.reset();
     }
     int64_t query(int64_t begin, int64_t end, int32_t samples) {
         int64_t token = -1;
-        EXPECT_EQ(wrapper_->queryAudioWave(clip_, begin, end, samples, 0, &token), 0);
+        EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), begin, end, samples, 0, &token), 0);
         return token;
     }
 
-    IBsAudioWaveExtractWrapper* wrapper_ = nullptr;
+    ZorRef<IBsAudioWaveExtractWrapper> wrapper_;
     std::shared_ptr<ScriptedTaskState> task_;
-    FakeAudioClip* clip_ = nullptr;
+    ZorRef<FakeClip> clip_ = FakeClip::audio();
     WaveRecorder recorder_;
 };
 
 TEST_F(AudioWaveWrapper, FactoryResultHasCountOneAndAnswersItsNames) {
     EXPECT_EQ(wrapper_->refCount(), 1);
-    EXPECT_EQ(wrapper_->queryInterface("IBsAudioWaveExtractWrapper"), static_cast<void*>(wrapper_));
-    EXPECT_EQ(wrapper_->queryInterface("IDmBaseObj"), static_cast<void*>(wrapper_));
+    EXPECT_EQ(wrapper_->queryInterface("IBsAudioWaveExtractWrapper"), static_cast<void*>(wrapper_.get()));
+    EXPECT_EQ(wrapper_->queryInterface("IDmBaseObj"), static_cast<void*>(wrapper_.get()));
     EXPECT_EQ(wrapper_->queryInterface("RefCnt"), nullptr);
     EXPECT_EQ(wrapper_->queryInterface("IBsVideoFrameExtractWrapper"), nullptr);
 }
@@ -89,7 +58,7 @@ TEST_F(AudioWaveWrapper, ConstructionRegistersWithTaskAndInitializesItOnce) {
 TEST_F(AudioWaveWrapper, QueryBuildsRecordAtTwentyFivePerSecondAndStartsTaskOnce) {
     task_->setNextToken(41);
     int64_t token = -1;
-    EXPECT_EQ(wrapper_->queryAudioWave(clip_, 3 * kFrame + 5, 103 * kFrame, 10, 77, &token), 0);
+    EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), 3 * kFrame + 5, 103 * kFrame, 10, 77, &token), 0);
     EXPECT_EQ(token, 41);
     query(0, kFrame, 1);
     EXPECT_EQ(task_->startCount(), 1);  // started once, then isStarted answers 1
@@ -97,7 +66,7 @@ TEST_F(AudioWaveWrapper, QueryBuildsRecordAtTwentyFivePerSecondAndStartsTaskOnce
     ASSERT_EQ(appends.size(), 2u);
     const BsWaveTaskRecord& record = appends[0].record;
     EXPECT_EQ(record.option, 77u);
-    EXPECT_EQ(record.clip, static_cast<IDmClip*>(clip_));
+    EXPECT_EQ(record.clip, static_cast<IDmClip*>(clip_.get()));
     EXPECT_EQ(record.rateNum, 25);
     EXPECT_EQ(record.rateDen, 1);
     EXPECT_EQ(record.beginFrame, 3);
@@ -218,19 +187,17 @@ TEST_F(AudioWaveWrapper, CancelOfOneTokenCancelsOnTaskAndForgetsIt) {
 }
 
 TEST_F(AudioWaveWrapper, CancelOfClipCancelsItsTokensInOrderAndKeepsEntries) {
-    auto* other = new FakeAudioClip();
-    other->AddRef();
+    auto other = FakeClip::audio();
     const int64_t a = query(0, 4 * kFrame, 4);
     int64_t b = -1;
-    wrapper_->queryAudioWave(other, 0, 4 * kFrame, 4, 0, &b);
+    wrapper_->queryAudioWave(other.get(), 0, 4 * kFrame, 4, 0, &b);
     const int64_t c = query(0, 4 * kFrame, 4);
-    EXPECT_EQ(wrapper_->cancelQueryOfClip(clip_), 0);
+    EXPECT_EQ(wrapper_->cancelQueryOfClip(clip_.get()), 0);
     EXPECT_EQ(task_->cancels(), std::vector<int64_t>({a, c}));
     task_->deliver(c, 4);
     ASSERT_EQ(recorder_.calls().size(), 1u);
     EXPECT_EQ(recorder_.calls()[0].token, c);
     task_->deliver(b, 4);
-    other->Release();
 }
 
 TEST_F(AudioWaveWrapper, AfterStatusSevenOldTokenIsUnknownAndNewOneIsPending) {
@@ -305,10 +272,10 @@ TEST_F(AudioWaveWrapper, QueryAndReportWriteTheirLinesExactly) {
     task_->setNextToken(9);
     clip_->setPerFrame(2);
     int64_t token = -1;
-    wrapper_->queryAudioWave(clip_, 0, 2 * kFrame, 8, 0, &token);
+    wrapper_->queryAudioWave(clip_.get(), 0, 2 * kFrame, 8, 0, &token);
     wrapper_->cancelQuery(555);
     task_->deliver(token, 2);
-    const std::string clipId = std::to_string(reinterpret_cast<uintptr_t>(static_cast<IDmClip*>(clip_)));
+    const std::string clipId = std::to_string(reinterpret_cast<uintptr_t>(static_cast<IDmClip*>(clip_.get())));
     const auto lines = capture.sink().lines();
     ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(lines[0].text, "query wav clip id " + clipId + " type:2 [0 800000] samples:8");
@@ -355,16 +322,16 @@ TEST_F(AudioWaveWrapper, NullClipIsSubmittedAndItsReportDeliversNothing) {
 
 TEST_F(AudioWaveWrapper, ZeroSamplesForNonEmptyRangeIsRejected) {
     int64_t token = -1;
-    EXPECT_EQ(wrapper_->queryAudioWave(clip_, 0, 4 * kFrame, 0, 0, &token), 1001);
-    EXPECT_EQ(wrapper_->queryAudioWave(clip_, 0, 4 * kFrame, -3, 0, &token), 1001);
+    EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), 0, 4 * kFrame, 0, 0, &token), 1001);
+    EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), 0, 4 * kFrame, -3, 0, &token), 1001);
     EXPECT_TRUE(task_->appends().empty());
-    EXPECT_EQ(wrapper_->queryAudioWave(clip_, 0, 0, 0, 0, &token), 0);  // empty range: step 1
+    EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), 0, 0, 0, 0, &token), 0);  // empty range: step 1
 }
 
 TEST_F(AudioWaveWrapper, FailedAppendIsReturnedAsItIs) {
     task_->setAppendResult(1001);
     int64_t token = -1;
-    EXPECT_EQ(wrapper_->queryAudioWave(clip_, 0, 4 * kFrame, 4, 0, &token), 1001);
+    EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), 0, 4 * kFrame, 4, 0, &token), 1001);
 }
 
 TEST_F(AudioWaveWrapper, DestructionReleasesPendingClipsAndTheTask) {
@@ -372,8 +339,7 @@ TEST_F(AudioWaveWrapper, DestructionReleasesPendingClipsAndTheTask) {
     query(0, 4 * kFrame, 4);
     query(0, 8 * kFrame, 4);
     EXPECT_EQ(clip_->refCount(), before + 2);
-    EXPECT_EQ(wrapper_->Release(), 0);
-    wrapper_ = nullptr;
+    EXPECT_EQ(wrapper_.detach()->Release(), 0);
     EXPECT_EQ(clip_->refCount(), before);
     EXPECT_FALSE(task_->alive());
 }

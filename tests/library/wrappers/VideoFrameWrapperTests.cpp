@@ -5,56 +5,25 @@
 #include <vector>
 
 #include "CapturingLogger.h"
-#include "FakeClips.h"
+#include "ExtractRecorders.h"
+#include "FakeDataModel.h"
 #include "Miravel/Miravel.h"
 #include "ScriptedTaskService.h"
 
 namespace ZOR::test {
 namespace {
 
-struct FrameCall {
-    int64_t token;
-    int32_t status;
-    std::vector<int64_t> times;
-    std::vector<std::string> files;
-    bool hasFrames;
-    int32_t count;
-};
-
-class FrameRecorder final : public IBsVideoFrameExtractCallback {
-public:
-    void onVideoFrameChanged(int64_t token, int32_t status, const int64_t* times, void* frames,
-                             int32_t count) override {
-        FrameCall call{token, status, {}, {}, frames != nullptr, count};
-        for (int32_t i = 0; times != nullptr && i < count; ++i) call.times.push_back(times[i]);
-        for (int32_t i = 0; frames != nullptr && i < count; ++i)
-            call.files.emplace_back(static_cast<const char*>(frames) + static_cast<size_t>(i) * 1024);
-        std::lock_guard<std::mutex> lock(mutex_);
-        calls_.push_back(std::move(call));
-    }
-    std::vector<FrameCall> calls() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<FrameCall> calls_;
-};
-
 class VideoFrameWrapper : public ::testing::Test {
 protected:
     void SetUp() override {
-        wrapper_ = createBsVideoFrameExtractWrapper();
+        wrapper_ = ZorRef<IBsVideoFrameExtractWrapper>::adopt(createBsVideoFrameExtractWrapper());
         task_ = lastVideoTask();
         ASSERT_NE(task_, nullptr);
-        clip_ = new FakeVideoClip();
-        clip_->AddRef();
         wrapper_->addCallBack(&recorder_);
     }
     void TearDown() override {
-        if (wrapper_ != nullptr) wrapper_->Release();
-        clip_->Release();
+        wrapper_.reset();
+        clip_.reset();
     }
     int64_t query(IDmClip* clip, std::vector<int64_t> times, uint32_t flags = 0) {
         int64_t token = -1;
@@ -64,16 +33,16 @@ protected:
         return token;
     }
 
-    IBsVideoFrameExtractWrapper* wrapper_ = nullptr;
+    ZorRef<IBsVideoFrameExtractWrapper> wrapper_;
     std::shared_ptr<ScriptedTaskState> task_;
-    FakeVideoClip* clip_ = nullptr;
+    ZorRef<FakeClip> clip_ = FakeClip::video();
     FrameRecorder recorder_;
 };
 
 TEST_F(VideoFrameWrapper, FactoryResultHasCountOneAndAnswersItsNames) {
     EXPECT_EQ(wrapper_->refCount(), 1);
-    EXPECT_EQ(wrapper_->queryInterface("IBsVideoFrameExtractWrapper"), static_cast<void*>(wrapper_));
-    EXPECT_EQ(wrapper_->queryInterface("IDmBaseObj"), static_cast<void*>(wrapper_));
+    EXPECT_EQ(wrapper_->queryInterface("IBsVideoFrameExtractWrapper"), static_cast<void*>(wrapper_.get()));
+    EXPECT_EQ(wrapper_->queryInterface("IDmBaseObj"), static_cast<void*>(wrapper_.get()));
     EXPECT_EQ(wrapper_->queryInterface("IBsAudioWaveExtractWrapper"), nullptr);
     EXPECT_EQ(task_->initializeCount(), 1);
     EXPECT_EQ(task_->callbackCount(), 1u);
@@ -81,12 +50,12 @@ TEST_F(VideoFrameWrapper, FactoryResultHasCountOneAndAnswersItsNames) {
 
 TEST_F(VideoFrameWrapper, QueryPassesClipTimesSizeAndFlagsToTheTask) {
     task_->setNextToken(5);
-    const int64_t token = query(clip_, {30'000'000, 0, 12'345}, 1);
+    const int64_t token = query(clip_.get(), {30'000'000, 0, 12'345}, 1);
     EXPECT_EQ(token, 5);
     EXPECT_EQ(task_->startCount(), 1);
     const auto appends = task_->appends();
     ASSERT_EQ(appends.size(), 1u);
-    EXPECT_EQ(appends[0].clip, static_cast<IDmBaseObj*>(static_cast<IDmClip*>(clip_)));
+    EXPECT_EQ(appends[0].clip, static_cast<IDmBaseObj*>(static_cast<IDmClip*>(clip_.get())));
     EXPECT_EQ(appends[0].times, std::vector<int64_t>({30'000'000, 0, 12'345}));
     EXPECT_EQ(appends[0].width, 160);
     EXPECT_EQ(appends[0].height, 90);
@@ -94,7 +63,7 @@ TEST_F(VideoFrameWrapper, QueryPassesClipTimesSizeAndFlagsToTheTask) {
 }
 
 TEST_F(VideoFrameWrapper, FinishedRequestDeliversOneSlotPerRequestedTime) {
-    const int64_t token = query(clip_, {800'000, 0});
+    const int64_t token = query(clip_.get(), {800'000, 0});
     task_->deliver(token, 2);
     const auto calls = recorder_.calls();
     ASSERT_EQ(calls.size(), 1u);
@@ -103,7 +72,7 @@ TEST_F(VideoFrameWrapper, FinishedRequestDeliversOneSlotPerRequestedTime) {
     EXPECT_EQ(calls[0].count, 2);
     EXPECT_EQ(calls[0].times, std::vector<int64_t>({800'000, 0}));
     EXPECT_EQ(calls[0].files, std::vector<std::string>({"frame-800000.png", "frame-0.png"}));
-    EXPECT_EQ(clip_->prepared(), std::vector<std::vector<int32_t>>({{160, 90, 25, 1}}));
+    EXPECT_EQ(clip_->preparedFrames(), std::vector<std::vector<int32_t>>({{160, 90, 25, 1}}));
 }
 
 // Frames all on disk: the service may report before append() has returned.
@@ -112,7 +81,7 @@ TEST_F(VideoFrameWrapper, AReportMadeBeforeTheAppendReturnedIsNotLost) {
         task_->deliver(token, 1);
         task_->deliver(token, 2);
     });
-    const int64_t token = query(clip_, {800'000, 0});
+    const int64_t token = query(clip_.get(), {800'000, 0});
     task_->setAppendHook(nullptr);
     const auto calls = recorder_.calls();
     ASSERT_EQ(calls.size(), 1u);
@@ -122,7 +91,7 @@ TEST_F(VideoFrameWrapper, AReportMadeBeforeTheAppendReturnedIsNotLost) {
 }
 
 TEST_F(VideoFrameWrapper, StatusOneWritesNoLineAndStatusZeroOrFiveWriteOneAndNothingElse) {
-    const int64_t token = query(clip_, {0});
+    const int64_t token = query(clip_.get(), {0});
     ScopedCapture capture;
     task_->deliver(token, 1);
     EXPECT_TRUE(capture.sink().lines().empty());
@@ -141,7 +110,7 @@ TEST_F(VideoFrameWrapper, StatusOneWritesNoLineAndStatusZeroOrFiveWriteOneAndNot
 }
 
 TEST_F(VideoFrameWrapper, RequestWithZeroTimesCompletesWithCountZero) {
-    const int64_t token = query(clip_, {});
+    const int64_t token = query(clip_.get(), {});
     task_->deliver(token, 2);
     const auto calls = recorder_.calls();
     ASSERT_EQ(calls.size(), 1u);
@@ -150,13 +119,12 @@ TEST_F(VideoFrameWrapper, RequestWithZeroTimesCompletesWithCountZero) {
 }
 
 TEST_F(VideoFrameWrapper, FinishedRequestWhoseClipHasNoVideoFeatureCallsNoCallbackAndLeavesNoEntry) {
-    auto* plain = new FakePlainClip();
-    plain->AddRef();
-    const int64_t token = query(plain, {0, 400'000});
+    auto plain = FakeClip::plain();
+    const int64_t token = query(plain.get(), {0, 400'000});
     ScopedCapture capture;
     task_->deliver(token, 2);
     EXPECT_TRUE(recorder_.calls().empty());
-    const std::string clipId = std::to_string(reinterpret_cast<uintptr_t>(static_cast<IDmClip*>(plain)));
+    const std::string clipId = std::to_string(reinterpret_cast<uintptr_t>(static_cast<IDmClip*>(plain.get())));
     const auto lines = capture.sink().lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[1].text, "can not find videoFeature " + clipId);
@@ -167,7 +135,6 @@ TEST_F(VideoFrameWrapper, FinishedRequestWhoseClipHasNoVideoFeatureCallsNoCallba
               std::vector<std::string>({"status 4 token:" + std::to_string(token),
                                         "can not find token " + std::to_string(token)}));
     EXPECT_TRUE(recorder_.calls().empty());
-    plain->Release();
 }
 
 TEST_F(VideoFrameWrapper, UnknownTokenLogsCanNotFindToken) {
@@ -181,8 +148,8 @@ TEST_F(VideoFrameWrapper, UnknownTokenLogsCanNotFindToken) {
 }
 
 TEST_F(VideoFrameWrapper, StatusThreeAndFourAreForwardedWithoutFrames) {
-    const int64_t first = query(clip_, {0});
-    const int64_t second = query(clip_, {0});
+    const int64_t first = query(clip_.get(), {0});
+    const int64_t second = query(clip_.get(), {0});
     task_->deliver(first, 3);
     task_->deliver(second, 4);
     const auto calls = recorder_.calls();
@@ -195,7 +162,7 @@ TEST_F(VideoFrameWrapper, StatusThreeAndFourAreForwardedWithoutFrames) {
 
 TEST_F(VideoFrameWrapper, StatusSevenResubmitsStoredTimesUnderNewToken) {
     task_->setNextToken(20);
-    const int64_t old = query(clip_, {400'000, 800'000}, 1);
+    const int64_t old = query(clip_.get(), {400'000, 800'000}, 1);
     task_->deliver(old, 7);
     const auto appends = task_->appends();
     ASSERT_EQ(appends.size(), 2u);
@@ -225,9 +192,9 @@ TEST_F(VideoFrameWrapper, PauseAndResumeReturnZeroWhateverTheTaskAnswers) {
 }
 
 TEST_F(VideoFrameWrapper, CancelOfClipCancelsItsTokensAndCancelAllEveryToken) {
-    const int64_t a = query(clip_, {0});
-    const int64_t b = query(clip_, {0});
-    EXPECT_EQ(wrapper_->cancelQueryOfClip(clip_), 0);
+    const int64_t a = query(clip_.get(), {0});
+    const int64_t b = query(clip_.get(), {0});
+    EXPECT_EQ(wrapper_->cancelQueryOfClip(clip_.get()), 0);
     EXPECT_EQ(wrapper_->cancelQuery(-1), 0);
     EXPECT_EQ(task_->cancels(), std::vector<int64_t>({a, b, a, b}));
     EXPECT_EQ(wrapper_->cancelQuery(a), 0);
@@ -239,10 +206,9 @@ TEST_F(VideoFrameWrapper, CancelOfClipCancelsItsTokensAndCancelAllEveryToken) {
 
 TEST_F(VideoFrameWrapper, DestructionReleasesPendingClipsAndTheTask) {
     const int32_t before = clip_->refCount();
-    query(clip_, {0});
+    query(clip_.get(), {0});
     EXPECT_EQ(clip_->refCount(), before + 1);
-    EXPECT_EQ(wrapper_->Release(), 0);
-    wrapper_ = nullptr;
+    EXPECT_EQ(wrapper_.detach()->Release(), 0);
     EXPECT_EQ(clip_->refCount(), before);
     EXPECT_FALSE(task_->alive());
 }

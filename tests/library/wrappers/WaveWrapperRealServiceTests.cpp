@@ -4,15 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
+#include "ExtractRecorders.h"
 #include "MediaTestSupport.h"
 #include "Miravel/Miravel.h"
 #include "PipeServer.h"
@@ -27,49 +27,6 @@ constexpr int32_t kValues = 40;
 // 400,000 cns is one frame at 25/1.
 constexpr int64_t kFrame = 400'000;
 
-struct WaveCall {
-    int64_t token = -1;
-    int32_t status = 0;
-    std::vector<float> values;
-    int32_t count = 0;
-    int32_t span = 0;
-};
-
-class WaveRecorder final : public IBsAudioWaveExtractCallback {
-public:
-    void onAudioWaveChanged(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) override {
-        WaveCall call{token, status, {}, count, span};
-        if (data != nullptr && count > 0) {
-            const auto* values = static_cast<const float*>(data);
-            call.values.assign(values, values + count);
-        }
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            calls_.push_back(std::move(call));
-        }
-        changed_.notify_all();
-    }
-    // Waits until some call satisfies the predicate.
-    template <class Predicate>
-    bool waitFor(Predicate predicate, std::chrono::milliseconds limit = kGenerous) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] {
-            for (const WaveCall& call : calls_)
-                if (predicate(call)) return true;
-            return false;
-        });
-    }
-    std::vector<WaveCall> calls() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
-    }
-
-private:
-    mutable std::mutex mutex_;  // leaf: guards calls_
-    std::condition_variable changed_;
-    std::vector<WaveCall> calls_;
-};
-
 // Two channels with amplitudes ramping in opposite directions.
 std::string rampSource(int rate, double seconds) {
     const std::string d = std::to_string(seconds);
@@ -80,23 +37,21 @@ std::string rampSource(int rate, double seconds) {
 class WaveWrapperRealService : public ::testing::Test {
 protected:
     void SetUp() override {
-        wrapper_ = createBsAudioWaveExtractWrapper();
+        wrapper_ = ZorRef<IBsAudioWaveExtractWrapper>::adopt(createBsAudioWaveExtractWrapper());
         ASSERT_NE(wrapper_, nullptr);
         ASSERT_EQ(wrapper_->addCallBack(&recorder_), 0);
     }
     void TearDown() override {
-        if (wrapper_ != nullptr) {
-            wrapper_->removeCallBack(&recorder_);
-            wrapper_->Release();
-        }
-        for (IDmClip* clip : clips_) clip->Release();
+        if (wrapper_ != nullptr) wrapper_->removeCallBack(&recorder_);
+        wrapper_.reset();
+        clips_.clear();
     }
 
     IDmClip* clipOf(const std::string& path) {
-        IDmClip* clip = createMediaClip(path.c_str(), -1, -1, nullptr);
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         EXPECT_NE(clip, nullptr);
         if (clip != nullptr) clips_.push_back(clip);
-        return clip;
+        return clip.get();
     }
     // Frames [0, frames) with one value set per frame.
     int64_t query(IDmClip* clip, int32_t frames) {
@@ -121,8 +76,8 @@ protected:
 
     TempFolder folder_;
     WaveRecorder recorder_;
-    IBsAudioWaveExtractWrapper* wrapper_ = nullptr;
-    std::vector<IDmClip*> clips_;
+    ZorRef<IBsAudioWaveExtractWrapper> wrapper_;
+    std::vector<ZorRef<IDmClip>> clips_;  // the clips of the test
 };
 
 // The file is rewritten with other audio while the query waits: the callback
@@ -175,8 +130,7 @@ TEST_F(WaveWrapperRealService, CancelWhileDecodingReachesTheCallback) {
     EXPECT_EQ(calls[0].count, 0);
     EXPECT_TRUE(calls[0].values.empty());
     wrapper_->removeCallBack(&recorder_);
-    wrapper_->Release();  // joins the task before the pipe goes
-    wrapper_ = nullptr;
+    wrapper_.reset();  // joins the task before the pipe goes
     server.reset();
 }
 

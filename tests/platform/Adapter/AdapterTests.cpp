@@ -64,19 +64,18 @@ public:
 };
 
 TEST(AdapterWaveManager, SourceGivesItsManagerWithAReferenceForTheCaller) {
-    auto* manager = zorCreateObject<FakeManager, IDmAudioWaveMgrInternal>();
-    IDmAudioWaveMgrInternal* acquired = acquireIDmAudioWaveMgrInternal(manager);
-    EXPECT_EQ(acquired, manager);
+    const auto manager =
+        ZorRef<IDmAudioWaveMgrInternal>::adopt(zorCreateObject<FakeManager, IDmAudioWaveMgrInternal>());
+    auto acquired = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(manager.get()));
+    EXPECT_EQ(acquired.get(), manager.get());
     EXPECT_EQ(manager->refCount(), 2);
-    acquired->Release();
+    acquired.reset();
     EXPECT_EQ(manager->refCount(), 1);
-    manager->Release();
 
     EXPECT_EQ(acquireIDmAudioWaveMgrInternal(nullptr), nullptr);
-    auto* other = zorCreateObject<NotAManager, IDmBaseObj>();
-    EXPECT_EQ(acquireIDmAudioWaveMgrInternal(other), nullptr);
+    const auto other = ZorRef<IDmBaseObj>::adopt(zorCreateObject<NotAManager, IDmBaseObj>());
+    EXPECT_EQ(acquireIDmAudioWaveMgrInternal(other.get()), nullptr);
     EXPECT_EQ(other->refCount(), 1);
-    other->Release();
 }
 
 }  // namespace

@@ -222,14 +222,6 @@ private:
 // ---------------------------------------------------------------------------
 // Fixture
 
-// Releases an adapter when the test ends.
-struct AdapterRelease {
-    void operator()(IThumbAdapter* adapter) const {
-        if (adapter != nullptr) adapter->Release();
-    }
-};
-using AdapterPtr = std::unique_ptr<IThumbAdapter, AdapterRelease>;
-
 class ThumbAdapterTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { media_ = new Media(); }
@@ -239,15 +231,15 @@ protected:
     }
     static Media& media() { return *media_; }
 
-    static AdapterPtr newAdapter() {
-        AdapterPtr adapter(createThumbAdapter());
+    static ZorRef<IThumbAdapter> newAdapter() {
+        auto adapter = ZorRef<IThumbAdapter>::adopt(createThumbAdapter());
         EXPECT_NE(adapter, nullptr);
         return adapter;
     }
     // An adapter with path open at width x height in mode.
-    static AdapterPtr openFile(const std::string& path, int32_t width, int32_t height,
-                               int32_t mode = ThumbSeekExact, int32_t stream = -1) {
-        AdapterPtr adapter = newAdapter();
+    static ZorRef<IThumbAdapter> openFile(const std::string& path, int32_t width, int32_t height,
+                                          int32_t mode = ThumbSeekExact, int32_t stream = -1) {
+        ZorRef<IThumbAdapter> adapter = newAdapter();
         EXPECT_EQ(adapter->setMediaPath(path.c_str()), kOk);
         EXPECT_EQ(adapter->setOutputSize(width, height), kOk);
         EXPECT_EQ(adapter->setSeekMode(mode), kOk);
@@ -282,7 +274,7 @@ Media* ThumbAdapterTest::media_ = nullptr;
 // The object
 
 TEST_F(ThumbAdapterTest, IsACountedObjectWithItsSettings) {
-    AdapterPtr adapter = newAdapter();
+    ZorRef<IThumbAdapter> adapter = newAdapter();
     EXPECT_EQ(adapter->refCount(), 1);
     EXPECT_EQ(adapter->queryInterface("IThumbAdapter"), static_cast<void*>(adapter.get()));
     EXPECT_EQ(adapter->queryInterface("IDmBaseObj"), static_cast<void*>(adapter.get()));
@@ -321,7 +313,7 @@ TEST_F(ThumbAdapterTest, IsACountedObjectWithItsSettings) {
 
 TEST_F(ThumbAdapterTest, CallsOutOfOrderAreRefused) {
     test::ScopedCapture capture(IBsLogger::Warning);
-    AdapterPtr adapter = newAdapter();
+    ZorRef<IThumbAdapter> adapter = newAdapter();
     std::vector<unsigned char> buffer(320 * 180 * 4);
     const auto size = static_cast<int64_t>(buffer.size());
     EXPECT_EQ(adapter->open(-1), kResultFailure) << "nothing to open";
@@ -355,7 +347,7 @@ TEST_F(ThumbAdapterTest, CallsOutOfOrderAreRefused) {
 // Exact pictures
 
 TEST_F(ThumbAdapterTest, ExactPicturesShowTheColourOfTheTimeAskedFor) {
-    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 180);
     std::vector<int64_t> times;
     // Increasing, including times in the middle of a group of pictures and
     // on both sides of each change of colour.
@@ -385,7 +377,7 @@ TEST_F(ThumbAdapterTest, ExactPicturesShowTheColourOfTheTimeAskedFor) {
 
 TEST_F(ThumbAdapterTest, ExactPicturesAreTheFramesOfAPlainDecode) {
     // Every frame in order, one after the other: a plain decode.
-    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     std::vector<Picture> frames;
     for (int n = 0; n < kNumberedFrames; ++n) {
         frames.push_back(frame(plain.get(), n * kFrame + kFrame / 2));
@@ -396,8 +388,8 @@ TEST_F(ThumbAdapterTest, ExactPicturesAreTheFramesOfAPlainDecode) {
     // The same frames asked for in random order, in the middle of groups of
     // pictures: with the frames no picture needs skipped, and with nothing
     // skipped.
-    AdapterPtr skipping = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
-    AdapterPtr full = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> skipping = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> full = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     ASSERT_NE(internal(full.get()), nullptr);
     internal(full.get())->setFrameSkipping(false);
     std::mt19937_64 generator(11);
@@ -421,7 +413,7 @@ TEST_F(ThumbAdapterTest, ExactPicturesAreTheFramesOfAPlainDecode) {
 }
 
 TEST_F(ThumbAdapterTest, TheDecoderMovesForwardWithinAGroupOfPicturesAndSeeksOnlyWhenNeeded) {
-    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     auto expectFrame = [&](int64_t t) {
         const Picture picture = frame(adapter.get(), t);
         EXPECT_EQ(numberOf(picture), static_cast<int>(t / kFrame)) << "at " << t;
@@ -477,10 +469,10 @@ TEST_F(ThumbAdapterTest, PicturesReadAheadAreThoseDecodedInPlace) {
     const std::vector<int64_t> times{0,           99 * kSecond / 10, 49 * kSecond / 10, 74 * kSecond / 10,
                                      24 * kSecond / 10, 86 * kSecond / 10, 61 * kSecond / 10, 36 * kSecond / 10,
                                      12 * kSecond / 10, 93 * kSecond / 10};
-    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     const std::vector<Picture> expected = plainFrames(plain.get(), times);
 
-    AdapterPtr ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     ASSERT_EQ(ahead->readAhead(times.data(), static_cast<int32_t>(times.size())), kOk);
     for (size_t i = 0; i < times.size(); ++i) {
         const Picture picture = frame(ahead.get(), times[i]);
@@ -498,8 +490,8 @@ TEST_F(ThumbAdapterTest, PicturesReadAheadAreThoseDecodedInPlace) {
 
 TEST_F(ThumbAdapterTest, APlanIsAHintThatFollowsTheCaller) {
     const std::vector<int64_t> times{1 * kSecond, 3 * kSecond, 5 * kSecond, 7 * kSecond, 9 * kSecond};
-    AdapterPtr plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
-    AdapterPtr ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> ahead = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     ASSERT_EQ(ahead->readAhead(times.data(), static_cast<int32_t>(times.size())), kOk);
     // Skipping ahead drops the times before; they are then decoded in place.
     EXPECT_EQ(frame(ahead.get(), 7 * kSecond).rgba, frame(plain.get(), 7 * kSecond).rgba);
@@ -521,7 +513,7 @@ TEST_F(ThumbAdapterTest, APlanIsAHintThatFollowsTheCaller) {
 
 TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
     const std::vector<int64_t> times{3 * kSecond, 5 * kSecond};
-    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     ASSERT_EQ(adapter->readAhead(times.data(), 2), kOk);
     // A new size forgets what was planned at the old one.
     ASSERT_EQ(adapter->setOutputSize(64, 32), kOk);
@@ -532,7 +524,7 @@ TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
     EXPECT_EQ(small.rgba.size(), 64u * 32u * 4u);
 
     // Keyframe mode: the keyframe at or before each time (one every 2 s).
-    AdapterPtr colours = openFile(media().colours(), 32, 18, ThumbSeekKeyframe);
+    ZorRef<IThumbAdapter> colours = openFile(media().colours(), 32, 18, ThumbSeekKeyframe);
     const std::vector<int64_t> seconds{7 * kSecond + kSecond / 2, 3 * kSecond + kSecond / 2};
     ASSERT_EQ(colours->readAhead(seconds.data(), 2), kOk);
     for (int64_t t : seconds) EXPECT_EQ(frame(colours.get(), t).centreColour(), colourOfKeyframe(t)) << t;
@@ -557,7 +549,7 @@ TEST_F(ThumbAdapterTest, APlanFollowsTheSizeModeAndFileOpen) {
 TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
     const int64_t last = 60 * kSecond - kFrame / 2;  // frame 1499, 1,500 frames from the keyframe
     // Read ahead and taken: the lane decodes every frame up to it.
-    AdapterPtr whole = openFile(media().longGroup(), 64, 36);
+    ZorRef<IThumbAdapter> whole = openFile(media().longGroup(), 64, 36);
     ASSERT_EQ(whole->readAhead(&last, 1), kOk);
     frame(whole.get(), last);
     internal(whole.get())->waitForReadAhead();
@@ -565,7 +557,7 @@ TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
 
     // Read ahead, then the file closed at once: the lane stops reading
     // (long before the 1,500 frames, or before it starts).
-    AdapterPtr closed = openFile(media().longGroup(), 64, 36);
+    ZorRef<IThumbAdapter> closed = openFile(media().longGroup(), 64, 36);
     ASSERT_EQ(closed->readAhead(&last, 1), kOk);
     ASSERT_EQ(closed->close(), kOk);
     internal(closed.get())->waitForReadAhead();
@@ -577,7 +569,7 @@ TEST_F(ThumbAdapterTest, AClosedFileStopsThePictureBeingReadAhead) {
 }
 
 TEST_F(ThumbAdapterTest, ABadPlanIsRefusedAndAPlanWithoutAFileIsIgnored) {
-    AdapterPtr adapter = newAdapter();
+    ZorRef<IThumbAdapter> adapter = newAdapter();
     const int64_t time = kSecond;
     EXPECT_EQ(adapter->readAhead(&time, -1), kResultFailure);
     EXPECT_EQ(adapter->readAhead(nullptr, 1), kResultFailure);
@@ -594,8 +586,8 @@ TEST_F(ThumbAdapterTest, APlannedPictureThatCannotBeDecodedFailsAsInPlace) {
     const std::vector<char> bytes = MediaTest::readBytes(front);
     const std::string cut = media().file("cut-plan.mp4");
     MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
-    AdapterPtr plain = newAdapter();
-    AdapterPtr ahead = newAdapter();
+    ZorRef<IThumbAdapter> plain = newAdapter();
+    ZorRef<IThumbAdapter> ahead = newAdapter();
     for (IThumbAdapter* adapter : {plain.get(), ahead.get()}) {
         ASSERT_EQ(adapter->setMediaPath(cut.c_str()), kOk);
         ASSERT_EQ(adapter->setOutputSize(32, 18), kOk);
@@ -621,7 +613,7 @@ TEST_F(ThumbAdapterTest, APlannedPictureThatCannotBeDecodedFailsAsInPlace) {
 // Keyframe pictures
 
 TEST_F(ThumbAdapterTest, KeyframePicturesShowTheKeyframeAtOrBeforeTheTime) {
-    AdapterPtr adapter = openFile(media().colours(), 320, 180, ThumbSeekKeyframe);
+    ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 180, ThumbSeekKeyframe);
     std::vector<int64_t> times{0, 1 * kSecond, 19 * kSecond / 10, 2 * kSecond, 35 * kSecond / 10,
                                4 * kSecond - 1, 4 * kSecond, 5 * kSecond, 79 * kSecond / 10, 8 * kSecond,
                                99 * kSecond / 10};
@@ -633,7 +625,7 @@ TEST_F(ThumbAdapterTest, KeyframePicturesShowTheKeyframeAtOrBeforeTheTime) {
 }
 
 TEST_F(ThumbAdapterTest, KeyframePicturesDecodeOnePacketEach) {
-    AdapterPtr adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight, ThumbSeekKeyframe);
+    ZorRef<IThumbAdapter> adapter = openFile(media().numbered(), kNumberedWidth, kNumberedHeight, ThumbSeekKeyframe);
     std::vector<int64_t> times{73 * kSecond / 10, 31 * kSecond / 10, 91 * kSecond / 10, 5 * kSecond / 10,
                                55 * kSecond / 10};
     for (int64_t t : times) {
@@ -653,8 +645,8 @@ TEST_F(ThumbAdapterTest, KeyframePicturesDecodeOnePacketEach) {
 }
 
 TEST_F(ThumbAdapterTest, AFileWithoutAKeyframeIndexGivesTheSamePictures) {
-    AdapterPtr exact = openFile(media().coloursTs(), 320, 180);
-    AdapterPtr keyframes = openFile(media().coloursTs(), 320, 180, ThumbSeekKeyframe);
+    ZorRef<IThumbAdapter> exact = openFile(media().coloursTs(), 320, 180);
+    ZorRef<IThumbAdapter> keyframes = openFile(media().coloursTs(), 320, 180, ThumbSeekKeyframe);
     std::mt19937_64 random(5);
     std::uniform_int_distribution<int64_t> anyTime(0, 10 * kSecond - 1);
     std::vector<int64_t> times{0, 95 * kSecond / 10, 45 * kSecond / 10, 4 * kSecond - 1, 2 * kSecond};
@@ -669,7 +661,7 @@ TEST_F(ThumbAdapterTest, AFileWithoutAKeyframeIndexGivesTheSamePictures) {
 }
 
 TEST_F(ThumbAdapterTest, ModesMixOnOneOpenFile) {
-    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 180);
     EXPECT_EQ(frame(adapter.get(), 5 * kSecond / 10).centreColour(), 0);
     ASSERT_EQ(adapter->setSeekMode(ThumbSeekKeyframe), kOk);
     EXPECT_EQ(frame(adapter.get(), 75 * kSecond / 10).centreColour(), 6);
@@ -686,7 +678,7 @@ TEST_F(ThumbAdapterTest, ModesMixOnOneOpenFile) {
 // Media information
 
 TEST_F(ThumbAdapterTest, DurationAndFrameRateComeFromTheVideoStream) {
-    AdapterPtr adapter = openFile(media().colours(), 320, 180);
+    ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 180);
     int64_t duration = 0;
     ASSERT_EQ(adapter->mediaDuration(&duration, 0), kOk);
     EXPECT_NEAR(static_cast<double>(duration), 10.0 * kSecond, static_cast<double>(kFrame));
@@ -702,7 +694,7 @@ TEST_F(ThumbAdapterTest, DurationAndFrameRateComeFromTheVideoStream) {
 
 TEST_F(ThumbAdapterTest, AWideVideoInATallerBoxIsCentredBetweenTransparentBars) {
     // 320x180 into 320x240: 320x180 at rows 30..209.
-    AdapterPtr adapter = openFile(media().colours(), 320, 240);
+    ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 240);
     const Picture picture = frame(adapter.get(), 35 * kSecond / 10);
     for (int x : {0, 100, 319}) {
         for (int y : {0, 29, 210, 239}) EXPECT_EQ(picture.colourAt(x, y), kClear) << x << "," << y;
@@ -723,7 +715,7 @@ TEST_F(ThumbAdapterTest, ARotatedVideoComesOutUpright) {
     Picture reference(180, 320);
     reference.rgba.assign(player.begin(), player.end());
 
-    AdapterPtr adapter = openFile(media().rotated(), 180, 320);
+    ZorRef<IThumbAdapter> adapter = openFile(media().rotated(), 180, 320);
     const Picture upright = frame(adapter.get(), 0);
     for (int y : {10, 160, 310}) {
         EXPECT_EQ(upright.colourAt(20, y), 2) << y;
@@ -743,7 +735,7 @@ TEST_F(ThumbAdapterTest, ARotatedVideoComesOutUpright) {
 
 TEST_F(ThumbAdapterTest, NonSquarePixelsKeepTheDisplayShape) {
     // 160x180 pixels of 2:1 show as 320x180: they fill a 320x180 box.
-    AdapterPtr adapter = openFile(media().anamorphic(), 320, 180);
+    ZorRef<IThumbAdapter> adapter = openFile(media().anamorphic(), 320, 180);
     const Picture picture = frame(adapter.get(), 0);
     for (int y : {0, 90, 179}) {
         EXPECT_EQ(picture.colourAt(2, y), 1) << y;
@@ -765,7 +757,7 @@ TEST_F(ThumbAdapterTest, NonSquarePixelsKeepTheDisplayShape) {
 
 TEST_F(ThumbAdapterTest, StreamZeroThatIsNotVideoMeansTheBestVideoStream) {
     for (int32_t stream : {-1, 0, 1}) {
-        AdapterPtr adapter = openFile(media().soundFirst(), 64, 36, ThumbSeekExact, stream);
+        ZorRef<IThumbAdapter> adapter = openFile(media().soundFirst(), 64, 36, ThumbSeekExact, stream);
         EXPECT_EQ(frame(adapter.get(), 0).centreColour(), 1) << "stream " << stream;
     }
 }
@@ -797,7 +789,7 @@ TEST_F(ThumbAdapterTest, MediaThatCannotGivePicturesFailsWithALogLine) {
     };
     for (const Case& c : cases) {
         capture.sink().clear();
-        AdapterPtr adapter = newAdapter();
+        ZorRef<IThumbAdapter> adapter = newAdapter();
         ASSERT_EQ(adapter->setMediaPath(c.path.c_str()), kOk);
         EXPECT_NE(adapter->open(c.stream), kOk) << c.path;
         bool named = false;
@@ -819,7 +811,7 @@ TEST_F(ThumbAdapterTest, ACutShortFileGivesWhatItHoldsOrFails) {
         const std::vector<char> bytes = MediaTest::readBytes(source);
         const std::string cut = media().file("cut.mp4");
         MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
-        AdapterPtr adapter = newAdapter();
+        ZorRef<IThumbAdapter> adapter = newAdapter();
         ASSERT_EQ(adapter->setMediaPath(cut.c_str()), kOk);
         ASSERT_EQ(adapter->setOutputSize(32, 18), kOk);
         if (adapter->open(-1) != kOk) continue;
@@ -837,13 +829,6 @@ TEST_F(ThumbAdapterTest, ACutShortFileGivesWhatItHoldsOrFails) {
 // ---------------------------------------------------------------------------
 // Timelines
 
-struct TimelineRelease {
-    void operator()(IDmTimeline* timeline) const {
-        if (timeline != nullptr) timeline->Release();
-    }
-};
-using TimelinePtr = std::unique_ptr<IDmTimeline, TimelineRelease>;
-
 // The value the data model gives the thumb adapter for a timeline.
 int64_t handleOf(IDmTimeline* timeline) {
     if (auto* internal = static_cast<IDmTimelineInternal*>(timeline->queryInterface("IDmTimelineInternal")))
@@ -856,7 +841,7 @@ protected:
     // Track 0: the colour video from 5 s, shown over [0 s, 3 s), then a gap,
     // then its start over [6 s, 8 s). Track 1 (above): the numbered video
     // over [0 s, 10 s), visible or not.
-    static TimelinePtr makeTimeline(bool upperVisible) {
+    static ZorRef<IDmTimeline> makeTimeline(bool upperVisible) {
         DmTimelineDesc desc;
         desc.name = "thumbs";
         DmTrackDesc lower;
@@ -898,12 +883,12 @@ protected:
         upper.clips = {numbers};
         desc.tracks = {lower, sound, upper};
         std::string error;
-        TimelinePtr timeline(createTimeline(desc, &error));
+        auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
         EXPECT_NE(timeline, nullptr) << error;
         return timeline;
     }
-    static AdapterPtr openTimeline(IDmTimeline* timeline, int32_t width, int32_t height) {
-        AdapterPtr adapter = newAdapter();
+    static ZorRef<IThumbAdapter> openTimeline(IDmTimeline* timeline, int32_t width, int32_t height) {
+        ZorRef<IThumbAdapter> adapter = newAdapter();
         EXPECT_EQ(adapter->setMediaObject(handleOf(timeline)), kOk);
         EXPECT_EQ(adapter->setOutputSize(width, height), kOk);
         EXPECT_EQ(adapter->open(-1), kOk);
@@ -912,9 +897,9 @@ protected:
 };
 
 TEST_F(ThumbAdapterTimelineTest, TheTopmostVisibleClipGivesThePicture) {
-    TimelinePtr timeline = makeTimeline(false);
+    ZorRef<IDmTimeline> timeline = makeTimeline(false);
     ASSERT_NE(timeline, nullptr);
-    AdapterPtr adapter = openTimeline(timeline.get(), 320, 180);
+    ZorRef<IThumbAdapter> adapter = openTimeline(timeline.get(), 320, 180);
     // The lower track's first clip: media time 5 s + (t - 0).
     EXPECT_EQ(frame(adapter.get(), 0).centreColour(), 5);
     EXPECT_EQ(frame(adapter.get(), 15 * kSecond / 10).centreColour(), 6);
@@ -947,9 +932,9 @@ TEST_F(ThumbAdapterTimelineTest, TheTopmostVisibleClipGivesThePicture) {
 }
 
 TEST_F(ThumbAdapterTimelineTest, AVisibleUpperTrackCoversTheLowerOne) {
-    TimelinePtr timeline = makeTimeline(true);
+    ZorRef<IDmTimeline> timeline = makeTimeline(true);
     ASSERT_NE(timeline, nullptr);
-    AdapterPtr adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
     for (int64_t t : {5 * kSecond / 10, 45 * kSecond / 10, 72 * kSecond / 10, 23 * kSecond / 10})
         EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>(t / kFrame)) << "at " << t;
 }
@@ -986,9 +971,9 @@ TEST_F(ThumbAdapterTimelineTest, ClipsShowWhatTheyPlayReversedFrozenOrFast) {
     track.clips = {reversed, frozen, fast};
     desc.tracks = {track};
     std::string error;
-    TimelinePtr timeline(createTimeline(desc, &error));
+    auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
-    AdapterPtr adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
+    ZorRef<IThumbAdapter> adapter = openTimeline(timeline.get(), kNumberedWidth, kNumberedHeight);
     // Reversed: timeline t in [0, 2 s) plays media 2 s + 4 s - (2 s + t).
     for (int64_t t : {int64_t{0}, kFrame, 13 * kFrame, 49 * kFrame})
         EXPECT_EQ(numberOf(frame(adapter.get(), t)), static_cast<int>((4 * kSecond - t) / kFrame)) << "at " << t;
@@ -1002,11 +987,11 @@ TEST_F(ThumbAdapterTimelineTest, ClipsShowWhatTheyPlayReversedFrozenOrFast) {
 }
 
 TEST_F(ThumbAdapterTimelineTest, TheAdapterHoldsTheTimelineWhileItUsesIt) {
-    TimelinePtr timeline = makeTimeline(false);
+    ZorRef<IDmTimeline> timeline = makeTimeline(false);
     ASSERT_NE(timeline, nullptr);
     const int32_t before = timeline->refCount();
     {
-        AdapterPtr adapter = openTimeline(timeline.get(), 32, 18);
+        ZorRef<IThumbAdapter> adapter = openTimeline(timeline.get(), 32, 18);
         EXPECT_GT(timeline->refCount(), before);
         // A file set after it: the timeline is let go once closed.
         ASSERT_EQ(adapter->setMediaPath(media().colours().c_str()), kOk);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Common/ZorInternalComUtility.h"
 #include "ThumbAdapterInternal.h"
 #include "Adapter/Adapter.h"
 #include "MediaTestSupport.h"
@@ -64,7 +65,7 @@ TempFolder* ThumbReadAheadConcurrencyTest::folder_ = nullptr;
 std::string ThumbReadAheadConcurrencyTest::path_;
 
 TEST_F(ThumbReadAheadConcurrencyTest, PlansPicturesAndSettingsFromThreeThreads) {
-    IThumbAdapter* adapter = createThumbAdapter();
+    const auto adapter = ZorRef<IThumbAdapter>::adopt(createThumbAdapter());
     ASSERT_NE(adapter, nullptr);
     ASSERT_EQ(adapter->setMediaPath(path_.c_str()), 0);
     ASSERT_EQ(adapter->setOutputSize(kWidth, kHeight), 0);
@@ -140,12 +141,11 @@ TEST_F(ThumbReadAheadConcurrencyTest, PlansPicturesAndSettingsFromThreeThreads) 
         ASSERT_EQ(adapter->frameAt(t, buffer.data(), static_cast<int64_t>(buffer.size())), 0);
         EXPECT_EQ(numberOf(buffer), static_cast<int>(t / kFrame));
     }
-    adapter->Release();
 }
 
 TEST_F(ThumbReadAheadConcurrencyTest, ReleasedWhileItsLanesDecode) {
     for (int round = 0; round < 5; ++round) {
-        IThumbAdapter* adapter = createThumbAdapter();
+        auto adapter = ZorRef<IThumbAdapter>::adopt(createThumbAdapter());
         ASSERT_NE(adapter, nullptr);
         ASSERT_EQ(adapter->setMediaPath(path_.c_str()), 0);
         ASSERT_EQ(adapter->setOutputSize(kWidth, kHeight), 0);
@@ -154,7 +154,7 @@ TEST_F(ThumbReadAheadConcurrencyTest, ReleasedWhileItsLanesDecode) {
         ASSERT_EQ(adapter->readAhead(times.data(), 4), 0);
         // Released at once, from another thread than the one that planned;
         // the lanes end with their pictures.
-        auto released = std::async(std::launch::async, [adapter] { adapter->Release(); });
+        auto released = std::async(std::launch::async, [held = std::move(adapter)]() mutable { held.reset(); });
         ASSERT_EQ(released.wait_for(kGenerousForStress), std::future_status::ready);
     }
 }

@@ -41,8 +41,8 @@ std::string rampSource(int rate, double seconds) {
 class AudioWaveTaskTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        task_ = createAudioWaveExtractTask();
-        ASSERT_NE(task_, nullptr);
+        task_ = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
+        ASSERT_NE(task_.get(), nullptr);
         ASSERT_EQ(task_->addCallBack(&recorder_), 0);
         ASSERT_EQ(task_->initialize(), 0);
         ASSERT_EQ(task_->start(), 0);
@@ -50,7 +50,7 @@ protected:
     void TearDown() override {
         if (task_ != nullptr) {
             task_->removeCallBack(&recorder_);
-            task_->Release();
+            task_.reset();
         }
     }
 
@@ -78,10 +78,9 @@ protected:
         EXPECT_NE(audio, nullptr);
         std::vector<float> read(static_cast<size_t>(last - first + 1) * kValues, -1.0f);
         if (audio == nullptr) return read;
-        IZORLonglongList* frames = createZORLonglongList();
+        auto frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
         for (int32_t frame = first; frame <= last; ++frame) frames->append(frame);
-        EXPECT_EQ(audio->fillValues(frames, 25, 1, read.data()), 0);
-        frames->Release();
+        EXPECT_EQ(audio->fillValues(frames.get(), 25, 1, read.data()), 0);
         return read;
     }
 
@@ -107,21 +106,21 @@ protected:
     }
 
     TempFolder folder_;
-    Recorder recorder_;
-    IBsAudioWaveExtractTask* task_ = nullptr;
+    TaskRecorder recorder_;
+    ZorRef<IBsAudioWaveExtractTask> task_;
 };
 
 TEST_F(AudioWaveTaskTest, WavValuesAreThePeaksOfEachMillisecondAt44100) {
     const std::string path = makeWav("ramp.wav", 44100, 2.99);
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
     ASSERT_EQ(expected.size(), 75u * kValues);  // 2.99 s: the last frame is partly covered
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t token = append(clip.get(), 0, 100);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
     expectWave(clip.get(), expected, 0, 74, kStepTolerance);
 
     // Frames beyond the end are not held and read as zeros.
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
     EXPECT_NE(manager->hasFrames(0, 74), 0);
     EXPECT_EQ(manager->hasFrames(74, 75), 0);
     EXPECT_EQ(manager->hasFrames(80, 100), 0);
@@ -133,7 +132,7 @@ TEST_F(AudioWaveTaskTest, WavValuesAreThePeaksOfEachMillisecondAt44100) {
     EXPECT_GT(last[29], 0.0f);
     EXPECT_EQ(last[30], 0.0f);
 
-    const std::vector<Report> reports = recorder_.reportsOf(token);
+    const std::vector<TaskReport> reports = recorder_.reportsOf(token);
     ASSERT_EQ(reports.size(), 1u);
     EXPECT_EQ(reports[0].percent, 100);
     EXPECT_EQ(reports[0].task, task_->queryInterface("IDmBaseObj"));
@@ -143,7 +142,7 @@ TEST_F(AudioWaveTaskTest, WavValuesAreThePeaksOfEachMillisecondAt44100) {
 TEST_F(AudioWaveTaskTest, WavValuesAt48000AndARangeInTheMiddleArePlacedExactly) {
     const std::string path = makeWav("ramp48.wav", 48000, 3.0);
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ScopedCapture capture(IBsLogger::Debug);
     const int64_t token = append(clip.get(), 31, 40);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
@@ -155,7 +154,7 @@ TEST_F(AudioWaveTaskTest, WavValuesAt48000AndARangeInTheMiddleArePlacedExactly) 
         EXPECT_EQ(text.find("from the start"), std::string::npos) << text;
     }
     EXPECT_TRUE(seeking);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
     EXPECT_NE(manager->hasFrames(31, 40), 0);
     // Only what was asked for was decoded (in whole pieces at most).
     EXPECT_EQ(manager->hasFrames(0, 74), 0);
@@ -170,7 +169,7 @@ TEST_F(AudioWaveTaskTest, LongRangesAreDecodedInPiecesThatJoinExactly) {
     const std::string path = folder_.file("long.wav");
     ASSERT_TRUE(ffmpeg(rampSource(44100, 24.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ScopedCapture capture(IBsLogger::Debug);
     const int64_t token = append(clip.get(), 0, 599);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
@@ -195,7 +194,7 @@ TEST_F(AudioWaveTaskTest, CompressedFilesGiveTheValuesOfTheirDecodedSamples) {
             MediaTest::waveValues(MediaTest::decodeWithCommand(path, path + ".raw", 44100, 2));
         ASSERT_FALSE(expected.empty());
         const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
-        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         // A range in the middle first (the MP4 file seeks to it), then the rest.
         const int64_t middle = append(clip.get(), 40, 50);
         ASSERT_EQ(recorder_.waitFinal(middle), BsTaskFinished);
@@ -203,7 +202,7 @@ TEST_F(AudioWaveTaskTest, CompressedFilesGiveTheValuesOfTheirDecodedSamples) {
         const int64_t all = append(clip.get(), 0, lastFrame + 5);
         ASSERT_EQ(recorder_.waitFinal(all), BsTaskFinished);
         expectWave(clip.get(), expected, 0, lastFrame, 1e-4f);
-        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
         EXPECT_NE(manager->hasFrames(0, lastFrame), 0);
         EXPECT_EQ(manager->hasFrames(lastFrame + 1, lastFrame + 1), 0);
     }
@@ -216,10 +215,10 @@ TEST_F(AudioWaveTaskTest, RangesReachingFarBeyondTheEndStopAtTheEnd) {
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(wav));
     for (const std::string& path : {wav, mp3}) {
         SCOPED_TRACE(path);
-        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         const int64_t token = append(clip.get(), 10, 2'000'000'000);
         ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
-        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
         EXPECT_NE(manager->hasFrames(10, 37), 0);
         EXPECT_EQ(manager->hasFrames(38 + (path == mp3 ? 2 : 0), 40), 0);
         EXPECT_EQ(manager->hasFrames(0, 9), 0);
@@ -232,7 +231,7 @@ TEST_F(AudioWaveTaskTest, RangesReachingFarBeyondTheEndStopAtTheEnd) {
 
 TEST_F(AudioWaveTaskTest, HeldFramesNeedNoDecodingEvenWhenTheFileIsGone) {
     const std::string path = makeWav("tone.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), 0, 24);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
     const std::vector<float> before = values(clip.get(), 0, 24);
@@ -247,18 +246,18 @@ TEST_F(AudioWaveTaskTest, HeldFramesNeedNoDecodingEvenWhenTheFileIsGone) {
 
 TEST_F(AudioWaveTaskTest, ClipsOfOneStreamShareWhatWasDecoded) {
     const std::string path = makeWav("shared.wav", 44100, 1.0);
-    Held<IDmClip> a(createMediaClip(path.c_str(), -1, -1, nullptr));
-    Held<IDmClip> b(createMediaClip(path.c_str(), 0, -1, nullptr));
+    auto a = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto b = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), 0, -1, nullptr));
     const int64_t token = append(a.get(), 0, 24);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(b.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(b.get()));
     EXPECT_NE(manager->hasFrames(0, 24), 0);
     EXPECT_EQ(values(a.get(), 0, 24), values(b.get(), 0, 24));
 }
 
 TEST_F(AudioWaveTaskTest, AppendRejectsRequestsItCannotServe) {
     const std::string path = makeWav("tone.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     int64_t token = -1;
     EXPECT_NE(task_->append(nullptr, &token), 0);
     BsWaveTaskRecord record;
@@ -303,7 +302,7 @@ TEST_F(AudioWaveTaskTest, BadInputIsRejectedOrFailsWithANamedCause) {
     for (const Rejected& bad : {Rejected{"missing.wav", "No such file"}, Rejected{"empty.wav", "Invalid data"},
                                 Rejected{"notes.mp4", "Invalid data"}, Rejected{"silent.mp4", "no audio stream"}}) {
         SCOPED_TRACE(bad.file);
-        Held<IDmClip> clip(createMediaClip(folder_.file(bad.file).c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(folder_.file(bad.file).c_str(), -1, -1, nullptr));
         append(clip.get(), 0, 10, 1004);
         EXPECT_TRUE(logged(bad.file, bad.cause));
     }
@@ -311,19 +310,19 @@ TEST_F(AudioWaveTaskTest, BadInputIsRejectedOrFailsWithANamedCause) {
     // Files that break after their clip was made: status 3.
     const std::string moved = folder_.file("moved.wav");
     std::filesystem::copy_file(good, moved);
-    Held<IDmClip> movedClip(createMediaClip(moved.c_str(), -1, -1, nullptr));
+    auto movedClip = ZorRef<IDmClip>::adopt(createMediaClip(moved.c_str(), -1, -1, nullptr));
     std::filesystem::remove(moved);
     EXPECT_EQ(recorder_.waitFinal(append(movedClip.get(), 0, 10)), BsTaskFailed);
     EXPECT_TRUE(logged("moved.wav", "No such file"));
 
-    Held<IDmClip> cutClip(createMediaClip(m4a.c_str(), -1, -1, nullptr));
+    auto cutClip = ZorRef<IDmClip>::adopt(createMediaClip(m4a.c_str(), -1, -1, nullptr));
     std::filesystem::resize_file(m4a, 2000);  // the index at the end is gone
     EXPECT_EQ(recorder_.waitFinal(append(cutClip.get(), 0, 10)), BsTaskFailed);
     EXPECT_TRUE(logged("cut.m4a", "Invalid data"));
 
     const std::string replaced = folder_.file("replaced.wav");
     std::filesystem::copy_file(good, replaced);
-    Held<IDmClip> replacedClip(createMediaClip(replaced.c_str(), -1, -1, nullptr));
+    auto replacedClip = ZorRef<IDmClip>::adopt(createMediaClip(replaced.c_str(), -1, -1, nullptr));
     MediaTest::writeText(replaced, "now it is text\n");
     EXPECT_EQ(recorder_.waitFinal(append(replacedClip.get(), 0, 10)), BsTaskFailed);
     EXPECT_TRUE(logged("replaced.wav", "Invalid data"));
@@ -332,7 +331,7 @@ TEST_F(AudioWaveTaskTest, BadInputIsRejectedOrFailsWithANamedCause) {
 
 TEST_F(AudioWaveTaskTest, CancelledBeforeStartingReportsStatusFour) {
     const std::string path = makeWav("tone.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ASSERT_EQ(task_->pause(), 0);
     EXPECT_EQ(task_->isPaused(), 1);
     const int64_t a = append(clip.get(), 0, 10);
@@ -346,7 +345,7 @@ TEST_F(AudioWaveTaskTest, CancelledBeforeStartingReportsStatusFour) {
     EXPECT_EQ(recorder_.waitFinal(b, std::chrono::milliseconds(300)), 0);
     ASSERT_EQ(task_->resume(), 0);
     EXPECT_EQ(recorder_.waitFinal(b), BsTaskFinished);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
     EXPECT_EQ(manager->hasFrames(0, 10), 0);
     EXPECT_NE(manager->hasFrames(11, 20), 0);
 
@@ -448,7 +447,7 @@ TEST_F(Mp3IndexTest, PiecesByPacketIndexEqualASequentialDecode) {
         ASSERT_GT(expected.size(), 700u * kValues);
         const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
 
-        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         auto* source = static_cast<IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
         const btm::PacketIndexFacts facts = btm::packetIndexFacts(path, source->resolvedStream(DmTrackAudio));
         ASSERT_TRUE(facts.indexed) << facts.why;
@@ -463,7 +462,7 @@ TEST_F(Mp3IndexTest, PiecesByPacketIndexEqualASequentialDecode) {
         EXPECT_EQ(pieces, 1u);
         EXPECT_TRUE(decodeAndCompare(clip.get(), expected, 0, lastFrame + 100, &pieces));
         EXPECT_GE(pieces, 3u);
-        Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+        auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
         EXPECT_NE(manager->hasFrames(0, lastFrame), 0);
         EXPECT_EQ(manager->hasFrames(lastFrame + 1, lastFrame + 1), 0);
     }
@@ -476,7 +475,7 @@ TEST_F(Mp3IndexTest, AnUnsettledPreRollIsCaughtAndTheRequestDecodedFromTheStart)
     ASSERT_TRUE(ffmpeg(mixSource(30.0, 44100) + " -c:a libmp3lame -b:a 192k '" + path + "'"));
     const std::vector<float> expected = sequentialValues(path, 44100, 2);
     const int32_t lastFrame = static_cast<int32_t>(expected.size() / kValues) - 1;
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     PrerollOverride override(1);  // one packet: the bit reservoir is still empty
     std::vector<std::string> logged;
     EXPECT_TRUE(decodeAndCompare(clip.get(), expected, 0, lastFrame, nullptr, &logged));
@@ -515,11 +514,11 @@ void rewriteWith(const std::string& path, double seconds) {
 }
 
 // A recorder that acts from inside the reports of one status.
-class ActingRecorder : public Recorder {
+class ActingRecorder : public TaskRecorder {
 public:
     int32_t actOn = 0;
-    std::function<void(const Report&)> act;
-    void onReport(const Report& report) override {
+    std::function<void(const TaskReport&)> act;
+    void onReport(const TaskReport& report) override {
         if (report.status == actOn && act) act(report);
     }
 };
@@ -530,11 +529,11 @@ public:
 TEST_F(AudioWaveTaskTest, AFileChangedBeforeDecodingStartsAsksToSubmitAgain) {
     const std::string path = makeWav("changing.wav", 44100, 2.0);
     const std::vector<float> before = MediaTest::waveValues(MediaTest::readWav16(path));
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), 0, 49);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
     expectWave(clip.get(), before, 0, 49, kStepTolerance);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
     ASSERT_NE(manager->hasFrames(0, 49), 0);
 
     // Submitted again from inside the status-7 report, as clients do; the new
@@ -543,10 +542,10 @@ TEST_F(AudioWaveTaskTest, AFileChangedBeforeDecodingStartsAsksToSubmitAgain) {
     acting.actOn = BsTaskResubmit;
     std::atomic<int64_t> again{-1};
     std::atomic<bool> earlyReport{false};
-    acting.act = [&](const Report&) {
+    acting.act = [&](const TaskReport&) {
         again.store(append(clip.get(), 0, 60));
         const int64_t token = again.load();
-        earlyReport.store(recorder_.waitFor([token](const Report& r) { return r.token == token; },
+        earlyReport.store(recorder_.waitFor([token](const TaskReport& r) { return r.token == token; },
                                             std::chrono::milliseconds(300)));
     };
     ASSERT_EQ(task_->addCallBack(&acting), 0);
@@ -558,7 +557,7 @@ TEST_F(AudioWaveTaskTest, AFileChangedBeforeDecodingStartsAsksToSubmitAgain) {
     ASSERT_EQ(after.size(), 60u * kValues);
     ASSERT_EQ(task_->resume(), 0);
     ASSERT_EQ(recorder_.waitFinal(stale), BsTaskResubmit);
-    const std::vector<Report> staleReports = recorder_.reportsOf(stale);
+    const std::vector<TaskReport> staleReports = recorder_.reportsOf(stale);
     ASSERT_EQ(staleReports.size(), 1u);
     EXPECT_EQ(staleReports[0].status, BsTaskResubmit);
 
@@ -577,10 +576,10 @@ TEST_F(AudioWaveTaskTest, AFileChangedBeforeDecodingStartsAsksToSubmitAgain) {
 // Right after the status 7 the frames of the old content are gone.
 TEST_F(AudioWaveTaskTest, StatusSevenDropsTheFramesOfTheOldContent) {
     const std::string path = makeWav("dropped.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), 0, 24);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip.get()));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip.get()));
     ASSERT_NE(manager->hasFrames(0, 24), 0);
     ASSERT_EQ(task_->pause(), 0);
     // Every frame asked for is held: without the check it would finish at once.
@@ -598,7 +597,7 @@ TEST_F(AudioWaveTaskTest, StatusSevenDropsTheFramesOfTheOldContent) {
 // again: the held frames of the old content are not served.
 TEST_F(AudioWaveTaskTest, AFileChangedBeforeTheAppendIsDecodedAfresh) {
     const std::string path = makeWav("edited.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), 0, 24);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
     rewriteWith(path, 1.2);
@@ -616,8 +615,8 @@ protected:
     // decoder; the first is the planning look) after 64 KiB. Requests stay
     // within one piece (10 s), so there is one decoder at a time.
     void serve(const std::string& path) {
-        clip_ = createMediaClip(path.c_str(), -1, -1, nullptr);
-        ASSERT_NE(clip_, nullptr);
+        clip_ = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+        ASSERT_NE(clip_.get(), nullptr);
         server_ = std::make_unique<PipeServer>(path, MediaTest::readBytes(path), 2, 64 * 1024);
         ASSERT_TRUE(server_->created());
     }
@@ -625,10 +624,10 @@ protected:
         if (server_) server_->openGate();
         AudioWaveTaskTest::TearDown();  // shuts the task down first
         server_.reset();
-        if (clip_ != nullptr) clip_->Release();
+        clip_.reset();
     }
 
-    IDmClip* clip_ = nullptr;
+    ZorRef<IDmClip> clip_;
     std::unique_ptr<PipeServer> server_;
 };
 
@@ -636,13 +635,13 @@ TEST_F(HeldDecoderTest, CancelStopsADecodingRequest) {
     const std::string path = folder_.file("held.wav");
     ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
-    const int64_t token = append(clip_, 0, 249);
+    const int64_t token = append(clip_.get(), 0, 249);
     ASSERT_TRUE(server_->waitAtGate(kGenerous));
     EXPECT_EQ(task_->pendingCount(), 1);
     EXPECT_EQ(task_->cancel(token), 0);
     server_->openGate();
     EXPECT_EQ(recorder_.waitFinal(token), BsTaskCancelled);
-    Held<IDmAudioWaveMgrInternal> manager(managerOf(clip_));
+    auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(clip_.get()));
     EXPECT_EQ(manager->hasFrames(0, 249), 0);
     EXPECT_EQ(recorder_.reportsOf(token).size(), 1u);
 }
@@ -652,15 +651,15 @@ TEST_F(HeldDecoderTest, PauseLetsRunningWorkFinishAndHoldsNewWork) {
     ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
     serve(path);
-    const int64_t running = append(clip_, 0, 249);
+    const int64_t running = append(clip_.get(), 0, 249);
     ASSERT_TRUE(server_->waitAtGate(kGenerous));
     ASSERT_EQ(task_->pause(), 0);
     server_->openGate();
     EXPECT_EQ(recorder_.waitFinal(running), BsTaskFinished);
-    expectWave(clip_, expected, 0, 249, kStepTolerance);
+    expectWave(clip_.get(), expected, 0, 249, kStepTolerance);
 
     // Held frames finish without decoding; this one needs decoding and waits.
-    Held<IDmClip> other(createMediaClip(makeWav("other.wav", 8000, 1.0).c_str(), -1, -1, nullptr));
+    auto other = ZorRef<IDmClip>::adopt(createMediaClip(makeWav("other.wav", 8000, 1.0).c_str(), -1, -1, nullptr));
     const int64_t waiting = append(other.get(), 0, 24);
     EXPECT_EQ(recorder_.waitFinal(waiting, std::chrono::milliseconds(300)), 0);
     EXPECT_EQ(task_->pendingCount(), 1);
@@ -672,7 +671,7 @@ TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
     const std::string path = folder_.file("held.wav");
     ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
-    const int64_t token = append(clip_, 0, 249);
+    const int64_t token = append(clip_.get(), 0, 249);
     ASSERT_TRUE(server_->waitAtGate(kGenerous));
     server_->openGate();
     ASSERT_EQ(task_->shutdown(), 0);
@@ -683,7 +682,7 @@ TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
     EXPECT_EQ(task_->pendingCount(), 0);
     int64_t ignored = -1;
     BsWaveTaskRecord record;
-    record.clip = clip_;
+    record.clip = clip_.get();
     EXPECT_NE(task_->append(&record, &ignored), 0);
     EXPECT_NE(task_->start(), 0);
     EXPECT_EQ(recorder_.count(), reportsAtShutdown);
@@ -692,14 +691,13 @@ TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
 
 TEST_F(AudioWaveTaskTest, TheLastReleaseJoinsTheWorkers) {
     const std::string path = makeWav("tone.wav", 44100, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     task_->removeCallBack(&recorder_);
-    task_->Release();
-    task_ = nullptr;
+    task_.reset();
     const int before = threadCount();
 
-    IBsAudioWaveExtractTask* task = createAudioWaveExtractTask();
-    IBsVideoFrameExtractTask* other = createVideoFrameExtractTask();
+    auto task = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
+    auto other = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
     ASSERT_EQ(task->initialize(), 0);
     ASSERT_EQ(other->initialize(), 0);
     task->addCallBack(&recorder_);
@@ -712,9 +710,9 @@ TEST_F(AudioWaveTaskTest, TheLastReleaseJoinsTheWorkers) {
     int64_t token = -1;
     ASSERT_EQ(task->append(&record, &token), 0);
     EXPECT_EQ(recorder_.waitFinal(token), BsTaskFinished);
-    task->Release();
+    task.reset();
     EXPECT_EQ(threadCount(), during);  // the video task still holds the workers
-    other->Release();
+    other.reset();
     EXPECT_EQ(threadCount(), before);
 }
 

@@ -43,12 +43,12 @@ protected:
 // Requests from several threads at once, some cancelled, with pauses and
 // resumes in between: every accepted request ends exactly once.
 TEST_F(TaskConcurrencyTest, EveryRequestEndsExactlyOnce) {
-    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
-    Held<IDmClip> soundClip(createMediaClip(sound_.c_str(), -1, -1, nullptr));
-    Recorder audioReports;
-    Recorder videoReports;
-    IBsAudioWaveExtractTask* audio = createAudioWaveExtractTask();
-    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    auto videoClip = ZorRef<IDmClip>::adopt(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    auto soundClip = ZorRef<IDmClip>::adopt(createMediaClip(sound_.c_str(), -1, -1, nullptr));
+    TaskRecorder audioReports;
+    TaskRecorder videoReports;
+    auto audio = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
+    auto video = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
     audio->addCallBack(&audioReports);
     video->addCallBack(&videoReports);
     audio->initialize();
@@ -100,7 +100,7 @@ TEST_F(TaskConcurrencyTest, EveryRequestEndsExactlyOnce) {
 
     for (const auto* reports : {&audioReports, &videoReports}) {
         std::map<int64_t, int> finals;
-        for (const Report& report : reports->all()) {
+        for (const TaskReport& report : reports->all()) {
             if (isFinal(report.status)) ++finals[report.token];
             EXPECT_NE(report.thread, std::this_thread::get_id());
         }
@@ -108,8 +108,7 @@ TEST_F(TaskConcurrencyTest, EveryRequestEndsExactlyOnce) {
     }
     audio->removeCallBack(&audioReports);
     video->removeCallBack(&videoReports);
-    audio->Release();
-    video->Release();
+    audio.reset();
 }
 
 // An MP3 decoded by its packet index (pieces in parallel, one index shared)
@@ -122,17 +121,17 @@ TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce)
     ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=330:r=44100:d=24\" -ac 2 -c:a libmp3lame -b:a 128k '" + mp3 + "'"));
     const std::string wav = folder_.file("changing.wav");
     ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" '" + wav + "'"));
-    Held<IDmClip> music(createMediaClip(mp3.c_str(), -1, -1, nullptr));
-    Held<IDmClip> changing(createMediaClip(wav.c_str(), -1, -1, nullptr));
+    auto music = ZorRef<IDmClip>::adopt(createMediaClip(mp3.c_str(), -1, -1, nullptr));
+    auto changing = ZorRef<IDmClip>::adopt(createMediaClip(wav.c_str(), -1, -1, nullptr));
 
-    struct Resubmitting : Recorder {
+    struct Resubmitting : TaskRecorder {
         IBsAudioWaveExtractTask* task = nullptr;
         IDmClip* clip = nullptr;
         std::mutex lock;              // guards the three members below
         std::set<int64_t> open;       // appended inside a report that has not returned yet
         std::vector<int64_t> again;   // every request appended inside a report
         bool early = false;           // a request reported inside the report that appended it
-        void onReport(const Report& report) override {
+        void onReport(const TaskReport& report) override {
             {
                 std::lock_guard<std::mutex> guard(lock);
                 if (open.count(report.token) != 0) early = true;
@@ -152,8 +151,8 @@ TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce)
             open.erase(token);
         }
     } reports;
-    IBsAudioWaveExtractTask* audio = createAudioWaveExtractTask();
-    reports.task = audio;
+    auto audio = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
+    reports.task = audio.get();
     reports.clip = changing.get();
     audio->addCallBack(&reports);
     audio->initialize();
@@ -204,7 +203,7 @@ TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce)
     }
     EXPECT_EQ(audio->pendingCount(), 0);
     std::map<int64_t, int> finals;
-    for (const Report& report : reports.all())
+    for (const TaskReport& report : reports.all())
         if (isFinal(report.status)) ++finals[report.token];
     for (const auto& [token, count] : finals) EXPECT_EQ(count, 1) << token;
     EXPECT_EQ(finals.size(), tokens.size() + waited);
@@ -214,15 +213,14 @@ TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce)
         EXPECT_FALSE(reports.early);
     }
     audio->removeCallBack(&reports);
-    audio->Release();
 }
 
 // Shutting down while other threads append: appends either are accepted
 // before it or rejected after it, and nothing is reported once it returned.
 TEST_F(TaskConcurrencyTest, ShutdownRacesWithAppends) {
-    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
-    Recorder reports;
-    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    auto videoClip = ZorRef<IDmClip>::adopt(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    TaskRecorder reports;
+    auto video = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
     video->addCallBack(&reports);
     video->initialize();
     video->start();
@@ -248,19 +246,19 @@ TEST_F(TaskConcurrencyTest, ShutdownRacesWithAppends) {
     EXPECT_EQ(reports.count(), atShutdown);
     EXPECT_EQ(video->pendingCount(), 0);
     video->removeCallBack(&reports);
-    video->Release();
+    video.reset();
     EXPECT_EQ(reports.count(), atShutdown);
 }
 
 // removeCallBack() returns only once the callback is no longer running.
 TEST_F(TaskConcurrencyTest, RemoveCallBackWaitsForARunningCallback) {
-    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
-    struct Blocking : Recorder {
+    auto videoClip = ZorRef<IDmClip>::adopt(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    struct Blocking : TaskRecorder {
         std::promise<void> entered;
         std::shared_future<void> release;
         std::atomic<bool> first{true};
         std::atomic<bool> inside{false};
-        void onReport(const Report&) override {
+        void onReport(const TaskReport&) override {
             if (!first.exchange(false)) return;
             inside.store(true);
             entered.set_value();
@@ -270,7 +268,7 @@ TEST_F(TaskConcurrencyTest, RemoveCallBackWaitsForARunningCallback) {
     } blocking;
     std::promise<void> releaser;
     blocking.release = releaser.get_future().share();
-    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
+    auto video = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
     video->addCallBack(&blocking);
     video->initialize();
     video->start();
@@ -287,33 +285,33 @@ TEST_F(TaskConcurrencyTest, RemoveCallBackWaitsForARunningCallback) {
     EXPECT_EQ(removal.get(), 0);
     EXPECT_FALSE(blocking.inside.load());
     const size_t afterRemoval = blocking.count();
-    video->Release();
+    video.reset();
     EXPECT_EQ(blocking.count(), afterRemoval);
 }
 
 // The last reference may go from inside the task's own callback, on a
 // worker: the task goes quietly and its workers are joined later.
 TEST_F(TaskConcurrencyTest, ReleasingTheTaskInsideItsCallbackIsSafe) {
-    Held<IDmClip> videoClip(createMediaClip(video_.c_str(), -1, -1, nullptr));
+    auto videoClip = ZorRef<IDmClip>::adopt(createMediaClip(video_.c_str(), -1, -1, nullptr));
     {
         // Once workers have run, a sanitizer may keep a thread of its own.
-        IBsAudioWaveExtractTask* warmUp = createAudioWaveExtractTask();
+        auto warmUp = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
         ASSERT_EQ(warmUp->initialize(), 0);
-        warmUp->Release();
     }
     const int before = threadCount();
-    struct Releasing : Recorder {
-        IBsVideoFrameExtractTask* task = nullptr;
+    // The task's only reference, given up inside the callback.
+    struct Releasing : TaskRecorder {
+        ZorRef<IBsVideoFrameExtractTask> task;
         std::promise<void> released;
-        void onReport(const Report& report) override {
+        void onReport(const TaskReport& report) override {
             if (report.hasData && task != nullptr) {
-                std::exchange(task, nullptr)->Release();
+                task.reset();
                 released.set_value();
             }
         }
     } releasing;
-    IBsVideoFrameExtractTask* video = createVideoFrameExtractTask();
-    releasing.task = video;
+    releasing.task = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
+    IBsVideoFrameExtractTask* video = releasing.task.get();
     video->addCallBack(&releasing);
     video->initialize();
     video->start();
@@ -326,9 +324,9 @@ TEST_F(TaskConcurrencyTest, ReleasingTheTaskInsideItsCallbackIsSafe) {
     EXPECT_EQ(releasing.count(), 1u);
 
     // The next task joins the workers of the old pool; releasing it joins its own.
-    IBsAudioWaveExtractTask* next = createAudioWaveExtractTask();
+    auto next = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
     ASSERT_EQ(next->initialize(), 0);
-    next->Release();
+    next.reset();
     EXPECT_EQ(threadCount(), before);
 }
 

@@ -76,12 +76,12 @@ int largestDifference(const unsigned char* a, const unsigned char* b, size_t byt
 }
 
 // Records reports and notes when two of them were being made at once.
-class SerialRecorder : public Recorder {
+class SerialRecorder : public TaskRecorder {
 public:
     int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status,
                            const BsTaskProgressInfo* info) override {
         if (inside_.fetch_add(1) != 0) overlapped_.store(true);
-        const int32_t result = Recorder::processChanged(task, progress, status, info);
+        const int32_t result = TaskRecorder::processChanged(task, progress, status, info);
         inside_.fetch_sub(1);
         return result;
     }
@@ -104,19 +104,18 @@ protected:
         setFrameStoreRoot(nullptr);
     }
 
-    static IBsVideoFrameExtractTask* newTask(Recorder* recorder) {
-        IBsVideoFrameExtractTask* task = createVideoFrameExtractTask();
+    static ZorRef<IBsVideoFrameExtractTask> newTask(TaskRecorder* recorder) {
+        auto task = ZorRef<IBsVideoFrameExtractTask>::adopt(createVideoFrameExtractTask());
         EXPECT_NE(task, nullptr);
         EXPECT_EQ(task->addCallBack(recorder), 0);
         EXPECT_EQ(task->initialize(), 0);
         EXPECT_EQ(task->start(), 0);
         return task;
     }
-    static void release(IBsVideoFrameExtractTask*& task, Recorder* recorder) {
+    static void release(ZorRef<IBsVideoFrameExtractTask>& task, TaskRecorder* recorder) {
         if (task == nullptr) return;
         task->removeCallBack(recorder);
-        task->Release();
-        task = nullptr;
+        task.reset();
     }
 
     // 64x48 at 25/1: a second each of red, green, blue and yellow, with a
@@ -150,34 +149,34 @@ protected:
     int64_t append(IDmClip* clip, const std::vector<int64_t>& times, int32_t width, int32_t height,
                    uint32_t flags = 0, IBsVideoFrameExtractTask* task = nullptr) {
         int64_t token = -1;
-        EXPECT_EQ((task != nullptr ? task : task_)
+        EXPECT_EQ((task != nullptr ? task : task_.get())
                       ->append(clip, times.data(), static_cast<int32_t>(times.size()), &token, width, height, flags),
                   0);
         EXPECT_GT(token, 0);
         return token;
     }
 
-    static std::vector<Report> dataReports(const std::vector<Report>& reports) {
-        std::vector<Report> found;
-        for (const Report& report : reports)
+    static std::vector<TaskReport> dataReports(const std::vector<TaskReport>& reports) {
+        std::vector<TaskReport> found;
+        for (const TaskReport& report : reports)
             if (report.status == BsTaskProgress && report.hasData) found.push_back(report);
         return found;
     }
-    static const Report* reportFor(const std::vector<Report>& reports, int64_t time) {
-        for (const Report& report : reports)
+    static const TaskReport* reportFor(const std::vector<TaskReport>& reports, int64_t time) {
+        for (const TaskReport& report : reports)
             if (report.hasData && report.requested == time) return &report;
         return nullptr;
     }
 
     TempFolder folder_;
     std::string store_;
-    Recorder recorder_;
-    IBsVideoFrameExtractTask* task_ = nullptr;
+    TaskRecorder recorder_;
+    ZorRef<IBsVideoFrameExtractTask> task_;
 };
 
 TEST_F(VideoFrameTaskTest, PicturesAreTheFramesAPlayerShowsAtEachTime) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     struct Expected {
         int64_t time;
         int64_t shown;
@@ -200,12 +199,12 @@ TEST_F(VideoFrameTaskTest, PicturesAreTheFramesAPlayerShowsAtEachTime) {
     const int64_t token = append(clip.get(), times, 64, 48);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
 
-    const std::vector<Report> reports = recorder_.reportsOf(token);
+    const std::vector<TaskReport> reports = recorder_.reportsOf(token);
     ASSERT_EQ(dataReports(reports).size(), expected.size());
     EXPECT_EQ(reports.back().status, BsTaskFinished);
     for (const Expected& e : expected) {
         SCOPED_TRACE(e.time);
-        const Report* report = reportFor(reports, e.time);
+        const TaskReport* report = reportFor(reports, e.time);
         ASSERT_NE(report, nullptr);
         EXPECT_EQ(report->shown, e.shown);
         EXPECT_EQ(report->width, 64);
@@ -237,7 +236,7 @@ TEST_F(VideoFrameTaskTest, PicturesAreTheFramesAPlayerShowsAtEachTime) {
         ASSERT_EQ(loadPNG(file.c_str(), &pixels, &width, &height), 0);
         ASSERT_EQ(width, 64);
         ASSERT_EQ(height, 48);
-        const Report* report = reportFor(reports, expected[i].time);
+        const TaskReport* report = reportFor(reports, expected[i].time);
         EXPECT_EQ(std::vector<unsigned char>(pixels, pixels + 64 * 48 * 4), report->pixels);
         freeImageBuffer(pixels);
     }
@@ -277,11 +276,11 @@ TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactI
 
     ScopedCapture capture(IBsLogger::Warning);
     SerialRecorder serial;
-    IBsVideoFrameExtractTask* task = newTask(&serial);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
-    const int64_t token = append(clip.get(), times, kNumberedWidth, kNumberedHeight, 0, task);
+    auto task = newTask(&serial);
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t token = append(clip.get(), times, kNumberedWidth, kNumberedHeight, 0, task.get());
     ASSERT_EQ(serial.waitFinal(token), BsTaskFinished);
-    const std::vector<Report> reports = serial.reportsOf(token);
+    const std::vector<TaskReport> reports = serial.reportsOf(token);
     release(task, &serial);
     // The packets' timestamps named every frame shown: nothing had to be
     // decoded again with no frame skipped.
@@ -291,11 +290,11 @@ TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactI
     EXPECT_FALSE(serial.overlapped()) << "two reports of the request were made at once";
     ASSERT_FALSE(reports.empty());
     EXPECT_EQ(reports.back().status, BsTaskFinished);
-    EXPECT_EQ(std::count_if(reports.begin(), reports.end(), [](const Report& r) { return isFinal(r.status); }), 1);
-    const std::vector<Report> decoded = dataReports(reports);
+    EXPECT_EQ(std::count_if(reports.begin(), reports.end(), [](const TaskReport& r) { return isFinal(r.status); }), 1);
+    const std::vector<TaskReport> decoded = dataReports(reports);
     ASSERT_EQ(decoded.size(), times.size());
     std::set<int64_t> reported;
-    for (const Report& report : decoded) {
+    for (const TaskReport& report : decoded) {
         SCOPED_TRACE(report.requested);
         EXPECT_TRUE(reported.insert(report.requested).second) << "reported twice";
         const int n = expectedFrame(report.requested);
@@ -322,13 +321,13 @@ TEST_F(VideoFrameTaskTest, PicturesKeepTheirShapeAndTheRestIsTransparent) {
     const std::string anamorphic = makeColours("anamorphic.mp4", "32x48", ",setsar=2/1");
     for (const std::string& path : {wide, anamorphic}) {
         SCOPED_TRACE(path);
-        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         const int64_t letterbox = append(clip.get(), {kSecond / 2}, 64, 64);
         const int64_t pillarbox = append(clip.get(), {kSecond / 2}, 100, 48);
         ASSERT_EQ(recorder_.waitFinal(letterbox), BsTaskFinished);
         ASSERT_EQ(recorder_.waitFinal(pillarbox), BsTaskFinished);
 
-        const std::vector<Report> tall = dataReports(recorder_.reportsOf(letterbox));
+        const std::vector<TaskReport> tall = dataReports(recorder_.reportsOf(letterbox));
         ASSERT_EQ(tall.size(), 1u);
         ASSERT_EQ(tall[0].pixels.size(), 64u * 64u * 4u);
         for (int y = 0; y < 64; ++y) {
@@ -336,7 +335,7 @@ TEST_F(VideoFrameTaskTest, PicturesKeepTheirShapeAndTheRestIsTransparent) {
             for (int x : {0, 31, 63})
                 ASSERT_EQ(colourName(colourAt(tall[0].pixels, 64, x, y)), colourName(expected)) << x << "," << y;
         }
-        const std::vector<Report> broad = dataReports(recorder_.reportsOf(pillarbox));
+        const std::vector<TaskReport> broad = dataReports(recorder_.reportsOf(pillarbox));
         ASSERT_EQ(broad.size(), 1u);
         for (int x = 0; x < 100; ++x) {
             const Colour expected = x < 18 || x >= 82 ? Clear : Red;
@@ -362,13 +361,13 @@ TEST_F(VideoFrameTaskTest, RotatedVideoComesOutUpright) {
     ASSERT_EQ(player.size(), 48u * 64u * 4u) << "the player shows it 48x64";
     const std::vector<unsigned char> playerPixels(player.begin(), player.end());
 
-    Held<IDmClip> clip(createMediaClip(rotated.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(rotated.c_str(), -1, -1, nullptr));
     const int64_t exact = append(clip.get(), {0}, 48, 64);
     const int64_t square = append(clip.get(), {0}, 64, 64);
     ASSERT_EQ(recorder_.waitFinal(exact), BsTaskFinished);
     ASSERT_EQ(recorder_.waitFinal(square), BsTaskFinished);
 
-    const std::vector<Report> upright = dataReports(recorder_.reportsOf(exact));
+    const std::vector<TaskReport> upright = dataReports(recorder_.reportsOf(exact));
     ASSERT_EQ(upright.size(), 1u);
     ASSERT_EQ(upright[0].width, 48);
     ASSERT_EQ(upright[0].height, 64);
@@ -378,7 +377,7 @@ TEST_F(VideoFrameTaskTest, RotatedVideoComesOutUpright) {
         for (int x : {6, 41})
             EXPECT_EQ(colourAt(upright[0].pixels, 48, x, y), colourAt(playerPixels, 48, x, y)) << x << "," << y;
     }
-    const std::vector<Report> boxed = dataReports(recorder_.reportsOf(square));
+    const std::vector<TaskReport> boxed = dataReports(recorder_.reportsOf(square));
     ASSERT_EQ(boxed.size(), 1u);
     EXPECT_EQ(colourAt(boxed[0].pixels, 64, 3, 32), Clear);
     EXPECT_EQ(colourAt(boxed[0].pixels, 64, 14, 32), Blue);
@@ -388,31 +387,31 @@ TEST_F(VideoFrameTaskTest, RotatedVideoComesOutUpright) {
 
 TEST_F(VideoFrameTaskTest, StoredFramesAreNotDecodedAgainEvenInALaterRun) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), {kSecond / 2, 3 * kSecond / 2}, 32, 24);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
     EXPECT_EQ(dataReports(recorder_.reportsOf(first)).size(), 2u);
 
     // Another task, as a later run would have, with a new clip of the file.
-    Recorder later;
-    IBsVideoFrameExtractTask* task = newTask(&later);
-    Held<IDmClip> again(createMediaClip(path.c_str(), -1, -1, nullptr));
-    const int64_t second = append(again.get(), {3 * kSecond / 2, kSecond / 2}, 32, 24, 0, task);
+    TaskRecorder later;
+    auto task = newTask(&later);
+    auto again = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const int64_t second = append(again.get(), {3 * kSecond / 2, kSecond / 2}, 32, 24, 0, task.get());
     ASSERT_EQ(later.waitFinal(second), BsTaskFinished);
-    const std::vector<Report> reports = later.reportsOf(second);
+    const std::vector<TaskReport> reports = later.reportsOf(second);
     ASSERT_EQ(reports.size(), 2u);
     EXPECT_EQ(reports[0].status, BsTaskProgress);
     EXPECT_FALSE(reports[0].hasData);
     EXPECT_EQ(reports[1].status, BsTaskFinished);
 
     // Only what is missing is decoded.
-    const int64_t third = append(again.get(), {kSecond / 2, 5 * kSecond / 2}, 32, 24, 0, task);
+    const int64_t third = append(again.get(), {kSecond / 2, 5 * kSecond / 2}, 32, 24, 0, task.get());
     ASSERT_EQ(later.waitFinal(third), BsTaskFinished);
-    const std::vector<Report> decoded = dataReports(later.reportsOf(third));
+    const std::vector<TaskReport> decoded = dataReports(later.reportsOf(third));
     ASSERT_EQ(decoded.size(), 1u);
     EXPECT_EQ(decoded[0].requested, 5 * kSecond / 2);
     // Another size is another picture.
-    const int64_t fourth = append(again.get(), {kSecond / 2}, 16, 12, 0, task);
+    const int64_t fourth = append(again.get(), {kSecond / 2}, 16, 12, 0, task.get());
     ASSERT_EQ(later.waitFinal(fourth), BsTaskFinished);
     EXPECT_EQ(dataReports(later.reportsOf(fourth)).size(), 1u);
     release(task, &later);
@@ -420,7 +419,7 @@ TEST_F(VideoFrameTaskTest, StoredFramesAreNotDecodedAgainEvenInALaterRun) {
 
 TEST_F(VideoFrameTaskTest, RefreshDecodesAndRewritesStoredFrames) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     const int64_t first = append(clip.get(), {25 * kSecond / 10}, 32, 24);
     ASSERT_EQ(recorder_.waitFinal(first), BsTaskFinished);
     const std::vector<std::string> files = MediaTest::filesUnder(store_);
@@ -434,7 +433,7 @@ TEST_F(VideoFrameTaskTest, RefreshDecodesAndRewritesStoredFrames) {
 
     const int64_t refreshed = append(clip.get(), {25 * kSecond / 10}, 32, 24, 1);
     ASSERT_EQ(recorder_.waitFinal(refreshed), BsTaskFinished);
-    const std::vector<Report> decoded = dataReports(recorder_.reportsOf(refreshed));
+    const std::vector<TaskReport> decoded = dataReports(recorder_.reportsOf(refreshed));
     ASSERT_EQ(decoded.size(), 1u);
     EXPECT_EQ(colourAt(decoded[0].pixels, 32, 16, 12), Blue);
     ASSERT_EQ(MediaTest::filesUnder(store_), files);
@@ -447,10 +446,10 @@ TEST_F(VideoFrameTaskTest, RefreshDecodesAndRewritesStoredFrames) {
 }
 
 // A recorder that acts from inside the first picture's report.
-class ActingRecorder : public Recorder {
+class ActingRecorder : public TaskRecorder {
 public:
-    std::function<void(const Report&)> onFirstPicture;
-    void onReport(const Report& report) override {
+    std::function<void(const TaskReport&)> onFirstPicture;
+    void onReport(const TaskReport& report) override {
         if (report.hasData && !acted_.exchange(true) && onFirstPicture) onFirstPicture(report);
     }
 
@@ -460,13 +459,13 @@ private:
 
 TEST_F(VideoFrameTaskTest, CancelStopsTheRequestAtTheNextFrame) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ActingRecorder acting;
-    IBsVideoFrameExtractTask* task = newTask(&acting);
-    acting.onFirstPicture = [task](const Report& report) { EXPECT_EQ(task->cancel(report.token), 0); };
-    const int64_t token = append(clip.get(), {0, kSecond, 2 * kSecond, 3 * kSecond}, 32, 24, 0, task);
+    auto task = newTask(&acting);
+    acting.onFirstPicture = [task](const TaskReport& report) { EXPECT_EQ(task->cancel(report.token), 0); };
+    const int64_t token = append(clip.get(), {0, kSecond, 2 * kSecond, 3 * kSecond}, 32, 24, 0, task.get());
     ASSERT_EQ(acting.waitFinal(token), BsTaskCancelled);
-    const std::vector<Report> reports = acting.reportsOf(token);
+    const std::vector<TaskReport> reports = acting.reportsOf(token);
     ASSERT_EQ(reports.size(), 2u);
     EXPECT_TRUE(reports[0].hasData);
     EXPECT_EQ(reports[0].requested, 0);
@@ -478,15 +477,15 @@ TEST_F(VideoFrameTaskTest, CancelStopsTheRequestAtTheNextFrame) {
 
 TEST_F(VideoFrameTaskTest, CancelWithRunsOnSeveralWorkersEndsAfterThePictureThatCancelled) {
     const std::string path = makeNumbered();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ActingRecorder acting;
-    IBsVideoFrameExtractTask* task = newTask(&acting);
-    acting.onFirstPicture = [task](const Report& report) { EXPECT_EQ(task->cancel(report.token), 0); };
+    auto task = newTask(&acting);
+    acting.onFirstPicture = [task](const TaskReport& report) { EXPECT_EQ(task->cancel(report.token), 0); };
     // One time in each group of pictures, far from its keyframe.
     const int64_t token =
-        append(clip.get(), {45 * kFrame, 95 * kFrame, 145 * kFrame, 195 * kFrame}, 64, 32, 0, task);
+        append(clip.get(), {45 * kFrame, 95 * kFrame, 145 * kFrame, 195 * kFrame}, 64, 32, 0, task.get());
     ASSERT_EQ(acting.waitFinal(token), BsTaskCancelled);
-    const std::vector<Report> reports = acting.reportsOf(token);
+    const std::vector<TaskReport> reports = acting.reportsOf(token);
     release(task, &acting);
     ASSERT_EQ(reports.size(), 2u);
     EXPECT_TRUE(reports[0].hasData);
@@ -496,16 +495,16 @@ TEST_F(VideoFrameTaskTest, CancelWithRunsOnSeveralWorkersEndsAfterThePictureThat
 
 TEST_F(VideoFrameTaskTest, AddFramesExtendsARunningRequestOnly) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ActingRecorder acting;
-    IBsVideoFrameExtractTask* task = newTask(&acting);
+    auto task = newTask(&acting);
     const int64_t more[] = {35 * kSecond / 10, 0};
-    acting.onFirstPicture = [task, &more](const Report& report) {
+    acting.onFirstPicture = [task = task.get(), &more](const TaskReport& report) {
         EXPECT_EQ(task->addFrames(report.token, more, 2), 0);
     };
-    const int64_t token = append(clip.get(), {0, kSecond}, 32, 24, 0, task);
+    const int64_t token = append(clip.get(), {0, kSecond}, 32, 24, 0, task.get());
     ASSERT_EQ(acting.waitFinal(token), BsTaskFinished);
-    const std::vector<Report> decoded = dataReports(acting.reportsOf(token));
+    const std::vector<TaskReport> decoded = dataReports(acting.reportsOf(token));
     ASSERT_EQ(decoded.size(), 3u);  // 0 was asked for twice: decoded once
     ASSERT_NE(reportFor(decoded, 35 * kSecond / 10), nullptr);
     EXPECT_EQ(colourAt(reportFor(decoded, 35 * kSecond / 10)->pixels, 32, 16, 12), Yellow);
@@ -519,7 +518,7 @@ TEST_F(VideoFrameTaskTest, AddFramesExtendsARunningRequestOnly) {
 
 TEST_F(VideoFrameTaskTest, PausedTaskStartsNothingUntilResumed) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ASSERT_EQ(task_->pause(), 0);
     const int64_t token = append(clip.get(), {kSecond / 2}, 32, 24);
     EXPECT_EQ(recorder_.waitFinal(token, std::chrono::milliseconds(300)), 0);
@@ -553,11 +552,11 @@ TEST_F(VideoFrameTaskTest, BadInputIsRejectedOrFailsAndLeavesNothingInTheStore) 
     for (const Rejected& bad : {Rejected{"missing.mp4", "No such file"}, Rejected{"empty.mp4", "Invalid data"},
                                 Rejected{"notes.mp4", "Invalid data"}, Rejected{"sound.wav", "no video stream"}}) {
         SCOPED_TRACE(bad.file);
-        Held<IDmClip> clip(createMediaClip(folder_.file(bad.file).c_str(), -1, -1, nullptr));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(folder_.file(bad.file).c_str(), -1, -1, nullptr));
         EXPECT_NE(task_->append(clip.get(), times.data(), 2, &token, 32, 24, 0), 0);
         EXPECT_TRUE(logged(bad.file, bad.cause));
     }
-    Held<IDmClip> clip(createMediaClip(good.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(good.c_str(), -1, -1, nullptr));
     EXPECT_NE(task_->append(clip.get(), times.data(), 2, &token, 0, 24, 0), 0);
     EXPECT_NE(task_->append(clip.get(), times.data(), 2, &token, 32, 0, 0), 0);
     EXPECT_NE(task_->append(clip.get(), times.data(), 2, &token, 100000, 100000, 0), 0);
@@ -573,7 +572,7 @@ TEST_F(VideoFrameTaskTest, BadInputIsRejectedOrFailsAndLeavesNothingInTheStore) 
         SCOPED_TRACE(name);
         const std::string path = folder_.file(name);
         std::filesystem::copy_file(good, path);
-        Held<IDmClip> broken(createMediaClip(path.c_str(), -1, -1, nullptr));
+        auto broken = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         ASSERT_NE(broken->queryInterface("IDmVideoFeature"), nullptr);
         damage(path);
         EXPECT_EQ(recorder_.waitFinal(append(broken.get(), times, 32, 24)), BsTaskFailed);
@@ -589,11 +588,11 @@ TEST_F(VideoFrameTaskTest, BadInputIsRejectedOrFailsAndLeavesNothingInTheStore) 
 
 TEST_F(VideoFrameTaskTest, AnEmptyRequestStillReportsOnceThenFinishes) {
     const std::string path = makeColours();
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     int64_t token = -1;
     ASSERT_EQ(task_->append(clip.get(), nullptr, 0, &token, 32, 24, 0), 0);
     ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
-    const std::vector<Report> reports = recorder_.reportsOf(token);
+    const std::vector<TaskReport> reports = recorder_.reportsOf(token);
     ASSERT_EQ(reports.size(), 2u);
     EXPECT_EQ(reports[0].status, BsTaskProgress);
     EXPECT_FALSE(reports[0].hasData);

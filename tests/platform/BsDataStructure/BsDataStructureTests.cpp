@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "BsDataStructure/BsDataStructure.h"
+#include "Common/ZorInternalComUtility.h"
 
 namespace ZOR::test {
 namespace {
@@ -24,17 +25,14 @@ TEST(BsDataStructure, LonglongListAppendsCountsAndGetsByIndex) {
 }
 
 TEST(BsDataStructure, OutOfRangeGetGivesZeroOrNull) {
-    IZORLonglongList* longs = createZORLonglongList();
-    IZORPByteList* bytes = createZORPByteList();
-    IZORIntList* ints = createZORIntList();
+    const auto longs = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
+    const auto bytes = ZorRef<IZORPByteList>::adopt(createZORPByteList());
+    const auto ints = ZorRef<IZORIntList>::adopt(createZORIntList());
     longs->append(9);
     EXPECT_EQ(longs->get(-1), 0);
     EXPECT_EQ(longs->get(1), 0);
     EXPECT_EQ(bytes->get(0), nullptr);
     EXPECT_EQ(ints->get(3), 0);
-    longs->Release();
-    bytes->Release();
-    ints->Release();
 }
 
 TEST(BsDataStructure, PByteListKeepsPointersInOrderWithoutOwningThem) {
@@ -53,13 +51,12 @@ TEST(BsDataStructure, PByteListKeepsPointersInOrderWithoutOwningThem) {
 }
 
 TEST(BsDataStructure, IntListHoldsFlagBits) {
-    IZORIntList* list = createZORIntList();
+    const auto list = ZorRef<IZORIntList>::adopt(createZORIntList());
     list->append(0x50);
     list->append(-1);
     EXPECT_EQ(list->count(), 2);
     EXPECT_EQ(list->get(0), 0x50);
     EXPECT_EQ(list->get(1), -1);
-    list->Release();
 }
 
 TEST(BsDataStructure, ListsAreReferenceCountedAndAnswerTheirNames) {
@@ -71,12 +68,10 @@ TEST(BsDataStructure, ListsAreReferenceCountedAndAnswerTheirNames) {
     EXPECT_EQ(list->Release(), 1);
     EXPECT_EQ(list->Release(), 0);
 
-    IZORLonglongList* longs = createZORLonglongList();
-    EXPECT_EQ(longs->queryInterface("IZORLonglongList"), static_cast<void*>(longs));
-    longs->Release();
-    IZORPByteList* bytes = createZORPByteList();
-    EXPECT_EQ(bytes->queryInterface("IZORPByteList"), static_cast<void*>(bytes));
-    bytes->Release();
+    const auto longs = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
+    EXPECT_EQ(longs->queryInterface("IZORLonglongList"), static_cast<void*>(longs.get()));
+    const auto bytes = ZorRef<IZORPByteList>::adopt(createZORPByteList());
+    EXPECT_EQ(bytes->queryInterface("IZORPByteList"), static_cast<void*>(bytes.get()));
 }
 
 }  // namespace

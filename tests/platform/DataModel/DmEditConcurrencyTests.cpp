@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmTimeline.h"
@@ -145,7 +146,7 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
     a2.kind = DmTrackAudio;
     desc.tracks = {v1, a1, a2};
     std::string error;
-    IDmTimeline* timeline = createTimeline(desc, &error);
+    auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
     IDmClip* scene = timeline->clip(0, 0);
     IDmClip* music = timeline->clip(1, 0);
@@ -173,7 +174,7 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
         readers.emplace_back([&] {
             bool first = true;
             do {
-                badReads.fetch_add(readEverything(timeline));
+                badReads.fetch_add(readEverything(timeline.get()));
                 passes.fetch_add(1);
                 if (first) readersStarted.arrive();
                 first = false;
@@ -211,11 +212,11 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
             edit(setClipProperty(scene, clipKey::enable, boolProperty(!even)), 1);
             edit(setTrackProperty(a1Track, trackKey::mute, even), 1);
             edit(removeClip(voice), 1);
-            edit(undoTimelineEdit(timeline), 2);
+            edit(undoTimelineEdit(timeline.get()), 2);
             edit(moveClipToTrack(music, 2, 0), 1);
             edit(moveClipToTrack(music, 1, 0), 1);
-            edit(undoTimelineEdit(timeline), 2);
-            edit(redoTimelineEdit(timeline), 2);
+            edit(undoTimelineEdit(timeline.get()), 2);
+            edit(redoTimelineEdit(timeline.get()), 2);
         }
     });
     editor.join();
@@ -233,7 +234,7 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
     EXPECT_EQ(timeline->clipCount(2), 0);
     EXPECT_EQ(beginTimeOfClip(voice), kSecond);
     EXPECT_EQ(music->effect(DmEffectDucking), nullptr);
-    EXPECT_EQ(timeline->Release(), 0);
+    EXPECT_EQ(timeline.detach()->Release(), 0);
 }
 
 }  // namespace

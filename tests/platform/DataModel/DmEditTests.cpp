@@ -25,6 +25,7 @@
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
 #include "ListenerCenter/ListenerCenter.h"
+#include "MakeRef.h"
 #include "MediaTestSupport.h"
 #include "Timeouts.h"
 
@@ -41,19 +42,6 @@ const char* const kAllEventKeys[] = {
     "clip.speedChanged",            "clip.effectPropertyChanged",    "clip.timelineClipPropertyChanged",
     "clip.clipRelink",              "undoRedo.undo",                 "undoRedo.redo",
     "undoRedo.stackChanged"};
-
-template <class T>
-struct Held {
-    T* object = nullptr;
-    explicit Held(T* o) : object(o) {}
-    ~Held() {
-        if (object != nullptr) object->Release();
-    }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-    T* operator->() const { return object; }
-    T* get() const { return object; }
-};
 
 template <class I>
 I* query(IDmBaseObj* object, const char* name) {
@@ -313,8 +301,8 @@ protected:
         desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
         desc.tracks.push_back(trackOf(DmTrackAudio, "A2", {}));
         std::string error;
-        timeline_ = createTimeline(desc, &error);
-        ASSERT_NE(timeline_, nullptr) << error;
+        timeline_ = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
+        ASSERT_NE(timeline_.get(), nullptr) << error;
         scene_ = timeline_->clip(0, 0);
         sceneSound_ = getBaseAudioClip(scene_);
         picture_ = timeline_->clip(0, 1);
@@ -324,10 +312,9 @@ protected:
         ASSERT_EQ(getBaseAudioClip(picture_), nullptr);
         ASSERT_EQ(getBaseAudioClip(music_), music_);
 
-        listener_ = new RecordingListener(&journal_);
-        listener_->AddRef();
-        journal_.name(timeline_, "timeline");
-        watch(timeline_);
+        listener_ = makeRef<RecordingListener>(&journal_);
+        journal_.name(timeline_.get(), "timeline");
+        watch(timeline_.get());
         for (int32_t t = 0; t < timeline_->trackCount(); ++t) {
             journal_.name(timeline_->track(t), t == 0 ? "V1" : t == 1 ? "A1" : "A2");
             watch(timeline_->track(t));
@@ -342,14 +329,14 @@ protected:
     void TearDown() override {
         settle();
         events_.reset();
-        for (IDmBaseObj* source : watched_) {
-            if (auto* callbacks = query<IDmCallbackSource>(source, "IDmCallbackSource"))
-                callbacks->unregisterCallback(listener_);
-            source->Release();
+        for (ZorRef<IDmBaseObj>& source : watched_) {
+            if (auto* callbacks = query<IDmCallbackSource>(source.get(), "IDmCallbackSource"))
+                callbacks->unregisterCallback(listener_.get());
+            source.reset();
         }
         watched_.clear();
-        if (timeline_ != nullptr) timeline_->Release();
-        listener_->Release();
+        timeline_.reset();
+        listener_.reset();
         EXPECT_FALSE(journal_.heardOffTheEventThread());
     }
 
@@ -357,9 +344,8 @@ protected:
     void watch(IDmBaseObj* object) {
         auto* source = query<IDmCallbackSource>(object, "IDmCallbackSource");
         ASSERT_NE(source, nullptr);
-        EXPECT_EQ(source->registerCallback(listener_), 0);
-        object->AddRef();
-        watched_.push_back(object);
+        EXPECT_EQ(source->registerCallback(listener_.get()), 0);
+        watched_.push_back(ZorRef<IDmBaseObj>::share(object));
     }
 
     void nameClip(IDmClip* clip, const std::string& name) {
@@ -380,10 +366,10 @@ protected:
     static std::string dual_;
 
     Journal journal_;
-    RecordingListener* listener_ = nullptr;
+    ZorRef<RecordingListener> listener_;
     std::unique_ptr<EventRecorder> events_;
-    std::vector<IDmBaseObj*> watched_;  // one reference each
-    IDmTimeline* timeline_ = nullptr;
+    std::vector<ZorRef<IDmBaseObj>> watched_;
+    ZorRef<IDmTimeline> timeline_;
     IDmClip* scene_ = nullptr;
     IDmClip* sceneSound_ = nullptr;
     IDmClip* picture_ = nullptr;
@@ -466,7 +452,7 @@ TEST_F(DmEditTest, SettingTheValueAlreadyThereDoesNothing) {
     ASSERT_EQ(setClipReverse(music_, false), 0);
     ASSERT_EQ(setClipVolumeKeyframes(music_, {}), 0);
     EXPECT_EQ(heard(), Lines{});
-    EXPECT_EQ(undoableEditCount(timeline_), 0);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
 }
 
 TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
@@ -474,7 +460,7 @@ TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
     DmClipDesc first = clipOf(dual_, "dual", 0, kSecond, 0, kSecond);
     first.streamId = 0;
     desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {first}));
-    Held<IDmTimeline> timeline(createTimeline(desc, nullptr));
+    auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, nullptr));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* dual = timeline->clip(0, 0);
     journal_.name(timeline.get(), "dual timeline");
@@ -583,7 +569,7 @@ TEST_F(DmEditTest, VolumeKeyframesAddChangeAndRemoveTheEffect) {
     EXPECT_EQ(volume->ownerClip(), sceneSound_);
 
     // Undo puts the same effect back.
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(sceneSound_->effect(DmEffectVolume), volume);
     EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/volume@scene.sound",
                               "event undoRedo.undo timeline scene.sound -",
@@ -627,8 +613,8 @@ TEST_F(DmEditTest, DuckingIsAddedChangedAndRemoved) {
                               "event clip.effectPropertyChanged timeline music -"}));
 
     // Undo twice: back, then its first settings.
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(music_->effect(DmEffectDucking), effect);
     EXPECT_TRUE(effect->isEnabled());
     EXPECT_EQ(effect->value(0), 0.5f);
@@ -666,7 +652,7 @@ TEST_F(DmEditTest, ReverseAddsItsEffectAndSetsItsProperty) {
                               "event clip.effectPropertyChanged timeline scene.sound -"}));
 
     // Undone: the same notifications as the edit that puts the effect back.
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(sceneSound_->effect(DmEffectReversePlay), reverse);
     EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/reverse@scene.sound",
                               "onAudioPropertyChanged scene.sound audioReversePlay.enable",
@@ -679,8 +665,7 @@ TEST_F(DmEditTest, TheAudioEffectsFeatureIsTheSoundClipsCallbackSource) {
     // A second listener, registered through the feature only.
     Journal journal;
     journal.name(sceneSound_, "scene.sound");
-    Held<RecordingListener> other(new RecordingListener(&journal));
-    other->AddRef();
+    const auto other = makeRef<RecordingListener>(&journal);
     IDmBaseObj* feature = sceneSound_->feature(DmFeatureAudioEffects, 1);
     ASSERT_NE(feature, nullptr);
     auto* source = query<IDmCallbackSource>(feature, "IDmCallbackSource");
@@ -717,7 +702,7 @@ TEST_F(DmEditTest, SpeedPartsNotifyTheClipThenItsLinkedClip) {
     EXPECT_EQ(setClipSpeedParts(scene_, {{0, kSecond, -1.0}}), 1001);
     EXPECT_EQ(heard(), Lines{});
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(query<IDmClipSpeedPart>(sceneSound_, "IDmClipSpeedPart")->speedPartCount(), 0);
     EXPECT_EQ(heard(), (Lines{"onSpeedChanged scene", "onSpeedChanged scene.sound",
                               "event undoRedo.undo timeline scene -", "event undoRedo.stackChanged timeline - -"}));
@@ -754,7 +739,7 @@ TEST_F(DmEditTest, TrimMovesTheEndWithTheMarks) {
 
     // A clip that shows 1 s of media over 2 s keeps that ratio.
     IDmClip* slow = nullptr;
-    ASSERT_EQ(addClip(timeline_, 2, -1, clipOf(tone_, "slow", kSecond, 3 * kSecond, 0, kSecond), &slow), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, -1, clipOf(tone_, "slow", kSecond, 3 * kSecond, 0, kSecond), &slow), 0);
     ASSERT_NE(slow, nullptr);
     journal_.take();
     ASSERT_EQ(trimClip(slow, kSecond / 4, kSecond / 2), 0);
@@ -767,14 +752,14 @@ TEST_F(DmEditTest, TrimMovesTheEndWithTheMarks) {
 
 TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
     IDmClip* voice = nullptr;
-    ASSERT_EQ(addClip(timeline_, 1, 0, clipOf(tone_, "voice", kSecond, 2 * kSecond, 0, kSecond), &voice), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "voice", kSecond, 2 * kSecond, 0, kSecond), &voice), 0);
     ASSERT_NE(voice, nullptr);
     journal_.name(voice, "voice");
     EXPECT_EQ(heard(), (Lines{"onClipAdded timeline voice", "event timeline.dataChanged timeline voice -"}));
     EXPECT_EQ(timeline_->clipCount(1), 2);
     EXPECT_EQ(timeline_->clip(1, 0), voice);
     EXPECT_EQ(timeline_->clip(1, 1), music_);
-    EXPECT_EQ(voice->timeline(), timeline_);
+    EXPECT_EQ(voice->timeline(), timeline_.get());
     EXPECT_EQ(voice->track(), timeline_->track(1));
     EXPECT_EQ(positionOf(voice), std::make_pair(1, 0));
     EXPECT_EQ(positionOf(music_), std::make_pair(1, 1));
@@ -810,9 +795,9 @@ TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
     EXPECT_EQ(moveClipToTrack(voice, 0, 0), 1001);  // a video track
     EXPECT_EQ(moveClipToTrack(voice, 2, 2), 1001);  // beyond the end
     EXPECT_EQ(moveClipToTrack(voice, 7, 0), 1001);
-    EXPECT_EQ(addClip(timeline_, 9, 0, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
-    EXPECT_EQ(addClip(timeline_, 1, 5, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
-    EXPECT_EQ(addClip(timeline_, 1, 0, clipOf(tone_, "x", kSecond, 0, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 9, 0, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 5, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "x", kSecond, 0, 0, kSecond), nullptr), 1001);
     EXPECT_EQ(heard(), Lines{});
 }
 
@@ -820,62 +805,62 @@ TEST_F(DmEditTest, UndoAndRedoRestoreValuesAndTheSameClips) {
     ASSERT_EQ(setClipProperty(music_, audioKey::volume, doubleProperty(-9.0)), 0);
     ASSERT_EQ(moveClip(music_, 2 * kSecond), 0);
     ASSERT_EQ(removeClip(scene_), 0);
-    EXPECT_EQ(undoableEditCount(timeline_), 3);
-    EXPECT_EQ(redoableEditCount(timeline_), 0);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 3);
+    EXPECT_EQ(redoableEditCount(timeline_.get()), 0);
     journal_.take();
     settle();
     journal_.take();
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onClipAdded timeline scene", "event undoRedo.undo timeline scene -",
                               "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(timeline_->clip(0, 0), scene_);  // the same object, where it was
-    EXPECT_EQ(scene_->timeline(), timeline_);
+    EXPECT_EQ(scene_->timeline(), timeline_.get());
     EXPECT_EQ(positionOf(scene_), std::make_pair(0, 0));
     EXPECT_EQ(positionOf(picture_), std::make_pair(0, 1));
     EXPECT_EQ(getBaseAudioClip(scene_), sceneSound_);
-    EXPECT_EQ(sceneSound_->timeline(), timeline_);
+    EXPECT_EQ(sceneSound_->timeline(), timeline_.get());
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged music clip.timelineBegin",
                               "onTimelineClipPropertyChanged music clip.timelineEnd",
                               "onClipMoved timeline music", "event undoRedo.undo timeline music -",
                               "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(beginTimeOfClip(music_), 0);
 
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
                               "onTimelineClipPropertyChanged music audio.volume",
                               "event undoRedo.undo timeline music audio.volume",
                               "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(propertyOf(music_, audioKey::volume).doubleValue, 0.0);
-    EXPECT_EQ(undoTimelineEdit(timeline_), 1002);
-    EXPECT_EQ(undoableEditCount(timeline_), 0);
-    EXPECT_EQ(redoableEditCount(timeline_), 3);
+    EXPECT_EQ(undoTimelineEdit(timeline_.get()), 1002);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
+    EXPECT_EQ(redoableEditCount(timeline_.get()), 3);
 
-    ASSERT_EQ(redoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
                               "onTimelineClipPropertyChanged music audio.volume",
                               "event undoRedo.redo timeline music audio.volume",
                               "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(propertyOf(music_, audioKey::volume).doubleValue, -9.0);
-    ASSERT_EQ(redoTimelineEdit(timeline_), 0);
-    ASSERT_EQ(redoTimelineEdit(timeline_), 0);
+    ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
+    ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(beginTimeOfClip(music_), 2 * kSecond);
     EXPECT_EQ(timeline_->clip(0, 0), picture_);
     EXPECT_EQ(scene_->timeline(), nullptr);
-    EXPECT_EQ(redoTimelineEdit(timeline_), 1002);
+    EXPECT_EQ(redoTimelineEdit(timeline_.get()), 1002);
     journal_.take();
     settle();
     journal_.take();
 
     // A new edit after an undo forgets what could be redone.
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
-    EXPECT_EQ(redoableEditCount(timeline_), 1);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
+    EXPECT_EQ(redoableEditCount(timeline_.get()), 1);
     ASSERT_EQ(setTrackProperty(timeline_->track(0), trackKey::mute, true), 0);
-    EXPECT_EQ(redoableEditCount(timeline_), 0);
-    EXPECT_EQ(redoTimelineEdit(timeline_), 1002);
-    EXPECT_EQ(undoableEditCount(timeline_), 3);
+    EXPECT_EQ(redoableEditCount(timeline_.get()), 0);
+    EXPECT_EQ(redoTimelineEdit(timeline_.get()), 1002);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 3);
 }
 
 // Counts the objects it is installed on that were destroyed.
@@ -891,7 +876,7 @@ private:
 TEST_F(DmEditTest, ClipsTakenOffStayAliveUntilTheTimelineGoes) {
     DestroyCounter counter;
     IDmClip* added = nullptr;
-    ASSERT_EQ(addClip(timeline_, 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
     ASSERT_NE(added, nullptr);
     added->setReleaseNotifier(&counter);
     music_->setReleaseNotifier(&counter);
@@ -900,12 +885,12 @@ TEST_F(DmEditTest, ClipsTakenOffStayAliveUntilTheTimelineGoes) {
     ASSERT_NE(volume, nullptr);
     volume->setReleaseNotifier(&counter);
     ASSERT_EQ(removeClip(music_), 0);
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);  // music back
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);  // no keyframes
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);  // added taken off
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);  // music back
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);  // no keyframes
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);  // added taken off
     // Forget the redo side: nothing can put added back now.
     ASSERT_EQ(removeClip(music_), 0);
-    EXPECT_EQ(redoableEditCount(timeline_), 0);
+    EXPECT_EQ(redoableEditCount(timeline_.get()), 0);
     EXPECT_EQ(counter.count(), 0);
     EXPECT_EQ(added->timeline(), nullptr);
     EXPECT_STREQ(added->name(), "added");  // alive
@@ -914,14 +899,13 @@ TEST_F(DmEditTest, ClipsTakenOffStayAliveUntilTheTimelineGoes) {
     // The test's own references first (the listener's registrations stay).
     settle();
     journal_.take();
-    for (IDmBaseObj* source : watched_) {
-        query<IDmCallbackSource>(source, "IDmCallbackSource")->unregisterCallback(listener_);
-        source->Release();
+    for (ZorRef<IDmBaseObj>& source : watched_) {
+        query<IDmCallbackSource>(source.get(), "IDmCallbackSource")->unregisterCallback(listener_.get());
+        source.reset();
     }
     watched_.clear();
     EXPECT_EQ(counter.count(), 0);
-    EXPECT_EQ(timeline_->Release(), 0);
-    timeline_ = nullptr;
+    EXPECT_EQ(timeline_.detach()->Release(), 0);
     EXPECT_EQ(counter.count(), 3);
 }
 
@@ -930,16 +914,16 @@ TEST_F(DmEditTest, ClosedTimelinesAreGoneForListenersAndEdits) {
     journal_.take();
     settle();
     journal_.take();
-    ASSERT_EQ(closeTimeline(timeline_), 0);
+    ASSERT_EQ(closeTimeline(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onTimelineGone timeline", "event timeline.dataChanged timeline - -"}));
-    EXPECT_EQ(closeTimeline(timeline_), 1001);
+    EXPECT_EQ(closeTimeline(timeline_.get()), 1001);
     EXPECT_EQ(setClipProperty(music_, audioKey::mute, boolProperty(false)), 1001);
     EXPECT_EQ(setTrackProperty(timeline_->track(0), trackKey::mute, true), 1001);
     EXPECT_EQ(moveClip(music_, kSecond), 1001);
     EXPECT_EQ(removeClip(music_), 1001);
-    EXPECT_EQ(addClip(timeline_, 1, 0, clipOf(tone_, "late", 0, kSecond, 0, kSecond), nullptr), 1001);
-    EXPECT_EQ(undoTimelineEdit(timeline_), 1001);
-    EXPECT_EQ(undoableEditCount(timeline_), 0);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "late", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(undoTimelineEdit(timeline_.get()), 1001);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
     EXPECT_EQ(heard(), Lines{});
     // Still readable.
     EXPECT_EQ(timeline_->clip(1, 0), music_);
@@ -963,15 +947,15 @@ TEST_F(DmEditTest, BadArgumentsChangeNothing) {
 
     // A clip that is not on a timeline.
     std::string error;
-    Held<IDmClip> loose(createMediaClip(tone_.c_str(), -1, -1, &error));
+    auto loose = ZorRef<IDmClip>::adopt(createMediaClip(tone_.c_str(), -1, -1, &error));
     ASSERT_NE(loose.get(), nullptr) << error;
     EXPECT_EQ(setClipProperty(loose.get(), audioKey::volume, doubleProperty(1.0)), 1001);
     EXPECT_EQ(moveClip(loose.get(), kSecond), 1001);
     EXPECT_EQ(removeClip(loose.get()), 1001);
 
     EXPECT_EQ(heard(), Lines{});
-    EXPECT_EQ(undoableEditCount(timeline_), 0);
-    EXPECT_EQ(undoTimelineEdit(timeline_), 1002);
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
+    EXPECT_EQ(undoTimelineEdit(timeline_.get()), 1002);
 }
 
 // A listener that edits while it is being notified: the nested edit runs at
@@ -1003,12 +987,11 @@ public:
 };
 
 TEST_F(DmEditTest, AListenerMayEditWhileBeingNotified) {
-    Held<EditingListener> editor(new EditingListener());
-    editor->AddRef();
-    auto* source = query<IDmCallbackSource>(timeline_, "IDmCallbackSource");
+    const auto editor = makeRef<EditingListener>();
+    auto* source = query<IDmCallbackSource>(timeline_.get(), "IDmCallbackSource");
     ASSERT_EQ(source->registerCallback(editor.get()), 0);
     IDmClip* added = nullptr;
-    ASSERT_EQ(addClip(timeline_, 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
     ASSERT_EQ(source->unregisterCallback(editor.get()), 0);
     journal_.name(added, "added");
     EXPECT_EQ(editor->nestedResult, 0);
@@ -1018,11 +1001,11 @@ TEST_F(DmEditTest, AListenerMayEditWhileBeingNotified) {
     EXPECT_EQ(heard(), (Lines{"onClipAdded timeline added",
                               "event clip.audioPropertyChanged timeline added audio.volume",
                               "event timeline.dataChanged timeline added -"}));
-    EXPECT_EQ(undoableEditCount(timeline_), 2);
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);  // the volume first
+    EXPECT_EQ(undoableEditCount(timeline_.get()), 2);
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);  // the volume first
     EXPECT_EQ(propertyOf(added, audioKey::volume).doubleValue, 0.0);
-    EXPECT_EQ(added->timeline(), timeline_);
-    ASSERT_EQ(undoTimelineEdit(timeline_), 0);
+    EXPECT_EQ(added->timeline(), timeline_.get());
+    ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(added->timeline(), nullptr);
 }
 

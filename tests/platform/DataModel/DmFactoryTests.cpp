@@ -6,10 +6,12 @@
 #include <string>
 
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
+#include "TimelineDescs.h"
 
 namespace ZOR::test {
 namespace {
@@ -21,6 +23,20 @@ int64_t intOf(IDmMediaInfo* info, const char* key) {
     EXPECT_EQ(info->getProperty(key, &value), 0) << key;
     EXPECT_EQ(value.kind, ZorProperty::Int) << key;
     return value.intValue;
+}
+
+// The media information of the file at path.
+ZorRef<IDmMediaInfo> infoOf(const std::string& path) {
+    return ZorRef<IDmMediaInfo>::adopt(getDmFactoryInstance()->createMediaInfo(path.c_str()));
+}
+
+// A track of kind holding one clip, named name, of the first length cns of
+// the file at path.
+DmTrackDesc trackOf(int32_t kind, const std::string& name, const std::string& path, int64_t length) {
+    DmTrackDesc track;
+    track.kind = kind;
+    track.clips.push_back(clipOf(name, path, 0, 0, length, 0.0));
+    return track;
 }
 
 class DmFactoryTest : public ::testing::Test {
@@ -49,35 +65,32 @@ std::string DmFactoryTest::rotated_;
 std::string DmFactoryTest::tone_;
 
 TEST_F(DmFactoryTest, MediaInfoGivesThePictureSizeAndTheVideoStream) {
-    IDmMediaInfo* info = getDmFactoryInstance()->createMediaInfo(wide_.c_str());
+    const auto info = infoOf(wide_);
     ASSERT_NE(info, nullptr);
     EXPECT_EQ(info->refCount(), 1);
-    EXPECT_EQ(info->queryInterface("IDmMediaInfo"), static_cast<void*>(info));
-    EXPECT_EQ(intOf(info, mediaInfoKey::width), 160);
-    EXPECT_EQ(intOf(info, mediaInfoKey::height), 90);
-    EXPECT_EQ(intOf(info, mediaInfoKey::vid_stream_id), 1);  // the sound is stream 0
-    EXPECT_EQ(intOf(info, mediaInfoKey::duration), 20'000'000);
+    EXPECT_EQ(info->queryInterface("IDmMediaInfo"), static_cast<void*>(info.get()));
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::width), 160);
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::height), 90);
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::vid_stream_id), 1);  // the sound is stream 0
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::duration), 20'000'000);
     ZorProperty value;
     EXPECT_EQ(info->getProperty("mediaInfo.colour", &value), 1001);
     EXPECT_EQ(info->getProperty(nullptr, &value), 1001);
-    info->Release();
 }
 
 TEST_F(DmFactoryTest, MediaInfoAppliesTheRotationToWidthAndHeight) {
-    IDmMediaInfo* info = getDmFactoryInstance()->createMediaInfo(rotated_.c_str());
+    const auto info = infoOf(rotated_);
     ASSERT_NE(info, nullptr);
-    EXPECT_EQ(intOf(info, mediaInfoKey::width), 90);
-    EXPECT_EQ(intOf(info, mediaInfoKey::height), 160);
-    info->Release();
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::width), 90);
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::height), 160);
 }
 
 TEST_F(DmFactoryTest, MediaInfoOfASoundFileHasNoPicture) {
-    IDmMediaInfo* info = getDmFactoryInstance()->createMediaInfo(tone_.c_str());
+    const auto info = infoOf(tone_);
     ASSERT_NE(info, nullptr);
-    EXPECT_EQ(intOf(info, mediaInfoKey::width), 0);
-    EXPECT_EQ(intOf(info, mediaInfoKey::height), 0);
-    EXPECT_EQ(intOf(info, mediaInfoKey::vid_stream_id), -1);
-    info->Release();
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::width), 0);
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::height), 0);
+    EXPECT_EQ(intOf(info.get(), mediaInfoKey::vid_stream_id), -1);
 }
 
 TEST_F(DmFactoryTest, MediaInfoOfAMissingOrUnreadableFileIsNull) {
@@ -89,56 +102,44 @@ TEST_F(DmFactoryTest, MediaInfoOfAMissingOrUnreadableFileIsNull) {
 
 TEST_F(DmFactoryTest, ClipListsHoldAReferenceOnEachClipInOrder) {
     std::string error;
-    IDmClip* first = createMediaClip(tone_.c_str(), -1, -1, &error);
-    IDmClip* second = createMediaClip(wide_.c_str(), -1, -1, &error);
+    const auto first = ZorRef<IDmClip>::adopt(createMediaClip(tone_.c_str(), -1, -1, &error));
+    const auto second = ZorRef<IDmClip>::adopt(createMediaClip(wide_.c_str(), -1, -1, &error));
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    IDmClipList* list = getDmFactoryInstance()->createIDmClipList();
+    auto list = ZorRef<IDmClipList>::adopt(getDmFactoryInstance()->createIDmClipList());
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list->count(), 0);
-    EXPECT_EQ(list->append(first), 0);
-    EXPECT_EQ(list->append(second), 0);
+    EXPECT_EQ(list->append(first.get()), 0);
+    EXPECT_EQ(list->append(second.get()), 0);
     EXPECT_EQ(list->append(nullptr), 1001);
     EXPECT_EQ(list->count(), 2);
-    EXPECT_EQ(list->get(0), first);
-    EXPECT_EQ(list->get(1), second);
+    EXPECT_EQ(list->get(0), first.get());
+    EXPECT_EQ(list->get(1), second.get());
     EXPECT_EQ(list->get(2), nullptr);
     EXPECT_EQ(first->refCount(), 2);
-    list->Release();
+    list.reset();
     EXPECT_EQ(first->refCount(), 1);
-    first->Release();
-    second->Release();
 }
 
 TEST_F(DmFactoryTest, TimelineAsAMediaObjectHasTheTopmostVisiblePictureAndItsOwnHandle) {
     DmTimelineDesc desc;
-    DmTrackDesc lower;
-    lower.kind = DmTrackVideo;
-    DmClipDesc wide;
-    wide.name = "wide";
-    wide.mediaPath = wide_;
-    wide.end = wide.markOut = 20'000'000;
-    lower.clips.push_back(wide);
-    DmTrackDesc upper = lower;
-    upper.clips[0].name = "rotated";
-    upper.clips[0].mediaPath = rotated_;
-    desc.tracks = {lower, upper};
+    desc.tracks = {trackOf(DmTrackVideo, "wide", wide_, 20'000'000),
+                   trackOf(DmTrackVideo, "rotated", rotated_, 20'000'000)};
     std::string error;
-    IDmTimeline* timeline = createTimeline(desc, &error);
+    auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
     auto* internal = static_cast<IDmTimelineInternal*>(timeline->queryInterface("IDmTimelineInternal"));
     ASSERT_NE(internal, nullptr);
-    EXPECT_EQ(internal->adapterHandle(), static_cast<int64_t>(reinterpret_cast<uintptr_t>(timeline)));
+    EXPECT_EQ(internal->adapterHandle(), static_cast<int64_t>(reinterpret_cast<uintptr_t>(timeline.get())));
     IDmTimelineInternal::Settings settings{0, 0, 0};
     ASSERT_EQ(internal->settings(&settings), 0);
     EXPECT_EQ(settings.width, 90);
     EXPECT_EQ(settings.ratioNum, 90);
     EXPECT_EQ(settings.ratioDen, 160);
-    timeline->Release();
 
     // Hidden, the upper track gives way to the lower one.
     desc.tracks[1].visible = false;
-    timeline = createTimeline(desc, &error);
+    timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
     internal = static_cast<IDmTimelineInternal*>(timeline->queryInterface("IDmTimelineInternal"));
     ASSERT_EQ(internal->settings(&settings), 0);
@@ -146,21 +147,13 @@ TEST_F(DmFactoryTest, TimelineAsAMediaObjectHasTheTopmostVisiblePictureAndItsOwn
     EXPECT_EQ(settings.ratioNum, 160);
     EXPECT_EQ(settings.ratioDen, 90);
     EXPECT_EQ(internal->settings(nullptr), 1001);
-    timeline->Release();
 }
 
 TEST_F(DmFactoryTest, TimelineWithoutPicturesDefaultsTo1920At16By9) {
     DmTimelineDesc desc;
-    DmTrackDesc audio;
-    audio.kind = DmTrackAudio;
-    DmClipDesc tone;
-    tone.name = "tone";
-    tone.mediaPath = tone_;
-    tone.end = tone.markOut = 10'000'000;
-    audio.clips.push_back(tone);
-    desc.tracks = {audio};
+    desc.tracks = {trackOf(DmTrackAudio, "tone", tone_, 10'000'000)};
     std::string error;
-    IDmTimeline* timeline = createTimeline(desc, &error);
+    const auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;
     auto* internal = static_cast<IDmTimelineInternal*>(timeline->queryInterface("IDmTimelineInternal"));
     IDmTimelineInternal::Settings settings{0, 0, 0};
@@ -168,7 +161,6 @@ TEST_F(DmFactoryTest, TimelineWithoutPicturesDefaultsTo1920At16By9) {
     EXPECT_EQ(settings.width, 1920);
     EXPECT_EQ(settings.ratioNum, 16);
     EXPECT_EQ(settings.ratioDen, 9);
-    timeline->Release();
 }
 
 }  // namespace

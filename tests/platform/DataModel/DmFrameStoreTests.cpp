@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
@@ -122,8 +123,8 @@ TEST_F(DmFrameStoreTest, ScanRemovesTheTemporariesOfWritersThatEnded) {
 
 TEST_F(DmFrameStoreTest, FillFramesAndThumbnailFilesReportStoredFiles) {
     const std::string media = makeVideo();
-    IDmClip* clip = createMediaClip(media.c_str(), -1, -1, nullptr);
-    ASSERT_NE(clip, nullptr);
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(media.c_str(), -1, -1, nullptr));
+    ASSERT_NE(clip.get(), nullptr);
     auto* video = static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"));
     ASSERT_NE(video, nullptr);
     const std::string folder = frameStoreFolder(media.c_str());
@@ -162,7 +163,6 @@ TEST_F(DmFrameStoreTest, FillFramesAndThumbnailFilesReportStoredFiles) {
 
     EXPECT_NE(video->prepareFrames(0, 12, 25, 1), 0);
     EXPECT_NE(video->prepareFrames(100'000, 100'000, 25, 1), 0);
-    clip->Release();
 }
 
 }  // namespace

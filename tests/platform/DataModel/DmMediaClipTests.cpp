@@ -18,20 +18,6 @@ namespace {
 
 using MediaTest::ffmpeg;
 
-// Releases an object at the end of a scope.
-template <class T>
-struct Held {
-    T* object = nullptr;
-    explicit Held(T* o) : object(o) {}
-    ~Held() {
-        if (object != nullptr) object->Release();
-    }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-    T* operator->() const { return object; }
-    T* get() const { return object; }
-};
-
 template <class I>
 I* query(IDmBaseObj* object, const char* name) {
     return static_cast<I*>(object->queryInterface(name));
@@ -66,7 +52,7 @@ protected:
 TEST_F(DmMediaClipTest, AudioFileGivesAnAudioClipWithItsStreamFacts) {
     const std::string path = makeWav("tone.wav", 44100, 2.0);
     std::string error = "not cleared";
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, &error));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
     ASSERT_NE(clip.get(), nullptr);
     EXPECT_EQ(error, "");
     EXPECT_EQ(clip->refCount(), 1);
@@ -100,7 +86,7 @@ TEST_F(DmMediaClipTest, AudioFileGivesAnAudioClipWithItsStreamFacts) {
 TEST_F(DmMediaClipTest, VideoFileGivesBothFeaturesAndItsPictureFacts) {
     const std::string path = makeVideo("movie.mp4");
     std::string error;
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, &error));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
     ASSERT_NE(clip.get(), nullptr);
     EXPECT_EQ(error, "");
     EXPECT_EQ(clip->clipType(), DmTrackVideo);
@@ -136,7 +122,7 @@ TEST_F(DmMediaClipTest, RotatedVideoReportsUprightSize) {
     const std::string plain = makeVideo("plain.mp4");
     const std::string rotated = folder_.file("rotated.mp4");
     ASSERT_TRUE(ffmpeg("-i '" + plain + "' -c copy -metadata:s:v rotate=90 '" + rotated + "'"));
-    Held<IDmClip> clip(createMediaClip(rotated.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(rotated.c_str(), -1, -1, nullptr));
     auto* video = query<IDmVideoFeature>(clip.get(), "IDmVideoFeature");
     ASSERT_NE(video, nullptr);
     int32_t width = 0;
@@ -150,8 +136,8 @@ TEST_F(DmMediaClipTest, ExplicitStreamIndexesSelectThoseStreams) {
     const std::string path = folder_.file("two.mkv");
     ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -f lavfi -i \"sine=f=880:r=22050:d=1\" "
                        "-map 0 -map 1 -c:a pcm_s16le '" + path + "'"));
-    Held<IDmClip> best(createMediaClip(path.c_str(), -1, -1, nullptr));
-    Held<IDmClip> second(createMediaClip(path.c_str(), 1, -1, nullptr));
+    auto best = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto second = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), 1, -1, nullptr));
     auto* bestAudio = query<IDmAudioFeature>(best.get(), "IDmAudioFeature");
     auto* secondAudio = query<IDmAudioFeature>(second.get(), "IDmAudioFeature");
     ASSERT_NE(bestAudio, nullptr);
@@ -162,20 +148,20 @@ TEST_F(DmMediaClipTest, ExplicitStreamIndexesSelectThoseStreams) {
     EXPECT_EQ(intProperty(owner, audioKey::streamId), 1);
 
     // Another stream means another wave manager; the same stream the same one.
-    Held<IDmClip> secondAgain(createMediaClip(path.c_str(), 1, -1, nullptr));
+    auto secondAgain = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), 1, -1, nullptr));
     auto* internalA = query<IDmClipInternal>(second.get(), "IDmClipInternal");
     auto* internalB = query<IDmClipInternal>(secondAgain.get(), "IDmClipInternal");
     auto* internalBest = query<IDmClipInternal>(best.get(), "IDmClipInternal");
-    Held<IDmAudioWaveMgrInternal> a(acquireIDmAudioWaveMgrInternal(internalA->waveManagerSource()));
-    Held<IDmAudioWaveMgrInternal> b(acquireIDmAudioWaveMgrInternal(internalB->waveManagerSource()));
-    Held<IDmAudioWaveMgrInternal> c(acquireIDmAudioWaveMgrInternal(internalBest->waveManagerSource()));
+    auto a = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internalA->waveManagerSource()));
+    auto b = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internalB->waveManagerSource()));
+    auto c = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internalBest->waveManagerSource()));
     ASSERT_NE(a.get(), nullptr);
     EXPECT_EQ(a.get(), b.get());
     EXPECT_NE(a.get(), c.get());
 
     // A stream index that is not audio: no audio feature, and the error says so.
     std::string error;
-    Held<IDmClip> wrong(createMediaClip(path.c_str(), 7, -1, &error));
+    auto wrong = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), 7, -1, &error));
     ASSERT_NE(wrong.get(), nullptr);
     EXPECT_EQ(query<IDmAudioFeature>(wrong.get(), "IDmAudioFeature"), nullptr);
     EXPECT_NE(error.find("two.mkv"), std::string::npos) << error;
@@ -190,7 +176,7 @@ TEST_F(DmMediaClipTest, UnreadableFilesGiveClipsWithoutFeaturesAndNamedErrors) {
     MediaTest::writeText(text, "This is a shopping list, not a movie.\nMilk\nBread\n");
     for (const std::string& path : {missing, empty, text}) {
         std::string error;
-        Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, &error));
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
         ASSERT_NE(clip.get(), nullptr) << path;
         EXPECT_EQ(query<IDmAudioFeature>(clip.get(), "IDmAudioFeature"), nullptr) << path;
         EXPECT_EQ(query<IDmVideoFeature>(clip.get(), "IDmVideoFeature"), nullptr) << path;
@@ -206,7 +192,7 @@ TEST_F(DmMediaClipTest, UnreadableFilesGiveClipsWithoutFeaturesAndNamedErrors) {
         EXPECT_EQ(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()), nullptr);
     }
     std::string error;
-    Held<IDmClip> clip(createMediaClip(missing.c_str(), -1, -1, &error));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(missing.c_str(), -1, -1, &error));
     EXPECT_NE(error.find("No such file"), std::string::npos) << error;
     EXPECT_EQ(createMediaClip("", -1, -1, &error), nullptr);
     EXPECT_FALSE(error.empty());
@@ -242,7 +228,7 @@ TEST_F(DmMediaClipTest, AnswersItsInterfaceNamesAndWeakHoldersWatchIt) {
 
 TEST_F(DmMediaClipTest, PropertiesAreSettableWhereTheyAreNotFacts) {
     const std::string path = makeWav("tone.wav", 48000, 1.0);
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     auto* owner = query<IDmPropertyOwner>(clip.get(), "IDmPropertyOwner");
     auto* audio = query<IDmAudioFeature>(clip.get(), "IDmAudioFeature");
     ZorProperty value;
@@ -274,7 +260,7 @@ TEST_F(DmMediaClipTest, PropertiesAreSettableWhereTheyAreNotFacts) {
 TEST_F(DmMediaClipTest, VideoOnlyClipHasNoBaseAudioClip) {
     const std::string path = folder_.file("silent.mp4");
     ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + path + "'"));
-    Held<IDmClip> clip(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     EXPECT_EQ(getBaseAudioClip(clip.get()), nullptr);
     EXPECT_EQ(getBaseAudioClip(nullptr), nullptr);
     EXPECT_EQ(clip->feature(DmFeatureAudioWave, 0), nullptr);
@@ -297,8 +283,8 @@ TEST_F(DmMediaClipTest, FileReplacedOnDiskIsProbedAnew) {
     std::filesystem::copy_file(video, path);
     {
         std::string error;
-        Held<IDmClip> first(createMediaClip(path.c_str(), -1, -1, &error));
-        Held<IDmClip> again(createMediaClip(path.c_str(), -1, -1, &error));
+        auto first = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
+        auto again = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
         ASSERT_NE(first.get(), nullptr);
         ASSERT_NE(again.get(), nullptr);
         EXPECT_EQ(first->clipType(), DmTrackVideo);
@@ -311,7 +297,7 @@ TEST_F(DmMediaClipTest, FileReplacedOnDiskIsProbedAnew) {
     ffmpeg("-f lavfi -i \"sine=f=440:r=22050:d=3\" -c:a pcm_s16le '" + sound + "'");
     std::filesystem::rename(sound, path);
     std::string error;
-    Held<IDmClip> replaced(createMediaClip(path.c_str(), -1, -1, &error));
+    auto replaced = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
     ASSERT_NE(replaced.get(), nullptr);
     EXPECT_EQ(replaced->clipType(), DmTrackAudio);
     EXPECT_EQ(query<IDmVideoFeature>(replaced.get(), "IDmVideoFeature"), nullptr);
@@ -321,7 +307,7 @@ TEST_F(DmMediaClipTest, FileReplacedOnDiskIsProbedAnew) {
 
     // A file that is gone gives a clip without features, each time.
     std::filesystem::remove(path);
-    Held<IDmClip> gone(createMediaClip(path.c_str(), -1, -1, &error));
+    auto gone = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));
     ASSERT_NE(gone.get(), nullptr);
     EXPECT_EQ(gone->clipType(), 0);
     EXPECT_NE(error, "");

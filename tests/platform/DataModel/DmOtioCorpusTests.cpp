@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "CapturingLogger.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
@@ -212,8 +213,8 @@ std::string errorOf(const TempFolder& folder, const std::string& text) {
 void expectLoadedAsDescribed(const std::string& path, const DmTimelineDesc& desc) {
     std::string error = "stale";
     std::vector<std::string> warnings{"stale"};
-    IDmTimeline* loaded = loadTimelineDocument(path.c_str(), &error, &warnings);
-    ASSERT_NE(loaded, nullptr) << error;
+    auto loaded = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(path.c_str(), &error, &warnings));
+    ASSERT_NE(loaded.get(), nullptr) << error;
     EXPECT_EQ(error, "");
     EXPECT_EQ(warnings, desc.warnings);
     ASSERT_EQ(loaded->trackCount(), static_cast<int32_t>(desc.tracks.size()));
@@ -230,7 +231,6 @@ void expectLoadedAsDescribed(const std::string& path, const DmTimelineDesc& desc
             EXPECT_EQ(markOutTimeOfClip(clip), clips[c].markOut);
         }
     }
-    loaded->Release();
 }
 
 // What a clip is expected to be.
@@ -814,10 +814,10 @@ TEST(DmOtioCorpus, WarningLinesAreOneEachExactlyAsDesignedAndLogged) {
 
     std::string error;
     std::vector<std::string> warnings;
-    IDmTimeline* loaded = loadTimelineDocument(path.c_str(), &error, &warnings);
-    ASSERT_NE(loaded, nullptr) << error;
+    auto loaded = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(path.c_str(), &error, &warnings));
+    ASSERT_NE(loaded.get(), nullptr) << error;
     EXPECT_EQ(warnings, expected);
-    loaded->Release();
+    loaded.reset();
 
     // Nothing loaded, no warnings handed out.
     warnings = {"stale"};

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTime.h"
 #include "DataModel/DmTimeline.h"
@@ -194,12 +195,12 @@ protected:
 
     void SetUp() override {
         std::string error = "not cleared";
-        timeline_ = loadTimelineDocument(document_.c_str(), &error);
-        ASSERT_NE(timeline_, nullptr) << error;
+        timeline_ = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
+        ASSERT_NE(timeline_.get(), nullptr) << error;
         EXPECT_EQ(error, "");
     }
     void TearDown() override {
-        if (timeline_ != nullptr) timeline_->Release();
+        timeline_.reset();
     }
 
     static std::unique_ptr<TempFolder> folder_;
@@ -207,7 +208,7 @@ protected:
     static std::string movie_;
     static std::string streams_;
     static std::string document_;
-    IDmTimeline* timeline_ = nullptr;
+    ZorRef<IDmTimeline> timeline_;
 };
 
 std::unique_ptr<TempFolder> DmTimelineDocument::folder_;
@@ -226,8 +227,8 @@ TEST_F(DmTimelineDocument, TracksHoldTheirClipsWithoutTheGapsAndTheirMiravelFlag
     EXPECT_EQ(music->trackKind(), DmTrackAudio);
     EXPECT_EQ(pictures->trackIndex(), 0);
     EXPECT_EQ(music->trackIndex(), 1);
-    EXPECT_EQ(pictures->owner(), timeline_);
-    EXPECT_EQ(music->owner(), timeline_);
+    EXPECT_EQ(pictures->owner(), timeline_.get());
+    EXPECT_EQ(music->owner(), timeline_.get());
     EXPECT_EQ(timeline_->clipCount(0), 1);
     EXPECT_EQ(timeline_->clipCount(1), 2);
     EXPECT_EQ(timeline_->clip(0, 1), nullptr);
@@ -245,7 +246,7 @@ TEST_F(DmTimelineDocument, TracksHoldTheirClipsWithoutTheGapsAndTheirMiravelFlag
     EXPECT_EQ(timeline_->duration(), cns(4.5));
     for (int32_t t = 0; t < 2; ++t)
         for (int32_t c = 0; c < timeline_->clipCount(t); ++c) {
-            EXPECT_EQ(timeline_->clip(t, c)->timeline(), timeline_);
+            EXPECT_EQ(timeline_->clip(t, c)->timeline(), timeline_.get());
             EXPECT_EQ(timeline_->clip(t, c)->track(), timeline_->track(t));
         }
 }
@@ -495,10 +496,10 @@ TEST_F(DmTimelineDocument, BadDocumentsGiveNullAndOneLineAndLeaveNothingBehind) 
 
     // The count sees the data model's own allocations: a timeline that lives holds blocks.
     const int64_t empty = liveBlocks.load();
-    IDmTimeline* loaded = loadTimelineDocument(document_.c_str(), &error);
-    ASSERT_NE(loaded, nullptr) << error;
+    auto loaded = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
+    ASSERT_NE(loaded.get(), nullptr) << error;
     EXPECT_GT(liveBlocks.load(), empty);
-    loaded->Release();
+    loaded.reset();
 
     const size_t descriptors = openDescriptors();
     int unexpected = 0;

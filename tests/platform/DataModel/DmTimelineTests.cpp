@@ -26,21 +26,6 @@ using MediaTest::ffmpeg;
 
 constexpr int64_t kSecond = 10'000'000;  // cns
 
-// Releases an object at the end of a scope.
-template <class T>
-struct Held {
-    T* object = nullptr;
-    explicit Held(T* o) : object(o) {}
-    ~Held() {
-        if (object != nullptr) object->Release();
-    }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-    T* operator->() const { return object; }
-    T* get() const { return object; }
-    T* release() { return std::exchange(object, nullptr); }
-};
-
 template <class I>
 I* query(IDmBaseObj* object, const char* name) {
     return static_cast<I*>(object->queryInterface(name));
@@ -138,7 +123,7 @@ TEST_F(DmTimelineTest, TracksKeepTheirOrderKindAndProperties) {
     audio.visible = false;
     audio.solo = true;
     desc.tracks.push_back(audio);
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     EXPECT_EQ(timeline->refCount(), 1);
 
@@ -203,7 +188,7 @@ TEST_F(DmTimelineTest, ClipsTakeTheirRangesNamesAndPlacesFromTheDescription) {
                                    clipOf(silent_, "second", 5'000'000, 8'000'000, 0, 3'000'000)}));
     desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 2'000'000, 19'000'000, 500'000,
                                                               17'500'000)}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* first = timeline->clip(0, 0);
     IDmClip* second = timeline->clip(0, 1);
@@ -273,7 +258,7 @@ TEST_F(DmTimelineTest, ClipsTakeTheirRangesNamesAndPlacesFromTheDescription) {
 }
 
 TEST_F(DmTimelineTest, EmptyTimelineHasNoDuration) {
-    Held<IDmTimeline> timeline(make(DmTimelineDesc{}));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(DmTimelineDesc{}));
     ASSERT_NE(timeline.get(), nullptr);
     EXPECT_EQ(timeline->trackCount(), 0);
     EXPECT_EQ(timeline->duration(), 0);
@@ -290,7 +275,7 @@ TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
     clip.loudnessGain = 0.75;
     clip.reverse = true;
     clip.enabled = false;
-    Held<IDmTimeline> timeline(makeAudioClip(clip));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* music = timeline->clip(0, 0);
     auto* audio = query<IDmAudioFeature>(music, "IDmAudioFeature");
@@ -337,7 +322,7 @@ TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
     EXPECT_NE(audio->getProperty("no.such.key", &value), 0);
 
     // The defaults when the description says nothing.
-    Held<IDmTimeline> plain(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
     auto* plainAudio = query<IDmAudioFeature>(plain->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(plainAudio, nullptr);
     ASSERT_EQ(plainAudio->getProperty(audioKey::streamId, &value), 0);
@@ -359,7 +344,7 @@ TEST_F(DmTimelineTest, EffectsAreThoseTheDescriptionAsksFor) {
     clip.ducking.fadeRatio = 0.25;
     clip.volumeKeyframes = {{0, -3.0}, {5'000'000, -12.5}, {15'000'000, 0.0}};
     clip.reverse = true;
-    Held<IDmTimeline> timeline(makeAudioClip(clip));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* music = timeline->clip(0, 0);
 
@@ -414,7 +399,7 @@ TEST_F(DmTimelineTest, EffectsAreThoseTheDescriptionAsksFor) {
     EXPECT_EQ(music->effect(1234), nullptr);
 
     // None of them when the description asks for none.
-    Held<IDmTimeline> plain(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
     for (int32_t type : {DmEffectDucking, DmEffectVolume, DmEffectReversePlay})
         EXPECT_EQ(plain->clip(0, 0)->effect(type), nullptr) << type;
 }
@@ -422,7 +407,7 @@ TEST_F(DmTimelineTest, EffectsAreThoseTheDescriptionAsksFor) {
 TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
     DmClipDesc clip = clipOf(tone_, "music", 0, 2 * kSecond, 0, 2 * kSecond);
     clip.speedParts = {{2'000'000, 3'000'000, 2.0}, {4'000'000, 5'000'000, 0.0}};
-    Held<IDmTimeline> timeline(makeAudioClip(clip));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* parts = query<IDmClipSpeedPart>(timeline->clip(0, 0), "IDmClipSpeedPart");
     ASSERT_NE(parts, nullptr);
     ASSERT_EQ(parts->speedPartCount(), 2);
@@ -440,7 +425,7 @@ TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
     EXPECT_EQ(parts->speedPart(2, &begin, &end, &speed), 1001);
     EXPECT_EQ(parts->speedPart(-1, &begin, &end, &speed), 1001);
 
-    Held<IDmTimeline> plain(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
     auto* none = query<IDmClipSpeedPart>(plain->clip(0, 0), "IDmClipSpeedPart");
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(none->speedPartCount(), 0);
@@ -449,7 +434,7 @@ TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
 
 TEST_F(DmTimelineTest, SourcePositionWithoutSpeedChangeIsTheClipTime) {
     // markIn 0.5 s, markOut 1.7 s.
-    Held<IDmTimeline> timeline(makeAudioClip(clipOf(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
     auto* audio = query<IDmAudioFeature>(timeline->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     EXPECT_EQ(audio->sourcePosition(5'000'000, false), 5'000'000);
@@ -464,7 +449,7 @@ TEST_F(DmTimelineTest, SourcePositionWithoutSpeedChangeIsTheClipTime) {
 TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
     DmClipDesc clip = clipOf(tone_, "double", 0, 5'000'000, 2'000'000, 12'000'000);
     clip.speed = 2.0;
-    Held<IDmTimeline> fast(makeAudioClip(clip));
+    auto fast = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* audio = query<IDmAudioFeature>(fast->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     // s = 2e6 + (c - 2e6) x 2
@@ -479,7 +464,7 @@ TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
     // A third of normal speed, rounded to the nearest cns: 3 + (c - 3) / 3.
     clip.markIn = 3;
     clip.speed = 1.0 / 3.0;
-    Held<IDmTimeline> slow(makeAudioClip(clip));
+    auto slow = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* slowAudio = query<IDmAudioFeature>(slow->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(slowAudio, nullptr);
     EXPECT_EQ(slowAudio->sourcePosition(4, false), 3);   // 3.33
@@ -490,7 +475,7 @@ TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
     // Speed 0 holds the mark-in position.
     clip.markIn = 2'000'000;
     clip.speed = 0.0;
-    Held<IDmTimeline> frozen(makeAudioClip(clip));
+    auto frozen = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* frozenAudio = query<IDmAudioFeature>(frozen->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(frozenAudio, nullptr);
     EXPECT_EQ(frozenAudio->sourcePosition(2'000'000, false), 2'000'000);
@@ -503,7 +488,7 @@ TEST_F(DmTimelineTest, SourcePositionThroughSpeedPartsWithAFrozenPart) {
     DmClipDesc clip = clipOf(tone_, "parts", 0, 10'000'000, 1'000'000, 10'000'000);
     clip.speedParts = {{4'000'000, 5'000'000, 0.0}, {2'000'000, 3'000'000, 2.0}, {6'000'000, 8'000'000, 0.5}};
     clip.speed = 3.0;  // the parts rule; the constant speed does not apply
-    Held<IDmTimeline> timeline(makeAudioClip(clip));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* audio = query<IDmAudioFeature>(timeline->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     struct Case {
@@ -537,7 +522,7 @@ TEST_F(DmTimelineTest, SourcePositionThroughSpeedPartsWithAFrozenPart) {
 }
 
 TEST_F(DmTimelineTest, MediaClipSourcePositionFollowsTheSameRule) {
-    Held<IDmClip> clip(createMediaClip(tone_.c_str(), -1, -1, nullptr));
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(tone_.c_str(), -1, -1, nullptr));
     auto* audio = query<IDmAudioFeature>(clip.get(), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     const int64_t markOut = markOutTimeOfClip(clip.get());
@@ -559,7 +544,7 @@ TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
     desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
     desc.tracks.push_back(
         trackOf(DmTrackVideo, "V1", {clipOf(silent_, "mute picture", 0, 1'000'000, 0, 1'000'000), clip}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(1, 1);
     ASSERT_NE(video, nullptr);
@@ -651,7 +636,7 @@ TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
 TEST_F(DmTimelineTest, VideoFileOnAnAudioTrackIsOnlyItsSound) {
     DmClipDesc clip = clipOf(movie_, "soundtrack", 0, kSecond, 0, kSecond);
     clip.streamId = 1;
-    Held<IDmTimeline> timeline(makeAudioClip(clip));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     IDmClip* sound = timeline->clip(0, 0);
     auto* audio = query<IDmAudioFeature>(sound, "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
@@ -670,7 +655,7 @@ TEST_F(DmTimelineTest, ClipsWithoutMediaHaveNoFeaturesButKeepRangeAndProperties)
     DmTimelineDesc desc;
     desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {missing, absent}));
     desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {lostSound}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     for (IDmClip* clip : {timeline->clip(0, 0), timeline->clip(0, 1), timeline->clip(1, 0)}) {
         ASSERT_NE(clip, nullptr);
@@ -704,23 +689,23 @@ TEST_F(DmTimelineTest, ClipsOfOneMediaStreamShareOneWaveManager) {
     DmClipDesc soundtrack = clipOf(movie_, "soundtrack", 0, kSecond, 0, kSecond);
     soundtrack.streamId = 1;
     desc.tracks.push_back(trackOf(DmTrackAudio, "A2", {soundtrack}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
 
-    Held<IDmAudioWaveMgrInternal> one(managerOf(timeline->clip(0, 0)));
-    Held<IDmAudioWaveMgrInternal> two(managerOf(timeline->clip(0, 1)));
+    auto one = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(timeline->clip(0, 0)));
+    auto two = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(timeline->clip(0, 1)));
     ASSERT_NE(one.get(), nullptr);
     EXPECT_EQ(one.get(), two.get());
     // A media clip of the same file finds the same manager.
-    Held<IDmClip> media(createMediaClip(tone_.c_str(), -1, -1, nullptr));
-    Held<IDmAudioWaveMgrInternal> viaMedia(managerOf(media.get()));
+    auto media = ZorRef<IDmClip>::adopt(createMediaClip(tone_.c_str(), -1, -1, nullptr));
+    auto viaMedia = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(media.get()));
     EXPECT_EQ(viaMedia.get(), one.get());
 
     // The linked clip of the video and the audio-track clip of its sound.
     IDmClip* linked = getBaseAudioClip(timeline->clip(1, 0));
     ASSERT_NE(linked, nullptr);
-    Held<IDmAudioWaveMgrInternal> scene(managerOf(linked));
-    Held<IDmAudioWaveMgrInternal> sound(managerOf(timeline->clip(2, 0)));
+    auto scene = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(linked));
+    auto sound = ZorRef<IDmAudioWaveMgrInternal>::adopt(managerOf(timeline->clip(2, 0)));
     ASSERT_NE(scene.get(), nullptr);
     EXPECT_EQ(scene.get(), sound.get());
     EXPECT_NE(scene.get(), one.get());
@@ -781,7 +766,7 @@ TEST_F(DmTimelineTest, InconsistentDescriptionsAreRefusedWithOneLine) {
     // A described clip of zero length is consistent.
     DmTimelineDesc empty;
     empty.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "point", kSecond, kSecond, 0, 0)}));
-    Held<IDmTimeline> timeline(make(empty));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(empty));
     EXPECT_NE(timeline.get(), nullptr);
 }
 
@@ -795,9 +780,9 @@ TEST_F(DmTimelineTest, UnreadableDocumentLoadsNothing) {
 TEST_F(DmTimelineTest, ListenersAreRegisteredOnceAndUnregisteredByPointer) {
     DmTimelineDesc desc;
     desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
-    Held<IDmTimeline> timeline(make(desc));
-    Held<IDmTimeline> listener(make(DmTimelineDesc{}));  // any object serves as a listener
-    Held<IDmTimeline> other(make(DmTimelineDesc{}));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
+    auto listener = ZorRef<IDmTimeline>::adopt(make(DmTimelineDesc{}));  // any object serves as a listener
+    auto other = ZorRef<IDmTimeline>::adopt(make(DmTimelineDesc{}));
     std::vector<IDmCallbackSource*> sources = {
         query<IDmCallbackSource>(timeline.get(), "IDmCallbackSource"),
         query<IDmCallbackSource>(timeline->track(0), "IDmCallbackSource"),
@@ -916,7 +901,7 @@ TEST_F(DmTimelineTest, GettersAndSettersMayRunOnManyThreads) {
     DmClipDesc scene = clipOf(movie_, "scene", 0, kSecond, 0, kSecond);
     DmTimelineDesc desc;
     desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {scene}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(0, 0);
     auto* videoProperties = query<IDmPropertyOwner>(video, "IDmPropertyOwner");
@@ -969,7 +954,7 @@ TEST_F(DmTimelineTest, VisualStylesAreAttachedItemsWithTheirIdentifiers) {
     styled.templateStyleId = "retro";
     DmTimelineDesc desc;
     desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {plain, styled}));
-    Held<IDmTimeline> timeline(make(desc));
+    auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
 
     IDmAttachedItemList* none = timeline->clip(0, 0)->attachedItems();

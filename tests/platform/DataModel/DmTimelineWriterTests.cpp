@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Adapter/Adapter.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmEdit.h"
 #include "DataModel/DmTimeline.h"
@@ -150,16 +151,16 @@ protected:
 
     void SetUp() override {
         std::string error;
-        timeline_ = loadTimelineDocument(document_.c_str(), &error);
-        ASSERT_NE(timeline_, nullptr) << error;
+        timeline_ = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
+        ASSERT_NE(timeline_.get(), nullptr) << error;
     }
     void TearDown() override {
-        if (timeline_ != nullptr) timeline_->Release();
+        timeline_.reset();
     }
 
     static std::unique_ptr<TempFolder> folder_;
     static std::string document_;
-    IDmTimeline* timeline_ = nullptr;
+    ZorRef<IDmTimeline> timeline_;
 };
 
 std::unique_ptr<TempFolder> DmTimelineWriter::folder_;
@@ -168,10 +169,10 @@ std::string DmTimelineWriter::document_;
 TEST_F(DmTimelineWriter, DescribesTheTimelineAsItsDocumentSaysIt) {
     DmTimelineDesc expected = parsed(document_);
     expected.warnings.clear();
-    EXPECT_EQ(dump(described(timeline_)), dump(expected));
+    EXPECT_EQ(dump(described(timeline_.get())), dump(expected));
     // Spot checks against the document's own numbers, so that the comparison
     // above does not merely agree with itself.
-    const DmTimelineDesc desc = described(timeline_);
+    const DmTimelineDesc desc = described(timeline_.get());
     ASSERT_EQ(desc.tracks.size(), 2u);
     ASSERT_EQ(desc.tracks[0].clips.size(), 2u);
     const DmClipDesc& shot = desc.tracks[0].clips[0];
@@ -190,7 +191,7 @@ TEST_F(DmTimelineWriter, DescribesTheTimelineAsItsDocumentSaysIt) {
 TEST_F(DmTimelineWriter, WrittenDocumentReadsBackToTheSameTimeline) {
     const std::string written = folder_->file("written.otio");
     std::string error = "not cleared";
-    ASSERT_EQ(writeTimelineDocument(timeline_, written.c_str(), &error), 0) << error;
+    ASSERT_EQ(writeTimelineDocument(timeline_.get(), written.c_str(), &error), 0) << error;
     EXPECT_EQ(error, "");
 
     DmTimelineDesc original = parsed(document_);
@@ -208,15 +209,14 @@ TEST_F(DmTimelineWriter, WrittenDocumentReadsBackToTheSameTimeline) {
     EXPECT_NE(text.find(R"("OTIO_SCHEMA": "MissingReference.1")"), std::string::npos);
 
     // And a timeline loaded from it describes itself the same way.
-    IDmTimeline* reloaded = loadTimelineDocument(written.c_str(), &error);
-    ASSERT_NE(reloaded, nullptr) << error;
-    EXPECT_EQ(dump(described(reloaded)), dump(original));
-    reloaded->Release();
+    auto reloaded = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(written.c_str(), &error));
+    ASSERT_NE(reloaded.get(), nullptr) << error;
+    EXPECT_EQ(dump(described(reloaded.get())), dump(original));
 }
 
 TEST_F(DmTimelineWriter, EditsAreWrittenAndMediaElsewhereAreNamedByAbsolutePaths) {
-    IDmClip* music = clipNamed(timeline_, "Music");
-    IDmClip* shot = clipNamed(timeline_, "Shot");
+    IDmClip* music = clipNamed(timeline_.get(), "Music");
+    IDmClip* shot = clipNamed(timeline_.get(), "Shot");
     ASSERT_NE(music, nullptr);
     ASSERT_NE(shot, nullptr);
     EXPECT_EQ(setClipProperty(shot, audioKey::volume, doubleProperty(-12.0)), 0);
@@ -231,12 +231,12 @@ TEST_F(DmTimelineWriter, EditsAreWrittenAndMediaElsewhereAreNamedByAbsolutePaths
     EXPECT_EQ(setClipReverse(music, false), 0);
     EXPECT_EQ(setClipVolumeKeyframes(music, {{5'000'000, -3.0}, {20'000'000, -9.5}}), 0);
     EXPECT_EQ(setTrackProperty(timeline_->track(0), trackKey::solo, true), 0);
-    const DmTimelineDesc edited = described(timeline_);
+    const DmTimelineDesc edited = described(timeline_.get());
 
     std::filesystem::create_directories(folder_->path() / "elsewhere");
     const std::string written = folder_->file("elsewhere/edited.otio");
     std::string error;
-    ASSERT_EQ(writeTimelineDocument(timeline_, written.c_str(), &error), 0) << error;
+    ASSERT_EQ(writeTimelineDocument(timeline_.get(), written.c_str(), &error), 0) << error;
     const DmTimelineDesc again = parsed(written);
     EXPECT_EQ(dump(again), dump(edited));
 
@@ -266,7 +266,7 @@ TEST_F(DmTimelineWriter, ReplacesTheFileWholeAndLeavesNoTemporaryFile) {
     const std::string target = folder_->file("saves/cut.otio");
     writeText(target, "an older document");
     std::string error;
-    ASSERT_EQ(writeTimelineDocument(timeline_, target.c_str(), &error), 0) << error;
+    ASSERT_EQ(writeTimelineDocument(timeline_.get(), target.c_str(), &error), 0) << error;
     EXPECT_EQ(filesUnder(folder_->path() / "saves"), std::vector<std::string>{target});
     DmTimelineDesc original = parsed(document_);
     original.warnings.clear();
@@ -274,26 +274,26 @@ TEST_F(DmTimelineWriter, ReplacesTheFileWholeAndLeavesNoTemporaryFile) {
 
     // A folder that does not exist: nothing is written, the error says why.
     const std::string nowhere = folder_->file("missing/cut.otio");
-    EXPECT_EQ(writeTimelineDocument(timeline_, nowhere.c_str(), &error), kResultFailure);
+    EXPECT_EQ(writeTimelineDocument(timeline_.get(), nowhere.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, nowhere + ": cannot create a file in its folder: No such file or directory");
     EXPECT_FALSE(std::filesystem::exists(folder_->path() / "missing"));
 
     // Something that is not a timeline of the data model.
     EXPECT_EQ(writeTimelineDocument(nullptr, target.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, target + ": not a timeline made by the data model");
-    EXPECT_EQ(writeTimelineDocument(timeline_, "", &error), kResultFailure);
+    EXPECT_EQ(writeTimelineDocument(timeline_.get(), "", &error), kResultFailure);
     EXPECT_EQ(error, ": no file name");
 }
 
 TEST_F(DmTimelineWriter, OverlappingClipsAreRefusedAndTheOldFileStays) {
     const std::string target = folder_->file("overlap.otio");
     writeText(target, "kept");
-    IDmClip* still = clipNamed(timeline_, "Still");
+    IDmClip* still = clipNamed(timeline_.get(), "Still");
     ASSERT_NE(still, nullptr);
     // The shot ends at 2.5 s; the still is moved to begin inside it.
     ASSERT_EQ(moveClip(still, 2 * kSecond), 0);
     std::string error;
-    EXPECT_EQ(writeTimelineDocument(timeline_, target.c_str(), &error), kResultFailure);
+    EXPECT_EQ(writeTimelineDocument(timeline_.get(), target.c_str(), &error), kResultFailure);
     EXPECT_EQ(error, target + ": clip 'Still' of track 0 begins before the end of the clip before it");
     const std::vector<char> bytes = readBytes(target);
     EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "kept");

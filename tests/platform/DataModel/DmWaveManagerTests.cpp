@@ -7,6 +7,7 @@
 
 #include "Adapter/Adapter.h"
 #include "BsDataStructure/BsDataStructure.h"
+#include "Common/ZorInternalComUtility.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
@@ -26,16 +27,16 @@ protected:
         path_ = folder_.file("tone.wav");
         ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -c:a pcm_s16le '" + path_ + "'"));
     }
-    IDmClip* newClip(const std::string& path) {
-        IDmClip* clip = createMediaClip(path.c_str(), -1, -1, nullptr);
+    ZorRef<IDmClip> newClip(const std::string& path) {
+        auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
         EXPECT_NE(clip, nullptr);
         return clip;
     }
-    static IDmAudioWaveMgrInternal* managerOf(IDmClip* clip) {
+    static ZorRef<IDmAudioWaveMgrInternal> managerOf(const ZorRef<IDmClip>& clip) {
         auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
-        return acquireIDmAudioWaveMgrInternal(internal->waveManagerSource());
+        return ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
     }
-    static IDmAudioWaveStore* storeOf(IDmClip* clip) {
+    static IDmAudioWaveStore* storeOf(const ZorRef<IDmClip>& clip) {
         auto* source = static_cast<IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
         return source->waveStore();
     }
@@ -45,10 +46,10 @@ protected:
 };
 
 TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
-    IDmClip* clip = newClip(path_);
+    const auto clip = newClip(path_);
     IDmAudioWaveStore* store = storeOf(clip);
     ASSERT_NE(store, nullptr);
-    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    const auto manager = managerOf(clip);
     ASSERT_NE(manager, nullptr);
 
     std::vector<float> values(2 * kValues);
@@ -94,13 +95,11 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
     EXPECT_EQ(missing[0], std::make_pair(8, 9));
     EXPECT_EQ(missing[1], std::make_pair(12, 14));
 
-    manager->Release();
-    clip->Release();
 }
 
 TEST_F(DmWaveManagerTest, OnlyTwentyFiveFramesPerSecondIsKept) {
-    IDmClip* clip = newClip(path_);
-    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    const auto clip = newClip(path_);
+    const auto manager = managerOf(clip);
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ(manager->valueCountPerFrame(25, 1), 40u);
     EXPECT_EQ(manager->valueCountPerFrame(50, 2), 40u);
@@ -116,12 +115,10 @@ TEST_F(DmWaveManagerTest, OnlyTwentyFiveFramesPerSecondIsKept) {
     EXPECT_EQ(count, 40);
     EXPECT_NE(audio->valueCountPerFrame(&count, 30000, 1001), 0);
     EXPECT_EQ(count, 0);
-    manager->Release();
-    clip->Release();
 }
 
 TEST_F(DmWaveManagerTest, EndOfStreamBoundsTheMissingFrames) {
-    IDmClip* clip = newClip(path_);
+    const auto clip = newClip(path_);
     IDmAudioWaveStore* store = storeOf(clip);
     EXPECT_EQ(store->endFrame(), -1);
     store->setEndFrame(store->contentGeneration(), 25);
@@ -138,21 +135,20 @@ TEST_F(DmWaveManagerTest, EndOfStreamBoundsTheMissingFrames) {
     ASSERT_TRUE(store->decodeOrigin(generation, &pts, &rate));
     EXPECT_EQ(pts, 1105);
     EXPECT_EQ(rate, 44100);
-    clip->Release();
 }
 
 TEST_F(DmWaveManagerTest, FillValuesCopiesListedFramesInOrderWithZerosForFramesNotHeld) {
-    IDmClip* clip = newClip(path_);
+    const auto clip = newClip(path_);
     IDmAudioWaveStore* store = storeOf(clip);
     std::vector<float> values(3 * kValues);
     for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i + 1) / 200.0f;
     ASSERT_EQ(store->storeFrames(store->contentGeneration(), 0, 3, values.data()), 0);
 
-    IZORLonglongList* frames = createZORLonglongList();
+    const auto frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
     for (int64_t frame : {2, 0, 5, 1}) frames->append(frame);
     std::vector<float> buffer(4 * kValues, -1.0f);
     auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
-    ASSERT_EQ(audio->fillValues(frames, 25, 1, buffer.data()), 0);
+    ASSERT_EQ(audio->fillValues(frames.get(), 25, 1, buffer.data()), 0);
     const int64_t order[] = {2, 0, -1, 1};
     for (int i = 0; i < 4; ++i)
         for (int k = 0; k < kValues; ++k) {
@@ -161,48 +157,40 @@ TEST_F(DmWaveManagerTest, FillValuesCopiesListedFramesInOrderWithZerosForFramesN
                 order[i] < 0 ? 0.0f : quantised(values[static_cast<size_t>(order[i] * kValues + k)]);
             EXPECT_EQ(got, expected) << "slot " << i << " value " << k;
         }
-    EXPECT_NE(audio->fillValues(frames, 24, 1, buffer.data()), 0);
-    frames->Release();
-    clip->Release();
+    EXPECT_NE(audio->fillValues(frames.get(), 24, 1, buffer.data()), 0);
 }
 
 TEST_F(DmWaveManagerTest, ClipsOfOneFileShareOneManagerUntilTheLastIsGone) {
     const std::string link = folder_.file("link.wav");
     std::filesystem::create_symlink(path_, link);
-    IDmClip* first = newClip(path_);
-    IDmClip* viaLink = newClip(link);
-    IDmClip* relative = nullptr;
     {
-        // The same file through a relative path.
-        const auto previous = std::filesystem::current_path();
-        std::filesystem::current_path(folder_.path());
-        relative = newClip("./tone.wav");
-        std::filesystem::current_path(previous);
+        const auto first = newClip(path_);
+        const auto viaLink = newClip(link);
+        ZorRef<IDmClip> relative;
+        {
+            // The same file through a relative path.
+            const auto previous = std::filesystem::current_path();
+            std::filesystem::current_path(folder_.path());
+            relative = newClip("./tone.wav");
+            std::filesystem::current_path(previous);
+        }
+        const auto a = managerOf(first);
+        const auto b = managerOf(viaLink);
+        const auto c = managerOf(relative);
+        ASSERT_NE(a, nullptr);
+        EXPECT_EQ(a.get(), b.get());
+        EXPECT_EQ(a.get(), c.get());
+        std::vector<float> values(kValues, 0.5f);
+        ASSERT_EQ(storeOf(first)->storeFrames(storeOf(first)->contentGeneration(), 4, 1, values.data()), 0);
+        EXPECT_NE(b->hasFrames(4, 4), 0);
     }
-    IDmAudioWaveMgrInternal* a = managerOf(first);
-    IDmAudioWaveMgrInternal* b = managerOf(viaLink);
-    IDmAudioWaveMgrInternal* c = managerOf(relative);
-    ASSERT_NE(a, nullptr);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(a, c);
-    std::vector<float> values(kValues, 0.5f);
-    ASSERT_EQ(storeOf(first)->storeFrames(storeOf(first)->contentGeneration(), 4, 1, values.data()), 0);
-    EXPECT_NE(b->hasFrames(4, 4), 0);
-    a->Release();
-    b->Release();
-    c->Release();
-    first->Release();
-    viaLink->Release();
-    relative->Release();
 
     // Every holder is gone: a new clip starts with an empty manager.
-    IDmClip* again = newClip(path_);
-    IDmAudioWaveMgrInternal* fresh = managerOf(again);
+    const auto again = newClip(path_);
+    const auto fresh = managerOf(again);
     ASSERT_NE(fresh, nullptr);
     EXPECT_EQ(fresh->hasFrames(4, 4), 0);
     EXPECT_EQ(fresh->refCount(), 2);  // the clip's and ours
-    fresh->Release();
-    again->Release();
 }
 
 // The file's identity is its size and modification time; anything that is not
@@ -227,9 +215,9 @@ TEST_F(DmWaveManagerTest, FileIdentityIsSizeAndModificationTime) {
 // A new identity drops everything the manager held and begins a new
 // generation; writes of the old generation are refused.
 TEST_F(DmWaveManagerTest, ANewFileIdentityDropsHeldFramesAndRefusesStaleWrites) {
-    IDmClip* clip = newClip(path_);
+    const auto clip = newClip(path_);
     IDmAudioWaveStore* store = storeOf(clip);
-    IDmAudioWaveMgrInternal* manager = managerOf(clip);
+    const auto manager = managerOf(clip);
     ASSERT_NE(manager, nullptr);
     const DmFileIdentity identity = mediaFileIdentity(path_.c_str());
     const uint64_t old = store->contentGeneration();
@@ -266,34 +254,28 @@ TEST_F(DmWaveManagerTest, ANewFileIdentityDropsHeldFramesAndRefusesStaleWrites) 
     EXPECT_FALSE(store->decodeOrigin(fresh, nullptr, nullptr));
     ASSERT_EQ(store->storeFrames(fresh, 1, 1, values.data()), 0);
     EXPECT_NE(manager->hasFrames(1, 1), 0);
-    manager->Release();
-    clip->Release();
 }
 
 // A clip made after the file changed on disk shares the manager of the older
 // clips, which starts over for the new content.
 TEST_F(DmWaveManagerTest, AClipOfAChangedFileEmptiesTheSharedManager) {
-    IDmClip* before = newClip(path_);
+    const auto before = newClip(path_);
     IDmAudioWaveStore* store = storeOf(before);
     std::vector<float> values(kValues, 0.5f);
     const uint64_t old = store->contentGeneration();
     ASSERT_EQ(store->storeFrames(old, 3, 1, values.data()), 0);
     // The same file again: what is held stays.
-    IDmClip* same = newClip(path_);
-    IDmAudioWaveMgrInternal* manager = managerOf(same);
+    const auto same = newClip(path_);
+    const auto manager = managerOf(same);
     EXPECT_NE(manager->hasFrames(3, 3), 0);
     EXPECT_EQ(store->contentGeneration(), old);
 
     ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=220:r=44100:d=1.5\" -c:a pcm_s16le '" + path_ + "'"));
-    IDmClip* after = newClip(path_);
+    const auto after = newClip(path_);
     EXPECT_EQ(storeOf(after), store);
     EXPECT_EQ(manager->hasFrames(3, 3), 0);
     EXPECT_NE(store->contentGeneration(), old);
     EXPECT_EQ(store->storeFrames(old, 3, 1, values.data()), IDmAudioWaveStore::kStaleGeneration);
-    manager->Release();
-    after->Release();
-    same->Release();
-    before->Release();
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 
 namespace ZOR::test {
 
-
 // A one-shot signal that may be raised more than once (only the first counts).
 class Signal {
 public:
