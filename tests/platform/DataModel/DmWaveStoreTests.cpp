@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using MediaTest::ffmpeg;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 constexpr int32_t kValues = 40;
 
