@@ -1,7 +1,7 @@
-// Test media for the platform tests: a fresh folder per test, small files
-// made with the ffmpeg command, and independent readers for what the tests
-// compare against (WAV samples, raw float samples decoded by the ffmpeg
-// command, PNG pixels).
+// Test media for the tests: a fresh folder per test, small files made with
+// the ffmpeg command (by the makers of TestMedia.h), and independent readers
+// for what the tests compare against (WAV samples, raw float samples decoded
+// by the ffmpeg command, PNG pixels).
 #pragma once
 
 #include <unistd.h>
@@ -23,12 +23,14 @@
 #include <gtest/gtest.h>
 
 #include "TempFolder.h"
+#include "TestMedia.h"
 
 namespace MediaTest {
 
-// Runs "ffmpeg <arguments>" quietly; true when it succeeded.
+// Runs "ffmpeg <arguments>" quietly (the arguments of TestMedia.h's makers,
+// or others); true when it succeeded, a failure of the test when not.
 inline bool ffmpeg(const std::string& arguments) {
-    const std::string command = "ffmpeg -nostdin -hide_banner -loglevel error -y " + arguments + " </dev/null";
+    const std::string command = ffmpegCommand(arguments);
     const int status = std::system(command.c_str());
     EXPECT_EQ(status, 0) << "failed: " << command;
     return status == 0;

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "DataModel/DmTimeline.h"
 
@@ -21,6 +23,29 @@ inline DmClipDesc clipOf(const std::string& name, const std::string& path, int64
     clip.markOut = markIn + length;
     clip.volumeDb = volumeDb;
     return clip;
+}
+
+// A clip named name over [begin, end) of the timeline, playing [markIn,
+// markOut) of the media file at path.
+inline DmClipDesc clipDesc(const std::string& path, const std::string& name, int64_t begin, int64_t end,
+                           int64_t markIn, int64_t markOut) {
+    DmClipDesc clip;
+    clip.name = name;
+    clip.mediaPath = path;
+    clip.begin = begin;
+    clip.end = end;
+    clip.markIn = markIn;
+    clip.markOut = markOut;
+    return clip;
+}
+
+// A track of kind (DmTrackKind) named name holding clips.
+inline DmTrackDesc trackDesc(int32_t kind, const std::string& name, std::vector<DmClipDesc> clips) {
+    DmTrackDesc track;
+    track.kind = kind;
+    track.name = name;
+    track.clips = std::move(clips);
+    return track;
 }
 
 // A timeline of one track of kind holding one clip, named name, of the

@@ -38,7 +38,7 @@ protected:
         folder_ = std::make_unique<TempFolder>();
         tone_ = folder_->file("tone.wav");
         movie_ = folder_->file("movie.mp4");
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=330:r=48000:d=3\" -c:a pcm_s16le '" + tone_ + "'"));
+        ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(tone_, 330, 48000, 3)));
         ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=64x36:r=25:d=3\" -f lavfi -i \"sine=f=440:r=48000:d=3\" "
                            "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie_ + "'"));
     }

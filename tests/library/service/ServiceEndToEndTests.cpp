@@ -225,12 +225,10 @@ protected:
         ASSERT_TRUE(ffmpeg(steppedSource(2, 3.0, 13) + " -c:a pcm_s16le '" + sound_ + "'"));
         // One second each of red, green and blue, with the sound of sound.wav
         // as 16-bit PCM (the WAV file's own samples).
-        std::string colours;
-        for (const char* colour : {"0xFF0000", "0x00FF00", "0x0000FF"})
-            colours += std::string(" -f lavfi -i \"color=c=") + colour + ":s=64x48:r=25:d=1\"";
-        ASSERT_TRUE(ffmpeg(colours + " -i '" + sound_ +
-                           "' -filter_complex \"[0][1][2]concat=n=3:v=1:a=0[v]\" -map \"[v]\" -map 3:a "
-                           "-c:v libx264 -pix_fmt yuv420p -c:a pcm_s16le '" + movie_ + "'"));
+        MediaTest::ColourVideo film;
+        film.colours = {"0xFF0000", "0x00FF00", "0x0000FF"};
+        film.sound = sound_;
+        ASSERT_TRUE(ffmpeg(MediaTest::colourVideoArguments(movie_, film)));
         musicWindows_ = MediaTest::waveValues(MediaTest::readWav16(music_));
         voiceWindows_ = MediaTest::waveValues(MediaTest::readWav16(voice_));
         soundWindows_ = MediaTest::waveValues(MediaTest::readWav16(sound_));

@@ -60,32 +60,13 @@ inline std::vector<Rgb> palette(int count) {
 // gopFrames frames and nowhere else.
 inline bool makeColourVideo(const std::string& path, const std::vector<Rgb>& colours, int width, int height,
                             int gopFrames) {
-    std::string arguments;
-    std::string labels;
-    for (size_t i = 0; i < colours.size(); ++i) {
-        arguments += " -f lavfi -i \"color=c=";
-        arguments += hexOf(colours[i]);
-        arguments += ":s=";
-        arguments += std::to_string(width);
-        arguments += 'x';
-        arguments += std::to_string(height);
-        arguments += ":r=25:d=1\"";
-        labels += '[';
-        labels += std::to_string(i);
-        labels += ']';
-    }
-    arguments += " -filter_complex \"";
-    arguments += labels;
-    arguments += "concat=n=";
-    arguments += std::to_string(colours.size());
-    arguments += ":v=1:a=0\" -c:v libx264 -preset veryfast -crf 12 -pix_fmt yuv420p -g ";
-    arguments += std::to_string(gopFrames);
-    arguments += " -keyint_min ";
-    arguments += std::to_string(gopFrames);
-    arguments += " -sc_threshold 0 '";
-    arguments += path;
-    arguments += '\'';
-    return MediaTest::ffmpeg(arguments);
+    MediaTest::ColourVideo video;
+    for (const Rgb& colour : colours) video.colours.push_back(hexOf(colour));
+    video.width = width;
+    video.height = height;
+    video.encoding = std::string(MediaTest::kH264) + " -preset veryfast -crf 12 -g " + std::to_string(gopFrames) +
+                     " -keyint_min " + std::to_string(gopFrames) + " -sc_threshold 0";
+    return MediaTest::ffmpeg(MediaTest::colourVideoArguments(path, video));
 }
 
 // The rendering order of count frames by its rule: 0, count - 1, then pass

@@ -109,11 +109,11 @@ protected:
         store_ = folder_.file("store");
         setFrameStoreRoot(store_.c_str());
         video_ = folder_.file("colours.mp4");
-        std::string inputs;
-        for (const char* colour : {"0xFF0000", "0x00FF00", "0x0000FF", "0xFFFF00"})
-            inputs += std::string(" -f lavfi -i \"color=c=") + colour + ":s=160x90:r=25:d=1\"";
-        ASSERT_TRUE(ffmpeg(inputs + " -filter_complex \"[0][1][2][3]concat=n=4:v=1:a=0\" -c:v libx264 "
-                           "-pix_fmt yuv420p '" + video_ + "'"));
+        MediaTest::ColourVideo colours;
+        colours.colours = {"0xFF0000", "0x00FF00", "0x0000FF", "0xFFFF00"};
+        colours.width = 160;
+        colours.height = 90;
+        ASSERT_TRUE(ffmpeg(MediaTest::colourVideoArguments(video_, colours)));
 
         DmClipDesc clip;
         clip.name = "colours";

@@ -22,17 +22,11 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
+using MediaTest::rampInput;
 
 constexpr int32_t kValues = 40;
 // 400,000 cns is one frame at 25/1.
 constexpr int64_t kFrame = 400'000;
-
-// Two channels with amplitudes ramping in opposite directions.
-std::string rampSource(int rate, double seconds) {
-    const std::string d = std::to_string(seconds);
-    return "-f lavfi -i \"aevalsrc=exprs='(0.1+0.8*t/" + d + ")*sin(2*PI*440*t)|(0.9-0.8*t/" + d +
-           ")*sin(2*PI*660*t)':s=" + std::to_string(rate) + ":d=" + d + "\"";
-}
 
 class WaveWrapperRealService : public ::testing::Test {
 protected:
@@ -85,7 +79,7 @@ protected:
 // file's values.
 TEST_F(WaveWrapperRealService, AFileChangedBeforeDecodingIsQueriedAgainUnderANewToken) {
     const std::string path = folder_.file("changing.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(44100, 1.0) + " -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(44100, 1.0) + " -c:a pcm_s16le '" + path + "'"));
     IDmClip* clip = clipOf(path);
     ASSERT_NE(clip, nullptr);
     ASSERT_EQ(wrapper_->pauseQuery(), 0);
@@ -112,7 +106,7 @@ TEST_F(WaveWrapperRealService, AFileChangedBeforeDecodingIsQueriedAgainUnderANew
 // reaches the callback.
 TEST_F(WaveWrapperRealService, CancelWhileDecodingReachesTheCallback) {
     const std::string path = folder_.file("held.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     IDmClip* clip = clipOf(path);
     ASSERT_NE(clip, nullptr);
     // The same bytes through a pipe that holds the second reader (the
@@ -137,7 +131,7 @@ TEST_F(WaveWrapperRealService, CancelWhileDecodingReachesTheCallback) {
 // Nothing finishes while the wrapper is paused; after resume the query does.
 TEST_F(WaveWrapperRealService, PausedQueriesWaitForResume) {
     const std::string path = folder_.file("tone.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(48000, 1.0) + " -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(48000, 1.0) + " -c:a pcm_s16le '" + path + "'"));
     IDmClip* clip = clipOf(path);
     ASSERT_NE(clip, nullptr);
     ASSERT_EQ(wrapper_->pauseQuery(), 0);

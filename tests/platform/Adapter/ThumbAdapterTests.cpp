@@ -83,19 +83,8 @@ constexpr int kNumberedWidth = 128;
 constexpr int kNumberedHeight = 64;
 constexpr int kNumberedFrames = 250;
 
-// The frame number the band of a numbered picture spells (bit k white in the
-// stripe 16k..16k+15 of the top rows), or -1.
-int numberOf(const Picture& picture) {
-    int number = 0;
-    for (int bit = 0; bit < 8; ++bit) {
-        const unsigned char* p = picture.at(16 * bit + 8, 8);
-        if (p[0] > 200 && p[1] > 200 && p[2] > 200)
-            number |= 1 << bit;
-        else if (p[0] > 50 || p[1] > 50 || p[2] > 50)
-            return -1;
-    }
-    return number;
-}
+// The frame number the band of a numbered picture spells, or -1.
+int numberOf(const Picture& picture) { return MediaTest::numberOfBand(picture.rgba.data(), picture.width); }
 
 // ---------------------------------------------------------------------------
 // Media, each file made when a test first needs it (ctest runs every test in
@@ -107,15 +96,12 @@ public:
         // 10 s at 25/1, 320x180: a colour of the palette each second, a
         // keyframe every 2 s and B-frames in a pyramid.
         return made(colours_, "colours.mp4", [&](const std::string& path) {
-            std::string inputs;
-            std::string pads;
-            for (size_t i = 0; i < palette().size(); ++i) {
-                inputs += " -f lavfi -i \"color=c=" + hex(palette()[i]) + ":s=320x180:r=25:d=1\"";
-                pads += '[';
-                pads += std::to_string(i);
-                pads += ']';
-            }
-            return ffmpeg(inputs + " -filter_complex \"" + pads + "concat=n=10:v=1:a=0\"" + kX264 + "'" + path + "'");
+            MediaTest::ColourVideo video;
+            for (const Rgb& colour : palette()) video.colours.push_back(hex(colour));
+            video.width = 320;
+            video.height = 180;
+            video.encoding = MediaTest::kH264Pyramid;
+            return ffmpeg(MediaTest::colourVideoArguments(path, video));
         });
     }
     const std::string& coloursTs() {
@@ -130,10 +116,7 @@ public:
         // spells each frame's number; most pictures depend on others, and
         // many frames are never referred to.
         return made(numbered_, "numbered.mp4", [&](const std::string& path) {
-            return ffmpeg("-f lavfi -i \"testsrc2=s=128x64:r=25:d=10\" -vf \"format=yuv420p,"
-                          "geq=lum='if(lt(Y,16),if(gt(bitand(N,pow(2,floor(X/16))),0),235,16),lum(X,Y))':"
-                          "cb='if(lt(Y/SH,16),128,cb(X,Y))':cr='if(lt(Y/SH,16),128,cr(X,Y))'\"" +
-                          std::string(kX264) + "'" + path + "'");
+            return ffmpeg(MediaTest::numberedVideoArguments(path, 128, 64, 10));
         });
     }
     const std::string& longGroup() {
@@ -193,8 +176,6 @@ public:
     std::string folder() const { return folder_.path().string(); }
 
 private:
-    static constexpr const char* kX264 = " -c:v libx264 -pix_fmt yuv420p -x264-params "
-                                         "keyint=50:min-keyint=50:scenecut=0:bframes=3:b-adapt=0:b-pyramid=normal ";
 
     template <class Make>
     const std::string& made(std::string& path, const std::string& name, Make make) {

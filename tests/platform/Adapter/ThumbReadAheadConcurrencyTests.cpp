@@ -24,19 +24,8 @@ constexpr int64_t kFrame = 400'000;  // 25 frames per second
 constexpr int32_t kWidth = 128;
 constexpr int32_t kHeight = 64;
 
-// The frame number the band of a picture spells (bit k white in the stripe
-// 16k..16k+15 of the top rows), or -1.
-int numberOf(const std::vector<unsigned char>& rgba) {
-    int number = 0;
-    for (int bit = 0; bit < 8; ++bit) {
-        const unsigned char* p = rgba.data() + (static_cast<size_t>(8) * kWidth + 16 * bit + 8) * 4;
-        if (p[0] > 200 && p[1] > 200 && p[2] > 200)
-            number |= 1 << bit;
-        else if (p[0] > 50 || p[1] > 50 || p[2] > 50)
-            return -1;
-    }
-    return number;
-}
+// The frame number the band of a picture spells, or -1.
+int numberOf(const std::vector<unsigned char>& rgba) { return MediaTest::numberOfBand(rgba.data(), kWidth); }
 
 class ThumbReadAheadConcurrencyTest : public ::testing::Test {
 protected:
@@ -45,12 +34,7 @@ protected:
         // 10 s at 25/1 under a band that spells each frame's number, a
         // keyframe every 2 s, B-frames in a pyramid.
         path_ = folder_->file("numbered.mp4");
-        ASSERT_TRUE(MediaTest::ffmpeg(
-            "-f lavfi -i \"testsrc2=s=128x64:r=25:d=10\" -vf \"format=yuv420p,"
-            "geq=lum='if(lt(Y,16),if(gt(bitand(N,pow(2,floor(X/16))),0),235,16),lum(X,Y))':"
-            "cb='if(lt(Y/SH,16),128,cb(X,Y))':cr='if(lt(Y/SH,16),128,cr(X,Y))'\" -c:v libx264 -pix_fmt yuv420p "
-            "-x264-params keyint=50:min-keyint=50:scenecut=0:bframes=3:b-adapt=0:b-pyramid=normal '" +
-            path_ + "'"));
+        ASSERT_TRUE(MediaTest::ffmpeg(MediaTest::numberedVideoArguments(path_, 128, 64, 10)));
     }
     static void TearDownTestSuite() {
         delete folder_;

@@ -25,18 +25,11 @@ namespace ZOR::test {
 namespace {
 
 using MediaTest::ffmpeg;
+using MediaTest::rampInput;
 
 constexpr int32_t kValues = 40;
 // 16-bit PCM samples are k / 32768, which the wave store keeps exactly.
 constexpr float kStepTolerance = 0.0f;
-
-// Two channels whose amplitudes ramp in opposite directions, so every window
-// has its own peak and the louder channel changes half way.
-std::string rampSource(int rate, double seconds) {
-    return "-f lavfi -i \"aevalsrc=exprs='(0.1+0.8*t/" + std::to_string(seconds) + ")*sin(2*PI*440*t)|(0.9-0.8*t/" +
-           std::to_string(seconds) + ")*sin(2*PI*660*t)':s=" + std::to_string(rate) + ":d=" +
-           std::to_string(seconds) + "\"";
-}
 
 class AudioWaveTaskTest : public ::testing::Test {
 protected:
@@ -56,7 +49,7 @@ protected:
 
     std::string makeWav(const std::string& name, int rate, double seconds) {
         const std::string path = folder_.file(name);
-        ffmpeg(rampSource(rate, seconds) + " -c:a pcm_s16le '" + path + "'");
+        ffmpeg(rampInput(rate, seconds) + " -c:a pcm_s16le '" + path + "'");
         return path;
     }
 
@@ -167,7 +160,7 @@ TEST_F(AudioWaveTaskTest, WavValuesAt48000AndARangeInTheMiddleArePlacedExactly) 
 
 TEST_F(AudioWaveTaskTest, LongRangesAreDecodedInPiecesThatJoinExactly) {
     const std::string path = folder_.file("long.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(44100, 24.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(44100, 24.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
     auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     ScopedCapture capture(IBsLogger::Debug);
@@ -283,7 +276,7 @@ TEST_F(AudioWaveTaskTest, BadInputIsRejectedOrFailsWithANamedCause) {
     ScopedCapture capture(IBsLogger::Info);
     const std::string good = makeWav("good.wav", 44100, 1.0);
     const std::string video = folder_.file("silent.mp4");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + video + "'"));
+    ASSERT_TRUE(ffmpeg(MediaTest::silentVideoArguments(video, 32, 32, 1)));
     const std::string m4a = folder_.file("cut.m4a");
     ASSERT_TRUE(ffmpeg("-i '" + good + "' -c:a aac '" + m4a + "'"));
     MediaTest::writeText(folder_.file("empty.wav"), "");
@@ -633,7 +626,7 @@ protected:
 
 TEST_F(HeldDecoderTest, CancelStopsADecodingRequest) {
     const std::string path = folder_.file("held.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
     const int64_t token = append(clip_.get(), 0, 249);
     ASSERT_TRUE(server_->waitAtGate(kGenerous));
@@ -648,7 +641,7 @@ TEST_F(HeldDecoderTest, CancelStopsADecodingRequest) {
 
 TEST_F(HeldDecoderTest, PauseLetsRunningWorkFinishAndHoldsNewWork) {
     const std::string path = folder_.file("held.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     const std::vector<float> expected = MediaTest::waveValues(MediaTest::readWav16(path));
     serve(path);
     const int64_t running = append(clip_.get(), 0, 249);
@@ -669,7 +662,7 @@ TEST_F(HeldDecoderTest, PauseLetsRunningWorkFinishAndHoldsNewWork) {
 
 TEST_F(HeldDecoderTest, ShutdownCancelsJoinsAndReportsNothingMore) {
     const std::string path = folder_.file("held.wav");
-    ASSERT_TRUE(ffmpeg(rampSource(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(rampInput(8000, 20.0) + " -ac 1 -c:a pcm_s16le '" + path + "'"));
     serve(path);
     const int64_t token = append(clip_.get(), 0, 249);
     ASSERT_TRUE(server_->waitAtGate(kGenerous));

@@ -56,17 +56,7 @@ constexpr int kNumberedHeight = 64;
 constexpr int kNumberedFrames = 200;
 
 // The frame number the band of a picture of makeNumbered() spells, or -1.
-int numberOf(const std::vector<unsigned char>& rgba) {
-    int number = 0;
-    for (int bit = 0; bit < 8; ++bit) {
-        const unsigned char* p = rgba.data() + (static_cast<size_t>(8) * kNumberedWidth + 16 * bit + 8) * 4;
-        if (p[0] > 200 && p[1] > 200 && p[2] > 200)
-            number |= 1 << bit;
-        else if (p[0] > 50 || p[1] > 50 || p[2] > 50)
-            return -1;
-    }
-    return number;
-}
+int numberOf(const std::vector<unsigned char>& rgba) { return MediaTest::numberOfBand(rgba.data(), kNumberedWidth); }
 
 // The largest difference of one channel between two pictures of one size.
 int largestDifference(const unsigned char* a, const unsigned char* b, size_t bytes) {
@@ -120,14 +110,16 @@ protected:
 
     // 64x48 at 25/1: a second each of red, green, blue and yellow, with a
     // keyframe only at the start, so every picture needs real decoding.
-    std::string makeColours(const std::string& name = "colours.mp4", const std::string& size = "64x48",
+    std::string makeColours(const std::string& name = "colours.mp4", int width = 64, int height = 48,
                             const std::string& extra = "") {
         const std::string path = folder_.file(name);
-        std::string inputs;
-        for (const char* colour : {"0xFF0000", "0x00FF00", "0x0000FF", "0xFFFF00"})
-            inputs += std::string(" -f lavfi -i \"color=c=") + colour + ":s=" + size + ":r=25:d=1\"";
-        ffmpeg(inputs + " -filter_complex \"[0][1][2][3]concat=n=4:v=1:a=0" + extra +
-               "\" -c:v libx264 -pix_fmt yuv420p -x264-params keyint=250:scenecut=0:bframes=3 '" + path + "'");
+        MediaTest::ColourVideo video;
+        video.colours = {"0xFF0000", "0x00FF00", "0x0000FF", "0xFFFF00"};
+        video.width = width;
+        video.height = height;
+        video.filter = extra;
+        video.encoding = std::string(MediaTest::kH264) + " -x264-params keyint=250:scenecut=0:bframes=3";
+        ffmpeg(MediaTest::colourVideoArguments(path, video));
         return path;
     }
 
@@ -138,11 +130,7 @@ protected:
     // third of the frames are never referred to.
     std::string makeNumbered() {
         const std::string path = folder_.file("numbered.mp4");
-        ffmpeg("-f lavfi -i \"testsrc2=s=128x64:r=25:d=8\" -vf \"format=yuv420p,"
-               "geq=lum='if(lt(Y,16),if(gt(bitand(N,pow(2,floor(X/16))),0),235,16),lum(X,Y))':"
-               "cb='if(lt(Y/SH,16),128,cb(X,Y))':cr='if(lt(Y/SH,16),128,cr(X,Y))'\" -c:v libx264 -pix_fmt yuv420p "
-               "-x264-params keyint=50:min-keyint=50:scenecut=0:bframes=3:b-adapt=0:b-pyramid=normal '" +
-               path + "'");
+        ffmpeg(MediaTest::numberedVideoArguments(path, 128, 64, 8));
         return path;
     }
 
@@ -318,7 +306,7 @@ TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactI
 TEST_F(VideoFrameTaskTest, PicturesKeepTheirShapeAndTheRestIsTransparent) {
     const std::string wide = makeColours();
     // 32x48 stored pixels twice as wide as high: shown 64x48.
-    const std::string anamorphic = makeColours("anamorphic.mp4", "32x48", ",setsar=2/1");
+    const std::string anamorphic = makeColours("anamorphic.mp4", 32, 48, ",setsar=2/1");
     for (const std::string& path : {wide, anamorphic}) {
         SCOPED_TRACE(path);
         auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));

@@ -132,9 +132,8 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
     TempFolder folder;
     const std::string tone = folder.file("tone.wav");
     const std::string movie = folder.file("movie.mp4");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" -ac 2 -c:a pcm_s16le '" + tone + "'"));
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" -ac 2 "
-                       "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie + "'"));
+    ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(tone, 440, 44100, 2, 2)));
+    ASSERT_TRUE(ffmpeg(MediaTest::filmArguments(movie, 64, 48, 2, 440)));
     DmTimelineDesc desc;
     DmTrackDesc v1;
     v1.kind = DmTrackVideo;

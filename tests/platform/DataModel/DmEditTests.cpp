@@ -27,6 +27,7 @@
 #include "ListenerCenter/ListenerCenter.h"
 #include "MakeRef.h"
 #include "MediaTestSupport.h"
+#include "TimelineDescs.h"
 #include "Timeouts.h"
 
 namespace ZOR::test {
@@ -262,44 +263,22 @@ protected:
         movie_ = folder_->file("movie.mp4");
         silent_ = folder_->file("silent.mp4");
         dual_ = folder_->file("dual.mkv");
-        ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" -ac 2 -c:a pcm_s16le '" + tone_ + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" -ac 2 "
-               "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie_ + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + silent_ + "'");
-        ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" -f lavfi -i \"sine=f=880:r=48000:d=2\" -map 0:a -map 1:a "
-               "-c:a pcm_s16le -ac:a:1 2 '" + dual_ + "'");
+        ffmpeg(MediaTest::toneArguments(tone_, 440, 44100, 2, 2));
+        ffmpeg(MediaTest::filmArguments(movie_, 64, 48, 2, 440));
+        ffmpeg(MediaTest::silentVideoArguments(silent_, 32, 32, 1));
+        ffmpeg(MediaTest::twoStreamsArguments(dual_, {440, 44100, 1}, {880, 48000, 2}, 2));
     }
     static void TearDownTestSuite() { folder_.reset(); }
-
-    static DmClipDesc clipOf(const std::string& path, const std::string& name, int64_t begin, int64_t end,
-                             int64_t markIn, int64_t markOut) {
-        DmClipDesc clip;
-        clip.name = name;
-        clip.mediaPath = path;
-        clip.begin = begin;
-        clip.end = end;
-        clip.markIn = markIn;
-        clip.markOut = markOut;
-        return clip;
-    }
-
-    static DmTrackDesc trackOf(int32_t kind, const std::string& name, std::vector<DmClipDesc> clips) {
-        DmTrackDesc track;
-        track.kind = kind;
-        track.name = name;
-        track.clips = std::move(clips);
-        return track;
-    }
 
     // V1: scene (video with sound), picture (video without); A1: music; A2: empty.
     void SetUp() override {
         DmTimelineDesc desc;
         desc.name = "edited";
-        desc.tracks.push_back(trackOf(DmTrackVideo, "V1",
-                                      {clipOf(movie_, "scene", 0, kSecond, 0, kSecond),
-                                       clipOf(silent_, "picture", kSecond, 2 * kSecond, 0, kSecond)}));
-        desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
-        desc.tracks.push_back(trackOf(DmTrackAudio, "A2", {}));
+        desc.tracks.push_back(trackDesc(DmTrackVideo, "V1",
+                                      {clipDesc(movie_, "scene", 0, kSecond, 0, kSecond),
+                                       clipDesc(silent_, "picture", kSecond, 2 * kSecond, 0, kSecond)}));
+        desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 0, kSecond, 0, kSecond)}));
+        desc.tracks.push_back(trackDesc(DmTrackAudio, "A2", {}));
         std::string error;
         timeline_ = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
         ASSERT_NE(timeline_.get(), nullptr) << error;
@@ -457,9 +436,9 @@ TEST_F(DmEditTest, SettingTheValueAlreadyThereDoesNothing) {
 
 TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
     DmTimelineDesc desc;
-    DmClipDesc first = clipOf(dual_, "dual", 0, kSecond, 0, kSecond);
+    DmClipDesc first = clipDesc(dual_, "dual", 0, kSecond, 0, kSecond);
     first.streamId = 0;
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {first}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {first}));
     auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, nullptr));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* dual = timeline->clip(0, 0);
@@ -739,7 +718,7 @@ TEST_F(DmEditTest, TrimMovesTheEndWithTheMarks) {
 
     // A clip that shows 1 s of media over 2 s keeps that ratio.
     IDmClip* slow = nullptr;
-    ASSERT_EQ(addClip(timeline_.get(), 2, -1, clipOf(tone_, "slow", kSecond, 3 * kSecond, 0, kSecond), &slow), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, -1, clipDesc(tone_, "slow", kSecond, 3 * kSecond, 0, kSecond), &slow), 0);
     ASSERT_NE(slow, nullptr);
     journal_.take();
     ASSERT_EQ(trimClip(slow, kSecond / 4, kSecond / 2), 0);
@@ -752,7 +731,7 @@ TEST_F(DmEditTest, TrimMovesTheEndWithTheMarks) {
 
 TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
     IDmClip* voice = nullptr;
-    ASSERT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "voice", kSecond, 2 * kSecond, 0, kSecond), &voice), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 1, 0, clipDesc(tone_, "voice", kSecond, 2 * kSecond, 0, kSecond), &voice), 0);
     ASSERT_NE(voice, nullptr);
     journal_.name(voice, "voice");
     EXPECT_EQ(heard(), (Lines{"onClipAdded timeline voice", "event timeline.dataChanged timeline voice -"}));
@@ -795,9 +774,9 @@ TEST_F(DmEditTest, ClipsAreAddedRemovedAndMovedBetweenTracks) {
     EXPECT_EQ(moveClipToTrack(voice, 0, 0), 1001);  // a video track
     EXPECT_EQ(moveClipToTrack(voice, 2, 2), 1001);  // beyond the end
     EXPECT_EQ(moveClipToTrack(voice, 7, 0), 1001);
-    EXPECT_EQ(addClip(timeline_.get(), 9, 0, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
-    EXPECT_EQ(addClip(timeline_.get(), 1, 5, clipOf(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
-    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "x", kSecond, 0, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 9, 0, clipDesc(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 5, clipDesc(tone_, "x", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipDesc(tone_, "x", kSecond, 0, 0, kSecond), nullptr), 1001);
     EXPECT_EQ(heard(), Lines{});
 }
 
@@ -876,7 +855,7 @@ private:
 TEST_F(DmEditTest, ClipsTakenOffStayAliveUntilTheTimelineGoes) {
     DestroyCounter counter;
     IDmClip* added = nullptr;
-    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipDesc(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
     ASSERT_NE(added, nullptr);
     added->setReleaseNotifier(&counter);
     music_->setReleaseNotifier(&counter);
@@ -921,7 +900,7 @@ TEST_F(DmEditTest, ClosedTimelinesAreGoneForListenersAndEdits) {
     EXPECT_EQ(setTrackProperty(timeline_->track(0), trackKey::mute, true), 1001);
     EXPECT_EQ(moveClip(music_, kSecond), 1001);
     EXPECT_EQ(removeClip(music_), 1001);
-    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipOf(tone_, "late", 0, kSecond, 0, kSecond), nullptr), 1001);
+    EXPECT_EQ(addClip(timeline_.get(), 1, 0, clipDesc(tone_, "late", 0, kSecond, 0, kSecond), nullptr), 1001);
     EXPECT_EQ(undoTimelineEdit(timeline_.get()), 1001);
     EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
     EXPECT_EQ(heard(), Lines{});
@@ -991,7 +970,7 @@ TEST_F(DmEditTest, AListenerMayEditWhileBeingNotified) {
     auto* source = query<IDmCallbackSource>(timeline_.get(), "IDmCallbackSource");
     ASSERT_EQ(source->registerCallback(editor.get()), 0);
     IDmClip* added = nullptr;
-    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipOf(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
+    ASSERT_EQ(addClip(timeline_.get(), 2, 0, clipDesc(tone_, "added", 0, kSecond, 0, kSecond), &added), 0);
     ASSERT_EQ(source->unregisterCallback(editor.get()), 0);
     journal_.name(added, "added");
     EXPECT_EQ(editor->nestedResult, 0);

@@ -49,7 +49,7 @@ protected:
         ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=160x90:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" "
                            "-c:v libx264 -pix_fmt yuv420p -c:a aac -map 1:a -map 0:v '" + wide_ + "'"));
         ASSERT_TRUE(ffmpeg("-i '" + wide_ + "' -c copy -map 0 -metadata:s:v rotate=90 '" + rotated_ + "'"));
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=48000:d=1\" -c:a pcm_s16le '" + tone_ + "'"));
+        ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(tone_, 440, 48000, 1)));
     }
     static void TearDownTestSuite() { folder_.reset(); }
 

@@ -39,7 +39,7 @@ protected:
     }
     std::string makeVideo() {
         const std::string path = folder_.file("movie.mp4");
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + path + "'");
+        ffmpeg(MediaTest::silentVideoArguments(path, 64, 48, 1));
         return path;
     }
     // Writes a stored frame the way the frame task does.

@@ -259,7 +259,7 @@ TEST_F(DmMediaClipTest, PropertiesAreSettableWhereTheyAreNotFacts) {
 
 TEST_F(DmMediaClipTest, VideoOnlyClipHasNoBaseAudioClip) {
     const std::string path = folder_.file("silent.mp4");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + path + "'"));
+    ASSERT_TRUE(ffmpeg(MediaTest::silentVideoArguments(path, 32, 32, 1)));
     auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     EXPECT_EQ(getBaseAudioClip(clip.get()), nullptr);
     EXPECT_EQ(getBaseAudioClip(nullptr), nullptr);
@@ -294,7 +294,7 @@ TEST_F(DmMediaClipTest, FileReplacedOnDiskIsProbedAnew) {
     }
     // Sound only, at another rate, in place of the film.
     const std::string sound = folder_.file("sound.mkv");
-    ffmpeg("-f lavfi -i \"sine=f=440:r=22050:d=3\" -c:a pcm_s16le '" + sound + "'");
+    ffmpeg(MediaTest::toneArguments(sound, 440, 22050, 3));
     std::filesystem::rename(sound, path);
     std::string error;
     auto replaced = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, &error));

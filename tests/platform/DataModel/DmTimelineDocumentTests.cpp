@@ -181,11 +181,9 @@ protected:
         tone_ = folder_->file("tone.wav");
         movie_ = folder_->file("my film.mp4");
         streams_ = folder_->file("two streams.mkv");
-        ffmpeg("-f lavfi -i \"sine=f=440:r=48000:d=4\" -ac 2 -c:a pcm_s16le '" + tone_ + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=4\" -f lavfi -i \"sine=f=330:r=48000:d=4\" -ac 2 "
-               "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie_ + "'");
-        ffmpeg("-f lavfi -i \"sine=f=300:r=48000:d=2\" -f lavfi -i \"sine=f=600:r=22050:d=2\" -map 0:a -map 1:a "
-               "-ac:a:0 2 -ac:a:1 1 -c:a pcm_s16le '" + streams_ + "'");
+        ffmpeg(MediaTest::toneArguments(tone_, 440, 48000, 4, 2));
+        ffmpeg(MediaTest::filmArguments(movie_, 64, 48, 4, 330));
+        ffmpeg(MediaTest::twoStreamsArguments(streams_, {300, 48000, 2}, {600, 22050, 1}, 2));
         document_ = folder_->file("cut.otio");
         // The film by a file URL (the space percent-encoded), the tone by its
         // absolute path, the two streams by a path relative to the document.

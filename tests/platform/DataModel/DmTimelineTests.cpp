@@ -18,6 +18,7 @@
 #include "DataModel/DmMediaInternal.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
+#include "TimelineDescs.h"
 
 namespace ZOR::test {
 namespace {
@@ -50,32 +51,11 @@ protected:
         tone_ = folder_->file("tone.wav");
         movie_ = folder_->file("movie.mp4");
         silent_ = folder_->file("silent.mp4");
-        ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=2\" -ac 2 -c:a pcm_s16le '" + tone_ + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" -ac 2 "
-               "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie_ + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=32x32:r=25:d=1\" -c:v libx264 -pix_fmt yuv420p '" + silent_ + "'");
+        ffmpeg(MediaTest::toneArguments(tone_, 440, 44100, 2, 2));
+        ffmpeg(MediaTest::filmArguments(movie_, 64, 48, 2, 440));
+        ffmpeg(MediaTest::silentVideoArguments(silent_, 32, 32, 1));
     }
     static void TearDownTestSuite() { folder_.reset(); }
-
-    static DmClipDesc clipOf(const std::string& path, const std::string& name, int64_t begin, int64_t end,
-                             int64_t markIn, int64_t markOut) {
-        DmClipDesc clip;
-        clip.name = name;
-        clip.mediaPath = path;
-        clip.begin = begin;
-        clip.end = end;
-        clip.markIn = markIn;
-        clip.markOut = markOut;
-        return clip;
-    }
-
-    static DmTrackDesc trackOf(int32_t kind, const std::string& name, std::vector<DmClipDesc> clips) {
-        DmTrackDesc track;
-        track.kind = kind;
-        track.name = name;
-        track.clips = std::move(clips);
-        return track;
-    }
 
     static IDmTimeline* make(const DmTimelineDesc& desc) {
         std::string error = "not cleared";
@@ -88,7 +68,7 @@ protected:
     // A timeline of one audio track holding one clip of clip.
     static IDmTimeline* makeAudioClip(const DmClipDesc& clip) {
         DmTimelineDesc desc;
-        desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clip}));
+        desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clip}));
         return make(desc);
     }
 
@@ -117,8 +97,8 @@ bool boolOf(IDmPropertyOwner* owner, const char* key) {
 
 TEST_F(DmTimelineTest, TracksKeepTheirOrderKindAndProperties) {
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {clipOf(silent_, "pic", 0, kSecond, 0, kSecond)}));
-    DmTrackDesc audio = trackOf(DmTrackAudio, "A1", {});
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {clipDesc(silent_, "pic", 0, kSecond, 0, kSecond)}));
+    DmTrackDesc audio = trackDesc(DmTrackAudio, "A1", {});
     audio.mute = true;
     audio.visible = false;
     audio.solo = true;
@@ -183,10 +163,10 @@ TEST_F(DmTimelineTest, TracksKeepTheirOrderKindAndProperties) {
 
 TEST_F(DmTimelineTest, ClipsTakeTheirRangesNamesAndPlacesFromTheDescription) {
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1",
-                                  {clipOf(silent_, "first", 0, 5'000'000, 1'000'000, 6'000'000),
-                                   clipOf(silent_, "second", 5'000'000, 8'000'000, 0, 3'000'000)}));
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 2'000'000, 19'000'000, 500'000,
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1",
+                                  {clipDesc(silent_, "first", 0, 5'000'000, 1'000'000, 6'000'000),
+                                   clipDesc(silent_, "second", 5'000'000, 8'000'000, 0, 3'000'000)}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 2'000'000, 19'000'000, 500'000,
                                                               17'500'000)}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
@@ -266,7 +246,7 @@ TEST_F(DmTimelineTest, EmptyTimelineHasNoDuration) {
 }
 
 TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
-    DmClipDesc clip = clipOf(tone_, "music", 0, kSecond, 0, kSecond);
+    DmClipDesc clip = clipDesc(tone_, "music", 0, kSecond, 0, kSecond);
     clip.streamId = 0;
     clip.volumeDb = -6.5;
     clip.mute = true;
@@ -322,7 +302,7 @@ TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
     EXPECT_NE(audio->getProperty("no.such.key", &value), 0);
 
     // The defaults when the description says nothing.
-    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "plain", 0, kSecond, 0, kSecond)));
     auto* plainAudio = query<IDmAudioFeature>(plain->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(plainAudio, nullptr);
     ASSERT_EQ(plainAudio->getProperty(audioKey::streamId, &value), 0);
@@ -336,7 +316,7 @@ TEST_F(DmTimelineTest, AudioPropertiesComeFromTheDescriptionAndCanBeSet) {
 }
 
 TEST_F(DmTimelineTest, EffectsAreThoseTheDescriptionAsksFor) {
-    DmClipDesc clip = clipOf(tone_, "music", 0, 2 * kSecond, 0, 2 * kSecond);
+    DmClipDesc clip = clipDesc(tone_, "music", 0, 2 * kSecond, 0, 2 * kSecond);
     clip.ducking.present = true;
     clip.ducking.enabled = false;
     clip.ducking.depth = 0.6;
@@ -399,13 +379,13 @@ TEST_F(DmTimelineTest, EffectsAreThoseTheDescriptionAsksFor) {
     EXPECT_EQ(music->effect(1234), nullptr);
 
     // None of them when the description asks for none.
-    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "plain", 0, kSecond, 0, kSecond)));
     for (int32_t type : {DmEffectDucking, DmEffectVolume, DmEffectReversePlay})
         EXPECT_EQ(plain->clip(0, 0)->effect(type), nullptr) << type;
 }
 
 TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
-    DmClipDesc clip = clipOf(tone_, "music", 0, 2 * kSecond, 0, 2 * kSecond);
+    DmClipDesc clip = clipDesc(tone_, "music", 0, 2 * kSecond, 0, 2 * kSecond);
     clip.speedParts = {{2'000'000, 3'000'000, 2.0}, {4'000'000, 5'000'000, 0.0}};
     auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* parts = query<IDmClipSpeedPart>(timeline->clip(0, 0), "IDmClipSpeedPart");
@@ -425,7 +405,7 @@ TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
     EXPECT_EQ(parts->speedPart(2, &begin, &end, &speed), 1001);
     EXPECT_EQ(parts->speedPart(-1, &begin, &end, &speed), 1001);
 
-    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "plain", 0, kSecond, 0, kSecond)));
+    auto plain = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "plain", 0, kSecond, 0, kSecond)));
     auto* none = query<IDmClipSpeedPart>(plain->clip(0, 0), "IDmClipSpeedPart");
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(none->speedPartCount(), 0);
@@ -434,7 +414,7 @@ TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
 
 TEST_F(DmTimelineTest, SourcePositionWithoutSpeedChangeIsTheClipTime) {
     // markIn 0.5 s, markOut 1.7 s.
-    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipOf(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
+    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
     auto* audio = query<IDmAudioFeature>(timeline->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     EXPECT_EQ(audio->sourcePosition(5'000'000, false), 5'000'000);
@@ -447,7 +427,7 @@ TEST_F(DmTimelineTest, SourcePositionWithoutSpeedChangeIsTheClipTime) {
 }
 
 TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
-    DmClipDesc clip = clipOf(tone_, "double", 0, 5'000'000, 2'000'000, 12'000'000);
+    DmClipDesc clip = clipDesc(tone_, "double", 0, 5'000'000, 2'000'000, 12'000'000);
     clip.speed = 2.0;
     auto fast = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* audio = query<IDmAudioFeature>(fast->clip(0, 0), "IDmAudioFeature");
@@ -485,7 +465,7 @@ TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
 TEST_F(DmTimelineTest, SourcePositionThroughSpeedPartsWithAFrozenPart) {
     // markIn 1 s; parts [2e6, 3e6) at 2, [4e6, 5e6) frozen, [6e6, 8e6) at 0.5;
     // speed 1 between them.
-    DmClipDesc clip = clipOf(tone_, "parts", 0, 10'000'000, 1'000'000, 10'000'000);
+    DmClipDesc clip = clipDesc(tone_, "parts", 0, 10'000'000, 1'000'000, 10'000'000);
     clip.speedParts = {{4'000'000, 5'000'000, 0.0}, {2'000'000, 3'000'000, 2.0}, {6'000'000, 8'000'000, 0.5}};
     clip.speed = 3.0;  // the parts rule; the constant speed does not apply
     auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
@@ -532,7 +512,7 @@ TEST_F(DmTimelineTest, MediaClipSourcePositionFollowsTheSameRule) {
 }
 
 TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
-    DmClipDesc clip = clipOf(movie_, "scene", 1'000'000, 9'000'000, 2'000'000, 10'000'000);
+    DmClipDesc clip = clipDesc(movie_, "scene", 1'000'000, 9'000'000, 2'000'000, 10'000'000);
     clip.volumeDb = -4.0;
     clip.mute = true;
     clip.reverse = true;
@@ -541,9 +521,9 @@ TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
     clip.ducking.depth = 0.5;
     clip.speedParts = {{3'000'000, 4'000'000, 2.0}};
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 0, kSecond, 0, kSecond)}));
     desc.tracks.push_back(
-        trackOf(DmTrackVideo, "V1", {clipOf(silent_, "mute picture", 0, 1'000'000, 0, 1'000'000), clip}));
+        trackDesc(DmTrackVideo, "V1", {clipDesc(silent_, "mute picture", 0, 1'000'000, 0, 1'000'000), clip}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(1, 1);
@@ -634,7 +614,7 @@ TEST_F(DmTimelineTest, VideoClipCarriesItsSoundInALinkedAudioClip) {
 }
 
 TEST_F(DmTimelineTest, VideoFileOnAnAudioTrackIsOnlyItsSound) {
-    DmClipDesc clip = clipOf(movie_, "soundtrack", 0, kSecond, 0, kSecond);
+    DmClipDesc clip = clipDesc(movie_, "soundtrack", 0, kSecond, 0, kSecond);
     clip.streamId = 1;
     auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     IDmClip* sound = timeline->clip(0, 0);
@@ -647,14 +627,14 @@ TEST_F(DmTimelineTest, VideoFileOnAnAudioTrackIsOnlyItsSound) {
 }
 
 TEST_F(DmTimelineTest, ClipsWithoutMediaHaveNoFeaturesButKeepRangeAndProperties) {
-    DmClipDesc missing = clipOf("", "lost", 0, 4'000'000, 1'000'000, 5'000'000);
+    DmClipDesc missing = clipDesc("", "lost", 0, 4'000'000, 1'000'000, 5'000'000);
     missing.volumeDb = -2.0;
-    DmClipDesc absent = clipOf(folder_->file("absent.mp4"), "gone", 4'000'000, 6'000'000, 0, 2'000'000);
+    DmClipDesc absent = clipDesc(folder_->file("absent.mp4"), "gone", 4'000'000, 6'000'000, 0, 2'000'000);
     DmClipDesc lostSound = missing;
     lostSound.ducking.present = true;
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {missing, absent}));
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {lostSound}));
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {missing, absent}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {lostSound}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     for (IDmClip* clip : {timeline->clip(0, 0), timeline->clip(0, 1), timeline->clip(1, 0)}) {
@@ -683,12 +663,12 @@ TEST_F(DmTimelineTest, ClipsWithoutMediaHaveNoFeaturesButKeepRangeAndProperties)
 
 TEST_F(DmTimelineTest, ClipsOfOneMediaStreamShareOneWaveManager) {
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "one", 0, kSecond, 0, kSecond),
-                                                       clipOf(tone_, "two", kSecond, 2 * kSecond, 0, kSecond)}));
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {clipOf(movie_, "scene", 0, kSecond, 0, kSecond)}));
-    DmClipDesc soundtrack = clipOf(movie_, "soundtrack", 0, kSecond, 0, kSecond);
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "one", 0, kSecond, 0, kSecond),
+                                                       clipDesc(tone_, "two", kSecond, 2 * kSecond, 0, kSecond)}));
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {clipDesc(movie_, "scene", 0, kSecond, 0, kSecond)}));
+    DmClipDesc soundtrack = clipDesc(movie_, "soundtrack", 0, kSecond, 0, kSecond);
     soundtrack.streamId = 1;
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A2", {soundtrack}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A2", {soundtrack}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
 
@@ -734,38 +714,38 @@ TEST_F(DmTimelineTest, InconsistentDescriptionsAreRefusedWithOneLine) {
     };
 
     DmTimelineDesc backwards;
-    backwards.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "fine", 0, kSecond, 0, kSecond),
-                                                            clipOf(tone_, "reversed", 5'000'000, 4'000'000, 0,
+    backwards.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "fine", 0, kSecond, 0, kSecond),
+                                                            clipDesc(tone_, "reversed", 5'000'000, 4'000'000, 0,
                                                                    kSecond)}));
     expectRefused(backwards, {"reversed", "A1", "5000000", "4000000"});
 
     DmTimelineDesc marks;
-    marks.tracks.push_back(trackOf(DmTrackVideo, "V1", {clipOf(silent_, "crossed", 0, kSecond, 3'000'000,
+    marks.tracks.push_back(trackDesc(DmTrackVideo, "V1", {clipDesc(silent_, "crossed", 0, kSecond, 3'000'000,
                                                                2'000'000)}));
     expectRefused(marks, {"crossed", "mark"});
 
     DmTimelineDesc kind;
-    kind.tracks.push_back(trackOf(DmTrackAudio, "A1", {}));
-    kind.tracks.push_back(trackOf(7, "Subtitles", {}));
+    kind.tracks.push_back(trackDesc(DmTrackAudio, "A1", {}));
+    kind.tracks.push_back(trackDesc(7, "Subtitles", {}));
     expectRefused(kind, {"Subtitles", "track 1", "kind 7"});
 
     DmTimelineDesc speed;
-    DmClipDesc overlapping = clipOf(tone_, "jumpy", 0, kSecond, 0, kSecond);
+    DmClipDesc overlapping = clipDesc(tone_, "jumpy", 0, kSecond, 0, kSecond);
     overlapping.speedParts = {{0, 3'000'000, 2.0}, {2'000'000, 4'000'000, 0.5}};
-    speed.tracks.push_back(trackOf(DmTrackAudio, "A1", {overlapping}));
+    speed.tracks.push_back(trackDesc(DmTrackAudio, "A1", {overlapping}));
     expectRefused(speed, {"jumpy", "overlap"});
 
     DmTimelineDesc negative;
-    DmClipDesc slow = clipOf(tone_, "negative", 0, kSecond, 0, kSecond);
+    DmClipDesc slow = clipDesc(tone_, "negative", 0, kSecond, 0, kSecond);
     slow.speed = -1.0;
-    negative.tracks.push_back(trackOf(DmTrackAudio, "A1", {slow}));
+    negative.tracks.push_back(trackDesc(DmTrackAudio, "A1", {slow}));
     expectRefused(negative, {"negative", "speed"});
 
     // No error text asked for: still refused.
     EXPECT_EQ(createTimeline(kind, nullptr), nullptr);
     // A described clip of zero length is consistent.
     DmTimelineDesc empty;
-    empty.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "point", kSecond, kSecond, 0, 0)}));
+    empty.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "point", kSecond, kSecond, 0, 0)}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(empty));
     EXPECT_NE(timeline.get(), nullptr);
 }
@@ -779,7 +759,7 @@ TEST_F(DmTimelineTest, UnreadableDocumentLoadsNothing) {
 
 TEST_F(DmTimelineTest, ListenersAreRegisteredOnceAndUnregisteredByPointer) {
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 0, kSecond, 0, kSecond)}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     auto listener = ZorRef<IDmTimeline>::adopt(make(DmTimelineDesc{}));  // any object serves as a listener
     auto other = ZorRef<IDmTimeline>::adopt(make(DmTimelineDesc{}));
@@ -805,16 +785,16 @@ TEST_F(DmTimelineTest, ListenersAreRegisteredOnceAndUnregisteredByPointer) {
 }
 
 TEST_F(DmTimelineTest, EverythingIsDestroyedWithTheTimelinesLastReference) {
-    DmClipDesc scene = clipOf(movie_, "scene", 0, kSecond, 0, kSecond);
+    DmClipDesc scene = clipDesc(movie_, "scene", 0, kSecond, 0, kSecond);
     scene.ducking.present = true;
     scene.volumeKeyframes = {{0, -1.0}};
     scene.reverse = true;
-    DmClipDesc music = clipOf(tone_, "music", 0, kSecond, 0, kSecond);
+    DmClipDesc music = clipDesc(tone_, "music", 0, kSecond, 0, kSecond);
     music.ducking.present = true;
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {scene, clipOf(silent_, "pic", kSecond, 2 * kSecond, 0,
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {scene, clipDesc(silent_, "pic", kSecond, 2 * kSecond, 0,
                                                                      kSecond)}));
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {music}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {music}));
 
     DestroyCounter counter;
     IDmTimeline* timeline = make(desc);
@@ -845,11 +825,11 @@ TEST_F(DmTimelineTest, EverythingIsDestroyedWithTheTimelinesLastReference) {
 }
 
 TEST_F(DmTimelineTest, ObjectsHeldBeyondTheirOwnersForgetThem) {
-    DmClipDesc scene = clipOf(movie_, "scene", 0, kSecond, 0, kSecond);
+    DmClipDesc scene = clipDesc(movie_, "scene", 0, kSecond, 0, kSecond);
     scene.ducking.present = true;
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {scene}));
-    desc.tracks.push_back(trackOf(DmTrackAudio, "A1", {clipOf(tone_, "music", 0, kSecond, 0, kSecond)}));
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {scene}));
+    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 0, kSecond, 0, kSecond)}));
     IDmTimeline* timeline = make(desc);
     ASSERT_NE(timeline, nullptr);
 
@@ -898,9 +878,9 @@ TEST_F(DmTimelineTest, ObjectsHeldBeyondTheirOwnersForgetThem) {
 }
 
 TEST_F(DmTimelineTest, GettersAndSettersMayRunOnManyThreads) {
-    DmClipDesc scene = clipOf(movie_, "scene", 0, kSecond, 0, kSecond);
+    DmClipDesc scene = clipDesc(movie_, "scene", 0, kSecond, 0, kSecond);
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {scene}));
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {scene}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(0, 0);
@@ -948,12 +928,12 @@ std::string styleTextOf(IDmAttachedItem* item, const char* kind) {
 }
 
 TEST_F(DmTimelineTest, VisualStylesAreAttachedItemsWithTheirIdentifiers) {
-    DmClipDesc plain = clipOf(movie_, "plain", 0, 10'000'000, 0, 10'000'000);
-    DmClipDesc styled = clipOf(movie_, "styled", 10'000'000, 20'000'000, 0, 10'000'000);
+    DmClipDesc plain = clipDesc(movie_, "plain", 0, 10'000'000, 0, 10'000'000);
+    DmClipDesc styled = clipDesc(movie_, "styled", 10'000'000, 20'000'000, 0, 10'000'000);
     styled.imageStyleId = "sketch-7";
     styled.templateStyleId = "retro";
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackOf(DmTrackVideo, "V1", {plain, styled}));
+    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {plain, styled}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
 

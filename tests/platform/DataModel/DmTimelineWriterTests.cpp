@@ -139,11 +139,9 @@ protected:
     static void SetUpTestSuite() {
         folder_ = std::make_unique<TempFolder>();
         const std::string tone = folder_->file("tone.wav");
-        ffmpeg("-f lavfi -i \"sine=f=440:r=48000:d=4\" -ac 2 -c:a pcm_s16le '" + tone + "'");
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=4\" -f lavfi -i \"sine=f=330:r=48000:d=4\" -ac 2 "
-               "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + folder_->file("my film.mp4") + "'");
-        ffmpeg("-f lavfi -i \"sine=f=300:r=48000:d=2\" -f lavfi -i \"sine=f=600:r=22050:d=2\" -map 0:a -map 1:a "
-               "-ac:a:0 2 -ac:a:1 1 -c:a pcm_s16le '" + folder_->file("two streams.mkv") + "'");
+        ffmpeg(MediaTest::toneArguments(tone, 440, 48000, 4, 2));
+        ffmpeg(MediaTest::filmArguments(folder_->file("my film.mp4"), 64, 48, 4, 330));
+        ffmpeg(MediaTest::twoStreamsArguments(folder_->file("two streams.mkv"), {300, 48000, 2}, {600, 22050, 1}, 2));
         document_ = folder_->file("cut.otio");
         writeText(document_, document("file://" + folder_->file("my%20film.mp4"), tone));
     }

@@ -25,7 +25,7 @@ class DmWaveManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         path_ = folder_.file("tone.wav");
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -c:a pcm_s16le '" + path_ + "'"));
+        ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(path_, 440, 44100, 1)));
     }
     ZorRef<IDmClip> newClip(const std::string& path) {
         auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
@@ -270,7 +270,7 @@ TEST_F(DmWaveManagerTest, AClipOfAChangedFileEmptiesTheSharedManager) {
     EXPECT_NE(manager->hasFrames(3, 3), 0);
     EXPECT_EQ(store->contentGeneration(), old);
 
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=220:r=44100:d=1.5\" -c:a pcm_s16le '" + path_ + "'"));
+    ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(path_, 220, 44100, 1.5)));
     const auto after = newClip(path_);
     EXPECT_EQ(storeOf(after), store);
     EXPECT_EQ(manager->hasFrames(3, 3), 0);
