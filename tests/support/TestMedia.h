@@ -123,7 +123,9 @@ inline std::string colourVideoArguments(const std::string& path, const ColourVid
     std::string pads;
     for (size_t i = 0; i < video.colours.size(); ++i) {
         inputs += colourInput(video.colours[i], video.width, video.height, 1) + " ";
-        pads += "[" + std::to_string(i) + "]";
+        pads += '[';
+        pads += std::to_string(i);
+        pads += ']';
     }
     std::string arguments = inputs;
     if (!video.sound.empty()) arguments += "-i " + quoted(video.sound) + " ";

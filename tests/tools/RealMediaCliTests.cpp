@@ -374,7 +374,7 @@ namespace {
 // A file name in another encoding than UTF-8: the JSON printed stays valid
 // UTF-8, the stray byte shown as U+FFFD.
 TEST(JsonOutputCli, NamesThatAreNotUtf8GiveValidJson) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const Rate rate{"25", 25, 1};
     const std::string media = grey(folder, "clip.mp4", rate, 10);
     const std::string root = folder.file(std::string("r\xff") + "\xc3\xa9");  // a stray byte, then a real é
@@ -393,7 +393,7 @@ namespace {
 // Every command tells its own usage, from the one table the arguments are
 // read from.
 TEST(UsageCli, EveryCommandTellsItsUsageWithHelp) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     for (const std::string command : {"wave", "frames", "audio", "video", "render", "media", "demo"}) {
         const CliTest::CliRun run = runMiravel(folder, command + " --help");
         EXPECT_EQ(run.exitCode, 0) << command;

@@ -19,7 +19,7 @@ using CliTest::Json;
 using CliTest::rampWav;
 using CliTest::runShell;
 using CliTest::shellQuoted;
-using MediaTest::TempFolder;
+using ZOR::test::TempFolder;
 
 // Runs miravel with the wave store on, its cache root under the folder, and
 // extra environment settings before it.

@@ -253,7 +253,7 @@ namespace {
 // AVI file with packed B-frames): frame n shows from n / rate on, as players
 // time them.
 TEST(FrameDecoder, StreamsWithoutPresentationTimesAreTimedByTheOrderOfTheirFrames) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string raw = makeClip(folder, "raw.h264", "25", 50, 12, "-bf 2 -f h264");
     const std::string avi = folder.file("packed.avi");
     MediaTest::ffmpeg("-f lavfi -i \"color=black:size=64x36:rate=25,format=yuv420p,geq=lum='16+8*mod(N\\,28)':cb=128:"
@@ -276,7 +276,7 @@ TEST(FrameDecoder, StreamsWithoutPresentationTimesAreTimedByTheOrderOfTheirFrame
 
 // A pipe would block the open for as long as nobody writes.
 TEST(FrameDecoder, AnythingButARegularFileIsRefusedAtOnce) {
-    MediaTest::TempFolder folder;
+    ZOR::test::TempFolder folder;
     const std::string pipe = folder.file("pipe.mp4");
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     FrameDecoder fromPipe(pipe, -1, nullptr);
