@@ -1,9 +1,11 @@
 // The wave store from the command line: a second process serves from it,
 // peaks are the largest millisecond values of their buckets, two processes
-// share one store, and the cache command reports, prunes and clears.
+// share one store, the cache command reports, prunes and clears, and render
+// draws waveforms peak-true.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <filesystem>
 #include <string>
@@ -11,6 +13,7 @@
 
 #include "CliTestSupport.h"
 #include "MediaTestSupport.h"
+#include "ZorUtils/ZorUtils.h"
 
 namespace {
 
@@ -201,6 +204,109 @@ TEST(WaveStoreCli, TheCacheCommandReportsPrunesAndClears) {
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("--prune needs a number of bytes"), std::string::npos) << run.err;
     EXPECT_EQ(runWithStore(folder, "cache --prune 1K --clear").exitCode, 2);
+}
+
+// The rows of the waveform colour in each column of a rendered picture:
+// first and last (-1 when none).
+struct WaveColumn {
+    int top = -1;
+    int bottom = -1;
+    int extent() const { return top < 0 ? 0 : bottom - top + 1; }
+};
+
+std::vector<WaveColumn> waveColumns(const std::string& png, int fromRow = 0, int toRow = INT32_MAX) {
+    unsigned char* pixels = nullptr;
+    int width = 0;
+    int height = 0;
+    EXPECT_EQ(ZOR::loadPNG(png.c_str(), &pixels, &width, &height), 0) << png;
+    std::vector<WaveColumn> columns(static_cast<size_t>(std::max(width, 0)));
+    for (int y = std::max(fromRow, 0); y < std::min(height, toRow); ++y)
+        for (int x = 0; x < width; ++x) {
+            const unsigned char* p = pixels + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4;
+            if (p[0] != 112 || p[1] != 214 || p[2] != 130) continue;  // the waveform's colour
+            WaveColumn& column = columns[static_cast<size_t>(x)];
+            if (column.top < 0) column.top = y;
+            column.bottom = y;
+        }
+    ZOR::freeImageBuffer(pixels);
+    return columns;
+}
+
+TEST(WaveStoreCli, RenderDrawsTheTransientsThatPointsMissAndChannelsApart) {
+    TempFolder folder;
+    // Quiet in both channels (0.05), and a 1 ms burst of 0.9 in the second
+    // channel only, between two of the service's points.
+    const std::string wav = folder.file("click.wav");
+    ASSERT_TRUE(MediaTest::ffmpeg("-f lavfi -i \"aevalsrc=exprs='0.05*sin(2*PI*440*t)|0.05*sin(2*PI*440*t)+0.9*between(t\\,0.5012\\,0.5022)*sin(2*PI*3000*t)':s=48000:d=2\" -c:a pcm_s16le '" + wav + "'"));
+    const std::string document = CliTest::writeDocument(
+        folder, "click.otio",
+        Json::array({CliTest::otioTrack("A", "Audio", Json::array({CliTest::otioClip("Click", wav, 0, 20'000'000)}))}));
+
+    // The service's points (one per column of this picture) miss the burst.
+    const CliRun points = runWithStore(folder, "audio " + shellQuoted(document) + " --clip Click --points 282");
+    ASSERT_EQ(points.exitCode, 0) << points.err;
+    const std::vector<float> pointValues = floats(Json::parse(points.out)["values"]);
+    EXPECT_LT(*std::max_element(pointValues.begin(), pointValues.end()), 0.1f);
+
+    const CliRun merged = runWithStore(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("merged.png")) + " --width 300");
+    ASSERT_EQ(merged.exitCode, 0) << merged.err;
+    const CliRun split = runWithStore(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("split.png")) + " --width 300 --split-channels");
+    ASSERT_EQ(split.exitCode, 0) << split.err;
+
+    // The burst's level, as the samples hold it (the largest of the file).
+    const MediaTest::Pcm pcm = MediaTest::readWav16(wav);
+    float burstLevel = 0.0f;
+    for (size_t n = 0; n < pcm.frames(); ++n) burstLevel = std::max(burstLevel, std::fabs(pcm.samples[n * 2 + 1]));
+    ASSERT_GT(burstLevel, 0.85f);
+    const auto extentAt = [](double level, double reach) { return 2 * static_cast<int>(std::lround(level * reach)) + 1; };
+
+    // Merged: one lane of 60 rows (a reach of 29 at full scale); the burst's
+    // column reaches its level, every other column the quiet level.
+    const std::vector<WaveColumn> one = waveColumns(folder.file("merged.png"));
+    const auto tall = std::max_element(one.begin(), one.end(), [](const WaveColumn& a, const WaveColumn& b) { return a.extent() < b.extent(); });
+    ASSERT_NE(tall, one.end());
+    EXPECT_EQ(tall->extent(), extentAt(burstLevel, 29.0));
+    int quiet = 0;
+    int drawn = 0;
+    for (const WaveColumn& column : one) {
+        drawn += column.extent() > 0 ? 1 : 0;
+        quiet += column.extent() == extentAt(0.05, 29.0) ? 1 : 0;
+    }
+    EXPECT_GT(drawn, 250);
+    EXPECT_EQ(quiet, drawn - 1);
+    const int middle = (tall->top + tall->bottom) / 2;  // the lane's middle row
+
+    // Split: two lanes of 30 rows (a reach of 14), the first above the merged
+    // lane's middle and quiet, the second below it with the burst.
+    const std::vector<WaveColumn> first = waveColumns(folder.file("split.png"), middle - 30, middle);
+    const std::vector<WaveColumn> second = waveColumns(folder.file("split.png"), middle, middle + 30);
+    const auto burst = static_cast<size_t>(tall - one.begin());
+    int firstQuiet = 0;
+    int secondQuiet = 0;
+    for (size_t x = 0; x < first.size(); ++x) {
+        firstQuiet += first[x].extent() == extentAt(0.05, 14.0) ? 1 : 0;
+        if (x != burst) secondQuiet += second[x].extent() == extentAt(0.05, 14.0) ? 1 : 0;
+    }
+    EXPECT_EQ(firstQuiet, drawn);
+    EXPECT_EQ(secondQuiet, drawn - 1);
+    EXPECT_EQ(second[burst].extent(), extentAt(burstLevel, 14.0));
+
+    // At -12 dB the burst is drawn at the gain the service applies: its own
+    // points at -12 dB over those at 0 dB.
+    const std::string dimmed = CliTest::writeDocument(
+        folder, "dimmed.otio",
+        Json::array({CliTest::otioTrack(
+            "A", "Audio", Json::array({CliTest::otioClip("Click", wav, 0, 20'000'000, {{"volume_db", -12.0}})}))}));
+    const CliRun dimmedPoints = runWithStore(folder, "audio " + shellQuoted(dimmed) + " --clip Click --points 282");
+    ASSERT_EQ(dimmedPoints.exitCode, 0) << dimmedPoints.err;
+    const std::vector<float> dimmedValues = floats(Json::parse(dimmedPoints.out)["values"]);
+    ASSERT_EQ(dimmedValues.size(), pointValues.size());
+    const size_t loudest = static_cast<size_t>(std::max_element(pointValues.begin(), pointValues.end()) - pointValues.begin());
+    const double gain = static_cast<double>(dimmedValues[loudest]) / static_cast<double>(pointValues[loudest]);
+    EXPECT_LT(gain, 0.9);
+    const CliRun dimmedRender = runWithStore(folder, "render " + shellQuoted(dimmed) + " --out " + shellQuoted(folder.file("dimmed.png")) + " --width 300");
+    ASSERT_EQ(dimmedRender.exitCode, 0) << dimmedRender.err;
+    EXPECT_EQ(waveColumns(folder.file("dimmed.png"))[burst].extent(), extentAt(gain * burstLevel, 29.0));
 }
 
 }  // namespace

@@ -96,6 +96,7 @@ struct RenderRequest {
     std::string document;
     std::string out;
     int32_t width = 1600;
+    bool splitChannels = false;  // each channel's waveform in a lane of its own
     std::chrono::seconds timeout{600};
 };
 std::string renderJson(const RenderRequest& request);

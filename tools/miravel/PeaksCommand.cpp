@@ -7,14 +7,10 @@
 // next run. Prints {"begin", "end", "points", "values": [...]} and, with
 // --channels, "channels": [[...], ...], the same buckets for each channel.
 #include <algorithm>
-#include <atomic>
 #include <climits>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "BackgroundTaskManager/BackgroundTaskManager.h"
 #include "Cli.h"
 #include "Commands.h"
 #include "Common/ZorInternalComUtility.h"
@@ -25,88 +21,12 @@
 #include "Json.h"
 #include "Limits.h"
 #include "Usage.h"
+#include "WaveExtract.h"
 
 namespace miravel {
 namespace {
 
-constexpr int64_t kCnsPerWindow = 10'000;
 constexpr int64_t kWindowsPerFrame = ZOR::IDmAudioWaveStore::kValuesPerFrame;
-
-// The final report of the one request of an audio wave task, and its percent
-// meanwhile. The task serves no other request, so every report is about it
-// (the first may come before append() has returned its token).
-class TaskEnd final : public ZOR::IZorCallBack {
-public:
-    int32_t processChanged(ZOR::IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
-                           const ZOR::BsTaskProgressInfo* info) override {
-        if (info == nullptr) return 0;
-        std::lock_guard<std::mutex> lock(mutex_);
-        percent_.store(info->percent);
-        if (status == ZOR::BsTaskFinished || status == ZOR::BsTaskFailed || status == ZOR::BsTaskCancelled) {
-            status_ = status;
-            ended_.notify_all();
-        }
-        return 0;
-    }
-    int32_t status() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return status_;
-    }
-    void waitUntil(std::chrono::steady_clock::time_point until) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ended_.wait_until(lock, until, [this] { return status_ != 0; });
-    }
-    int32_t percent() const { return percent_.load(); }
-
-private:
-    std::mutex mutex_;  // leaf: guards status_
-    std::condition_variable ended_;
-    int32_t status_ = 0;
-    std::atomic<int32_t> percent_{0};
-};
-
-// Extracts frames [first, last] that the store does not hold yet.
-void extractMissing(const PeaksRequest& request, ZOR::IDmClip* clip, ZOR::IDmAudioWaveStore* store, int32_t first,
-                    int32_t last) {
-    if (store->missingRanges(first, last).empty()) return;
-    const auto task = ZOR::ZorRef<ZOR::IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
-    if (task.get() == nullptr || task.get()->initialize() != 0)
-        throw Failure(request.media + ": the audio wave task could not be made");
-    TaskEnd end;
-    task.get()->addCallBack(&end);
-    task.get()->start();
-    ZOR::BsWaveTaskRecord record;
-    record.clip = clip;
-    record.beginFrame = first;
-    record.endFrame = last;
-    int64_t token = -1;
-    if (task.get()->append(&record, &token) != 0) {
-        task.get()->shutdown();
-        throw Failure(request.media + ": the audio wave request was not accepted");
-    }
-    Progress progress("peaks");
-    progress.update(0.0);
-    const bool ended = waitWithProgress(
-        std::chrono::steady_clock::now() + request.timeout, progress,
-        [&] {
-            progress.update(end.percent() / 100.0);
-            return end.status() != 0;
-        },
-        [&](std::chrono::steady_clock::time_point until) { end.waitUntil(until); });
-    task.get()->removeCallBack(&end);
-    task.get()->shutdown();
-    if (!ended)
-        throw Failure(request.media + ": no wave values within " + std::to_string(request.timeout.count()) + " s");
-    progress.update(1.0);
-    progress.finish();
-    if (end.status() == ZOR::BsTaskFailed) {
-        std::string cause;
-        if (ZOR::mediaFailure(request.media.c_str(), ZOR::DmTrackAudio, &cause))
-            throw Failure(request.media + ": the audio could not be decoded: " + cause);
-        throw Failure(request.media + ": the audio could not be decoded (see --log error)");
-    }
-    if (end.status() == ZOR::BsTaskCancelled) throw Failure(request.media + ": the audio wave request was cancelled");
-}
 
 }  // namespace
 
@@ -139,7 +59,8 @@ std::string peaksJson(const PeaksRequest& request) {
     const int64_t firstFrame = std::max<int64_t>(head.first, 0) / kWindowsPerFrame;
     const int64_t lastFrame = std::min<int64_t>((tail.end - 1) / kWindowsPerFrame, INT32_MAX);
     if (tail.end > 0 && firstFrame <= lastFrame)
-        extractMissing(request, clip.get(), store, static_cast<int32_t>(firstFrame), static_cast<int32_t>(lastFrame));
+        extractMissingWave(media, clip.get(), store, static_cast<int32_t>(firstFrame), static_cast<int32_t>(lastFrame),
+                           request.timeout, "peaks");
 
     JsonWriter json;
     json.beginObject().key("begin").value(begin).key("end").value(end).key("points").value(request.points);

@@ -5,8 +5,12 @@
 // every clip boundary shows. A clip with video shows a strip of pictures from
 // the clip thumbnail service at evenly spaced media times across the clip; a
 // clip with sound (on an audio track, or the sound of a video clip below its
-// strip) shows its audio thumbnail from the service, one point per pixel
-// column, drawn as a symmetric waveform. Prints {"file", "width", "height"};
+// strip) shows its waveform peak-true: each pixel column reaches the largest
+// millisecond level of the wave store among the media times the column
+// covers, times the gain the service applied at that column (its audio
+// thumbnail, one point per column, is the level at one time times that gain),
+// so no transient between two points is lost. --split-channels draws each
+// channel in a lane of its own. Prints {"file", "width", "height"};
 // --timeout SECONDS (default 600) bounds the wait for the service.
 //
 // The picture is a picture as the limits take them (Limits.h): a document
@@ -16,6 +20,8 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <chrono>
+#include <climits>
 #include <map>
 #include <string>
 #include <utility>
@@ -25,6 +31,9 @@
 #include "Commands.h"
 #include "Usage.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
+#include "DataModel/DmTime.h"
+#include "WaveExtract.h"
 #include "Json.h"
 #include "DataModel/DmTimeline.h"
 #include "ZorUtils/ZorUtils.h"
@@ -126,6 +135,9 @@ struct ClipLayout {
     size_t videoQuery = 0;
     bool sound = false;
     size_t audioQuery = 0;
+    ZOR::IDmClip* audioClip = nullptr;
+    int64_t soundBegin = 0;  // the clip-time range of its audio thumbnail
+    int64_t soundEnd = 0;
 };
 
 struct TrackLayout {
@@ -140,6 +152,101 @@ int64_t rulerStep(double pixelsPerSecond) {
     for (int64_t step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600})
         if (static_cast<double>(step) * pixelsPerSecond >= 48.0) return step;
     return 7200;
+}
+
+constexpr int64_t kCnsPerWindow = 10'000;  // the wave store's millisecond
+constexpr int32_t kWaveRateNum = 25;
+constexpr float kNoGain = -1.0f;
+
+// The service's point i of count over [begin, end), as the service places it.
+int64_t servicePointTime(int64_t begin, int64_t end, int64_t i, int64_t count) {
+    return begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
+                                        static_cast<double>(end - begin));
+}
+
+// The level the service read for a point at source position: value
+// floor(fraction x 40) of the position's frame, as the service picks it.
+float serviceRawLevel(ZOR::IDmAudioWaveStore* store, int64_t position) {
+    const ZOR::DmRational rate{kWaveRateNum, 1};
+    const int64_t frame = ZOR::frameFromCnsTime(rate, position);
+    const int64_t frameStart = ZOR::cnsTimeFromFrame(rate, frame);
+    const int64_t frameLength = ZOR::cnsTimeFromFrame(rate, 1);
+    const float fraction = static_cast<float>(position - frameStart) / static_cast<float>(frameLength);
+    const auto perFrame = static_cast<uint32_t>(ZOR::IDmAudioWaveStore::kValuesPerFrame);
+    const uint32_t index = std::min(static_cast<uint32_t>(fraction * static_cast<float>(perFrame)), perFrame - 1);
+    float level = 0.0f;
+    store->readChannelWindows(-1, frame * perFrame + index, 1, &level);
+    return level;
+}
+
+// The peak-true columns of a clip's sound: for each channel asked for (-1:
+// all of them at once), one value per column of values (the service's
+// points). Column i covers the source positions of the service's points i
+// and i + 1 (the clip-time end for the last); a column whose two positions
+// meet (a held stretch) takes the millisecond it lies in. Its value is the
+// largest level there times the column's gain, value / level at the
+// service's own point; a column whose point read silence borrows the gain of
+// the nearest column that did not, and a clip whose every point read silence
+// is drawn at unit gain (its levels are all the picture can show).
+std::vector<std::vector<float>> peakColumns(const std::string& document, const ClipLayout& clip,
+                                            const std::vector<float>& values, bool split,
+                                            std::chrono::seconds timeout) {
+    ZOR::IDmClip* audioClip = clip.audioClip;
+    auto* audio = static_cast<ZOR::IDmAudioFeature*>(audioClip->queryInterface("IDmAudioFeature"));
+    auto* source = static_cast<ZOR::IDmMediaSource*>(audioClip->queryInterface("IDmMediaSource"));
+    ZOR::IDmAudioWaveStore* store = source != nullptr ? source->waveStore() : nullptr;
+    const auto count = static_cast<int64_t>(values.size());
+    if (audio == nullptr || store == nullptr || count == 0) return {values};
+    bool reverse = false;
+    if (ZOR::IDmEffect* effect = audioClip->effect(4139)) reverse = effect->value(0) != 0.0f;  // reverse play
+    std::vector<int64_t> positions(static_cast<size_t>(count) + 1);
+    for (int64_t i = 0; i <= count; ++i)
+        positions[static_cast<size_t>(i)] = audio->sourcePosition(
+            i < count ? servicePointTime(clip.soundBegin, clip.soundEnd, i, count) : clip.soundEnd, reverse);
+    const auto [low, high] = std::minmax_element(positions.begin(), positions.end());
+    const int64_t firstFrame = std::max<int64_t>(*low, 0) / (kCnsPerWindow * 40);
+    const int64_t lastFrame = std::min<int64_t>(std::max<int64_t>(*high, 0) / (kCnsPerWindow * 40), INT32_MAX);
+    extractMissingWave(document + ": clip '" + audioClip->name() + "'", audioClip, store,
+                       static_cast<int32_t>(firstFrame), static_cast<int32_t>(lastFrame), timeout, nullptr);
+
+    std::vector<float> gains(static_cast<size_t>(count), kNoGain);
+    for (int64_t i = 0; i < count; ++i) {
+        const float raw = serviceRawLevel(store, positions[static_cast<size_t>(i)]);
+        if (raw > 0.0f) gains[static_cast<size_t>(i)] = values[static_cast<size_t>(i)] / raw;
+    }
+    // Silent points borrow: from the left first, then from the right.
+    const auto borrow = [](auto first, auto last) {
+        float carried = kNoGain;
+        for (auto gain = first; gain != last; ++gain) {
+            if (*gain != kNoGain)
+                carried = *gain;
+            else
+                *gain = carried;
+        }
+    };
+    borrow(gains.begin(), gains.end());
+    borrow(gains.rbegin(), gains.rend());
+
+    std::vector<int32_t> channels{-1};
+    if (split) {
+        channels.clear();
+        for (int32_t c = 0; c < store->channelCount(); ++c) channels.push_back(c);
+    }
+    std::vector<std::vector<float>> columns;
+    for (int32_t channel : channels) {
+        std::vector<float>& column = columns.emplace_back(static_cast<size_t>(count));
+        for (int64_t i = 0; i < count; ++i) {
+            const int64_t a = positions[static_cast<size_t>(i)];
+            const int64_t b = positions[static_cast<size_t>(i) + 1];
+            const int64_t from = std::min(a, b);
+            const int64_t to = std::max(a, b);
+            const int64_t firstWindow = from / kCnsPerWindow;
+            const int64_t endWindow = to > from ? (to - 1) / kCnsPerWindow + 1 : firstWindow + 1;
+            const float gain = gains[static_cast<size_t>(i)] == kNoGain ? 1.0f : gains[static_cast<size_t>(i)];
+            column[static_cast<size_t>(i)] = std::min(1.0f, gain * store->channelPeak(channel, firstWindow, endWindow));
+        }
+    }
+    return columns;
 }
 
 }  // namespace
@@ -207,6 +314,9 @@ std::string renderJson(const RenderRequest& request) {
             if (ZOR::IDmClip* audioClip = ZOR::getBaseAudioClip(clip)) {
                 const auto [begin, end] = clipTimeRange(audioClip);
                 layout.sound = true;
+                layout.audioClip = audioClip;
+                layout.soundBegin = begin;
+                layout.soundEnd = end;
                 anySound = true;
                 layout.audioQuery = audioQueries.size();
                 audioQueries.push_back(
@@ -282,14 +392,20 @@ std::string renderJson(const RenderRequest& request) {
                 waveHeight = kVideoWaveHeight;
             }
             if (clip.sound && (!track.videoTrack || waveTop + waveHeight <= track.top + track.height)) {
-                const std::vector<float>& values = audio.answer(clip.audioQuery).values;
-                const double half = waveHeight / 2.0;
-                const int middle = waveTop + waveHeight / 2;
-                for (size_t i = 0; i < values.size() && innerX0 + static_cast<int>(i) < innerX1; ++i) {
-                    const double value = std::clamp(static_cast<double>(values[i]), 0.0, 1.0);
-                    const int reach = static_cast<int>(std::lround(value * (half - 1.0)));
-                    const int x = innerX0 + static_cast<int>(i);
-                    canvas.fill(x, middle - reach, x + 1, middle + reach + 1, kWave);
+                const std::vector<std::vector<float>> lanes = peakColumns(
+                    request.document, clip, audio.answer(clip.audioQuery).values, request.splitChannels, request.timeout);
+                // Each channel drawn apart takes an equal lane of the wave's rows.
+                const int laneHeight = std::max(1, waveHeight / static_cast<int>(lanes.size()));
+                for (size_t lane = 0; lane < lanes.size(); ++lane) {
+                    const std::vector<float>& values = lanes[lane];
+                    const double half = laneHeight / 2.0;
+                    const int middle = waveTop + static_cast<int>(lane) * laneHeight + laneHeight / 2;
+                    for (size_t i = 0; i < values.size() && innerX0 + static_cast<int>(i) < innerX1; ++i) {
+                        const double value = std::clamp(static_cast<double>(values[i]), 0.0, 1.0);
+                        const int reach = static_cast<int>(std::lround(value * std::max(half - 1.0, 0.0)));
+                        const int x = innerX0 + static_cast<int>(i);
+                        canvas.fill(x, middle - reach, x + 1, middle + reach + 1, kWave);
+                    }
                 }
             }
             // The clip's boundaries: a frame, its left edge doubled.
@@ -314,6 +430,7 @@ int runRender(int argc, char** argv) {
     request.out = arguments.required("out");
     if (request.out.empty()) throw UsageError("--out needs a file name");
     request.width = static_cast<int32_t>(arguments.integer("width", limits::width, 1600));
+    request.splitChannels = arguments.has("split-channels");
     request.timeout = commandTimeout(arguments);
     setupCommandLogging(arguments);
     printJson(namingOutOfMemory(request.document, [&] { return renderJson(request); }));

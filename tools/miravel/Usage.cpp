@@ -90,7 +90,9 @@ const std::vector<CommandSpec>& commandTable() {
          "DOC",
          "the timeline picture: each track with its clips' frame strips and waveforms",
          {{"out", "PNG", "the picture's file"}},
-         {{"width", "W", "the picture's width"}, kTimeout}},
+         {{"width", "W", "the picture's width"},
+          {"split-channels", "", "each channel's waveform in a lane of its own"},
+          kTimeout}},
         {"media",
          "MEDIA",
          "media thumbnails through the media thumbnail manager, coarse to fine (those already on disk from an "
