@@ -221,6 +221,40 @@ TEST(MiravelCliFaults, AFullDiskIsToldBeforeAnyWork) {
     EXPECT_TRUE(listing(folder).empty());
 }
 
+TEST(MiravelCliFaults, AFullDiskDuringAWaveStoreWriteLeavesNoTemporaryAndTheValuesStayRight) {
+    TempFolder folder;
+    if (!ownMountsPossible(folder)) GTEST_SKIP() << "no mount namespace of our own here (unshare -rm)";
+    const std::string wav = rampWav(folder, 44100);
+    const std::string arguments = "peaks " + shellQuoted(wav) + " --points 100 --channels";
+    // The values as a run with room for its store prints them.
+    const CliRun roomy = runShell("MIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI "' " +
+                                      arguments + " 2>" + shellQuoted(folder.file("roomy-err.txt")),
+                                  folder.file("roomy-err.txt"));
+    ASSERT_EQ(roomy.exitCode, 0) << roomy.err;
+
+    // The store folder is made, then the disk filled to 4 KiB short of full:
+    // the store file (about 11 KB) does not fit.
+    const std::string mount = folder.file("full");
+    std::filesystem::create_directories(mount);
+    const std::string script = "mount -t tmpfs -o size=64k none " + shellQuoted(mount) + "\nmkdir -p " +
+                               shellQuoted(mount + "/miravel/waves") + "\nhead -c 61440 /dev/zero > " +
+                               shellQuoted(mount + "/fill") + " || true\nset +e\nMIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" +
+                               shellQuoted(mount) + " '" MIRAVEL_CLI "' " + arguments + " --log warning 2>" +
+                               shellQuoted(folder.file("err.txt")) + "\ncode=$?\nls -A " +
+                               shellQuoted(mount + "/miravel/waves") + " > " + shellQuoted(folder.file("listing.txt")) +
+                               "\nexit $code\n";
+    const CliRun run = runWithOwnMounts(folder, script);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, roomy.out);
+    EXPECT_NE(run.err.find("the wave store cannot write '" + mount + "/miravel/waves/"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("(disk full): the levels stay in memory only"), std::string::npos) << run.err;
+    // Nothing half-written: no temporary and no store file; a lock file may stay.
+    for (const std::string& name : listing(folder)) {
+        EXPECT_EQ(name.find(".tmp-"), std::string::npos) << name;
+        EXPECT_TRUE(name.size() > 5 && name.compare(name.size() - 5, 5, ".lock") == 0) << name;
+    }
+}
+
 TEST(MiravelCliFaults, PicturesThatDoNotFitOnTheDiskFailTheCommand) {
     TempFolder folder;
     if (!ownMountsPossible(folder)) GTEST_SKIP() << "no mount namespace of our own here (unshare -rm)";
