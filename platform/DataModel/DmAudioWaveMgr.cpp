@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -373,6 +375,36 @@ bool readWholeFile(const std::string& path, std::vector<char>* bytes) {
     return static_cast<bool>(in.read(bytes->data(), size));
 }
 
+// A file's bytes mapped for reading while it lives; empty when the file
+// cannot be read (or is empty).
+class MappedFile {
+public:
+    explicit MappedFile(const std::string& path) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return;
+        struct stat info {};
+        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+            void* mapped = ::mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+            if (mapped != MAP_FAILED) {
+                data_ = static_cast<const char*>(mapped);
+                size_ = static_cast<size_t>(info.st_size);
+            }
+        }
+        ::close(fd);
+    }
+    ~MappedFile() {
+        if (data_ != nullptr) ::munmap(const_cast<char*>(data_), size_);
+    }
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+    const char* data() const { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    const char* data_ = nullptr;
+    size_t size_ = 0;
+};
+
 // Holds an exclusive lock on path (made when missing) while it lives: one
 // writer of a store file at a time, across processes.
 class FileLock {
@@ -416,12 +448,13 @@ void DmAudioWaveManager::loadStore() {
     }
     if (!released.empty()) releaseCacheFile(released);
     if (newlyHeld) holdCacheFile(path);
-    std::vector<char> bytes;
-    if (!readWholeFile(path, &bytes)) return;  // not stored yet
-    DmWaveStoreView view;
-    const DmWaveStoreData& data = view.data;
+    // Read in place: the checked file's levels go straight into the chunks.
+    const MappedFile file(path);
+    if (file.data() == nullptr) return;  // not stored yet
+    DmWaveStoreLayout layout;
+    const DmWaveStoreData& data = layout.data;
     std::string why;
-    if (!readWaveStoreView(bytes.data(), bytes.size(), &fingerprint, stream_, &view, &why) ||
+    if (!readWaveStoreLayout(file.data(), file.size(), &fingerprint, stream_, &layout, &why) ||
         (why = "kept for another channel count", static_cast<int32_t>(data.channels) != channels_)) {
         ZOR_LOG(IBsLogger::Warning, "ZOR::DmAudioWaveManager::loadStore",
                 "'%s' stream %d: the wave store file '%s' is ignored (%s); it is written again", mediaPath_.c_str(),
@@ -436,12 +469,12 @@ void DmAudioWaveManager::loadStore() {
         const size_t windows = static_cast<size_t>(data.frames) * kValuesPerFrame;
         const bool wasEmpty = chunks_.empty();
         for (int32_t frame = 0; frame < data.frames; ++frame) {
-            if (!data.isHeld(frame) || isHeldLocked(frame)) continue;
+            if (!layout.isHeld(frame) || isHeldLocked(frame)) continue;
             uint16_t* out = frameValuesLocked(frame);
             for (int32_t c = 0; c < channels_; ++c)
-                std::copy_n(data.levels.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(c) * windows +
-                                                                          static_cast<size_t>(frame) * kValuesPerFrame),
-                            kValuesPerFrame, out + static_cast<ptrdiff_t>(c) * kValuesPerFrame);
+                std::memcpy(out + static_cast<ptrdiff_t>(c) * kValuesPerFrame,
+                            layout.levels + 2 * (static_cast<size_t>(c) * windows + static_cast<size_t>(frame) * kValuesPerFrame),
+                            kValuesPerFrame * sizeof(uint16_t));
             ++loaded;
         }
         if (wasEmpty) {
@@ -455,13 +488,13 @@ void DmAudioWaveManager::loadStore() {
                 const size_t first256 = index * (kChunkWindows / 256);
                 for (size_t c = 0; c < static_cast<size_t>(channels_); ++c) {
                     if (first16 < count16)
-                        std::copy_n(view.level16.begin() + static_cast<ptrdiff_t>(c * count16 + first16),
-                                    std::min<size_t>(kChunkWindows / 16, count16 - first16),
-                                    chunk.coarse16.begin() + static_cast<ptrdiff_t>(c * (kChunkWindows / 16)));
+                        std::memcpy(chunk.coarse16.data() + c * (kChunkWindows / 16),
+                                    layout.level16 + 2 * (c * count16 + first16),
+                                    std::min<size_t>(kChunkWindows / 16, count16 - first16) * sizeof(uint16_t));
                     if (first256 < count256)
-                        std::copy_n(view.level256.begin() + static_cast<ptrdiff_t>(c * count256 + first256),
-                                    std::min<size_t>(kChunkWindows / 256, count256 - first256),
-                                    chunk.coarse256.begin() + static_cast<ptrdiff_t>(c * (kChunkWindows / 256)));
+                        std::memcpy(chunk.coarse256.data() + c * (kChunkWindows / 256),
+                                    layout.level256 + 2 * (c * count256 + first256),
+                                    std::min<size_t>(kChunkWindows / 256, count256 - first256) * sizeof(uint16_t));
                 }
             }
         } else {

@@ -14,7 +14,7 @@ namespace ZOR {
 namespace {
 
 constexpr char kMagic[8] = {'M', 'R', 'V', 'L', 'W', 'A', 'V', 'E'};
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 constexpr size_t kHeaderBytes = 92;
 constexpr size_t kHeaderChecked = kHeaderBytes - 8;  // the header checksum covers what comes before it
 constexpr int64_t kFingerprintBytes = 1 << 20;
@@ -88,9 +88,27 @@ std::vector<uint16_t> coarse(const DmWaveStoreData& data, size_t span) {
 }  // namespace
 
 uint64_t hashBytes(const void* data, size_t size, uint64_t seed) {
+    // Four independent lanes over 32-byte blocks (each word multiplied,
+    // rotated and multiplied into its lane), so that a store of megabytes is
+    // checked at memory speed; then the tail word by word, and a final mix.
+    constexpr uint64_t kPrime1 = 0x9e3779b185ebca87ULL;
+    constexpr uint64_t kPrime2 = 0xc2b2ae3d27d4eb4fULL;
+    const auto round = [](uint64_t lane, uint64_t word) {
+        lane += word * kPrime2;
+        lane = (lane << 31) | (lane >> 33);
+        return lane * kPrime1;
+    };
     const auto* bytes = static_cast<const unsigned char*>(data);
-    uint64_t h = mix(seed ^ (size * 0x9e3779b97f4a7c15ULL));
+    uint64_t lanes[4] = {seed + kPrime1 + kPrime2, seed + kPrime2, seed, seed - kPrime1};
     size_t i = 0;
+    for (; i + 32 <= size; i += 32)
+        for (size_t k = 0; k < 4; ++k) {
+            uint64_t word = 0;
+            std::memcpy(&word, bytes + i + 8 * k, 8);
+            lanes[k] = round(lanes[k], word);
+        }
+    uint64_t h = mix(seed ^ (size * 0x9e3779b97f4a7c15ULL));
+    for (uint64_t lane : lanes) h = (h ^ mix(lane)) * 0x9e3779b97f4a7c15ULL;
     for (; i + 8 <= size; i += 8) {
         uint64_t word = 0;
         std::memcpy(&word, bytes + i, 8);
@@ -166,8 +184,8 @@ std::vector<char> writeWaveStore(const DmWaveStoreData& data) {
     return bytes;
 }
 
-bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
-                       DmWaveStoreView* view, std::string* why) {
+bool readWaveStoreLayout(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
+                         DmWaveStoreLayout* layout, std::string* why) {
     const auto refuse = [&](const char* reason) {
         if (why != nullptr) *why = reason;
         return false;
@@ -215,15 +233,30 @@ bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint*
     if (size - kHeaderBytes != payloadBytes) return refuse(size - kHeaderBytes < payloadBytes ? "truncated" : "too long");
     if (payloadSum != hashBytes(bytes + kHeaderBytes, payloadBytes, kVersion)) return refuse("damaged levels");
 
-    Reader payload(bytes + kHeaderBytes, payloadBytes);
-    data.held.resize(held);
+    layout->data = std::move(data);
+    layout->held = bytes + kHeaderBytes;
+    layout->levels = layout->held + held;
+    layout->level16 = layout->levels + 2 * fine;
+    layout->level256 = layout->level16 + 2 * c16;
+    return true;
+}
+
+bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
+                       DmWaveStoreView* view, std::string* why) {
+    DmWaveStoreLayout layout;
+    if (!readWaveStoreLayout(bytes, size, expected, expectedStream, &layout, why)) return false;
+    DmWaveStoreData& data = layout.data;
+    const size_t held = heldBytes(data.frames);
+    const size_t fine = static_cast<size_t>(data.channels) * windowsOf(data.frames);
+    const size_t c16 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 16);
+    const size_t c256 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 256);
+    data.held.assign(layout.held, layout.held + held);
     data.levels.resize(fine);
     view->level16.resize(c16);
     view->level256.resize(c256);
-    payload.bytes(data.held.data(), held);
-    payload.bytes(data.levels.data(), fine * 2);
-    payload.bytes(view->level16.data(), c16 * 2);
-    payload.bytes(view->level256.data(), c256 * 2);
+    std::memcpy(data.levels.data(), layout.levels, fine * 2);
+    std::memcpy(view->level16.data(), layout.level16, c16 * 2);
+    std::memcpy(view->level256.data(), layout.level256, c256 * 2);
     view->data = std::move(data);
     return true;
 }

@@ -1,11 +1,12 @@
 // The wave store's file: the wave levels of one audio stream of one media
 // content, kept on disk so that a later process serves them without decoding.
 //
-// Layout (version 1, every number little-endian):
+// Layout (version 2, every number little-endian; version 1 checked its
+// bytes with a slower hash):
 //
 //   header, 92 bytes:
 //     "MRVLWAVE"              magic
-//     u32 version             1
+//     u32 version             2
 //     u32 header bytes        92
 //     u64 file size           } the media content's fingerprint
 //     u64 head hash           }   (size, hashes of its first and last MiB)
@@ -98,5 +99,23 @@ struct DmWaveStoreView {
 };
 bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
                        DmWaveStoreView* view, std::string* why);
+
+// A checked file read in place: the header's fields in data (its held and
+// levels left empty) and where each part of the payload starts in bytes (the
+// levels as little-endian u16, not necessarily aligned). Same checks and
+// reasons as readWaveStore.
+struct DmWaveStoreLayout {
+    DmWaveStoreData data;
+    const char* held = nullptr;      // ceil(frames / 8) bytes
+    const char* levels = nullptr;    // channels x frames x 40 u16
+    const char* level16 = nullptr;   // channels x ceil(frames x 40 / 16) u16
+    const char* level256 = nullptr;  // channels x ceil(frames x 40 / 256) u16
+    bool isHeld(int32_t frame) const {
+        return frame >= 0 && frame < data.frames &&
+               (static_cast<unsigned char>(held[frame / 8]) >> (frame % 8) & 1u) != 0;
+    }
+};
+bool readWaveStoreLayout(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
+                         DmWaveStoreLayout* layout, std::string* why);
 
 }  // namespace ZOR

@@ -182,7 +182,7 @@ TEST_F(WaveStoreTest, AStoreFileOfAnotherVersionStreamOrContentIsNeverServed) {
     other.tail ^= 1;
     EXPECT_FALSE(readWaveStore(bytes.data(), bytes.size(), &other, 1, &read, &why));
     EXPECT_EQ(why, "the levels of other content");
-    bytes[8] = 2;  // version 2
+    bytes[8] = 3;  // a later version
     EXPECT_FALSE(readWaveStore(bytes.data(), bytes.size(), &data.fingerprint, 1, &read, &why));
     EXPECT_EQ(why, "another version");
     const std::string foreign = "RIFF....WAVEfmt and more than ninety-two bytes of something else entirely, "
