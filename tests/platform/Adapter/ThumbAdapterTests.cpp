@@ -827,10 +827,12 @@ protected:
         DmTimelineDesc desc;
         desc.name = "thumbs";
         const std::string colours = media().colours();
-        DmTrackDesc lower = trackDesc(DmTrackVideo, "lower",
-                                      {clipDesc(colours, "first", 0, 3 * kSecond, 5 * kSecond, 8 * kSecond),
-                                       clipDesc(colours, "second", 6 * kSecond, 8 * kSecond, 0, 2 * kSecond)});
-        DmTrackDesc sound = trackDesc(DmTrackAudio, "sound", {clipDesc(media().sound(), "tone", 0, kSecond, 0, kSecond)});
+        const DmTrackDesc lower =
+            trackDesc(DmTrackVideo, "lower",
+                      {clipDesc(colours, "first", 0, 3 * kSecond, 5 * kSecond, 8 * kSecond),
+                       clipDesc(colours, "second", 6 * kSecond, 8 * kSecond, 0, 2 * kSecond)});
+        const DmTrackDesc sound =
+            trackDesc(DmTrackAudio, "sound", {clipDesc(media().sound(), "tone", 0, kSecond, 0, kSecond)});
         DmTrackDesc upper = trackDesc(DmTrackVideo, "upper",
                                       {clipDesc(media().numbered(), "numbers", 0, 10 * kSecond, 0, 10 * kSecond)});
         upper.visible = upperVisible;
