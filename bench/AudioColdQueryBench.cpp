@@ -177,9 +177,12 @@ void report(benchmark::State& state, const test::CapturingSink& sink, int64_t co
     state.counters["decodes_planned"] = perIteration(work.plans);
 }
 
-// (a) The builder: a query of 2,000 points over the whole clip, timed from
-// the query to the callback.
-void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
+// The loop of a cold benchmark: each iteration starts cold (timing paused)
+// and hands its start to iteration, which resumes the timing and tells
+// whether to go on. Then the file's identity is put back and the work the log
+// tells of reported.
+template <typename Iteration>
+void runCold(benchmark::State& state, Iteration iteration) {
     const Media* file = readyMedia(state);
     if (file == nullptr) return;
     test::ScopedCapture capture(IBsLogger::Debug);
@@ -187,8 +190,18 @@ void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         ColdStart start = coldStart(state, *file, cold);
+        if (start.scene.clip == nullptr) break;
+        if (!iteration(start)) break;
+    }
+    restoreIdentity(*file);
+    report(state, capture.sink(), cold);
+}
+
+// (a) The builder: a query of 2,000 points over the whole clip, timed from
+// the query to the callback.
+void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
+    runCold(state, [&](ColdStart& start) {
         IDmClip* clip = start.scene.clip;
-        if (clip == nullptr) break;
         ThumbnailWaiter waiter;
         auto builder = std::make_unique<BsAudioThumbnailBuilder>(nullptr, start.scene.timeline.get());
         state.ResumeTiming();
@@ -207,15 +220,14 @@ void BM_AudioColdQuery2000PointsWholeClip(benchmark::State& state) {
         state.ResumeTiming();
         if (!delivered || values.size() != static_cast<size_t>(kPoints)) {
             state.SkipWithError("the thumbnail was not delivered");
-            break;
+            return false;
         }
         if (!heldAfter || caches != 0) {
             state.SkipWithError("frames not held after the query, or a sample cache left behind");
-            break;
+            return false;
         }
-    }
-    restoreIdentity(*file);
-    report(state, capture.sink(), cold);
+        return true;
+    });
     state.counters["points"] = kPoints;
 }
 BENCHMARK(BM_AudioColdQuery2000PointsWholeClip)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
@@ -223,15 +235,8 @@ BENCHMARK(BM_AudioColdQuery2000PointsWholeClip)->Unit(benchmark::kMillisecond)->
 // (b) The task alone: the frames of the smallest and largest source position
 // of the same 2,000 points, from start and append to status 2.
 void BM_AudioColdTaskExtractSameRange(benchmark::State& state) {
-    const Media* file = readyMedia(state);
-    if (file == nullptr) return;
-    test::ScopedCapture capture(IBsLogger::Debug);
-    int64_t cold = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        ColdStart start = coldStart(state, *file, cold);
+    runCold(state, [&](ColdStart& start) {
         IDmClip* clip = start.scene.clip;
-        if (clip == nullptr) break;
         const auto frames = start.frames;
         test::TaskRecorder waiter;
         auto task = ZorRef<IBsAudioWaveExtractTask>::adopt(createAudioWaveExtractTask());
@@ -261,15 +266,14 @@ void BM_AudioColdTaskExtractSameRange(benchmark::State& state) {
         state.ResumeTiming();
         if (status != BsTaskFinished) {
             state.SkipWithError("the task did not finish with status 2");
-            break;
+            return false;
         }
         if (!heldAfter) {
             state.SkipWithError("frames not held after the task");
-            break;
+            return false;
         }
-    }
-    restoreIdentity(*file);
-    report(state, capture.sink(), cold);
+        return true;
+    });
 }
 BENCHMARK(BM_AudioColdTaskExtractSameRange)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 

@@ -478,52 +478,7 @@ BENCHMARK(BM_VideoRequestCached)
 // Records when pictures arrive, on whichever thread they come.
 class ArrivalRecorder final : public IBsVideoClipThumbnailCallback {
 public:
-    explicit ArrivalRecorder(size_t expected) : expected_(expected) {}
-
-    int32_t onVideoThumbnailNotice(void*) override { return 0; }
-    int32_t onVideoThumbnailChanged(IDmClip*) override { return 0; }
-    int32_t onVideoThumbnailData(IDmClip*, int32_t width, int32_t height, IZORLonglongList* frames,
-                                 IZORPByteList* pictures, int32_t count, int32_t bytesPerPicture) override {
-        const Clock::time_point now = Clock::now();
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++deliveries_;
-        if (width != kWidth || height != kHeight || bytesPerPicture != kPictureBytes || frames->count() != count ||
-            pictures->count() != count)
-            ++bad_;
-        if (count > 0 && !first_) {
-            first_ = now;
-            firstCpuMs_ = processCpuMs();
-            firstCount_ = count;
-            firstFrame_ = frames->get(0);
-        }
-        for (int32_t i = 0; i < count; ++i) {
-            const unsigned char* picture = pictures->get(i);
-            if (picture == nullptr) {
-                ++bad_;
-                continue;
-            }
-            // The alpha of the picture's centre: an opaque picture was filled.
-            const size_t centre = (static_cast<size_t>(kHeight / 2) * kWidth + kWidth / 2) * 4;
-            if (picture[centre + 3] != 255) ++bad_;
-            if (!seen_.insert(frames->get(i)).second) {
-                ++duplicates_;
-                continue;
-            }
-            if (seen_.size() == expected_ / 2) half_ = now;
-            if (seen_.size() == expected_) {
-                all_ = now;
-                allCpuMs_ = processCpuMs();
-            }
-        }
-        signal_.notify_all();
-        return 0;
-    }
-
-    bool waitForAll() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return signal_.wait_for(lock, kLimit, [&] { return seen_.size() >= expected_; });
-    }
-
+    // What has arrived so far.
     struct Summary {
         std::optional<Clock::time_point> first;
         std::optional<Clock::time_point> half;
@@ -535,12 +490,60 @@ public:
         int64_t deliveries = 0;
         int64_t duplicates = 0;
         int64_t bad = 0;
-        size_t distinct = 0;
+        size_t distinct = 0;  // frames
     };
+
+    explicit ArrivalRecorder(size_t expected) : expected_(expected) {}
+
+    int32_t onVideoThumbnailNotice(void*) override { return 0; }
+    int32_t onVideoThumbnailChanged(IDmClip*) override { return 0; }
+    int32_t onVideoThumbnailData(IDmClip*, int32_t width, int32_t height, IZORLonglongList* frames,
+                                 IZORPByteList* pictures, int32_t count, int32_t bytesPerPicture) override {
+        const Clock::time_point now = Clock::now();
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++summary_.deliveries;
+        if (width != kWidth || height != kHeight || bytesPerPicture != kPictureBytes || frames->count() != count ||
+            pictures->count() != count)
+            ++summary_.bad;
+        if (count > 0 && !summary_.first) {
+            summary_.first = now;
+            summary_.firstCpuMs = processCpuMs();
+            summary_.firstCount = count;
+            summary_.firstFrame = frames->get(0);
+        }
+        for (int32_t i = 0; i < count; ++i) {
+            const unsigned char* picture = pictures->get(i);
+            if (picture == nullptr) {
+                ++summary_.bad;
+                continue;
+            }
+            // The alpha of the picture's centre: an opaque picture was filled.
+            const size_t centre = (static_cast<size_t>(kHeight / 2) * kWidth + kWidth / 2) * 4;
+            if (picture[centre + 3] != 255) ++summary_.bad;
+            if (!seen_.insert(frames->get(i)).second) {
+                ++summary_.duplicates;
+                continue;
+            }
+            if (seen_.size() == expected_ / 2) summary_.half = now;
+            if (seen_.size() == expected_) {
+                summary_.all = now;
+                summary_.allCpuMs = processCpuMs();
+            }
+        }
+        signal_.notify_all();
+        return 0;
+    }
+
+    bool waitForAll() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return signal_.wait_for(lock, kLimit, [&] { return seen_.size() >= expected_; });
+    }
+
     Summary summary() {
         std::lock_guard<std::mutex> lock(mutex_);
-        return {first_,      half_,       all_,        firstCpuMs_, allCpuMs_, firstFrame_,
-                firstCount_, deliveries_, duplicates_, bad_,        seen_.size()};
+        Summary summary = summary_;
+        summary.distinct = seen_.size();
+        return summary;
     }
 
 private:
@@ -548,16 +551,7 @@ private:
     std::mutex mutex_;  // leaf
     std::condition_variable signal_;
     std::set<int64_t> seen_;
-    std::optional<Clock::time_point> first_;
-    std::optional<Clock::time_point> half_;
-    std::optional<Clock::time_point> all_;
-    double firstCpuMs_ = 0;
-    double allCpuMs_ = 0;
-    int64_t firstFrame_ = -1;
-    int32_t firstCount_ = 0;
-    int64_t deliveries_ = 0;
-    int64_t duplicates_ = 0;
-    int64_t bad_ = 0;
+    Summary summary_;  // but distinct, which is seen_.size()
 };
 
 // Records the reports of the task alone.

@@ -16,27 +16,13 @@
 # modification time while it runs (see the source) and puts it back.
 set -euo pipefail
 
-script_dir="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-source_dir="$(cd "${script_dir}/.." && pwd)"
-
-build_dir="./build-bench"
-if [[ $# -gt 0 && "$1" != --* ]]; then
-  build_dir="$1"
-  shift
-fi
-format="console"
-extra=()
-for arg in "$@"; do
-  if [[ "$arg" == "--json" ]]; then format="json"; else extra+=("$arg"); fi
-done
+# shellcheck source=bench/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+bench_parse_args "$@"
 
 command -v ffmpeg > /dev/null || { echo "ffmpeg is missing (apt-get install ffmpeg)" >&2; exit 1; }
 
-cmake -S "${source_dir}" -B "${build_dir}" \
-  -DCMAKE_BUILD_TYPE=Release \
-  -DMIRAVEL_BUILD_BENCHMARKS=ON \
-  -DMIRAVEL_BUILD_TESTS=OFF >&2
-cmake --build "${build_dir}" --parallel "$(nproc)" --target miravel_bench_audio_cold >&2
+bench_build miravel_bench_audio_cold
 
 media_dir="${build_dir}/bench-media"
 mp3="${media_dir}/sine-60min.mp3"

@@ -8,27 +8,13 @@
 # Any further arguments (e.g. --benchmark_filter=RefCnt) go to every binary.
 set -euo pipefail
 
-script_dir="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-source_dir="$(cd "${script_dir}/.." && pwd)"
-
-build_dir="./build-bench"
-if [[ $# -gt 0 && "$1" != --* ]]; then
-  build_dir="$1"
-  shift
-fi
-format="console"
-extra=()
-for arg in "$@"; do
-  if [[ "$arg" == "--json" ]]; then format="json"; else extra+=("$arg"); fi
-done
+# shellcheck source=bench/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+bench_parse_args "$@"
 
 benchmarks=(miravel_bench_foundation miravel_bench_audio)
 
-cmake -S "${source_dir}" -B "${build_dir}" \
-  -DCMAKE_BUILD_TYPE=Release \
-  -DMIRAVEL_BUILD_BENCHMARKS=ON \
-  -DMIRAVEL_BUILD_TESTS=OFF >&2
-cmake --build "${build_dir}" --parallel "$(nproc)" --target "${benchmarks[@]}" >&2
+bench_build "${benchmarks[@]}"
 
 for bench in "${benchmarks[@]}"; do
   "${build_dir}/bin/${bench}" \

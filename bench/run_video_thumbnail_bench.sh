@@ -38,8 +38,8 @@
 # and summed up at the end.
 set -euo pipefail
 
-script_dir="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-source_dir="$(cd "${script_dir}/.." && pwd)"
+# shellcheck source=bench/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 build_dir="./build-bench"
 if [[ $# -gt 0 && "$1" != --* ]]; then
@@ -61,11 +61,7 @@ for tool in ffmpeg ffprobe jq; do
   command -v "$tool" > /dev/null || { echo "$tool is missing (apt-get install ffmpeg jq)" >&2; exit 1; }
 done
 
-cmake -S "${source_dir}" -B "${build_dir}" \
-  -DCMAKE_BUILD_TYPE=Release \
-  -DMIRAVEL_BUILD_BENCHMARKS=ON \
-  -DMIRAVEL_BUILD_TESTS=OFF >&2
-cmake --build "${build_dir}" --parallel "$(nproc)" --target miravel_bench_video >&2
+bench_build miravel_bench_video
 build_dir="$(cd "${build_dir}" && pwd)"
 bench="${build_dir}/bin/miravel_bench_video"
 

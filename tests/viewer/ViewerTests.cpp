@@ -61,6 +61,19 @@ struct Viewer {
     TimelineView* view() const { return window->timeline(); }
     std::string file(const std::string& name) const { return folder.filePath(QString::fromStdString(name)).toStdString(); }
 
+    // Writes an 8 s film and a 10 s tone, a document that cuts each in two
+    // (F1, F2 of 4 s; T1, T2 of 5 s) and opens it; gives the document's path.
+    std::string openFilmAndToneCut() {
+        viewertest::writeFilm(file("film.mp4"), 8, 320, 180, 1);
+        viewertest::writeTone(file("tone.wav"), 10);
+        const std::string document = file("cut.otio");
+        miravel::view::writeFileAtomically(
+            document, viewertest::documentJson({{"F1", "film.mp4", 0, 4}, {"F2", "film.mp4", 4, 4}},
+                                               {{"T1", "tone.wav", 0, 5}, {"T2", "tone.wav", 5, 5}}));
+        window->openDocument(document);
+        return document;
+    }
+
     QTemporaryDir folder;
     std::string root;
     std::unique_ptr<MainWindow> window;
@@ -240,13 +253,7 @@ void ViewerTests::demoDocumentDrawsEveryVisibleClip() {
 
 void ViewerTests::volumeEditRedrawsThatClipAtItsGainAndNoOther() {
     Viewer viewer;
-    viewertest::writeFilm(viewer.file("film.mp4"), 8, 320, 180, 1);
-    viewertest::writeTone(viewer.file("tone.wav"), 10);
-    const std::string document = viewer.file("cut.otio");
-    miravel::view::writeFileAtomically(
-        document, viewertest::documentJson({{"F1", "film.mp4", 0, 4}, {"F2", "film.mp4", 4, 4}},
-                                           {{"T1", "tone.wav", 0, 5}, {"T2", "tone.wav", 5, 5}}));
-    viewer.window->openDocument(document);
+    viewer.openFilmAndToneCut();
     TimelineView* view = viewer.view();
     QTRY_VERIFY_WITH_TIMEOUT(view->model() != nullptr, kLong);
     QVERIFY(clipNamed(view, "T2") != nullptr);
@@ -559,13 +566,7 @@ void ViewerTests::closingTheProgramWhileExtractingLeavesNothingHalfWritten() {
 
 void ViewerTests::savedDocumentReloadsToTheSameTimeline() {
     Viewer viewer;
-    viewertest::writeFilm(viewer.file("film.mp4"), 8, 320, 180, 1);
-    viewertest::writeTone(viewer.file("tone.wav"), 10);
-    const std::string document = viewer.file("cut.otio");
-    miravel::view::writeFileAtomically(
-        document, viewertest::documentJson({{"F1", "film.mp4", 0, 4}, {"F2", "film.mp4", 4, 4}},
-                                           {{"T1", "tone.wav", 0, 5}, {"T2", "tone.wav", 5, 5}}));
-    viewer.window->openDocument(document);
+    const std::string document = viewer.openFilmAndToneCut();
     TimelineView* view = viewer.view();
     QTRY_VERIFY_WITH_TIMEOUT(view->model() != nullptr, kLong);
 

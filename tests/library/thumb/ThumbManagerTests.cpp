@@ -53,7 +53,23 @@ void fill(char (&out)[1024], const char* text) { zor_strcpy(out, sizeof out, tex
 // ---------------------------------------------------------------------------
 // Edge cases
 
-using ThumbManagerEdgeTest = ThumbManagerFixture;
+class ThumbManagerEdgeTest : public ThumbManagerFixture {
+protected:
+    // A request for the whole of the 100 s media item name in the test's
+    // folder, cached under root_.
+    MediaThumbRequest wholeMedia(const std::string& name) const {
+        return makeRequest(folder_.file(name), root_, 0, kHundredSeconds, kHundredSeconds);
+    }
+
+    // With caching off and the media's cache folder made but empty, index 10
+    // (0.105) of request has no picture and out stays "untouched".
+    void expectNothingOnDiskWithCachingOff(const MediaThumbRequest& request, char (&out)[1024]) {
+        ASSERT_EQ(manager_->setCaching(0), 0);
+        fs::create_directories(cacheDir());
+        fill(out, "untouched");
+        EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);  // index 10: nothing on disk
+    }
+};
 
 TEST_F(ThumbManagerEdgeTest, SettingsStartAtTheirDefaults) {
     EXPECT_EQ(manager_->thumbCount(), 100);
@@ -78,8 +94,7 @@ TEST_F(ThumbManagerEdgeTest, WithCachingOffGetFrameReportsOnlyExistingFilesAndQu
     const std::string file80 = thumbFile(root_, 80, 320, 180);
     createFile(file80, "picture 80");
     ASSERT_EQ(manager_->setCaching(0), 0);
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
 
     char out[1024];
     fill(out, "untouched");
@@ -113,7 +128,7 @@ TEST_F(ThumbManagerEdgeTest, AFourthMediaItemPushesOutTheOldestQueuedOne) {
     probe_.holdAll(true);
     std::vector<MediaThumbRequest> requests;
     for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"})
-        requests.push_back(makeRequest(folder_.file(name), root_, 0, kHundredSeconds, kHundredSeconds));
+        requests.push_back(wholeMedia(name));
     char out[1024];
     for (size_t i = 0; i < 3; ++i) EXPECT_EQ(requestUntilTaken(manager_, probe_, requests[i], 0.5, out), 1001);
     EXPECT_EQ(manager_.queued(), (std::vector<std::string>{folder_.file("c.mp4"), folder_.file("b.mp4"),
@@ -128,7 +143,7 @@ TEST_F(ThumbManagerEdgeTest, AskingAgainForAQueuedItemMovesItToTheHeadWithoutASe
     probe_.holdAll(true);
     std::vector<MediaThumbRequest> requests;
     for (const char* name : {"a.mp4", "b.mp4", "c.mp4"})
-        requests.push_back(makeRequest(folder_.file(name), root_, 0, kHundredSeconds, kHundredSeconds));
+        requests.push_back(wholeMedia(name));
     char out[1024];
     for (const MediaThumbRequest& request : requests) requestUntilTaken(manager_, probe_, request, 0.5, out);
     const auto before = manager_.impl()->queuedTasks();
@@ -179,8 +194,7 @@ TEST_F(ThumbManagerEdgeTest, NeighboursAreTriedAtPlusOneBeforeMinusOne) {
     const std::string file11 = thumbFile(root_, 11, 320, 180);
     createFile(file9, "picture 9");
     createFile(file11, "picture 11");
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 0);
     EXPECT_STREQ(out, file11.c_str());
@@ -194,8 +208,7 @@ TEST_F(ThumbManagerEdgeTest, AMissingFileWithANeighbourAtPlusOneReturnsTheNeighb
     const std::string file11 = thumbFile(root_, 11, 320, 180);
     createFile(file11, "picture 11");
     createFile(thumbFile(root_, 9, 320, 180), "picture 9");
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     fill(out, "untouched");
     EXPECT_EQ(requestUntilTaken(manager_, probe_, request, 0.105, out), 0);
@@ -214,8 +227,7 @@ TEST_F(ThumbManagerEdgeTest, OnlyFilesNamedForTheBoxAreNeighbours) {
     createFile(cacheDir() + "/11_320_180.png.tmp", "partial");
     const std::string file8 = thumbFile(root_, 8, 320, 180);
     createFile(file8, "picture 8");
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     fill(out, "untouched");
     EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 0);
@@ -223,13 +235,9 @@ TEST_F(ThumbManagerEdgeTest, OnlyFilesNamedForTheBoxAreNeighbours) {
 }
 
 TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundOnceTheFolderTimeMovesOn) {
-    ASSERT_EQ(manager_->setCaching(0), 0);
-    fs::create_directories(cacheDir());
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
-    fill(out, "untouched");
-    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);  // index 10: nothing on disk
+    ASSERT_NO_FATAL_FAILURE(expectNothingOnDiskWithCachingOff(request, out));
     const std::string file12 = thumbFile(root_, 12, 320, 180);
     createFile(file12, "picture 12");
     // The folder's time moves on, as it does once the file system's clock
@@ -242,13 +250,9 @@ TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundOnceTheFolderTime
 // Another writer's file is found at once, even when the folder's time does
 // not move (a file system's clock ticks coarsely, and a time can be set).
 TEST_F(ThumbManagerEdgeTest, ANeighbourAnotherWriterAddsIsFoundWhileTheFolderTimeStandsStill) {
-    ASSERT_EQ(manager_->setCaching(0), 0);
-    fs::create_directories(cacheDir());
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
-    fill(out, "untouched");
-    EXPECT_EQ(manager_->getFrame(&request, 0.105, out), 1001);  // index 10: nothing on disk
+    ASSERT_NO_FATAL_FAILURE(expectNothingOnDiskWithCachingOff(request, out));
     const auto folderTime = fs::last_write_time(cacheDir());
     const std::string file12 = thumbFile(root_, 12, 320, 180);
     createFile(file12, "picture 12");
@@ -285,8 +289,7 @@ TEST_F(ThumbManagerEdgeTest, ABoxBelowOneNamesFilesByIndexOnly) {
     ASSERT_EQ(manager_->setCaching(0), 0);
     const std::string plain = (fs::path(cacheDir()) / "7.png").string();
     createFile(plain, "picture 7");
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     ASSERT_EQ(manager_->setThumbSize(0, 0), 0);
     EXPECT_EQ(manager_->getFrame(&request, 0.075, out), 0);
@@ -303,8 +306,8 @@ TEST_F(ThumbManagerEdgeTest, ABoxBelowOneNamesFilesByIndexOnly) {
 
 TEST_F(ThumbManagerEdgeTest, StopGetFrameRemovesTheQueuedItem) {
     probe_.holdAll(true);
-    const MediaThumbRequest a = makeRequest(folder_.file("a.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
-    const MediaThumbRequest b = makeRequest(folder_.file("b.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest a = wholeMedia("a.mp4");
+    const MediaThumbRequest b = wholeMedia("b.mp4");
     char out[1024];
     requestUntilTaken(manager_, probe_, a, 0.5, out);
     requestUntilTaken(manager_, probe_, b, 0.5, out);
@@ -319,7 +322,7 @@ TEST_F(ThumbManagerEdgeTest, StopGetFrameRemovesTheQueuedItem) {
 TEST_F(ThumbManagerEdgeTest, StopGetFrameWithoutAMediaItemLogsParamInvalid) {
     ScopedCapture capture(IBsLogger::Verbose);
     probe_.holdAll(true);
-    const MediaThumbRequest a = makeRequest(folder_.file("a.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest a = wholeMedia("a.mp4");
     char out[1024];
     requestUntilTaken(manager_, probe_, a, 0.5, out);
 
@@ -344,8 +347,7 @@ TEST_F(ThumbManagerEdgeTest, ClearCacheOfARootAQueuedTaskUsesIsRefusedUntilTheTa
     const std::string otherRoot = folder_.file("other-root");
     const std::string otherFile = (fs::path(otherRoot) / "media_thumbnail" / "0_320_180.png").string();
     createFile(otherFile, "other");
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     requestUntilTaken(manager_, probe_, request, 0.5, out);
 
@@ -408,8 +410,7 @@ TEST_F(ThumbManagerEdgeTest, FramesOfAHundredAreOrderedCoarseToFineEachOnce) {
     EXPECT_EQ(BsThumbManager::frameOrder(100), expected);
     // The order a queued task is rendered in.
     probe_.holdAll(true);
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("media.mp4"), root_, 0, kHundredSeconds, kHundredSeconds);
+    const MediaThumbRequest request = wholeMedia("media.mp4");
     char out[1024];
     requestUntilTaken(manager_, probe_, request, 0.5, out);
     const auto tasks = manager_.impl()->queuedTasks();

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -126,21 +127,37 @@ TEST(VideoThumbnailCache, TheSameTimeAtTwoSizesIsTwoEntries) {
     EXPECT_EQ(cache.pictureCount(), 2u);
 }
 
-TEST(VideoThumbnailCache, APngOfAnotherSizeIsLoggedAndStillStored) {
+// A PNG written to a temporary folder, then added as the 4 x 2 picture at
+// 300000 to a fresh cache while a log capture listens.
+struct AddedPng {
     TempFolder folder;
-    const std::string path = folder.file("wide.png");
-    const std::vector<unsigned char> file = pixels(8, 4, 70);
-    ASSERT_EQ(dumpPNG(8, 4, file.data(), path.c_str(), -1), 0);
+    std::vector<unsigned char> file;
+    std::optional<ScopedCapture> capture;
+    std::optional<BsVideoThumbnailCacheManager> cache;
+    unsigned char* stored = nullptr;
+};
 
-    ScopedCapture capture;
-    BsVideoThumbnailCacheManager cache;
-    unsigned char* stored = cache.addThumbnail(kKey, 300000, 4, 2, path.c_str());
-    ASSERT_NE(stored, nullptr);
-    EXPECT_EQ(std::memcmp(stored, file.data(), file.size()), 0);
-    EXPECT_EQ(cache.getThumbnail(kKey, 300000, 4, 2), stored);
-    EXPECT_EQ(cache.pictureCount(), 1u);
+// Writes a width x height PNG of `value` named `name`, adds it and checks that
+// the stored picture holds the file's pixels.
+void addPng(AddedPng& png, const char* name, int32_t width, int32_t height, unsigned char value) {
+    const std::string path = png.folder.file(name);
+    png.file = pixels(width, height, value);
+    ASSERT_EQ(dumpPNG(width, height, png.file.data(), path.c_str(), -1), 0);
 
-    const auto lines = capture.sink().lines();
+    png.capture.emplace();
+    png.cache.emplace();
+    png.stored = png.cache->addThumbnail(kKey, 300000, 4, 2, path.c_str());
+    ASSERT_NE(png.stored, nullptr);
+    EXPECT_EQ(std::memcmp(png.stored, png.file.data(), png.file.size()), 0);
+}
+
+TEST(VideoThumbnailCache, APngOfAnotherSizeIsLoggedAndStillStored) {
+    AddedPng png;
+    ASSERT_NO_FATAL_FAILURE(addPng(png, "wide.png", 8, 4, 70));
+    EXPECT_EQ(png.cache->getThumbnail(kKey, 300000, 4, 2), png.stored);
+    EXPECT_EQ(png.cache->pictureCount(), 1u);
+
+    const auto lines = png.capture->sink().lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].severity, IBsLogger::Warning);
     EXPECT_EQ(lines[0].function, "ZOR::BsVideoThumbnailCacheManager::addThumbnail");
@@ -148,18 +165,10 @@ TEST(VideoThumbnailCache, APngOfAnotherSizeIsLoggedAndStillStored) {
 }
 
 TEST(VideoThumbnailCache, APngOfTheRequestedSizeIsStoredWithoutALogLine) {
-    TempFolder folder;
-    const std::string path = folder.file("exact.png");
-    const std::vector<unsigned char> file = pixels(4, 2, 80);
-    ASSERT_EQ(dumpPNG(4, 2, file.data(), path.c_str(), -1), 0);
-
-    ScopedCapture capture;
-    BsVideoThumbnailCacheManager cache;
-    unsigned char* stored = cache.addThumbnail(kKey, 300000, 4, 2, path.c_str());
-    ASSERT_NE(stored, nullptr);
-    EXPECT_EQ(std::memcmp(stored, file.data(), file.size()), 0);
-    EXPECT_EQ(cache.getThumbnail(kKey, 350000, 4, 2), stored);
-    EXPECT_TRUE(capture.sink().lines().empty());
+    AddedPng png;
+    ASSERT_NO_FATAL_FAILURE(addPng(png, "exact.png", 4, 2, 80));
+    EXPECT_EQ(png.cache->getThumbnail(kKey, 350000, 4, 2), png.stored);
+    EXPECT_TRUE(png.capture->sink().lines().empty());
 }
 
 TEST(VideoThumbnailCache, AddingAPresentPictureReturnsTheStoredOneWithoutCopying) {

@@ -7,6 +7,7 @@
 
 #include "CapturingLogger.h"
 #include "ExtractRecorders.h"
+#include "ExtractWrapperFixture.h"
 #include "FakeDataModel.h"
 #include "Miravel/Miravel.h"
 #include "ScriptedTaskService.h"
@@ -17,28 +18,15 @@ namespace {
 // 400,000 cns is one frame at 25/1.
 constexpr int64_t kFrame = 400'000;
 
-class AudioWaveWrapper : public ::testing::Test {
+class AudioWaveWrapper
+    : public ExtractWrapperFixture<IBsAudioWaveExtractWrapper, WaveRecorder, &createBsAudioWaveExtractWrapper,
+                                   &lastAudioTask, &FakeClip::audio> {
 protected:
-    void SetUp() override {
-        wrapper_ = ZorRef<IBsAudioWaveExtractWrapper>::adopt(createBsAudioWaveExtractWrapper());
-        task_ = lastAudioTask();
-        ASSERT_NE(task_, nullptr);
-        wrapper_->addCallBack(&recorder_);
-    }
-    void TearDown() override {
-        wrapper_.reset();
-        clip_.reset();
-    }
     int64_t query(int64_t begin, int64_t end, int32_t samples) {
         int64_t token = -1;
         EXPECT_EQ(wrapper_->queryAudioWave(clip_.get(), begin, end, samples, 0, &token), 0);
         return token;
     }
-
-    ZorRef<IBsAudioWaveExtractWrapper> wrapper_;
-    std::shared_ptr<ScriptedTaskState> task_;
-    ZorRef<FakeClip> clip_ = FakeClip::audio();
-    WaveRecorder recorder_;
 };
 
 TEST_F(AudioWaveWrapper, FactoryResultHasCountOneAndAnswersItsNames) {

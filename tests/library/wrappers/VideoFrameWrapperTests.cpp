@@ -6,6 +6,7 @@
 
 #include "CapturingLogger.h"
 #include "ExtractRecorders.h"
+#include "ExtractWrapperFixture.h"
 #include "FakeDataModel.h"
 #include "Miravel/Miravel.h"
 #include "ScriptedTaskService.h"
@@ -13,18 +14,10 @@
 namespace ZOR::test {
 namespace {
 
-class VideoFrameWrapper : public ::testing::Test {
+class VideoFrameWrapper
+    : public ExtractWrapperFixture<IBsVideoFrameExtractWrapper, FrameRecorder, &createBsVideoFrameExtractWrapper,
+                                   &lastVideoTask, &FakeClip::video> {
 protected:
-    void SetUp() override {
-        wrapper_ = ZorRef<IBsVideoFrameExtractWrapper>::adopt(createBsVideoFrameExtractWrapper());
-        task_ = lastVideoTask();
-        ASSERT_NE(task_, nullptr);
-        wrapper_->addCallBack(&recorder_);
-    }
-    void TearDown() override {
-        wrapper_.reset();
-        clip_.reset();
-    }
     int64_t query(IDmClip* clip, std::vector<int64_t> times, uint32_t flags = 0) {
         int64_t token = -1;
         EXPECT_EQ(wrapper_->queryVideoFrame(clip, 160, 90, times.data(), static_cast<uint32_t>(times.size()), flags,
@@ -32,11 +25,6 @@ protected:
                   0);
         return token;
     }
-
-    ZorRef<IBsVideoFrameExtractWrapper> wrapper_;
-    std::shared_ptr<ScriptedTaskState> task_;
-    ZorRef<FakeClip> clip_ = FakeClip::video();
-    FrameRecorder recorder_;
 };
 
 TEST_F(VideoFrameWrapper, FactoryResultHasCountOneAndAnswersItsNames) {

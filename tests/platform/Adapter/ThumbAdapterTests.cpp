@@ -17,6 +17,7 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
+#include "TimelineDescs.h"
 
 namespace ZOR::test {
 namespace {
@@ -825,43 +826,16 @@ protected:
     static ZorRef<IDmTimeline> makeTimeline(bool upperVisible) {
         DmTimelineDesc desc;
         desc.name = "thumbs";
-        DmTrackDesc lower;
-        lower.name = "lower";
-        DmClipDesc first;
-        first.name = "first";
-        first.mediaPath = media().colours();
-        first.begin = 0;
-        first.end = 3 * kSecond;
-        first.markIn = 5 * kSecond;
-        first.markOut = 8 * kSecond;
-        DmClipDesc second = first;
-        second.name = "second";
-        second.begin = 6 * kSecond;
-        second.end = 8 * kSecond;
-        second.markIn = 0;
-        second.markOut = 2 * kSecond;
-        lower.clips = {first, second};
-        DmTrackDesc sound;
-        sound.name = "sound";
-        sound.kind = DmTrackAudio;
-        DmClipDesc tone;
-        tone.name = "tone";
-        tone.mediaPath = media().sound();
-        tone.begin = 0;
-        tone.end = kSecond;
-        tone.markOut = kSecond;
-        sound.clips = {tone};
-        DmTrackDesc upper;
-        upper.name = "upper";
+        const std::string colours = media().colours();
+        const DmTrackDesc lower =
+            trackDesc(DmTrackVideo, "lower",
+                      {clipDesc(colours, "first", 0, 3 * kSecond, 5 * kSecond, 8 * kSecond),
+                       clipDesc(colours, "second", 6 * kSecond, 8 * kSecond, 0, 2 * kSecond)});
+        const DmTrackDesc sound =
+            trackDesc(DmTrackAudio, "sound", {clipDesc(media().sound(), "tone", 0, kSecond, 0, kSecond)});
+        DmTrackDesc upper = trackDesc(DmTrackVideo, "upper",
+                                      {clipDesc(media().numbered(), "numbers", 0, 10 * kSecond, 0, 10 * kSecond)});
         upper.visible = upperVisible;
-        DmClipDesc numbers;
-        numbers.name = "numbers";
-        numbers.mediaPath = media().numbered();
-        numbers.begin = 0;
-        numbers.end = 10 * kSecond;
-        numbers.markIn = 0;
-        numbers.markOut = 10 * kSecond;
-        upper.clips = {numbers};
         desc.tracks = {lower, sound, upper};
         std::string error;
         auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
@@ -926,31 +900,13 @@ TEST_F(ThumbAdapterTimelineTest, AVisibleUpperTrackCoversTheLowerOne) {
 TEST_F(ThumbAdapterTimelineTest, ClipsShowWhatTheyPlayReversedFrozenOrFast) {
     DmTimelineDesc desc;
     desc.name = "played";
-    DmTrackDesc track;
-    track.name = "track";
-    DmClipDesc reversed;
-    reversed.name = "reversed";
-    reversed.mediaPath = media().numbered();
-    reversed.begin = 0;
-    reversed.end = 2 * kSecond;
-    reversed.markIn = 2 * kSecond;
-    reversed.markOut = 4 * kSecond;
+    DmClipDesc reversed = clipDesc(media().numbered(), "reversed", 0, 2 * kSecond, 2 * kSecond, 4 * kSecond);
     reversed.reverse = true;
-    DmClipDesc frozen = reversed;
-    frozen.name = "frozen";
-    frozen.begin = 2 * kSecond;
-    frozen.end = 4 * kSecond;
-    frozen.reverse = false;
+    DmClipDesc frozen = clipDesc(media().numbered(), "frozen", 2 * kSecond, 4 * kSecond, 2 * kSecond, 4 * kSecond);
     frozen.speed = 0.0;
-    DmClipDesc fast = frozen;
-    fast.name = "fast";
-    fast.begin = 4 * kSecond;
-    fast.end = 6 * kSecond;
-    fast.markIn = kSecond;
-    fast.markOut = 5 * kSecond;
+    DmClipDesc fast = clipDesc(media().numbered(), "fast", 4 * kSecond, 6 * kSecond, kSecond, 5 * kSecond);
     fast.speed = 2.0;
-    track.clips = {reversed, frozen, fast};
-    desc.tracks = {track};
+    desc.tracks = {trackDesc(DmTrackVideo, "track", {reversed, frozen, fast})};
     std::string error;
     auto timeline = ZorRef<IDmTimeline>::adopt(createTimeline(desc, &error));
     ASSERT_NE(timeline, nullptr) << error;

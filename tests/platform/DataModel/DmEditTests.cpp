@@ -129,16 +129,13 @@ private:
     bool offThread_ = false;
 };
 
+// The seven callback interfaces of the data model in one base.
+class EveryCallback : public IDmTimelineCallback, public IDmClipCallback, public IDmVideoAudioBaseClipCallback,
+                      public IDmAudioClipCallback, public IDmEffectCallback, public IDmTrackCallback,
+                      public IDmAudioTimelineClipCallback {};
+
 // Answers the seven callback interfaces by name and writes each call down.
-class RecordingListener final : public RefCnt<void>,
-                                public virtual IDmBaseObj,
-                                public IDmTimelineCallback,
-                                public IDmClipCallback,
-                                public IDmVideoAudioBaseClipCallback,
-                                public IDmAudioClipCallback,
-                                public IDmEffectCallback,
-                                public IDmTrackCallback,
-                                public IDmAudioTimelineClipCallback {
+class RecordingListener final : public RefCnt<void>, public virtual IDmBaseObj, public EveryCallback {
 public:
     ZOR_IMPLEMENT_REFCNT
 

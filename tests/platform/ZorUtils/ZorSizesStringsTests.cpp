@@ -18,46 +18,35 @@ Fit fit(int width, int height, int boxWidth, int boxHeight) {
     return result;
 }
 
+// width x height fits into boxWidth x boxHeight as fitWidth x fitHeight.
+void expectFit(int width, int height, int boxWidth, int boxHeight, int fitWidth, int fitHeight) {
+    const Fit r = fit(width, height, boxWidth, boxHeight);
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(r.width, fitWidth);
+    EXPECT_EQ(r.height, fitHeight);
+}
+
 }  // namespace
 
 TEST(ZorAdjust, LandscapeIntoSameAspectBoxFillsTheBox) {
-    const Fit r = fit(1920, 1080, 320, 180);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.width, 320);
-    EXPECT_EQ(r.height, 180);
+    expectFit(1920, 1080, 320, 180, 320, 180);
 }
 
 TEST(ZorAdjust, PortraitIsBoundByHeightAndRoundsWidthDown) {
-    const Fit r = fit(1080, 1920, 320, 180);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.width, 101);
-    EXPECT_EQ(r.height, 180);
+    expectFit(1080, 1920, 320, 180, 101, 180);
 }
 
 TEST(ZorAdjust, SmallPictureIsScaledUp) {
-    const Fit r = fit(100, 50, 320, 180);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.width, 320);
-    EXPECT_EQ(r.height, 160);
+    expectFit(100, 50, 320, 180, 320, 160);
 }
 
 TEST(ZorAdjust, VeryNarrowPictureKeepsAtLeastOnePixel) {
-    const Fit r = fit(1, 1000, 320, 180);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.width, 1);
-    EXPECT_EQ(r.height, 180);
-
-    const Fit wide = fit(100000, 1, 320, 180);
-    EXPECT_TRUE(wide.ok);
-    EXPECT_EQ(wide.width, 320);
-    EXPECT_EQ(wide.height, 1);
+    expectFit(1, 1000, 320, 180, 1, 180);
+    expectFit(100000, 1, 320, 180, 320, 1);
 }
 
 TEST(ZorAdjust, LargeSizesDoNotOverflow) {
-    const Fit r = fit(2'000'000'000, 1'000'000'000, 2'000'000'000, 2'000'000'000);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.width, 2'000'000'000);
-    EXPECT_EQ(r.height, 1'000'000'000);
+    expectFit(2'000'000'000, 1'000'000'000, 2'000'000'000, 2'000'000'000, 2'000'000'000, 1'000'000'000);
 }
 
 TEST(ZorAdjust, ZeroOrNegativeSizesFailWithZeroOutput) {
