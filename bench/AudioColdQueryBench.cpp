@@ -96,7 +96,8 @@ std::pair<int32_t, int32_t> frameRange(IDmClip* clip) {
     int64_t low = INT64_MAX;
     int64_t high = 0;
     for (int i = 0; i < kPoints; ++i) {
-        const int64_t t = begin + static_cast<int64_t>(static_cast<double>(i) / kPoints * static_cast<double>(end - begin));
+        const int64_t t =
+            begin + static_cast<int64_t>(static_cast<double>(i) / kPoints * static_cast<double>(end - begin));
         const int64_t s = audio->sourcePosition(t, false);
         low = std::min(low, s);
         high = std::max(high, s);

@@ -107,8 +107,8 @@ void BM_AudioThumbnailWarmQueryLatency(benchmark::State& state) {
     for (auto _ : state) {
         shift = (shift + 1) % 50;
         const auto start = std::chrono::steady_clock::now();
-        scene.builder->queryAudioThumbnailData(&scene.waiter, scene.music, shift * 400'000, 50 * kSecond + shift * 400'000,
-                                               kPoints);
+        scene.builder->queryAudioThumbnailData(&scene.waiter, scene.music, shift * 400'000,
+                                               50 * kSecond + shift * 400'000, kPoints);
         if (!scene.waiter.waitFor(++expected)) state.SkipWithError("no delivery");
         const auto elapsed = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start);
         latencies.push_back(elapsed.count());

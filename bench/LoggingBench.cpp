@@ -88,8 +88,7 @@ BENCHMARK(BM_ScopeTimeSpan_Inactive_ShortName);
 void BM_ScopeTimeSpan_Inactive_LongName(benchmark::State& state) {
     ZOR::shutdownLogging();
     for (auto _ : state) {
-        ZOR::ScopeTimeSpan span("ZOR::BenchThumbnailWrapper::queryThumbnail", true, 0,
-                                ZOR::IBsLogger::Timing);
+        ZOR::ScopeTimeSpan span("ZOR::BenchThumbnailWrapper::queryThumbnail", true, 0, ZOR::IBsLogger::Timing);
         benchmark::DoNotOptimize(&span);
     }
 }

@@ -261,8 +261,8 @@ void BM_AdapterFirstThreePictures(benchmark::State& state) {
         const int32_t indices[3] = {0, kPictures - 1, (kPictures - 1) / 2};
         for (int i = 0; i < 3; ++i) {
             // The manager's time of picture i.
-            const int64_t time = static_cast<int64_t>(static_cast<double>(indices[i]) /
-                                                      static_cast<double>(kPictures) * static_cast<double>(duration));
+            const int64_t time = static_cast<int64_t>(static_cast<double>(indices[i]) / static_cast<double>(kPictures) *
+                                                      static_cast<double>(duration));
             if (adapter->frameAt(time, buffer.data(), static_cast<int64_t>(buffer.size())) != 0 ||
                 ZOR::dumpPNG(kWidth, kHeight, buffer.data(), pictureFile(root.path, indices[i]).c_str(), -1) != 0) {
                 state.SkipWithError("a picture failed");
@@ -291,7 +291,8 @@ void reportCalls(benchmark::State& state, std::vector<int64_t> nanoseconds, cons
     }
     std::sort(nanoseconds.begin(), nanoseconds.end());
     const auto at = [&](double fraction) {
-        const size_t index = std::min(nanoseconds.size() - 1, static_cast<size_t>(fraction * static_cast<double>(nanoseconds.size())));
+        const size_t index =
+            std::min(nanoseconds.size() - 1, static_cast<size_t>(fraction * static_cast<double>(nanoseconds.size())));
         return static_cast<double>(nanoseconds[index]) / 1000.0;
     };
     double sum = 0;

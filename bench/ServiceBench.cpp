@@ -100,7 +100,8 @@ bool writeWav(const std::string& path) {
     for (uint32_t i = 0; i < kFrames; ++i) {
         const double t = static_cast<double>(i) / kRate;
         const auto step = static_cast<int64_t>(std::floor(t * 25.0));
-        const double left = (0.05 + 0.9 * static_cast<double>((step * 37 + 11) % 100) / 100.0) * std::sin(2 * pi * 523 * t);
+        const double left =
+            (0.05 + 0.9 * static_cast<double>((step * 37 + 11) % 100) / 100.0) * std::sin(2 * pi * 523 * t);
         const double right =
             (0.05 + 0.9 * static_cast<double>((step * 61 + 3) % 100) / 100.0) * std::sin(2 * pi * 347 * t + 1);
         for (double value : {left, right}) {
@@ -179,7 +180,8 @@ public:
     bool waitBeyond(int64_t after, Delivery* delivery) {
         std::unique_lock<std::mutex> lock(mutex_);
         if (!signal_.wait_for(lock, kLimit, [&] { return delivered_ > after; })) return false;
-        if (delivery != nullptr) *delivery = Delivery{lastClip_, lastBegin_, lastEnd_, last_, noticeAt_, queriedAt_, dataAt_};
+        if (delivery != nullptr)
+            *delivery = Delivery{lastClip_, lastBegin_, lastEnd_, last_, noticeAt_, queriedAt_, dataAt_};
         return true;
     }
     int64_t notices() {

@@ -77,8 +77,8 @@ namespace {
 
 std::atomic<bool> gCounting{false};
 std::atomic<int64_t> gNewCalls{0};
-std::atomic<int64_t> gNewBytes{0};       // asked for
-std::atomic<int64_t> gNewUsable{0};      // malloc_usable_size of what was given
+std::atomic<int64_t> gNewBytes{0};   // asked for
+std::atomic<int64_t> gNewUsable{0};  // malloc_usable_size of what was given
 std::atomic<int64_t> gDeleteCalls{0};
 std::atomic<int64_t> gDeleteUsable{0};
 
@@ -434,7 +434,8 @@ void BM_VideoRequestCached(benchmark::State& state) {
         const VideoThumbnailKey key{BsVideoThumbnailBuilder::mediaIdOf(clip), BsVideoThumbnailBuilder::styleIdOf(clip),
                                     request.streamId};
         const std::vector<unsigned char> pixels = samplePicture();
-        for (int64_t time : wanted) builder->cache().addThumbnail(key, time, kWidth, kHeight, pixels.data(), kPictureBytes);
+        for (int64_t time : wanted)
+            builder->cache().addThumbnail(key, time, kWidth, kHeight, pixels.data(), kPictureBytes);
         const int64_t others = cached - frameCount;
         // Quanta spread over the clip, none of them a requested frame's.
         const int64_t quanta = file->duration / thumbnailTimeStep;
@@ -643,8 +644,7 @@ struct ColdSums {
     double allCpu = 0;
 
     void add(Clock::time_point start, double startCpu, Clock::time_point first,
-             const std::optional<Clock::time_point>& half, Clock::time_point all, double firstCpuMs,
-             double allCpuMs) {
+             const std::optional<Clock::time_point>& half, Clock::time_point all, double firstCpuMs, double allCpuMs) {
         firstMs += millisecondsBetween(start, first);
         if (half) halfMs += millisecondsBetween(start, *half);
         allMs += millisecondsBetween(start, all);
@@ -841,8 +841,8 @@ void BM_VideoCacheMemory(benchmark::State& state) {
         const Clock::time_point start = Clock::now();
         for (int t = 0; t < timesPerKey; ++t)
             for (int k = 0; k < keyCount; ++k)
-                cache->addThumbnail(keys[static_cast<size_t>(k)], int64_t{t} * 2'000'000, kWidth, kHeight, pixels.data(),
-                                    kPictureBytes);
+                cache->addThumbnail(keys[static_cast<size_t>(k)], int64_t{t} * 2'000'000, kWidth, kHeight,
+                                    pixels.data(), kPictureBytes);
         const Clock::time_point end = Clock::now();
         gCounting.store(false);
         after = snapshot();
@@ -859,8 +859,7 @@ void BM_VideoCacheMemory(benchmark::State& state) {
     const double pixelBytes = static_cast<double>(kPictureBytes);
     state.counters["pictures"] = pictures;
     state.counters["heap_per_picture_beyond_pixels"] = per(after.heapInUse - before.heapInUse) - pixelBytes;
-    state.counters["picture_alloc_usable_beyond_pixels"] =
-        per(after.pictureUsable - before.pictureUsable) - pixelBytes;
+    state.counters["picture_alloc_usable_beyond_pixels"] = per(after.pictureUsable - before.pictureUsable) - pixelBytes;
     state.counters["picture_allocs_per_picture"] = per(after.pictureCalls - before.pictureCalls);
     state.counters["new_calls_per_picture"] = per(after.newCalls - before.newCalls);
     state.counters["new_bytes_asked_per_picture"] = per(after.newBytes - before.newBytes);

@@ -34,37 +34,35 @@
 //     ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", t);
 // Nothing is formatted, and no argument is evaluated, when no logger is set up
 // or the severity is off.
-#define ZOR_LOG_SOURCE(path)                                               \
-    namespace {                                                            \
-    [[maybe_unused]] constexpr const char kZorLogSourceFile[] = path;      \
+#define ZOR_LOG_SOURCE(path)                                          \
+    namespace {                                                       \
+    [[maybe_unused]] constexpr const char kZorLogSourceFile[] = path; \
     }
 
-#define ZOR_LOG(severity, function, ...)                                                          \
-    do {                                                                                          \
-        if (::ZOR::ZorLoggerWrapper* zorLogWrapper_ = ::ZOR::loggerWrapper(0)) {                  \
-            const auto zorLogSeverity_ = static_cast<::ZOR::IBsLogger::Severity>(severity);       \
-            if (zorLogWrapper_->testSeverity(zorLogSeverity_)) {                                  \
-                zorLogWrapper_->createLogStream(zorLogSeverity_, kZorLogSourceFile, __LINE__,     \
-                                                function, "")                                     \
-                    .format(__VA_ARGS__);                                                         \
-            }                                                                                     \
-        }                                                                                         \
+#define ZOR_LOG(severity, function, ...)                                                                    \
+    do {                                                                                                    \
+        if (::ZOR::ZorLoggerWrapper* zorLogWrapper_ = ::ZOR::loggerWrapper(0)) {                            \
+            const auto zorLogSeverity_ = static_cast<::ZOR::IBsLogger::Severity>(severity);                 \
+            if (zorLogWrapper_->testSeverity(zorLogSeverity_)) {                                            \
+                zorLogWrapper_->createLogStream(zorLogSeverity_, kZorLogSourceFile, __LINE__, function, "") \
+                    .format(__VA_ARGS__);                                                                   \
+            }                                                                                               \
+        }                                                                                                   \
     } while (false)
 
 // A line whose text is built with a string stream (pointers and booleans as
 // the stream prints them): ZOR_LOG_STREAM(IBsLogger::Info, "ZOR::A::b", "isCaching: " << flag);
-#define ZOR_LOG_STREAM(severity, function, streamed)                                              \
-    do {                                                                                          \
-        if (::ZOR::ZorLoggerWrapper* zorLogWrapper_ = ::ZOR::loggerWrapper(0)) {                  \
-            const auto zorLogSeverity_ = static_cast<::ZOR::IBsLogger::Severity>(severity);       \
-            if (zorLogWrapper_->testSeverity(zorLogSeverity_)) {                                  \
-                std::ostringstream zorLogText_;                                                   \
-                zorLogText_ << streamed;                                                          \
-                zorLogWrapper_->createLogStream(zorLogSeverity_, kZorLogSourceFile, __LINE__,     \
-                                                function, "") &                                   \
-                    std::move(zorLogText_);                                                       \
-            }                                                                                     \
-        }                                                                                         \
+#define ZOR_LOG_STREAM(severity, function, streamed)                                                          \
+    do {                                                                                                      \
+        if (::ZOR::ZorLoggerWrapper* zorLogWrapper_ = ::ZOR::loggerWrapper(0)) {                              \
+            const auto zorLogSeverity_ = static_cast<::ZOR::IBsLogger::Severity>(severity);                   \
+            if (zorLogWrapper_->testSeverity(zorLogSeverity_)) {                                              \
+                std::ostringstream zorLogText_;                                                               \
+                zorLogText_ << streamed;                                                                      \
+                zorLogWrapper_->createLogStream(zorLogSeverity_, kZorLogSourceFile, __LINE__, function, "") & \
+                    std::move(zorLogText_);                                                                   \
+            }                                                                                                 \
+        }                                                                                                     \
     } while (false)
 
 namespace ZOR {
@@ -179,15 +177,12 @@ public:
         // Destruction, at most once.
         if (destroyed_.load(std::memory_order_acquire)) return result;
         if (destroyed_.exchange(true, std::memory_order_acq_rel)) return result;
-        if (IDmReleaseNotifier* notifier = notifier_.load(std::memory_order_acquire))
-            notifier->onObjectReleasing();
+        if (IDmReleaseNotifier* notifier = notifier_.load(std::memory_order_acquire)) notifier->onObjectReleasing();
         delete this;
         return 0;
     }
 
-    virtual int32_t refCount() {
-        return block_ == nullptr ? 0 : block_->strong.load(std::memory_order_relaxed);
-    }
+    virtual int32_t refCount() { return block_ == nullptr ? 0 : block_->strong.load(std::memory_order_relaxed); }
 
     virtual IDmReleaseNotifier* releaseNotifier() { return notifier_.load(std::memory_order_acquire); }
 
@@ -211,15 +206,13 @@ private:
 
 // The five counting overriders of a concrete class; each serves the RefCnt<void>
 // table and the IDmBaseObj part of every interface table of the class.
-#define ZOR_IMPLEMENT_REFCNT                                                                      \
-    int32_t AddRef() override { return ::ZOR::RefCnt<void>::AddRef(); }                           \
-    int32_t Release() override { return ::ZOR::RefCnt<void>::Release(); }                         \
-    int32_t refCount() override { return ::ZOR::RefCnt<void>::refCount(); }                       \
-    ::ZOR::IDmReleaseNotifier* releaseNotifier() override {                                       \
-        return ::ZOR::RefCnt<void>::releaseNotifier();                                            \
-    }                                                                                             \
-    ::ZOR::IDmReleaseNotifier* setReleaseNotifier(::ZOR::IDmReleaseNotifier* notifier) override { \
-        return ::ZOR::RefCnt<void>::setReleaseNotifier(notifier);                                 \
+#define ZOR_IMPLEMENT_REFCNT                                                                                 \
+    int32_t AddRef() override { return ::ZOR::RefCnt<void>::AddRef(); }                                      \
+    int32_t Release() override { return ::ZOR::RefCnt<void>::Release(); }                                    \
+    int32_t refCount() override { return ::ZOR::RefCnt<void>::refCount(); }                                  \
+    ::ZOR::IDmReleaseNotifier* releaseNotifier() override { return ::ZOR::RefCnt<void>::releaseNotifier(); } \
+    ::ZOR::IDmReleaseNotifier* setReleaseNotifier(::ZOR::IDmReleaseNotifier* notifier) override {            \
+        return ::ZOR::RefCnt<void>::setReleaseNotifier(notifier);                                            \
     }
 
 // The query by name of a class with one public interface: the interface's own
@@ -352,16 +345,12 @@ public:
     RefCntBlock* counterBlock() const noexcept { return block_; }
 
     // True when there is no counter block or the object is dead.
-    bool expired() const noexcept {
-        return block_ == nullptr || block_->strong.load(std::memory_order_acquire) <= 0;
-    }
+    bool expired() const noexcept { return block_ == nullptr || block_->strong.load(std::memory_order_acquire) <= 0; }
 
     // AddRef through the block: the new strong count, or 0 when the object is
     // dead (it is never revived). On success the caller owns the reference and
     // gives it back with the object's Release().
-    int32_t tryAddRef() const noexcept {
-        return block_ == nullptr ? 0 : RefCntBlock::increment(block_->strong);
-    }
+    int32_t tryAddRef() const noexcept { return block_ == nullptr ? 0 : RefCntBlock::increment(block_->strong); }
 
     // The object with one reference taken for the caller, or null when dead.
     T* lock() const noexcept { return tryAddRef() > 0 ? object_ : nullptr; }
@@ -422,9 +411,9 @@ protected:
     }
 
 private:
-    std::list<I*> callbacks_;            // guarded by callbackLock_
-    mutable std::mutex callbackLock_;    // innermost: the owner holds no other lock of its own
-                                         // while notifying
+    std::list<I*> callbacks_;          // guarded by callbackLock_
+    mutable std::mutex callbackLock_;  // innermost: the owner holds no other lock of its own
+                                       // while notifying
 };
 
 // ---------------------------------------------------------------------------

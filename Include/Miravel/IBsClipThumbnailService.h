@@ -32,7 +32,7 @@ namespace ZOR {
 // A request for the pictures of a video clip. Read during the call only.
 struct VideoThumbnailRequest {
     IDmClip* clip = nullptr;
-    int32_t width = 0;   // the box each picture is fitted into, at least 1 x 1
+    int32_t width = 0;  // the box each picture is fitted into, at least 1 x 1
     int32_t height = 0;
     // The clip's videoKey::streamId (-1: the best stream): it names the
     // cached pictures (the frames come from the clip's own stream), so pass
@@ -42,7 +42,7 @@ struct VideoThumbnailRequest {
     // distinct values come first, what follows them is left unspecified.
     int64_t* frames = nullptr;
     int32_t frameCount = 0;
-    uint32_t refresh = 0;       // non-zero: drop what is cached and extract anew
+    uint32_t refresh = 0;  // non-zero: drop what is cached and extract anew
 };
 
 // Name: "IBsClipThumbnailService" (it answers no other name, "IDmBaseObj"
@@ -93,8 +93,7 @@ public:
     // builder's worker while it computes this clip. Returns 0, also when the
     // query is refused: a null clip, a clip that is not its own base audio
     // clip or has no IDmAudioFeature, sampleCount 0 or above INT32_MAX.
-    virtual int32_t queryAudioThumbnailData(IDmClip* clip, int64_t beginCns, int64_t endCns,
-                                            uint32_t sampleCount) = 0;
+    virtual int32_t queryAudioThumbnailData(IDmClip* clip, int64_t beginCns, int64_t endCns, uint32_t sampleCount) = 0;
     // Cancels this service's query of clip (and its extraction) and stops
     // watching the clip's changes (for every service of its timeline); waits
     // for a computation of the clip in progress on the audio builder's

@@ -25,15 +25,15 @@ namespace ZOR {
 // A request for the pictures of one media item. Times are in cns. The
 // manager copies it.
 struct MediaThumbRequest {
-    char mediaPath[1024];   // file path; may be empty when mediaObject is set
+    char mediaPath[1024];  // file path; may be empty when mediaObject is set
     // A timeline's IDmBaseObj pointer as an integer (its picture at a time is
     // that of the clip on its topmost visible video track), or 0. No
     // reference is taken: keep the timeline alive while its item is queued.
     uint64_t mediaObject;
-    char rootDir[1024];     // the folder under which "media_thumbnail" lives
-    int64_t startTime;      // start of the usable range
-    int64_t endTime;        // end of the usable range
-    int64_t duration;       // total length of the item; at least 1
+    char rootDir[1024];  // the folder under which "media_thumbnail" lives
+    int64_t startTime;   // start of the usable range
+    int64_t endTime;     // end of the usable range
+    int64_t duration;    // total length of the item; at least 1
 };
 
 // Told of each picture file written. Not reference counted: keep it alive

@@ -62,8 +62,8 @@ public:
     // without a video stream; 1005 for a size below 1 x 1 or above the frame
     // store's (16384 a side, 8192 x 8192 in all); 1002 once the task is shut
     // down.
-    virtual int32_t queryVideoFrame(IDmClip* clip, int32_t first, int32_t second, const int64_t* times,
-                                    uint32_t count, uint32_t flags, int64_t* token) = 0;
+    virtual int32_t queryVideoFrame(IDmClip* clip, int32_t first, int32_t second, const int64_t* times, uint32_t count,
+                                    uint32_t flags, int64_t* token) = 0;
     // Cancels every request of clip on the task; each still ends through the
     // callbacks (status 4, or 2 when it finished first). Returns 0.
     virtual int32_t cancelQueryOfClip(IDmClip* clip) = 0;

@@ -60,7 +60,6 @@ constexpr int32_t kLongestMediaId = 1 << 16;
 
 int64_t clampTime(int64_t time) { return std::clamp(time, -kFarthestTime, kFarthestTime); }
 
-
 bool trackVisible(IDmTrack* track) {
     ZorProperty visible;
     if (track->getProperty(trackKey::visible, &visible) != 0 || visible.kind == ZorProperty::None) return true;
@@ -146,7 +145,8 @@ public:
         auto* timeline = reinterpret_cast<IDmTimeline*>(static_cast<intptr_t>(handle));
         nextTimeline_ = ZorRef<IDmTimeline>::share(timeline);
         if (!nextTimeline_) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::setMediaObject", "the timeline %lld is gone", static_cast<long long>(handle));
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::setMediaObject", "the timeline %lld is gone",
+                    static_cast<long long>(handle));
             return kResultFailure;
         }
         nextPath_.clear();
@@ -230,8 +230,8 @@ public:
         }
         const int64_t bytes = int64_t{width_} * height_ * 4;
         if (buffer == nullptr || bufferSize < bytes) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "a buffer of %lld bytes for %dx%d", static_cast<long long>(bufferSize),
-                    width_, height_);
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "a buffer of %lld bytes for %dx%d",
+                    static_cast<long long>(bufferSize), width_, height_);
             return kResultFailure;
         }
         time = clampTime(time);
@@ -243,8 +243,8 @@ public:
             const int taken = ahead_->take(time, buffer, &problem);
             if (taken > 0) return kOk;
             if (taken < 0) {
-                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
-                        problem.c_str());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s",
+                        static_cast<long long>(time), problem.c_str());
                 noteMediaFailure(file_->path().c_str(), DmTrackVideo, problem.c_str());
                 return kMediaFailed;
             }
@@ -252,8 +252,8 @@ public:
         if (file_) {
             const int result = file_->pictureAt(time, keyframe, width_, height_, buffer, &problem);
             if (result != 0) {
-                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
-                        problem.c_str());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s",
+                        static_cast<long long>(time), problem.c_str());
                 // Nothing of the file could be decoded (not a picture given
                 // up or one that could not be converted).
                 if (result != AVERROR_EXIT && result != AVERROR(EINVAL))
@@ -270,13 +270,14 @@ public:
         std::string path;
         int stream = -1;
         if (!clipMedia(clip, &path, &stream, &problem)) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s", static_cast<long long>(time),
-                    problem.c_str());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld: %s",
+                    static_cast<long long>(time), problem.c_str());
             return kMediaFailed;
         }
         // The clip's media position at the time, as the clip plays it (speed,
         // speed parts and direction applied).
-        const int64_t sourceTime = clampTime(mediaTimeOfClip(clip, markInTimeOfClip(clip) + (time - beginTimeOfClip(clip))));
+        const int64_t sourceTime =
+            clampTime(mediaTimeOfClip(clip, markInTimeOfClip(clip) + (time - beginTimeOfClip(clip))));
         thumb::FrameSession* session = clipSession(path, stream);
         if (session->pictureAt(sourceTime, keyframe, width_, height_, buffer, &problem) != 0) {
             ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::frameAt", "no picture at %lld (media %lld): %s",
@@ -319,7 +320,8 @@ public:
             try {
                 ahead_ = std::make_unique<thumb::ReadAhead>(lanes);
             } catch (const std::system_error& error) {
-                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::readAhead", "no thread to read ahead: %s", error.what());
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ThumbAdapter::readAhead", "no thread to read ahead: %s",
+                        error.what());
                 return kOk;
             }
         }
@@ -399,8 +401,8 @@ private:
             const int32_t clips = timeline->clipCount(index);
             for (int32_t c = 0; c < clips; ++c) {
                 IDmClip* clip = timeline->clip(index, c);
-                auto* video = clip != nullptr ? static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))
-                                              : nullptr;
+                auto* video =
+                    clip != nullptr ? static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature")) : nullptr;
                 int64_t rateNum = 0;
                 int64_t rateDen = 0;
                 if (video != nullptr && video->frameRate(&rateNum, &rateDen) == 0 && rateNum > 0 && rateDen > 0) {

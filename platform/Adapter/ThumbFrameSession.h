@@ -52,8 +52,7 @@ public:
     // The picture at media time (cns) fitted into width x height, as RGBA
     // into out (width x height x 4 bytes). 0 on success; otherwise a
     // negative code with *problem set ("'<path>': <cause>").
-    int pictureAt(int64_t time, bool keyframe, int32_t width, int32_t height, unsigned char* out,
-                  std::string* problem);
+    int pictureAt(int64_t time, bool keyframe, int32_t width, int32_t height, unsigned char* out, std::string* problem);
 
 private:
     std::string failure(const std::string& cause) const { return "'" + path() + "': " + cause; }

@@ -102,12 +102,12 @@ private:
     int32_t height_ = 0;
     bool keyframe_ = false;
     bool skipping_ = true;
-    std::deque<Entry> entries_;      // the plan, in the caller's order
-    size_t window_ = 1;              // entries at the front the lanes may take
+    std::deque<Entry> entries_;                  // the plan, in the caller's order
+    size_t window_ = 1;                          // entries at the front the lanes may take
     std::vector<ThumbDecodeCounts> laneCounts_;  // published by each lane after a picture
     std::unique_ptr<LaneState[]> laneStates_;    // one a lane
     size_t laneCount_ = 0;
-    std::vector<std::thread> lanes_;             // joined by the destructor
+    std::vector<std::thread> lanes_;  // joined by the destructor
 };
 
 }  // namespace ZOR::thumb

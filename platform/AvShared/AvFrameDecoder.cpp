@@ -4,7 +4,6 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
-
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -214,8 +213,7 @@ void FrameDecoder::countFrames() {
     AVRational rate = reader_->stream()->avg_frame_rate;
     if (rate.num <= 0 || rate.den <= 0) rate = reader_->stream()->r_frame_rate;
     if (rate.num <= 0 || rate.den <= 0) rate = AVRational{25, 1};
-    cursor_.frames.countedDuration =
-        std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), cursor_.clock.timeBase));
+    cursor_.frames.countedDuration = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), cursor_.clock.timeBase));
     // What was decoded so far was timed otherwise: start over.
     mustSeek_ = true;
 }
@@ -585,8 +583,7 @@ int FrameDecoder::keyFrame(int64_t time, const AVFrame** shown, int64_t* shownPt
 // ---------------------------------------------------------------------------
 // Frames
 
-int FrameDecoder::frameAt(int64_t time, bool keyframe, const AVFrame** frame, int64_t* shownTime,
-                          std::string* cause) {
+int FrameDecoder::frameAt(int64_t time, bool keyframe, const AVFrame** frame, int64_t* shownTime, std::string* cause) {
     int64_t pts = 0;
     return frameAt(time, keyframe, frame, shownTime, &pts, cause);
 }
@@ -596,8 +593,8 @@ int FrameDecoder::frameAt(int64_t time, bool keyframe, const AVFrame** frame, in
     if (!open(cause)) return AVERROR(EIO);
     const AVFrame* shown = nullptr;
     int64_t shownPts = 0;
-    const int result = keyframe && !counted_ ? keyFrame(time, &shown, &shownPts, cause)
-                                             : exactFrame(time, &shown, &shownPts, cause);
+    const int result =
+        keyframe && !counted_ ? keyFrame(time, &shown, &shownPts, cause) : exactFrame(time, &shown, &shownPts, cause);
     if (result == kStopped || stopped()) {
         if (cause != nullptr) *cause = "stopped";
         return kStopped;

@@ -29,14 +29,20 @@ int displayRotation(const AVStream* stream) {
 
 int swsColorspace(AVColorSpace space, int height) {
     switch (space) {
-        case AVCOL_SPC_BT709: return SWS_CS_ITU709;
-        case AVCOL_SPC_FCC: return SWS_CS_FCC;
-        case AVCOL_SPC_SMPTE240M: return SWS_CS_SMPTE240M;
+        case AVCOL_SPC_BT709:
+            return SWS_CS_ITU709;
+        case AVCOL_SPC_FCC:
+            return SWS_CS_FCC;
+        case AVCOL_SPC_SMPTE240M:
+            return SWS_CS_SMPTE240M;
         case AVCOL_SPC_BT2020_NCL:
-        case AVCOL_SPC_BT2020_CL: return SWS_CS_BT2020;
+        case AVCOL_SPC_BT2020_CL:
+            return SWS_CS_BT2020;
         case AVCOL_SPC_BT470BG:
-        case AVCOL_SPC_SMPTE170M: return SWS_CS_ITU601;
-        default: return height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;  // what players assume
+        case AVCOL_SPC_SMPTE170M:
+            return SWS_CS_ITU601;
+        default:
+            return height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;  // what players assume
     }
 }
 
@@ -47,8 +53,10 @@ bool fullRange(const AVFrame* frame) {
         case AV_PIX_FMT_YUVJ422P:
         case AV_PIX_FMT_YUVJ444P:
         case AV_PIX_FMT_YUVJ440P:
-        case AV_PIX_FMT_YUVJ411P: return true;
-        default: return false;
+        case AV_PIX_FMT_YUVJ411P:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -78,15 +86,14 @@ bool RgbaConverter::convert(const StreamDecoder& source, const AVFrame* frame, i
     const int scaledHeight = quarter ? outWidth : outHeight;
 
     const auto format = static_cast<AVPixelFormat>(frame->format);
-    sws_ = sws_getCachedContext(sws_, frame->width, frame->height, format, scaledWidth, scaledHeight,
-                                AV_PIX_FMT_RGBA, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr,
-                                nullptr, nullptr);
+    sws_ = sws_getCachedContext(sws_, frame->width, frame->height, format, scaledWidth, scaledHeight, AV_PIX_FMT_RGBA,
+                                SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr);
     if (sws_ == nullptr) return fail("cannot convert the picture to RGBA");
     const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(format);
     if (descriptor != nullptr && (descriptor->flags & AV_PIX_FMT_FLAG_RGB) == 0) {
         const int* coefficients = sws_getCoefficients(swsColorspace(frame->colorspace, frame->height));
-        sws_setColorspaceDetails(sws_, coefficients, fullRange(frame) ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT),
-                                 1, 0, 1 << 16, 1 << 16);
+        sws_setColorspaceDetails(sws_, coefficients, fullRange(frame) ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1,
+                                 0, 1 << 16, 1 << 16);
     }
     scaled_.assign(static_cast<size_t>(scaledWidth) * scaledHeight * 4, 0);
     uint8_t* planes[4] = {scaled_.data(), nullptr, nullptr, nullptr};
@@ -102,7 +109,8 @@ bool RgbaConverter::convert(const StreamDecoder& source, const AVFrame* frame, i
     if (rotation == 0) {
         for (int y = 0; y < scaledHeight; ++y)
             std::memcpy(out + static_cast<size_t>(top + y) * outStride + static_cast<size_t>(left) * 4,
-                        scaled_.data() + static_cast<size_t>(y) * scaledWidth * 4, static_cast<size_t>(scaledWidth) * 4);
+                        scaled_.data() + static_cast<size_t>(y) * scaledWidth * 4,
+                        static_cast<size_t>(scaledWidth) * 4);
         return true;
     }
     for (int y = 0; y < scaledHeight; ++y) {
@@ -123,7 +131,8 @@ bool RgbaConverter::convert(const StreamDecoder& source, const AVFrame* frame, i
                     dx = scaledHeight - 1 - y;
                     dy = x;
                     break;
-                default: break;
+                default:
+                    break;
             }
             std::memcpy(out + static_cast<size_t>(top + dy) * outStride + static_cast<size_t>(left + dx) * 4,
                         row + static_cast<size_t>(x) * 4, 4);

@@ -73,8 +73,9 @@ public:
         if (seekable && first_ > 0 && request_.store_->decodeOrigin(request_.generation, &origin, &rate)) {
             const PieceOutcome outcome = decode(true, origin, rate);
             if (outcome != PieceOutcome::Failed || !fallBack_) return outcome;
-            ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::decode", "'%s' frames [%d %d]: %s; decoding from the start",
-                    request_.path.c_str(), first_, last_, problem_.c_str());
+            ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::decode",
+                    "'%s' frames [%d %d]: %s; decoding from the start", request_.path.c_str(), first_, last_,
+                    problem_.c_str());
         }
         fallBack_ = false;
         return decode(false, 0, 0);
@@ -152,8 +153,8 @@ private:
             return fail("'" + request_.path + "': " + noSamplesCause(decoder));
         }
         if (decoder.readError() != 0)
-            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::decode", "'%s': reading stopped early: %s", request_.path.c_str(),
-                    avErrorText(decoder.readError()).c_str());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::decode", "'%s': reading stopped early: %s",
+                    request_.path.c_str(), avErrorText(decoder.readError()).c_str());
         waves->streamEnded(next);
         return PieceOutcome::Done;
     }
@@ -179,8 +180,9 @@ bool contentReplaced(AudioRequest& request) {
         return true;
     }
     if (request.store_->contentGeneration() != request.generation) {
-        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s': newer content adopted while decoding",
-                static_cast<long long>(request.token()), request.path.c_str());
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode",
+                "token:%lld '%s': newer content adopted while decoding", static_cast<long long>(request.token()),
+                request.path.c_str());
         return true;
     }
     return false;
@@ -191,8 +193,7 @@ uint64_t hashSamples(uint64_t hash, const AVFrame* frame) {
     const auto format = static_cast<AVSampleFormat>(frame->format);
     const int channels = frame->ch_layout.nb_channels;
     const bool planar = av_sample_fmt_is_planar(format) != 0;
-    const size_t bytes = static_cast<size_t>(frame->nb_samples) *
-                         static_cast<size_t>(av_get_bytes_per_sample(format)) *
+    const size_t bytes = static_cast<size_t>(frame->nb_samples) * static_cast<size_t>(av_get_bytes_per_sample(format)) *
                          static_cast<size_t>(planar ? 1 : channels);
     for (int plane = 0; plane < (planar ? channels : 1); ++plane) {
         const uint8_t* data = frame->extended_data[plane];
@@ -352,8 +353,8 @@ void pieceEnded(TaskCore& core, AudioRequest& request, PieceOutcome outcome, con
     request.store_->flush();
 }
 
-void runPiece(TaskCore& core, const std::shared_ptr<AudioRequest>& request, int32_t first, int32_t last,
-              PieceMode mode, const std::shared_ptr<const PacketIndex>& index) {
+void runPiece(TaskCore& core, const std::shared_ptr<AudioRequest>& request, int32_t first, int32_t last, PieceMode mode,
+              const std::shared_ptr<const PacketIndex>& index) {
     if (core.stopping(*request)) {
         pieceEnded(core, *request, PieceOutcome::Stopped, std::string());
         return;
@@ -404,8 +405,9 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
     r.planned = mediaFileIdentity(r.path.c_str());
     if (r.planned != r.appended) {
         r.store_->adoptContent(r.planned);
-        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode", "token:%lld '%s' changed on disk since it was appended",
-                static_cast<long long>(r.token()), r.path.c_str());
+        ZOR_LOG(IBsLogger::Info, "ZOR::AudioWaveExtractTask::decode",
+                "token:%lld '%s' changed on disk since it was appended", static_cast<long long>(r.token()),
+                r.path.c_str());
         core.finish(r, 0, BsTaskResubmit);
         return;
     }
@@ -449,12 +451,12 @@ void planRequest(TaskCore& core, const std::shared_ptr<AudioRequest>& request) {
             const auto started = std::chrono::steady_clock::now();
             index = packetIndexFor(r.path, r.stream, r.planned, &decoder, stop, &why);
             if (index)
-                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s': %zu packets indexed in %.1f ms", r.path.c_str(),
-                        index->packets(),
+                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s': %zu packets indexed in %.1f ms",
+                        r.path.c_str(), index->packets(),
                         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count());
             else if (!why.empty())
-                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s' is decoded from the start: %s", r.path.c_str(),
-                        why.c_str());
+                ZOR_LOG(IBsLogger::Debug, "ZOR::AudioWaveExtractTask::plan", "'%s' is decoded from the start: %s",
+                        r.path.c_str(), why.c_str());
         }
     }
     if (index && !index->distrusted()) {
@@ -552,14 +554,14 @@ public:
         }
         if (record->rateNum <= 0 || record->rateDen <= 0 ||
             record->rateNum != IDmAudioWaveStore::kFrameRateNum * record->rateDen) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frame rate %lld/%lld (only 25/1)",
-                    source->mediaPath(), static_cast<long long>(record->rateNum),
-                    static_cast<long long>(record->rateDen));
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append",
+                    "rejected: '%s': frame rate %lld/%lld (only 25/1)", source->mediaPath(),
+                    static_cast<long long>(record->rateNum), static_cast<long long>(record->rateDen));
             return kTaskUnsupported;
         }
         if (record->endFrame < record->beginFrame) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frames [%d %d]", source->mediaPath(),
-                    record->beginFrame, record->endFrame);
+            ZOR_LOG(IBsLogger::Warning, "ZOR::AudioWaveExtractTask::append", "rejected: '%s': frames [%d %d]",
+                    source->mediaPath(), record->beginFrame, record->endFrame);
             return kTaskBadArgument;
         }
         // The declared duration only shapes the pieces; the stream's end is
@@ -568,8 +570,8 @@ public:
         if (auto* audio = static_cast<IDmAudioFeature*>(record->clip->queryInterface("IDmAudioFeature")))
             expectedFrames = std::max<int64_t>(0, audio->mediaDuration() / (kCnsPerSecond / 25) + 1);
         auto request = std::make_shared<AudioRequest>(TaskCore::newToken(), source->mediaPath(), stream, store,
-                                                      std::max(0, record->beginFrame), record->endFrame,
-                                                      expectedFrames, mediaFileIdentity(source->mediaPath()));
+                                                      std::max(0, record->beginFrame), record->endFrame, expectedFrames,
+                                                      mediaFileIdentity(source->mediaPath()));
         TaskCore* owner = core_.get();
         const int32_t result = core_->add(request, [owner, request] { planRequest(*owner, request); });
         if (result != kTaskOk) {

@@ -104,12 +104,12 @@ public:
     IDmAudioWaveStore* const store_;  // one reference
     const int32_t first;
     const int32_t last;
-    const int64_t frameEstimate;  // frames in the stream by its declared duration; 0 when unknown
+    const int64_t frameEstimate;    // frames in the stream by its declared duration; 0 when unknown
     const DmFileIdentity appended;  // the file as append() saw it
     // Set by the planning job before any piece is queued (the pool's queue
     // orders it before the pieces read it).
-    DmFileIdentity planned;         // the file when decoding started
-    uint64_t generation = 0;        // the store's content the pieces write into
+    DmFileIdentity planned;   // the file when decoding started
+    uint64_t generation = 0;  // the store's content the pieces write into
     std::atomic<int32_t> piecesLeft{0};
     std::atomic<int64_t> framesTotal{0};
     std::atomic<int64_t> framesDone{0};

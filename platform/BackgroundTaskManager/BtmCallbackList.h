@@ -91,7 +91,7 @@ private:
         std::vector<std::thread::id> callers;  // guarded by CallbackList::lock_: threads inside the callback
     };
 
-    std::mutex lock_;  // leaf: never held while a callback runs or while taking another lock
+    std::mutex lock_;               // leaf: never held while a callback runs or while taking another lock
     std::condition_variable idle_;  // a call returned
     std::vector<std::shared_ptr<Entry>> entries_;  // guarded by lock_
 };

@@ -52,12 +52,12 @@ bool parseMpegHeader(const uint8_t* data, int size, MpegHeader* header) {
     const uint32_t padding = (word >> 9) & 1;
     if (version == 1 || layer == 0 || bitrateIndex == 0 || bitrateIndex == 15 || rateIndex == 3) return false;
     static const int32_t kKbps[2][3][15] = {
-        {{0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448},   // MPEG 1, layer I
-         {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384},      // layer II
-         {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320}},      // layer III
-        {{0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},      // MPEG 2 and 2.5, layer I
-         {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160},           // layer II
-         {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160}}};         // layer III
+        {{0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448},  // MPEG 1, layer I
+         {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384},     // layer II
+         {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320}},     // layer III
+        {{0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},     // MPEG 2 and 2.5, layer I
+         {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160},          // layer II
+         {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160}}};        // layer III
     static const int32_t kRates[3] = {44100, 48000, 32000};
     const bool mpeg1 = version == 3;
     const int layerNumber = 4 - static_cast<int>(layer);  // 1, 2 or 3
@@ -143,8 +143,7 @@ size_t PacketIndex::startFor(size_t packet, int factor) const {
     } else {
         int64_t bytes = 0;
         size_t count = 0;
-        while (start > 0 && (count < kPrerollPackets * static_cast<size_t>(factor) ||
-                             bytes < kPrerollBytes * factor)) {
+        while (start > 0 && (count < kPrerollPackets * static_cast<size_t>(factor) || bytes < kPrerollBytes * factor)) {
             --start;
             ++count;
             bytes += size_[start];
@@ -311,8 +310,8 @@ bool IndexedDecoder::fill(int64_t position, int32_t size) {
     buffer_.resize(want);
     size_t got = 0;
     while (got < want) {
-        const ssize_t read = ::pread(fd_, buffer_.data() + got, want - got, static_cast<off_t>(position) +
-                                                                               static_cast<off_t>(got));
+        const ssize_t read =
+            ::pread(fd_, buffer_.data() + got, want - got, static_cast<off_t>(position) + static_cast<off_t>(got));
         if (read < 0 && errno == EINTR) continue;
         if (read <= 0) break;
         got += static_cast<size_t>(read);

@@ -83,7 +83,7 @@ public:
 private:
     std::vector<int64_t> position_;
     std::vector<int32_t> size_;
-    std::vector<int64_t> first_;  // one more than there are packets
+    std::vector<int64_t> first_;                                    // one more than there are packets
     std::vector<std::pair<size_t, std::array<uint8_t, 10>>> side_;  // ascending packet
     size_t settledFrom_ = 0;
     int32_t rate_ = 0;
@@ -140,10 +140,10 @@ private:
 struct PacketIndexFacts {
     bool indexed = false;
     int64_t packets = 0;
-    int64_t samples = 0;     // decoded samples of a sequential decode, per channel
+    int64_t samples = 0;  // decoded samples of a sequential decode, per channel
     int32_t sampleRate = 0;
     int64_t prerollStart = 0;  // where a piece starting at the middle packet starts decoding
-    std::string why;         // when not indexed
+    std::string why;           // when not indexed
 };
 PacketIndexFacts packetIndexFacts(const std::string& path, int32_t stream);
 // For tests: the pre-roll of the pieces, in packets (-1: the default).

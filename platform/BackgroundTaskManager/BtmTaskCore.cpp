@@ -73,9 +73,7 @@ int32_t TaskCore::resume() {
     return kTaskOk;
 }
 
-int32_t TaskCore::isStarted() const {
-    return started_.load(std::memory_order_acquire) && !closing() ? 1 : 0;
-}
+int32_t TaskCore::isStarted() const { return started_.load(std::memory_order_acquire) && !closing() ? 1 : 0; }
 
 int32_t TaskCore::isPaused() const { return paused_.load(std::memory_order_acquire) ? 1 : 0; }
 
@@ -141,8 +139,8 @@ int32_t TaskCore::cancel(int64_t token) {
         }
         pool = pool_;
     }
-    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::cancel", "%s cancel token:%lld (%d requests)", name_, static_cast<long long>(token),
-            cancelled);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::cancel", "%s cancel token:%lld (%d requests)", name_,
+            static_cast<long long>(token), cancelled);
     // Cancelled requests run even when the task is paused or not started.
     if (pool && cancelled > 0) pool->wake();
     return cancelled > 0 || token == -1 ? kTaskOk : kTaskUnknownToken;
@@ -191,8 +189,8 @@ void TaskCore::finish(Request& request, int32_t percent, int32_t status) {
         std::lock_guard<std::mutex> guard(lock_);
         requests_.erase(request.token());
     }
-    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::finish", "%s token:%lld status %d", name_, static_cast<long long>(request.token()),
-            status);
+    ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::finish", "%s token:%lld status %d", name_,
+            static_cast<long long>(request.token()), status);
     report(request, percent, status, nullptr);
 }
 
@@ -232,7 +230,8 @@ int32_t TaskCore::shutdown() {
         pool_.reset();
     }
     if (!dropped.empty())
-        ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::shutdown", "%s shut down with %zu requests unfinished", name_, dropped.size());
+        ZOR_LOG(IBsLogger::Trace, "ZOR::TaskCore::shutdown", "%s shut down with %zu requests unfinished", name_,
+                dropped.size());
     pool.reset();  // the last task to go stops the workers here
     return kTaskOk;
 }

@@ -30,10 +30,10 @@ namespace ZOR::btm {
 enum TaskResult : int32_t {
     kTaskOk = 0,
     kTaskBadArgument = kResultFailure,
-    kTaskClosed = 1002,         // shut down
-    kTaskUnknownToken = 1003,   // no such running request
-    kTaskNoMedia = 1004,        // the clip has no media this task can read
-    kTaskUnsupported = 1005,    // a rate or size the task does not make
+    kTaskClosed = 1002,        // shut down
+    kTaskUnknownToken = 1003,  // no such running request
+    kTaskNoMedia = 1004,       // the clip has no media this task can read
+    kTaskUnsupported = 1005,   // a rate or size the task does not make
 };
 
 // One queued request. Subclasses carry what the decoder needs.

@@ -79,8 +79,8 @@ private:
 // Times to decode one after the other from one keyframe.
 struct Run {
     std::vector<int64_t> times;
-    int64_t cost = 0;   // VideoRun::cost
-    int64_t lead = 0;   // VideoRun::lead
+    int64_t cost = 0;  // VideoRun::cost
+    int64_t lead = 0;  // VideoRun::lead
 };
 
 // A report waiting in a request's outbox.
@@ -93,8 +93,8 @@ struct Outgoing {
 
 class VideoRequest final : public Request {
 public:
-    VideoRequest(int64_t token, std::string mediaPath, int32_t streamIndex, int32_t pictureWidth,
-                 int32_t pictureHeight, bool refreshStored, const int64_t* times, int32_t count)
+    VideoRequest(int64_t token, std::string mediaPath, int32_t streamIndex, int32_t pictureWidth, int32_t pictureHeight,
+                 bool refreshStored, const int64_t* times, int32_t count)
         : Request(token),
           path(std::move(mediaPath)),
           stream(streamIndex),
@@ -228,29 +228,28 @@ public:
 private:
     int32_t percentLocked() const { return static_cast<int32_t>(done_ * 100 / std::max<int64_t>(1, total_)); }
 
-    std::mutex lock_;                // leaf: nothing is called with it held
-    std::vector<int64_t> pending_;   // guarded by lock_
-    bool closed_ = false;            // guarded by lock_
-    std::deque<Run> runs_;           // guarded by lock_: runs no job took yet, the longest first
-    int busy_ = 0;                   // guarded by lock_: jobs decoding a run or taking a batch
-    bool ending_ = false;            // guarded by lock_: the final report is queued
-    int64_t total_ = 0;              // guarded by lock_: times of the batches taken
-    int64_t done_ = 0;               // guarded by lock_: of those, stored already or queued
-    bool reportedData_ = false;      // guarded by lock_
-    std::deque<Outgoing> outbox_;    // guarded by lock_
-    bool reporting_ = false;         // guarded by lock_: a job is reporting the outbox
+    std::mutex lock_;                  // leaf: nothing is called with it held
+    std::vector<int64_t> pending_;     // guarded by lock_
+    bool closed_ = false;              // guarded by lock_
+    std::deque<Run> runs_;             // guarded by lock_: runs no job took yet, the longest first
+    int busy_ = 0;                     // guarded by lock_: jobs decoding a run or taking a batch
+    bool ending_ = false;              // guarded by lock_: the final report is queued
+    int64_t total_ = 0;                // guarded by lock_: times of the batches taken
+    int64_t done_ = 0;                 // guarded by lock_: of those, stored already or queued
+    bool reportedData_ = false;        // guarded by lock_
+    std::deque<Outgoing> outbox_;      // guarded by lock_
+    bool reporting_ = false;           // guarded by lock_: a job is reporting the outbox
     std::atomic<bool> failed_{false};  // a job could not decode: the others stop
 };
 
 // Writes the picture into the store; the path, or "" when it could not.
-std::string storePicture(const std::string& folder, const VideoRequest& request, int64_t time,
-                         const Picture& picture) {
+std::string storePicture(const std::string& folder, const VideoRequest& request, int64_t time, const Picture& picture) {
     if (folder.empty()) return std::string();
     // The cause of a failure stays with ZorUtils (lastWriteFailure) for the
     // caller that finds the picture missing.
     if (const int32_t error = createFolder(Path(folder)); error != 0) {
-        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store", "cannot create the frame store folder '%s': %s",
-                folder.c_str(), writeErrorText(error).c_str());
+        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store",
+                "cannot create the frame store folder '%s': %s", folder.c_str(), writeErrorText(error).c_str());
         return std::string();
     }
     const std::string name = frameStoreFileName(request.stream, request.width, request.height, time, picture.shown);
@@ -258,8 +257,8 @@ std::string storePicture(const std::string& folder, const VideoRequest& request,
     const int32_t result = dumpPNG(request.width, request.height, picture.rgba.data(), path.c_str(), kPngLevel);
     if (result != 0) {
         const int32_t error = lastWriteFailure(Path(folder), nullptr);
-        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d): %s", path.c_str(), result,
-                error != 0 ? writeErrorText(error).c_str() : "unknown cause");
+        ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::store", "cannot write '%s' (%d): %s", path.c_str(),
+                result, error != 0 ? writeErrorText(error).c_str() : "unknown cause");
         return std::string();
     }
     // A refreshed picture may show another frame than the file it replaces.
@@ -290,8 +289,12 @@ void reportQueued(TaskCore& core, VideoRequest& r) {
                                 static_cast<IDmBaseObj*>(static_cast<IBsVideoFrameData*>(item.data)));
                 item.data->Release();
                 break;
-            case Outgoing::Empty: core.report(r, item.percent, BsTaskProgress, nullptr); break;
-            case Outgoing::Final: core.finish(r, item.percent, item.status); break;
+            case Outgoing::Empty:
+                core.report(r, item.percent, BsTaskProgress, nullptr);
+                break;
+            case Outgoing::Final:
+                core.finish(r, item.percent, item.status);
+                break;
         }
     }
 }
@@ -323,15 +326,15 @@ size_t takeBatch(TaskCore& core, VideoRequest& r, const std::string& folder, Vid
     if (!needed.empty() && !core.stopping(r)) {
         for (const VideoRun& run : session.runs(needed)) {
             const auto begin = needed.begin() + static_cast<std::ptrdiff_t>(run.first);
-            runs.push_back(Run{std::vector<int64_t>(begin, begin + static_cast<std::ptrdiff_t>(run.count)), run.cost,
-                               run.lead});
+            runs.push_back(
+                Run{std::vector<int64_t>(begin, begin + static_cast<std::ptrdiff_t>(run.count)), run.cost, run.lead});
         }
         // First the run whose first picture is nearest its keyframe, so that
         // the caller sees a picture soon; then the longest first, so that
         // the last ones to end are short.
         std::stable_sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.cost > b.cost; });
-        const auto quickest = std::min_element(runs.begin(), runs.end(),
-                                               [](const Run& a, const Run& b) { return a.lead < b.lead; });
+        const auto quickest =
+            std::min_element(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.lead < b.lead; });
         std::rotate(runs.begin(), quickest, quickest + 1);
     }
     const size_t made = runs.size();
@@ -423,8 +426,8 @@ public:
     int32_t initialize() override { return core_->initialize(); }
     int32_t taskKind() override { return 2; }
 
-    int32_t append(IDmBaseObj* clip, const int64_t* times, int32_t count, int64_t* token, int32_t width,
-                   int32_t height, uint32_t flags) override {
+    int32_t append(IDmBaseObj* clip, const int64_t* times, int32_t count, int64_t* token, int32_t width, int32_t height,
+                   uint32_t flags) override {
         if (clip == nullptr || token == nullptr || count < 0 || (count > 0 && times == nullptr)) {
             ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: no clip, token or times");
             return kTaskBadArgument;
@@ -435,8 +438,8 @@ public:
             return kTaskNoMedia;
         }
         if (!frameStoreSizeAllowed(width, height)) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: '%s': picture size %dx%d", source->mediaPath(),
-                    width, height);
+            ZOR_LOG(IBsLogger::Warning, "ZOR::VideoFrameExtractTask::append", "rejected: '%s': picture size %dx%d",
+                    source->mediaPath(), width, height);
             return kTaskUnsupported;
         }
         const int32_t stream = source->resolvedStream(DmTrackVideo);
@@ -466,8 +469,8 @@ public:
         if (count <= 0 || times == nullptr) return kTaskBadArgument;
         auto request = std::dynamic_pointer_cast<VideoRequest>(core_->find(token));
         if (!request || !request->add(times, count)) return kTaskUnknownToken;
-        ZOR_LOG(IBsLogger::Info, "ZOR::VideoFrameExtractTask::addFrames", "token:%lld %d more frames", static_cast<long long>(token),
-                count);
+        ZOR_LOG(IBsLogger::Info, "ZOR::VideoFrameExtractTask::addFrames", "token:%lld %d more frames",
+                static_cast<long long>(token), count);
         return kTaskOk;
     }
 };

@@ -14,8 +14,7 @@ bool VideoSession::open(std::string* problem) {
     return false;
 }
 
-int VideoSession::pictureAt(int64_t time, const std::function<bool()>& stop, Picture* picture,
-                            std::string* problem) {
+int VideoSession::pictureAt(int64_t time, const std::function<bool()>& stop, Picture* picture, std::string* problem) {
     if (!open(problem)) return AVERROR(EIO);
     decoder_.setStop(stop);
     const AVFrame* frame = nullptr;

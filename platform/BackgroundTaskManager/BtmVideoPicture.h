@@ -14,8 +14,8 @@
 namespace ZOR::btm {
 
 struct Picture {
-    int64_t shown = 0;                 // media time of the frame shown, cns
-    std::vector<unsigned char> rgba;   // width x height x 4, R G B A, rows without padding
+    int64_t shown = 0;                // media time of the frame shown, cns
+    std::vector<unsigned char> rgba;  // width x height x 4, R G B A, rows without padding
 };
 
 using VideoRun = av::FrameRun;

@@ -45,8 +45,8 @@ bool FloatSamples::load(const AVFrame* frame) {
         av_channel_layout_uninit(&swrLayout_);
         // The same layout in and out: only the sample format changes.
         if (av_channel_layout_copy(&swrLayout_, &frame->ch_layout) < 0 ||
-            swr_alloc_set_opts2(&swr_, &swrLayout_, AV_SAMPLE_FMT_FLTP, frame->sample_rate, &swrLayout_,
-                                format, frame->sample_rate, 0, nullptr) < 0 ||
+            swr_alloc_set_opts2(&swr_, &swrLayout_, AV_SAMPLE_FMT_FLTP, frame->sample_rate, &swrLayout_, format,
+                                frame->sample_rate, 0, nullptr) < 0 ||
             swr_init(swr_) < 0) {
             swr_free(&swr_);
             av_channel_layout_uninit(&swrLayout_);
@@ -61,8 +61,8 @@ bool FloatSamples::load(const AVFrame* frame) {
         buffers_[static_cast<size_t>(c)].resize(static_cast<size_t>(count_));
         out[static_cast<size_t>(c)] = reinterpret_cast<uint8_t*>(buffers_[static_cast<size_t>(c)].data());
     }
-    const int converted = swr_convert(swr_, out.data(), count_,
-                                      const_cast<const uint8_t**>(frame->extended_data), count_);
+    const int converted =
+        swr_convert(swr_, out.data(), count_, const_cast<const uint8_t**>(frame->extended_data), count_);
     if (converted < 0) return false;
     count_ = converted;
     planar_ = true;
@@ -70,6 +70,5 @@ bool FloatSamples::load(const AVFrame* frame) {
     for (int c = 0; c < channels_; ++c) planes_[static_cast<size_t>(c)] = buffers_[static_cast<size_t>(c)].data();
     return true;
 }
-
 
 }  // namespace ZOR::btm

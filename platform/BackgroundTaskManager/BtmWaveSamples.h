@@ -123,7 +123,8 @@ public:
                 if (at >= values_.size()) values_.resize((static_cast<size_t>(frame) + 1) * perFrame, 0.0f);
                 for (int c = 0; c < samples.channels(); ++c) {
                     float& value = values_[at + static_cast<size_t>(c % channels_) * kWaveValues];
-                    value = std::max(value, samples.channelPeak(c, static_cast<int>(n - n0), static_cast<int>(runEnd - n0)));
+                    value = std::max(value,
+                                     samples.channelPeak(c, static_cast<int>(n - n0), static_cast<int>(runEnd - n0)));
                 }
             }
             n = runEnd;

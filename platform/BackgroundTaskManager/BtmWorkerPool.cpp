@@ -19,7 +19,7 @@ thread_local const TaskCore* tCurrentOwner = nullptr;
 
 // Workers that ended their own pool, waiting to be joined.
 struct Graveyard {
-    std::mutex lock;  // leaf
+    std::mutex lock;                   // leaf
     std::vector<std::thread> threads;  // guarded by lock
 
     void bury(std::thread thread) {
@@ -52,7 +52,7 @@ Graveyard& graveyard() {
 }
 
 struct PoolRegistry {
-    std::mutex lock;  // leaf
+    std::mutex lock;                    // leaf
     std::weak_ptr<WorkerPool> current;  // guarded by lock
 };
 
@@ -104,7 +104,8 @@ struct WorkerPool::State {
             try {
                 job.run();
             } catch (const std::exception& error) {
-                ZOR_LOG(IBsLogger::Error, "ZOR::WorkerPool::work", "a job of %s failed: %s", job.owner->name(), error.what());
+                ZOR_LOG(IBsLogger::Error, "ZOR::WorkerPool::work", "a job of %s failed: %s", job.owner->name(),
+                        error.what());
             } catch (...) {
                 ZOR_LOG(IBsLogger::Error, "ZOR::WorkerPool::work", "a job of %s failed", job.owner->name());
             }

@@ -88,8 +88,7 @@ bool DmAudioWaveManager::isHeldLocked(int32_t frame) const {
     return chunks_[chunk]->held.test(static_cast<size_t>(frame % kChunkFrames));
 }
 
-int32_t DmAudioWaveManager::readFrame(int32_t frame, int64_t rateNum, int64_t rateDen, float* values,
-                                      uint32_t count) {
+int32_t DmAudioWaveManager::readFrame(int32_t frame, int64_t rateNum, int64_t rateDen, float* values, uint32_t count) {
     if (values == nullptr && count > 0) return kResultFailure;
     std::fill(values, values + count, 0.0f);
     if (!isWaveRate(rateNum, rateDen)) return 1002;
@@ -176,8 +175,7 @@ uint64_t DmAudioWaveManager::contentGeneration() {
     return generation_;
 }
 
-int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int32_t frameCount,
-                                        const float* values) {
+int32_t DmAudioWaveManager::storeFrames(uint64_t generation, int32_t first, int32_t frameCount, const float* values) {
     if (first < 0 || frameCount < 0 || (values == nullptr && frameCount > 0)) return kResultFailure;
     if (frameCount == 0) return 0;
     if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return kResultFailure;
@@ -212,8 +210,9 @@ void DmAudioWaveManager::refreshCoarseLocked(int32_t first, int32_t count) {
             for (size_t b16 = inChunk / 16; b16 < inChunk / 16 + 16; ++b16) {
                 uint16_t small = 0;
                 for (size_t w = b16 * 16; w < b16 * 16 + 16; ++w)
-                    small = std::max(small, chunk.values[((w / kValuesPerFrame) * channels + c) * kValuesPerFrame +
-                                                         w % kValuesPerFrame]);
+                    small = std::max(
+                        small,
+                        chunk.values[((w / kValuesPerFrame) * channels + c) * kValuesPerFrame + w % kValuesPerFrame]);
                 chunk.coarse16[c * (kChunkWindows / 16) + b16] = small;
                 big = std::max(big, small);
             }
@@ -257,8 +256,8 @@ float DmAudioWaveManager::channelPeak(int32_t channel, int64_t firstWindow, int6
         const int64_t index = w / kChunkWindows;
         const int64_t chunkEnd = std::min(endWindow, (index + 1) * kChunkWindows);
         if (const auto& chunk = chunks_[static_cast<size_t>(index)])
-            best = std::max(best, chunkPeakLocked(*chunk, channel, w - index * kChunkWindows,
-                                                  chunkEnd - index * kChunkWindows));
+            best = std::max(
+                best, chunkPeakLocked(*chunk, channel, w - index * kChunkWindows, chunkEnd - index * kChunkWindows));
         w = chunkEnd;
     }
     return dequantise(best);
@@ -274,8 +273,8 @@ uint16_t* DmAudioWaveManager::frameValuesLocked(int32_t frame) {
     return chunk->values.data() + slot * kValuesPerFrame * static_cast<size_t>(channels_);
 }
 
-int32_t DmAudioWaveManager::storeChannelFrames(uint64_t generation, int32_t first, int32_t frameCount,
-                                               int32_t channels, const float* values) {
+int32_t DmAudioWaveManager::storeChannelFrames(uint64_t generation, int32_t first, int32_t frameCount, int32_t channels,
+                                               const float* values) {
     if (first < 0 || frameCount < 0 || channels < 1 || (values == nullptr && frameCount > 0)) return kResultFailure;
     if (frameCount == 0) return 0;
     if (int64_t{first} + frameCount > int64_t{INT32_MAX}) return kResultFailure;
@@ -287,8 +286,10 @@ int32_t DmAudioWaveManager::storeChannelFrames(uint64_t generation, int32_t firs
     for (int32_t i = 0; i < frameCount; ++i)
         for (int32_t c = 0; c < channels; ++c)
             for (int32_t k = 0; k < kValuesPerFrame; ++k) {
-                const float value = values[(static_cast<size_t>(i) * static_cast<size_t>(channels) + c) * kValuesPerFrame + k];
-                uint16_t& step = steps[static_cast<size_t>(i) * perFrame + static_cast<size_t>(c % channels_) * kValuesPerFrame + k];
+                const float value =
+                    values[(static_cast<size_t>(i) * static_cast<size_t>(channels) + c) * kValuesPerFrame + k];
+                uint16_t& step =
+                    steps[static_cast<size_t>(i) * perFrame + static_cast<size_t>(c % channels_) * kValuesPerFrame + k];
                 step = std::max(step, quantise(value));
             }
     std::unique_lock<std::shared_mutex> lock(lock_);
@@ -313,11 +314,13 @@ int32_t DmAudioWaveManager::readChannelWindows(int32_t channel, int64_t firstWin
         const auto frame = static_cast<int32_t>(window / kValuesPerFrame);
         if (!isHeldLocked(frame)) continue;
         const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
-        const size_t base = static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_) +
-                            static_cast<size_t>(window % kValuesPerFrame);
+        const size_t base =
+            static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_) +
+            static_cast<size_t>(window % kValuesPerFrame);
         uint16_t step = 0;
         for (int32_t c = 0; c < channels_; ++c)
-            if (channel == -1 || channel == c) step = std::max(step, chunk.values[base + static_cast<size_t>(c) * kValuesPerFrame]);
+            if (channel == -1 || channel == c)
+                step = std::max(step, chunk.values[base + static_cast<size_t>(c) * kValuesPerFrame]);
         values[i] = dequantise(step);
     }
     return 0;
@@ -357,7 +360,8 @@ void DmAudioWaveManager::setDecodeOrigin(uint64_t generation, int64_t pts, int32
 std::string DmAudioWaveManager::storePathLocked() const {
     char name[96];
     std::snprintf(name, sizeof name, "%016llx-%016llx-%016llx-s%d.mwav",
-                  static_cast<unsigned long long>(fingerprint_.size), static_cast<unsigned long long>(fingerprint_.head),
+                  static_cast<unsigned long long>(fingerprint_.size),
+                  static_cast<unsigned long long>(fingerprint_.head),
                   static_cast<unsigned long long>(fingerprint_.tail), stream_);
     return (std::filesystem::path(waveStoreRoot()) / name).string();
 }
@@ -473,7 +477,8 @@ void DmAudioWaveManager::loadStore() {
             uint16_t* out = frameValuesLocked(frame);
             for (int32_t c = 0; c < channels_; ++c)
                 std::memcpy(out + static_cast<ptrdiff_t>(c) * kValuesPerFrame,
-                            layout.levels + 2 * (static_cast<size_t>(c) * windows + static_cast<size_t>(frame) * kValuesPerFrame),
+                            layout.levels +
+                                2 * (static_cast<size_t>(c) * windows + static_cast<size_t>(frame) * kValuesPerFrame),
                             kValuesPerFrame * sizeof(uint16_t));
             ++loaded;
         }
@@ -546,8 +551,8 @@ int32_t DmAudioWaveManager::flush() {
             if (!isHeldLocked(frame)) continue;
             data.held[static_cast<size_t>(frame) / 8] |= static_cast<uint8_t>(1u << (frame % 8));
             const Chunk& chunk = *chunks_[static_cast<size_t>(frame / kChunkFrames)];
-            const uint16_t* in = chunk.values.data() +
-                                 static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame * static_cast<size_t>(channels_);
+            const uint16_t* in = chunk.values.data() + static_cast<size_t>(frame % kChunkFrames) * kValuesPerFrame *
+                                                           static_cast<size_t>(channels_);
             for (int32_t c = 0; c < channels_; ++c)
                 std::copy_n(in + static_cast<ptrdiff_t>(c) * kValuesPerFrame, kValuesPerFrame,
                             data.levels.begin() + static_cast<ptrdiff_t>(static_cast<size_t>(c) * windows +
@@ -598,9 +603,11 @@ int32_t DmAudioWaveManager::flush() {
                     if (!stored.isHeld(frame) || data.isHeld(frame)) continue;
                     data.held[static_cast<size_t>(frame) / 8] |= static_cast<uint8_t>(1u << (frame % 8));
                     for (int32_t c = 0; c < channels_; ++c)
-                        std::copy_n(stored.levels.begin() + (static_cast<ptrdiff_t>(c) * stored.frames + frame) * kValuesPerFrame,
-                                    kValuesPerFrame,
-                                    data.levels.begin() + (static_cast<ptrdiff_t>(c) * data.frames + frame) * kValuesPerFrame);
+                        std::copy_n(
+                            stored.levels.begin() +
+                                (static_cast<ptrdiff_t>(c) * stored.frames + frame) * kValuesPerFrame,
+                            kValuesPerFrame,
+                            data.levels.begin() + (static_cast<ptrdiff_t>(c) * data.frames + frame) * kValuesPerFrame);
                 }
                 if (data.endFrame < 0) data.endFrame = stored.endFrame;
                 if (!data.hasOrigin && stored.hasOrigin) {
@@ -641,8 +648,8 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
         if (living == nullptr) {
             created = new DmAudioWaveManager(canonicalPath, stream, channels, identity);
             created->AddRef();
-            reg.entries.emplace(key, RefCntWeakHolder<IDmAudioWaveMgrInternal>(
-                                         static_cast<IDmAudioWaveMgrInternal*>(created)));
+            reg.entries.emplace(
+                key, RefCntWeakHolder<IDmAudioWaveMgrInternal>(static_cast<IDmAudioWaveMgrInternal*>(created)));
         }
     }
     if (living != nullptr) {
@@ -650,8 +657,8 @@ DmAudioWaveManager* acquireWaveManager(const std::string& canonicalPath, int32_t
         living->adoptContent(identity);
         return living;
     }
-    ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d", canonicalPath.c_str(),
-            stream);
+    ZOR_LOG(IBsLogger::Debug, "ZOR::DmAudioWaveManager::acquire", "new wave manager for '%s' stream %d",
+            canonicalPath.c_str(), stream);
     // Outside the registry's lock: reading the store file takes a while.
     created->loadStore();
     return created;

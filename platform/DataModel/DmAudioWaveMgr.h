@@ -107,20 +107,20 @@ private:
     const int32_t stream_;
     const int32_t channels_;  // 1 or more: the levels kept per frame are channels_ x 40
 
-    mutable std::shared_mutex lock_;               // leaf: nothing is called with it held
-    DmFileIdentity identity_;                      // guarded by lock_: the content described
-    uint64_t generation_ = 1;                      // guarded by lock_
-    std::vector<std::unique_ptr<Chunk>> chunks_;   // guarded by lock_; chunk c holds frames [c x 1024, ...)
-    int32_t endFrame_ = -1;                        // guarded by lock_
-    bool haveOrigin_ = false;                      // guarded by lock_
-    int64_t originPts_ = 0;                        // guarded by lock_
-    int32_t originRate_ = 0;                       // guarded by lock_
-    bool haveFingerprint_ = false;                 // guarded by lock_
-    DmMediaFingerprint fingerprint_;               // guarded by lock_: the content's, for the store
-    bool dirty_ = false;                           // guarded by lock_: frames stored since the last flush
-    std::string heldStore_;                        // guarded by lock_: the store file marked in use
-    std::mutex flushLock_;                         // before lock_: one flush at a time
-    bool toldWriteFailure_ = false;                // guarded by flushLock_
+    mutable std::shared_mutex lock_;              // leaf: nothing is called with it held
+    DmFileIdentity identity_;                     // guarded by lock_: the content described
+    uint64_t generation_ = 1;                     // guarded by lock_
+    std::vector<std::unique_ptr<Chunk>> chunks_;  // guarded by lock_; chunk c holds frames [c x 1024, ...)
+    int32_t endFrame_ = -1;                       // guarded by lock_
+    bool haveOrigin_ = false;                     // guarded by lock_
+    int64_t originPts_ = 0;                       // guarded by lock_
+    int32_t originRate_ = 0;                      // guarded by lock_
+    bool haveFingerprint_ = false;                // guarded by lock_
+    DmMediaFingerprint fingerprint_;              // guarded by lock_: the content's, for the store
+    bool dirty_ = false;                          // guarded by lock_: frames stored since the last flush
+    std::string heldStore_;                       // guarded by lock_: the store file marked in use
+    std::mutex flushLock_;                        // before lock_: one flush at a time
+    bool toldWriteFailure_ = false;               // guarded by flushLock_
 };
 
 // The manager of (canonical path, stream) with one reference for the caller:

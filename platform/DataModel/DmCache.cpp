@@ -34,10 +34,10 @@ constexpr int64_t kDefaultBudget = int64_t{2} << 30;
 constexpr auto kRecentUse = std::chrono::minutes(10);
 
 struct State {
-    std::mutex lock;                    // leaf: guards everything below; no I/O under it
-    std::string waveRoot;               // empty: the default
-    std::map<std::string, int> inUse;   // files held, with their counts
-    bool estimated = false;             // estimate holds the stores' bytes
+    std::mutex lock;                   // leaf: guards everything below; no I/O under it
+    std::string waveRoot;              // empty: the default
+    std::map<std::string, int> inUse;  // files held, with their counts
+    bool estimated = false;            // estimate holds the stores' bytes
     int64_t estimate = 0;
     std::atomic<bool> enforcing{false};  // one thread removes files at a time
 };
@@ -110,8 +110,8 @@ DmCacheUsage shrinkTo(int64_t limit, bool keepRecent) {
     std::vector<CacheFile> files = listStores(&usage);
     std::sort(files.begin(), files.end(), [](const CacheFile& a, const CacheFile& b) { return a.used < b.used; });
     // With no budget at all, only what this process made or used is kept.
-    const auto recent = usage.budget == 0 ? kProcessStart
-                                          : std::max(kProcessStart, fs::file_time_type::clock::now() - kRecentUse);
+    const auto recent =
+        usage.budget == 0 ? kProcessStart : std::max(kProcessStart, fs::file_time_type::clock::now() - kRecentUse);
     for (const CacheFile& file : files) {
         if (usage.bytes <= limit) break;
         if (heldByThisProcess(file.path.string())) continue;
@@ -153,10 +153,17 @@ bool parseCacheBudget(const std::string& text, int64_t* bytes) {
     int64_t scale = 1;
     if (end + 1 == text.size()) {
         switch (std::toupper(static_cast<unsigned char>(text[end]))) {
-            case 'K': scale = int64_t{1} << 10; break;
-            case 'M': scale = int64_t{1} << 20; break;
-            case 'G': scale = int64_t{1} << 30; break;
-            default: return false;
+            case 'K':
+                scale = int64_t{1} << 10;
+                break;
+            case 'M':
+                scale = int64_t{1} << 20;
+                break;
+            case 'G':
+                scale = int64_t{1} << 30;
+                break;
+            default:
+                return false;
         }
     } else if (end != text.size()) {
         return false;
@@ -196,7 +203,8 @@ bool waveStoreEnabled() {
     const int32_t mode = waveStoreSwitch.load();
     if (mode == 0) return false;
     const char* switchText = std::getenv("MIRAVEL_WAVE_STORE");
-    if (mode < 0 && switchText != nullptr && (std::string(switchText) == "0" || std::string(switchText) == "off")) return false;
+    if (mode < 0 && switchText != nullptr && (std::string(switchText) == "0" || std::string(switchText) == "off"))
+        return false;
     return cacheBudget() > 0;
 }
 

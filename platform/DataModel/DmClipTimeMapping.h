@@ -14,7 +14,6 @@ namespace ZOR {
 // counted from markIn through the speed parts (sorted by begin) when there are
 // any, at speed 1 between them; otherwise at the constant speed. Rounded to
 // the nearest cns.
-int64_t forwardMediaPosition(const std::vector<DmSpeedPartDesc>& sortedParts, double speed, int64_t markIn,
-                             int64_t c);
+int64_t forwardMediaPosition(const std::vector<DmSpeedPartDesc>& sortedParts, double speed, int64_t markIn, int64_t c);
 
 }  // namespace ZOR

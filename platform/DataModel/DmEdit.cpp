@@ -45,10 +45,9 @@ void registerEventKeys() {
     static const bool registered = [] {
         IEventBus* bus = defaultEventBus();
         for (const char* key :
-             {timelineEventKey::dataChanged, timelineEventKey::trackPropertyChanged,
-              clipEventKey::videoPropertyChanged, clipEventKey::audioPropertyChanged,
-              clipEventKey::basePropertyChanged, clipEventKey::multiCameraPropertyChanged,
-              clipEventKey::speedChanged, clipEventKey::effectPropertyChanged,
+             {timelineEventKey::dataChanged, timelineEventKey::trackPropertyChanged, clipEventKey::videoPropertyChanged,
+              clipEventKey::audioPropertyChanged, clipEventKey::basePropertyChanged,
+              clipEventKey::multiCameraPropertyChanged, clipEventKey::speedChanged, clipEventKey::effectPropertyChanged,
               clipEventKey::timelineClipPropertyChanged, clipEventKey::clipRelink, undoRedoEventKey::undoEvent,
               undoRedoEventKey::redoEvent, undoRedoEventKey::stackChanged})
             bus->registerKey(key, 0);
@@ -132,9 +131,9 @@ struct ClipKey {
 };
 
 constexpr ClipKey kClipKeys[] = {
-    {keytext::kAudioVolume, ValueKind::Level, true},     {keytext::kAudioMute, ValueKind::Flag, true},
-    {keytext::kAudioStreamId, ValueKind::Stream, true},  {keytext::kClipVolumeGain, ValueKind::Level, true},
-    {keytext::kLoudnessEnable, ValueKind::Flag, true},   {keytext::kLoudnessGain, ValueKind::Gain, true},
+    {keytext::kAudioVolume, ValueKind::Level, true},      {keytext::kAudioMute, ValueKind::Flag, true},
+    {keytext::kAudioStreamId, ValueKind::Stream, true},   {keytext::kClipVolumeGain, ValueKind::Level, true},
+    {keytext::kLoudnessEnable, ValueKind::Flag, true},    {keytext::kLoudnessGain, ValueKind::Gain, true},
     {keytext::kReversePlayEnable, ValueKind::Flag, true}, {keytext::kClipEnable, ValueKind::Flag, false},
 };
 
@@ -216,8 +215,8 @@ DmEffectState wantedState(DmTimelineClip* clip, int32_t type, bool present, DmEf
 
 // The step that brings clip's effect of type to wanted; null when it is so
 // already. A new effect made for wanted stays unused then (the clip keeps it).
-std::shared_ptr<DmEditStep> effectStepTo(DmTimeline* timeline, DmTimelineClip* clip, int32_t type,
-                                         bool present, DmEffect::Settings settings) {
+std::shared_ptr<DmEditStep> effectStepTo(DmTimeline* timeline, DmTimelineClip* clip, int32_t type, bool present,
+                                         DmEffect::Settings settings) {
     DmEffectState before = currentState(clip, type);
     if (!present && before.effect == nullptr) return nullptr;
     if (present && before.effect != nullptr && before.settings == settings) return nullptr;
@@ -414,8 +413,7 @@ int32_t trimClip(IDmClip* clip, int64_t markIn, int64_t markOut) {
 // ---------------------------------------------------------------------------
 // Clips on tracks
 
-int32_t addClip(IDmTimeline* timeline, int32_t trackIndex, int32_t clipIndex, const DmClipDesc& desc,
-                IDmClip** added) {
+int32_t addClip(IDmTimeline* timeline, int32_t trackIndex, int32_t clipIndex, const DmClipDesc& desc, IDmClip** added) {
     if (added != nullptr) *added = nullptr;
     if (timeline == nullptr || !clipDescriptionFault(desc).empty()) return kResultFailure;
     return runEdit([&]() -> int32_t {

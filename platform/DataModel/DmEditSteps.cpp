@@ -146,16 +146,16 @@ DmEditEvent clipEvent(DmTimeline* timeline, DmTimelineClip* clip, const char* ke
 
 class ClipPropertyStep final : public DmEditStep {
 public:
-    ClipPropertyStep(DmTimeline* timeline, DmTimelineClip* clip, const char* key, ZorProperty before,
-                     ZorProperty after)
+    ClipPropertyStep(DmTimeline* timeline, DmTimelineClip* clip, const char* key, ZorProperty before, ZorProperty after)
         : timeline_(timeline), clip_(clip), key_(key), before_(before), after_(after) {}
 
     void apply(bool forward) override {
         const ZorProperty& value = forward ? after_ : before_;
         if (is(key_, keytext::kAudioStreamId)) {
             if (clip_->replaceAudioStream(static_cast<int32_t>(value.intValue)) != 0)
-                ZOR_LOG(IBsLogger::Warning, "ZOR::ClipPropertyStep::apply", "clip '%s' cannot use audio stream %lld again",
-                        clip_->name(), static_cast<long long>(value.intValue));
+                ZOR_LOG(IBsLogger::Warning, "ZOR::ClipPropertyStep::apply",
+                        "clip '%s' cannot use audio stream %lld again", clip_->name(),
+                        static_cast<long long>(value.intValue));
             notifySoundProperty(clip_, key_, true);
         } else if (is(key_, keytext::kClipEnable)) {
             forClipAndLinked(clip_, [&](DmTimelineClip* clip) { clip->setOwnProperty(key_, value); });
@@ -345,8 +345,8 @@ std::shared_ptr<DmEditStep> makeClipPropertyStep(DmTimeline* timeline, DmTimelin
     return std::make_shared<ClipPropertyStep>(timeline, clip, key, before, after);
 }
 
-std::shared_ptr<DmEditStep> makeTrackPropertyStep(DmTimeline* timeline, DmTrack* track, const char* key,
-                                                  bool before, bool after) {
+std::shared_ptr<DmEditStep> makeTrackPropertyStep(DmTimeline* timeline, DmTrack* track, const char* key, bool before,
+                                                  bool after) {
     return std::make_shared<TrackPropertyStep>(timeline, track, key, before, after);
 }
 

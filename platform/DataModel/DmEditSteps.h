@@ -40,8 +40,8 @@ public:
 std::shared_ptr<DmEditStep> makeClipPropertyStep(DmTimeline* timeline, DmTimelineClip* clip, const char* key,
                                                  const ZorProperty& before, const ZorProperty& after);
 
-std::shared_ptr<DmEditStep> makeTrackPropertyStep(DmTimeline* timeline, DmTrack* track, const char* key,
-                                                  bool before, bool after);
+std::shared_ptr<DmEditStep> makeTrackPropertyStep(DmTimeline* timeline, DmTrack* track, const char* key, bool before,
+                                                  bool after);
 
 // An effect of the sound-carrying clip: before and after name the effect
 // applied (null for none) and its settings.

@@ -12,8 +12,7 @@ constexpr int32_t kOk = 0;
 }  // namespace
 
 bool DmEffect::Settings::operator==(const Settings& other) const {
-    if (enabled != other.enabled || values != other.values || keyframes.size() != other.keyframes.size())
-        return false;
+    if (enabled != other.enabled || values != other.values || keyframes.size() != other.keyframes.size()) return false;
     for (size_t i = 0; i < keyframes.size(); ++i)
         if (keyframes[i].time != other.keyframes[i].time || keyframes[i].db != other.keyframes[i].db) return false;
     return true;

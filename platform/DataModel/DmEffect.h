@@ -24,7 +24,7 @@ public:
     // What an edit may change.
     struct Settings {
         bool enabled = true;
-        std::vector<float> values;             // in order of their index
+        std::vector<float> values;              // in order of their index
         std::vector<DmKeyframeDesc> keyframes;  // of property 1 (the volume's level)
 
         bool operator==(const Settings& other) const;

@@ -26,8 +26,8 @@ namespace ZOR {
 namespace {
 
 struct RootSetting {
-    std::mutex lock;    // leaf
-    std::string chosen; // guarded by lock; empty: the default
+    std::mutex lock;     // leaf
+    std::string chosen;  // guarded by lock; empty: the default
 };
 
 RootSetting& rootSetting() {

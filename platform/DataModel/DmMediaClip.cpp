@@ -162,7 +162,8 @@ std::unique_ptr<DmMediaClip::AudioState> DmMediaClip::makeAudioState(const DmMed
         state->sampleRate = probe.sampleRate;
         state->channels = probe.channels;
         state->duration = probe.audioDuration;
-        state->manager = acquireWaveManager(probe.path, probe.audioStream, probe.channels, mediaFileIdentity(probe.path.c_str()));
+        state->manager =
+            acquireWaveManager(probe.path, probe.audioStream, probe.channels, mediaFileIdentity(probe.path.c_str()));
     }
     return state;
 }
@@ -224,8 +225,8 @@ int32_t DmMediaClip::getProperty(const char* key, ZorProperty* value) {
     if (is(key, keytext::kClipMarkIn) || is(key, keytext::kClipMarkOut) || is(key, keytext::kClipTimelineBegin) ||
         is(key, keytext::kClipTimelineEnd)) {
         const Range current = range();
-        const int64_t time = is(key, keytext::kClipMarkIn)        ? current.markIn
-                             : is(key, keytext::kClipMarkOut)     ? current.markOut
+        const int64_t time = is(key, keytext::kClipMarkIn)          ? current.markIn
+                             : is(key, keytext::kClipMarkOut)       ? current.markOut
                              : is(key, keytext::kClipTimelineBegin) ? current.begin
                                                                     : current.end;
         *value = intProperty(time);
@@ -439,8 +440,8 @@ IDmClip* createMediaClip(const char* path, int32_t audioStreamId, int32_t videoS
         ZOR_LOG(IBsLogger::Warning, "ZOR::DmMediaClip::createMediaClip", "no media path given");
         return nullptr;
     }
-    DmMediaProbe probe = probeMedia(path, audioStreamId < 0 ? -1 : audioStreamId,
-                                    videoStreamId < 0 ? -1 : videoStreamId);
+    DmMediaProbe probe =
+        probeMedia(path, audioStreamId < 0 ? -1 : audioStreamId, videoStreamId < 0 ? -1 : videoStreamId);
     std::string problem;
     if (!probe.opened)
         problem = probe.problem;

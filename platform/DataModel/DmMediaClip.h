@@ -126,12 +126,12 @@ private:
     // clip keeps every state it has had until it dies, so what a reader got
     // from one (the wave manager) stays valid while the clip lives.
     struct AudioState {
-        int32_t requested = -1;   // as asked for: -1 for the best stream
-        int32_t stream = -1;      // the container stream used; -1 when none
-        std::string problem;      // why there is none
+        int32_t requested = -1;  // as asked for: -1 for the best stream
+        int32_t stream = -1;     // the container stream used; -1 when none
+        std::string problem;     // why there is none
         int32_t sampleRate = 0;
         int32_t channels = 0;
-        int64_t duration = 0;     // cns
+        int64_t duration = 0;                   // cns
         DmAudioWaveManager* manager = nullptr;  // one reference; null without audio
     };
     const AudioState& audio() const { return *audio_.load(std::memory_order_acquire); }
@@ -141,7 +141,7 @@ private:
     const DmMediaProbe probe_;     // its audio fields are the first audio state's
     const int32_t videoStreamId_;  // as asked for: -1 for the best stream
     const std::string clipId_;
-    IDmAttachedItemList* attachedItems_ = nullptr;  // one reference
+    IDmAttachedItemList* attachedItems_ = nullptr;   // one reference
     std::atomic<const AudioState*> audio_{nullptr};  // the current state, one of audioStates_
 
     // The sizes prepared for fillFrames and thumbnailFiles, width in the high
@@ -149,9 +149,9 @@ private:
     std::atomic<uint64_t> frameSize_{0};
     std::atomic<uint64_t> thumbnailSize_{0};
 
-    mutable std::mutex lock_;                     // leaf: guards the three members below only
-    Range range_;                                 // guarded by lock_
-    std::map<std::string, ZorProperty> properties_;  // guarded by lock_: the settable properties
+    mutable std::mutex lock_;                               // leaf: guards the three members below only
+    Range range_;                                           // guarded by lock_
+    std::map<std::string, ZorProperty> properties_;         // guarded by lock_: the settable properties
     std::vector<std::unique_ptr<AudioState>> audioStates_;  // guarded by lock_: every state the clip had
 };
 

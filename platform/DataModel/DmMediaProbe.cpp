@@ -95,7 +95,8 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
             probe.audioProblem = missingStream(audioStreamId, "an audio");
     } else {
         audio = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-        if (audio < 0) probe.audioProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no audio stream";
+        if (audio < 0)
+            probe.audioProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no audio stream";
     }
     if (audio >= 0) {
         const AVStream* stream = format->streams[audio];
@@ -115,7 +116,8 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
             probe.videoProblem = missingStream(videoStreamId, "a video");
     } else {
         video = av::bestVideoStream(format);
-        if (video < 0) probe.videoProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no video stream";
+        if (video < 0)
+            probe.videoProblem = format->nb_streams == 0 ? noStreams : "'" + probe.path + "': no video stream";
     }
     if (video >= 0) {
         AVStream* stream = format->streams[video];

@@ -7,14 +7,14 @@
 namespace ZOR {
 
 struct DmMediaProbe {
-    std::string path;           // canonical (absolute when the file is not there)
-    std::string fileName;       // the last part of path
-    bool opened = false;        // the container could be read
-    std::string problem;        // why it could not: "'<path>': <cause>"
+    std::string path;               // canonical (absolute when the file is not there)
+    std::string fileName;           // the last part of path
+    bool opened = false;            // the container could be read
+    std::string problem;            // why it could not: "'<path>': <cause>"
     int64_t containerDuration = 0;  // cns; 0 when unknown
 
-    int32_t audioStream = -1;   // container stream index; -1 when none
-    std::string audioProblem;   // why there is no audio stream
+    int32_t audioStream = -1;  // container stream index; -1 when none
+    std::string audioProblem;  // why there is no audio stream
     int32_t sampleRate = 0;
     int32_t channels = 0;
     int64_t audioDuration = 0;  // cns
@@ -23,10 +23,10 @@ struct DmMediaProbe {
     std::string videoProblem;
     int32_t codedWidth = 0;
     int32_t codedHeight = 0;
-    int32_t rotation = 0;       // display rotation, degrees counter-clockwise: 0, 90, 180 or 270
-    int32_t sarNum = 1;         // sample aspect ratio
+    int32_t rotation = 0;  // display rotation, degrees counter-clockwise: 0, 90, 180 or 270
+    int32_t sarNum = 1;    // sample aspect ratio
     int32_t sarDen = 1;
-    int64_t frameRateNum = 0;   // 0 when unknown
+    int64_t frameRateNum = 0;  // 0 when unknown
     int64_t frameRateDen = 1;
     int64_t videoDuration = 0;  // cns
 

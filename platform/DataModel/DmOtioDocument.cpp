@@ -60,7 +60,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-
 // 2^63: a time in cns must stay below this in magnitude.
 constexpr double kCnsLimit = 9223372036854775808.0;
 constexpr const char* kTimeRangeText = "a time between -922337203685 and 922337203685 seconds";
@@ -288,9 +287,7 @@ std::string member(const std::string& path, std::string_view key) {
     return path + "[" + Json(std::string(key)).dump(-1, ' ', true, Json::error_handler_t::replace) + "]";
 }
 
-std::string element(const std::string& path, size_t index) {
-    return path + "[" + std::to_string(index) + "]";
-}
+std::string element(const std::string& path, size_t index) { return path + "[" + std::to_string(index) + "]"; }
 
 std::string quoted(std::string_view text) {
     std::string result;
@@ -316,9 +313,7 @@ const Json* present(const Json& object, std::string_view key) {
     return value == nullptr || value->is_null() ? nullptr : value;
 }
 
-bool addCns(int64_t a, int64_t b, int64_t* sum) {
-    return !__builtin_add_overflow(a, b, sum);
-}
+bool addCns(int64_t a, int64_t b, int64_t* sum) { return !__builtin_add_overflow(a, b, sum); }
 
 bool toCns(double seconds, int64_t* cns) {
     const double scaled = seconds * static_cast<double>(kCnsPerSecond);
@@ -327,9 +322,7 @@ bool toCns(double seconds, int64_t* cns) {
     return true;
 }
 
-bool subCns(int64_t a, int64_t b, int64_t* difference) {
-    return !__builtin_sub_overflow(a, b, difference);
-}
+bool subCns(int64_t a, int64_t b, int64_t* difference) { return !__builtin_sub_overflow(a, b, difference); }
 
 // A name or schema as it appears in a warning: quoted, with control
 // characters escaped, so the warning stays one line.
@@ -715,7 +708,8 @@ private:
     // ----- "miravel" values: absent leaves the value, anything else must
     // have the right type and be finite.
 
-    bool miravelBool(const Json& object, const std::string& path, std::string_view key, bool* out, bool* seen = nullptr) {
+    bool miravelBool(const Json& object, const std::string& path, std::string_view key, bool* out,
+                     bool* seen = nullptr) {
         const Json* value = find(object, key);
         if (value == nullptr) return true;
         if (!value->is_boolean()) return fail(member(path, key), "a boolean");
@@ -1095,7 +1089,8 @@ private:
         if (__builtin_sub_overflow(source.start, availableStart, &clip->markIn))
             return fail(member(sourcePath, "start_time"), kTimeRangeText);
         clip->begin = *position;
-        if (!addCns(*position, source.duration, &clip->end)) return fail(member(sourcePath, "duration"), kTimeRangeText);
+        if (!addCns(*position, source.duration, &clip->end))
+            return fail(member(sourcePath, "duration"), kTimeRangeText);
         *position = clip->end;
 
         // Time effects: the product of the time scalars.
@@ -1117,7 +1112,8 @@ private:
                 return fail(member(sourcePath, "duration"), kTimeRangeText);
         } else {
             const double scaled = static_cast<double>(source.duration) * clip->speed;
-            if (!std::isfinite(scaled) || scaled >= kCnsLimit || !addCns(clip->markIn, std::llround(scaled), &clip->markOut))
+            if (!std::isfinite(scaled) || scaled >= kCnsLimit ||
+                !addCns(clip->markIn, std::llround(scaled), &clip->markOut))
                 return fail(member(sourcePath, "duration"), kTimeRangeText);
         }
         return true;
@@ -1301,8 +1297,8 @@ int32_t parseTimelineDocument(const char* path, DmTimelineDesc* desc, std::strin
         TreeBuilder builder(replaceNonFiniteLiterals(&text));
         Json::sax_parse(text, &builder);
         if (builder.failed)
-            return failWith(error,
-                            shown + ": invalid JSON at byte " + std::to_string(builder.failedAt) + ": " + builder.message);
+            return failWith(
+                error, shown + ": invalid JSON at byte " + std::to_string(builder.failedAt) + ": " + builder.message);
         text.clear();
         text.shrink_to_fit();
 

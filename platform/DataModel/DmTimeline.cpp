@@ -59,7 +59,8 @@ int32_t DmTimeline::settings(Settings* settings) {
             auto* owner = static_cast<IDmPropertyOwner*>(clip(t, i)->queryInterface("IDmPropertyOwner"));
             if (video == nullptr || owner == nullptr) continue;
             if (owner->getProperty(keytext::kMediaInfoWidth, &value) == 0) width = static_cast<int32_t>(value.intValue);
-            if (owner->getProperty(keytext::kMediaInfoHeight, &value) == 0) height = static_cast<int32_t>(value.intValue);
+            if (owner->getProperty(keytext::kMediaInfoHeight, &value) == 0)
+                height = static_cast<int32_t>(value.intValue);
             if (width < 1 || height < 1) continue;
             *settings = Settings{width, width, height};
             return 0;
@@ -263,8 +264,8 @@ DmTimeline* buildTimeline(const DmTimelineDesc& desc) {
     try {
         for (size_t t = 0; t < desc.tracks.size(); ++t) {
             const DmTrackDesc& trackDesc = desc.tracks[t];
-            auto* track = new DmTrack(timeline, static_cast<int32_t>(t), trackDesc.kind, trackDesc.name,
-                                      trackDesc.mute, trackDesc.visible, trackDesc.solo);
+            auto* track = new DmTrack(timeline, static_cast<int32_t>(t), trackDesc.kind, trackDesc.name, trackDesc.mute,
+                                      trackDesc.visible, trackDesc.solo);
             track->AddRef();
             timeline->appendTrack(track);
             for (size_t c = 0; c < trackDesc.clips.size(); ++c) {

@@ -95,15 +95,14 @@ int64_t positionThroughParts(const std::vector<DmSpeedPartDesc>& parts, int64_t 
 
 }  // namespace
 
-int64_t forwardMediaPosition(const std::vector<DmSpeedPartDesc>& sortedParts, double speed, int64_t markIn,
-                             int64_t c) {
+int64_t forwardMediaPosition(const std::vector<DmSpeedPartDesc>& sortedParts, double speed, int64_t markIn, int64_t c) {
     if (!sortedParts.empty()) return positionThroughParts(sortedParts, markIn, c);
     if (speed != 1.0) return markIn + std::llround(static_cast<double>(c - markIn) * speed);
     return c;
 }
 
-DmTimelineClip::DmTimelineClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId,
-                               const DmClipDesc& desc, int32_t kind, const Place& place)
+DmTimelineClip::DmTimelineClip(DmMediaProbe probe, int32_t audioStreamId, int32_t videoStreamId, const DmClipDesc& desc,
+                               int32_t kind, const Place& place)
     : DmMediaClip(std::move(probe), audioStreamId, videoStreamId, nextClipId()),
       kind_(kind),
       name_(desc.name),
@@ -275,8 +274,8 @@ IDmAttachedItemList* DmTimelineClip::attachedItems() { return styles_; }
 
 bool DmTimelineClip::isAudioKey(const char* key) const {
     return is(key, keytext::kAudioVolume) || is(key, keytext::kAudioMute) || is(key, keytext::kAudioStreamId) ||
-           is(key, keytext::kClipVolumeGain) || is(key, keytext::kLoudnessEnable) ||
-           is(key, keytext::kLoudnessGain) || is(key, keytext::kReversePlayEnable);
+           is(key, keytext::kClipVolumeGain) || is(key, keytext::kLoudnessEnable) || is(key, keytext::kLoudnessGain) ||
+           is(key, keytext::kReversePlayEnable);
 }
 
 int32_t DmTimelineClip::getProperty(const char* key, ZorProperty* value) {
@@ -367,7 +366,8 @@ int64_t mediaTimeOfClip(IDmClip* clip, int64_t clipTime) {
     if (found == nullptr) {
         // A media clip of its own plays at speed 1 and forwards; anything
         // else maps through its audio face when it has one.
-        auto* audio = clip != nullptr ? static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature")) : nullptr;
+        auto* audio =
+            clip != nullptr ? static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature")) : nullptr;
         return audio != nullptr ? audio->sourcePosition(clipTime, false) : clipTime;
     }
     // The sound and the pictures of a clip play the same media positions:

@@ -160,14 +160,14 @@ private:
     const std::string describedPath_;
     const double speed_;
 
-    std::atomic<DmTimeline*> timeline_;    // plain back pointers: null once the owner is gone
+    std::atomic<DmTimeline*> timeline_;  // plain back pointers: null once the owner is gone
     std::atomic<DmTrack*> track_;
     std::atomic<DmTimelineClip*> parent_{nullptr};  // the video clip of a linked audio clip
     // The track's index in the high half and the clip's in the low half, so
     // that both are read at once; -1 while on no track.
     std::atomic<int64_t> position_;
 
-    DmTimelineClip* linked_ = nullptr;  // one reference; set while creating only
+    DmTimelineClip* linked_ = nullptr;       // one reference; set while creating only
     IDmAttachedItemList* styles_ = nullptr;  // one reference; fixed after construction
 
     mutable std::mutex lock_;  // leaf: guards the three members below only

@@ -88,7 +88,7 @@ public:
     }
 
 private:
-    mutable std::mutex lock_;            // leaf, except while forEach() calls out
+    mutable std::mutex lock_;             // leaf, except while forEach() calls out
     std::vector<IDmBaseObj*> listeners_;  // guarded by lock_
 };
 
@@ -170,7 +170,7 @@ private:
     DmCallbackList callbacks_;
     std::atomic<bool> closed_{false};
 
-    mutable std::mutex historyLock_;  // leaf: guards the three members below only
+    mutable std::mutex historyLock_;                 // leaf: guards the three members below only
     std::vector<std::shared_ptr<DmEditStep>> undo_;  // guarded by historyLock_; the last is undone first
     std::vector<std::shared_ptr<DmEditStep>> redo_;  // guarded by historyLock_; the last is redone first
     std::vector<DmTimelineClip*> retained_;          // guarded by historyLock_; one reference each

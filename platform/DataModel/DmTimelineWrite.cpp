@@ -120,7 +120,8 @@ DmClipDesc describeClip(DmTimelineClip* clip, int32_t trackKind) {
     desc.loudnessGain = doubleOf(clipGet, clip, keytext::kLoudnessGain, 1.0);
 
     if (DmTimelineClip* sound = clip->soundCarrier()) {
-        if (const DmEffect* volume = sound->currentEffect(DmEffectVolume)) desc.volumeKeyframes = volume->settings().keyframes;
+        if (const DmEffect* volume = sound->currentEffect(DmEffectVolume))
+            desc.volumeKeyframes = volume->settings().keyframes;
         if (const DmEffect* ducking = sound->currentEffect(DmEffectDucking)) {
             const DmEffect::Settings settings = ducking->settings();
             desc.ducking.present = true;
@@ -148,11 +149,14 @@ int32_t fail(std::string* error, std::string text) {
 // The document
 
 Json rationalTime(int64_t cns) {
-    return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", static_cast<double>(cns)}, {"rate", static_cast<double>(kCnsRate)}};
+    return Json{{"OTIO_SCHEMA", "RationalTime.1"},
+                {"value", static_cast<double>(cns)},
+                {"rate", static_cast<double>(kCnsRate)}};
 }
 
 Json timeRange(int64_t start, int64_t duration) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
+    return Json{
+        {"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
 }
 
 double seconds(int64_t cns) { return static_cast<double>(cns) / static_cast<double>(kCnsRate); }
@@ -222,17 +226,18 @@ bool documentOf(const DmTimelineDesc& desc, const std::filesystem::path& folder,
                 return false;
             }
             if (clip.begin > position)
-                children.push_back(Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", timeRange(0, clip.begin - position)}});
+                children.push_back(
+                    Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", timeRange(0, clip.begin - position)}});
             children.push_back(clipItem(clip, folder));
             position = clip.end;
         }
-        tracks.push_back(Json{{"OTIO_SCHEMA", "Track.1"},
-                              {"name", track.name},
-                              {"kind", video ? "Video" : "Audio"},
-                              {"enabled", video ? track.visible : !track.mute},
-                              {"metadata",
-                               {{"miravel", {{"mute", track.mute}, {"visible", track.visible}, {"solo", track.solo}}}}},
-                              {"children", std::move(children)}});
+        tracks.push_back(
+            Json{{"OTIO_SCHEMA", "Track.1"},
+                 {"name", track.name},
+                 {"kind", video ? "Video" : "Audio"},
+                 {"enabled", video ? track.visible : !track.mute},
+                 {"metadata", {{"miravel", {{"mute", track.mute}, {"visible", track.visible}, {"solo", track.solo}}}}},
+                 {"children", std::move(children)}});
     }
     *out = Json{{"OTIO_SCHEMA", "Timeline.1"},
                 {"name", desc.name},

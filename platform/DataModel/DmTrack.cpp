@@ -17,8 +17,7 @@ constexpr int32_t kUnknownKey = 1005;
 
 }  // namespace
 
-DmTrack::DmTrack(DmTimeline* owner, int32_t index, int32_t kind, std::string name, bool mute, bool visible,
-                 bool solo)
+DmTrack::DmTrack(DmTimeline* owner, int32_t index, int32_t kind, std::string name, bool mute, bool visible, bool solo)
     : owner_(owner), index_(index), kind_(kind), name_(std::move(name)), mute_(mute), visible_(visible), solo_(solo) {}
 
 DmTrack::~DmTrack() {

@@ -230,7 +230,8 @@ bool readWaveStoreLayout(const char* bytes, size_t size, const DmMediaFingerprin
     const size_t c16 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 16);
     const size_t c256 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 256);
     const size_t payloadBytes = held + 2 * (fine + c16 + c256);
-    if (size - kHeaderBytes != payloadBytes) return refuse(size - kHeaderBytes < payloadBytes ? "truncated" : "too long");
+    if (size - kHeaderBytes != payloadBytes)
+        return refuse(size - kHeaderBytes < payloadBytes ? "truncated" : "too long");
     if (payloadSum != hashBytes(bytes + kHeaderBytes, payloadBytes, kVersion)) return refuse("damaged levels");
 
     layout->data = std::move(data);

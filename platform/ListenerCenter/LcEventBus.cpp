@@ -97,7 +97,8 @@ int32_t LcEventBus::enqueueLocked(Item item) {
         try {
             thread_ = std::thread(&LcEventBus::run, this);
         } catch (const std::system_error& error) {
-            ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::enqueueLocked", "cannot start the delivery thread: %s", error.what());
+            ZOR_LOG(IBsLogger::Warning, "ZOR::LcEventBus::enqueueLocked", "cannot start the delivery thread: %s",
+                    error.what());
             return kLcNoThread;
         }
     }

@@ -19,8 +19,8 @@ namespace ZOR {
 
 // Results of the bus's operations.
 constexpr int32_t kLcOk = 0;
-constexpr int32_t kLcStopped = 1002;      // the bus has stopped: nothing more is delivered
-constexpr int32_t kLcNoThread = 1003;     // the delivery thread could not be started
+constexpr int32_t kLcStopped = 1002;   // the bus has stopped: nothing more is delivered
+constexpr int32_t kLcNoThread = 1003;  // the delivery thread could not be started
 
 // The delivery thread starts with the first event or work queued and runs
 // until stop(), which delivers what is queued, then joins it. After stop()
@@ -76,16 +76,16 @@ private:
     // Lock order: lock_ is a leaf. Nothing else is locked while it is held,
     // and it is never held while a handler or work runs, nor while joining.
     mutable std::mutex lock_;
-    std::condition_variable wake_;  // with lock_: queue_ or stopping_ changed
-    std::condition_variable idle_;  // with lock_: running_ changed
+    std::condition_variable wake_;                                  // with lock_: queue_ or stopping_ changed
+    std::condition_variable idle_;                                  // with lock_: running_ changed
     std::set<std::string, std::less<>> keys_;                       // guarded by lock_
     std::map<int32_t, Subscription> subscriptions_;                 // guarded by lock_, by id
     std::map<std::string, std::vector<int32_t>, std::less<>> ids_;  // guarded by lock_: ids of each key, in order
     std::deque<Item> queue_;                                        // guarded by lock_
     int32_t nextId_ = 1;                                            // guarded by lock_
-    int32_t running_ = -1;     // guarded by lock_: the id whose handler runs now, -1 for none
-    bool stopping_ = false;    // guarded by lock_
-    std::thread thread_;       // guarded by lock_; joined by stop()
+    int32_t running_ = -1;   // guarded by lock_: the id whose handler runs now, -1 for none
+    bool stopping_ = false;  // guarded by lock_
+    std::thread thread_;     // guarded by lock_; joined by stop()
 
     // Lock order: taken before lock_ (and before anything the work locks);
     // serialises runAndWait() work once the bus has stopped.

@@ -73,8 +73,8 @@ std::shared_ptr<IBsLogger> ZorLoggerWrapper::sink() const {
     return state_->sink;
 }
 
-void ZorLoggerWrapper::write(const LogStream& stream, IBsLogger::Severity severity, const char* file,
-                             int line, const char* function, const char* tag) {
+void ZorLoggerWrapper::write(const LogStream& stream, IBsLogger::Severity severity, const char* file, int line,
+                             const char* function, const char* tag) {
     std::shared_ptr<IBsLogger> target = sink();
     if (!target) return;
     IBsLogger::Record record{severity,

@@ -25,8 +25,8 @@ namespace {
 enum PngResult : int32_t {
     kPngOk = 0,
     kPngInvalidArgument = 1,
-    kPngReadFailed = 2,    // missing, unreadable, not a PNG or damaged
-    kPngTooLarge = 3,      // the picture does not fit in memory or in an int
+    kPngReadFailed = 2,  // missing, unreadable, not a PNG or damaged
+    kPngTooLarge = 3,    // the picture does not fit in memory or in an int
     kPngOutOfMemory = 4,
     kPngOpenFailed = 5,    // the temporary file could not be created
     kPngEncodeFailed = 6,  // libpng or the file system failed while writing
@@ -34,9 +34,7 @@ enum PngResult : int32_t {
     kPngRenameFailed = 8,
 };
 
-[[noreturn]] void onPngError(png_structp png, png_const_charp /*message*/) {
-    png_longjmp(png, 1);
-}
+[[noreturn]] void onPngError(png_structp png, png_const_charp /*message*/) { png_longjmp(png, 1); }
 
 void onPngWarning(png_structp /*png*/, png_const_charp /*message*/) {}
 
@@ -61,8 +59,7 @@ bool encodePng(FILE* file, int width, int height, const unsigned char* pixels, i
         png_set_compression_level(png, compressionLevel);
     }
     png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8,
-                 PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
+                 PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
     const size_t rowBytes = static_cast<size_t>(width) * 4;
     for (int row = 0; row < height; ++row) {
@@ -120,20 +117,23 @@ int32_t dumpPNG(int width, int height, const unsigned char* buffer, const char* 
     if (!buffer || !path || *path == '\0' || width < 1 || height < 1) {
         return kPngInvalidArgument;
     }
-    const write::Outcome outcome = write::writeWhole(
-        path, [&](FILE* file) { return encodePng(file, width, height, buffer, compressionLevel); });
+    const write::Outcome outcome =
+        write::writeWhole(path, [&](FILE* file) { return encodePng(file, width, height, buffer, compressionLevel); });
     switch (outcome.stage) {
-        case write::Stage::None: return kPngOk;
-        case write::Stage::Open: return kPngOpenFailed;
-        case write::Stage::Write: return kPngEncodeFailed;
-        case write::Stage::Close: return kPngCloseFailed;
-        case write::Stage::Rename: return kPngRenameFailed;
+        case write::Stage::None:
+            return kPngOk;
+        case write::Stage::Open:
+            return kPngOpenFailed;
+        case write::Stage::Write:
+            return kPngEncodeFailed;
+        case write::Stage::Close:
+            return kPngCloseFailed;
+        case write::Stage::Rename:
+            return kPngRenameFailed;
     }
     return kPngEncodeFailed;
 }
 
-void freeImageBuffer(unsigned char* buffer) {
-    std::free(buffer);
-}
+void freeImageBuffer(unsigned char* buffer) { std::free(buffer); }
 
 }  // namespace ZOR

@@ -200,9 +200,9 @@ int32_t checkFolderWritable(const Path& dir) {
 
 int32_t writeFileAtomically(const char* path, const void* data, size_t size) {
     if (path == nullptr || *path == '\0' || (data == nullptr && size > 0)) return EINVAL;
-    return write::writeWhole(path, [&](std::FILE* file) {
-               return size == 0 || std::fwrite(data, 1, size, file) == size;
-           }).error;
+    return write::writeWhole(path,
+                             [&](std::FILE* file) { return size == 0 || std::fwrite(data, 1, size, file) == size; })
+        .error;
 }
 
 int32_t lastWriteFailure(const Path& dir, std::string* failedPath) {
@@ -212,12 +212,17 @@ int32_t lastWriteFailure(const Path& dir, std::string* failedPath) {
 std::string writeErrorText(int32_t error) {
     switch (error) {
         case ENOSPC:
-        case EDQUOT: return "disk full";
-        case EROFS: return "read-only file system";
+        case EDQUOT:
+            return "disk full";
+        case EROFS:
+            return "read-only file system";
         case EACCES:
-        case EPERM: return "permission denied";
-        case ENOTDIR: return "not a folder";
-        default: return std::strerror(error);
+        case EPERM:
+            return "permission denied";
+        case ENOTDIR:
+            return "not a folder";
+        default:
+            return std::strerror(error);
     }
 }
 

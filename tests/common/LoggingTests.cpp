@@ -113,8 +113,9 @@ TEST(ScopeTimeSpan, ZeroThresholdLogsEveryTimedScope) {
     FakeClock clock;
     ScopedCapture capture;
     { ScopeTimeSpan span("ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293]", true, 0, IBsLogger::Timing); }
-    EXPECT_EQ(capture.sink().texts(),
-              std::vector<std::string>({"ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293] cost 0 milliSecond."}));
+    EXPECT_EQ(
+        capture.sink().texts(),
+        std::vector<std::string>({"ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293] cost 0 milliSecond."}));
 }
 
 TEST(ScopeTimeSpan, ScopeOfExactlyThresholdWritesItsLine) {

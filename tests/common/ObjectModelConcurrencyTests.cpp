@@ -93,8 +93,7 @@ TEST(ObjectModelConcurrency, LastReleaseRacingWeakHolderDropsDestroysOnceAndFree
         thing->AddRef();
         thing->AddRef();
         std::vector<std::unique_ptr<RefCntWeakHolder<ITestThing>>> holders;
-        for (int i = 0; i < kHolders; ++i)
-            holders.push_back(std::make_unique<RefCntWeakHolder<ITestThing>>(thing));
+        for (int i = 0; i < kHolders; ++i) holders.push_back(std::make_unique<RefCntWeakHolder<ITestThing>>(thing));
         watchFrees(thing->counterBlock());
         std::latch go(kHolders + 2);
         std::vector<std::thread> threads;

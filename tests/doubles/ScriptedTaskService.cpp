@@ -260,8 +260,8 @@ public:
         return zorQueryInterface(name, "IBsVideoFrameExtractTask", static_cast<IBsVideoFrameExtractTask*>(this));
     }
     int32_t initialize() override { return recordInitialize(); }
-    int32_t append(IDmBaseObj* clip, const int64_t* times, int32_t count, int64_t* token, int32_t width,
-                   int32_t height, uint32_t flags) override {
+    int32_t append(IDmBaseObj* clip, const int64_t* times, int32_t count, int64_t* token, int32_t width, int32_t height,
+                   uint32_t flags) override {
         ScriptedAppend append;
         append.clip = clip;
         if (times != nullptr && count > 0) append.times.assign(times, times + count);

@@ -96,7 +96,7 @@ private:
     int32_t resumes_ = 0;
     int32_t shutdowns_ = 0;
     std::vector<IZorCallBack*> callbacks_;
-    IDmBaseObj* task_ = nullptr;  // the task object while alive
+    IDmBaseObj* task_ = nullptr;                 // the task object while alive
     std::multiset<std::thread::id> delivering_;  // threads inside deliver()
     std::condition_variable delivered_;          // signalled when a delivery ends
 };

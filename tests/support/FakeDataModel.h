@@ -203,7 +203,8 @@ public:
     ZOR_IMPLEMENT_REFCNT
 
     FakeStyleData(std::vector<std::string> names, const char* identifier)
-        : names_(std::move(names)), hasIdentifier_(identifier != nullptr),
+        : names_(std::move(names)),
+          hasIdentifier_(identifier != nullptr),
           identifier_(identifier != nullptr ? identifier : "") {}
 
     void* queryInterface(const char* name) override {
@@ -405,9 +406,7 @@ public:
     }
 
     // IDmClip
-    int32_t clipType() override {
-        return kind_ == Kind::Video ? DmTrackVideo : DmTrackAudio;
-    }
+    int32_t clipType() override { return kind_ == Kind::Video ? DmTrackVideo : DmTrackAudio; }
     IDmTimeline* timeline() override { return timeline_.load(); }
     IDmTrack* track() override { return track_.load(); }
     const char* clipId() override { return name_.c_str(); }
@@ -617,7 +616,9 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         auto found = effects_.find(type);
         if (found != effects_.end()) return found->second.get();
-        const char* name = type == 4109 ? "audio/effect/ducking" : type == 4110 ? "audio/effect/volume" : "audio/effect/reverse";
+        const char* name = type == 4109   ? "audio/effect/ducking"
+                           : type == 4110 ? "audio/effect/volume"
+                                          : "audio/effect/reverse";
         return (effects_[type] = makeRef<FakeEffect>(type, name, this)).get();
     }
     void placeOn(IDmTimeline* timeline, IDmTrack* track, int32_t trackIndex, int32_t clipIndex) {
@@ -634,7 +635,7 @@ public:
 
 private:
     const Kind kind_;
-    const std::string name_;     // the clip's identifier and name
+    const std::string name_;  // the clip's identifier and name
     const std::string mediaId_;
     int32_t channels_ = 1;
     int32_t stream_ = 0;
@@ -699,8 +700,8 @@ public:
     }
     // A new clip at the end of the track, its timeline range [begin, end) and
     // media range starting at markIn.
-    FakeClip* addClip(int32_t trackIndex, const std::string& name, FakeWaveManager* wave, int64_t markIn,
-                      int64_t begin, int64_t end) {
+    FakeClip* addClip(int32_t trackIndex, const std::string& name, FakeWaveManager* wave, int64_t markIn, int64_t begin,
+                      int64_t end) {
         ZorRef<FakeClip> clip = FakeClip::onTimeline(name, wave);
         clip->setRange(markIn, markIn + (end - begin), begin, end);
         auto& clips = clips_[static_cast<size_t>(trackIndex)];

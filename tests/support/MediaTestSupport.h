@@ -75,7 +75,8 @@ inline Pcm readWav16(const std::string& path) {
                (static_cast<uint32_t>(static_cast<unsigned char>(bytes[at + 1])) << 8);
     };
     auto u32 = [&](size_t at) { return u16(at) | (u16(at + 2) << 16); };
-    if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 || std::memcmp(bytes.data() + 8, "WAVE", 4) != 0) {
+    if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 ||
+        std::memcmp(bytes.data() + 8, "WAVE", 4) != 0) {
         ADD_FAILURE() << path << " is not a WAV file";
         return pcm;
     }
@@ -123,7 +124,8 @@ inline std::vector<float> waveValues(const Pcm& pcm) {
     for (size_t n = 0; n < frames; ++n) {
         const size_t m = static_cast<size_t>(static_cast<int64_t>(n) * 1000 / pcm.rate);
         for (int c = 0; c < pcm.channels; ++c)
-            windows[m] = std::max(windows[m], std::fabs(pcm.samples[n * static_cast<size_t>(pcm.channels) + static_cast<size_t>(c)]));
+            windows[m] = std::max(
+                windows[m], std::fabs(pcm.samples[n * static_cast<size_t>(pcm.channels) + static_cast<size_t>(c)]));
     }
     return windows;
 }

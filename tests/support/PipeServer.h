@@ -123,7 +123,7 @@ private:
     std::mutex lock_;  // guards everything below
     std::condition_variable changed_;
     std::vector<std::thread> sessions_;
-    int waiting_ = 0;   // sessions started and not yet given a reader
+    int waiting_ = 0;  // sessions started and not yet given a reader
     int readers_ = 0;
     bool atGate_ = false;
     bool gateOpen_ = false;

@@ -31,8 +31,7 @@ struct TaskReport {
 
 // 7 (submit again) ends a request too: it moves to a new token.
 inline bool isFinal(int32_t status) {
-    return status == BsTaskFinished || status == BsTaskFailed || status == BsTaskCancelled ||
-           status == BsTaskResubmit;
+    return status == BsTaskFinished || status == BsTaskFailed || status == BsTaskCancelled || status == BsTaskResubmit;
 }
 
 // Records every report; waits for a request's final one.

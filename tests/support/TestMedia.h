@@ -71,8 +71,7 @@ inline constexpr const char* kH264Pyramid =
 // --- Files --------------------------------------------------------------------
 
 // A sine as 16-bit PCM, channels copies of it.
-inline std::string toneArguments(const std::string& path, int frequency, int rate, double seconds,
-                                 int channels = 1) {
+inline std::string toneArguments(const std::string& path, int frequency, int rate, double seconds, int channels = 1) {
     return sineInput(frequency, rate, seconds) + (channels != 1 ? " -ac " + std::to_string(channels) : "") +
            " -c:a pcm_s16le " + quoted(path);
 }
@@ -99,8 +98,7 @@ struct ToneStream {
     int rate;
     int channels;
 };
-inline std::string twoStreamsArguments(const std::string& path, ToneStream first, ToneStream second,
-                                       double seconds) {
+inline std::string twoStreamsArguments(const std::string& path, ToneStream first, ToneStream second, double seconds) {
     return sineInput(first.frequency, first.rate, seconds) + " " + sineInput(second.frequency, second.rate, seconds) +
            " -map 0:a -map 1:a -ac:a:0 " + std::to_string(first.channels) + " -ac:a:1 " +
            std::to_string(second.channels) + " -c:a pcm_s16le " + quoted(path);

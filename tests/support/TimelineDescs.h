@@ -27,8 +27,8 @@ inline DmClipDesc clipOf(const std::string& name, const std::string& path, int64
 
 // A clip named name over [begin, end) of the timeline, playing [markIn,
 // markOut) of the media file at path.
-inline DmClipDesc clipDesc(const std::string& path, const std::string& name, int64_t begin, int64_t end,
-                           int64_t markIn, int64_t markOut) {
+inline DmClipDesc clipDesc(const std::string& path, const std::string& name, int64_t begin, int64_t end, int64_t markIn,
+                           int64_t markOut) {
     DmClipDesc clip;
     clip.name = name;
     clip.mediaPath = path;

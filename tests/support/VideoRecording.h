@@ -64,7 +64,8 @@ public:
                 delivery.firstPixels.emplace_back(picture, picture + 4);
             else
                 delivery.firstPixels.emplace_back();
-            if (read_ == Pixels::All && picture != nullptr) delivery.copies.emplace_back(picture, picture + bytesPerPicture);
+            if (read_ == Pixels::All && picture != nullptr)
+                delivery.copies.emplace_back(picture, picture + bytesPerPicture);
         }
         deliveries_.record(std::move(delivery));
         return 0;
@@ -89,7 +90,8 @@ public:
         return deliveries_.waitFor([&](const std::vector<VideoDelivery>& deliveries) {
             std::set<int64_t> seen;
             for (const VideoDelivery& delivery : deliveries)
-                if (clip == nullptr || delivery.clip == clip) seen.insert(delivery.frames.begin(), delivery.frames.end());
+                if (clip == nullptr || delivery.clip == clip)
+                    seen.insert(delivery.frames.begin(), delivery.frames.end());
             return std::all_of(times.begin(), times.end(), [&](int64_t time) { return seen.count(time) > 0; });
         });
     }

@@ -32,7 +32,7 @@ inline double gainOf(double db) {
 // Point i of count over [begin, end): begin + trunc(i / count x (end - begin)).
 inline int64_t pointTime(int64_t begin, int64_t end, int64_t i, int64_t count) {
     return begin + static_cast<int64_t>(std::trunc(static_cast<double>(i) / static_cast<double>(count) *
-                                                    static_cast<double>(end - begin)));
+                                                   static_cast<double>(end - begin)));
 }
 
 // The wave value at source position s: frame floor(s / 400,000), value index

@@ -60,9 +60,9 @@ inline CliRun runMiravel(const ZOR::test::TempFolder& folder, const std::string&
                          const std::string& cacheHome = std::string()) {
     const std::string errPath = folder.file("stderr.txt");
     const std::string cache = cacheHome.empty() ? folder.file("cache") : cacheHome;
-    return runShell("XDG_CACHE_HOME=" + shellQuoted(cache) + " '" MIRAVEL_CLI "' " + arguments + " 2>" +
-                        shellQuoted(errPath),
-                    errPath);
+    return runShell(
+        "XDG_CACHE_HOME=" + shellQuoted(cache) + " '" MIRAVEL_CLI "' " + arguments + " 2>" + shellQuoted(errPath),
+        errPath);
 }
 
 // A 2.5 s stereo WAV file whose levels change over time.

@@ -70,7 +70,8 @@ void expectFailure(const CliRun& run, const std::string& message) {
 void expectFailureMatching(const CliRun& run, const std::string& pattern) {
     EXPECT_EQ(run.exitCode, 1) << run.err;
     EXPECT_TRUE(run.out.empty()) << run.out;
-    const std::string last = run.err.substr(run.err.find("miravel: ") == std::string::npos ? 0 : run.err.find("miravel: "));
+    const std::string last =
+        run.err.substr(run.err.find("miravel: ") == std::string::npos ? 0 : run.err.find("miravel: "));
     EXPECT_TRUE(std::regex_match(last, std::regex("miravel: " + pattern + "\n"))) << last;
 }
 
@@ -84,8 +85,8 @@ std::set<std::string> namesIn(const std::filesystem::path& folder) {
 }
 
 size_t temporariesIn(const std::set<std::string>& names) {
-    return static_cast<size_t>(
-        std::count_if(names.begin(), names.end(), [](const std::string& name) { return name.find(".tmp-") != std::string::npos; }));
+    return static_cast<size_t>(std::count_if(
+        names.begin(), names.end(), [](const std::string& name) { return name.find(".tmp-") != std::string::npos; }));
 }
 
 // The id of a process that has ended and been waited for.
@@ -114,7 +115,8 @@ CliRun runWithOwnMounts(const TempFolder& folder, const std::string& script) {
 // Whether this system lets the tests mount a tmpfs of their own.
 bool ownMountsPossible(const TempFolder& folder) {
     std::filesystem::create_directories(folder.file("probe"));
-    const CliRun run = runWithOwnMounts(folder, "mount -t tmpfs -o size=64k none " + shellQuoted(folder.file("probe")) + "\n");
+    const CliRun run =
+        runWithOwnMounts(folder, "mount -t tmpfs -o size=64k none " + shellQuoted(folder.file("probe")) + "\n");
     return run.exitCode == 0;
 }
 
@@ -159,8 +161,9 @@ TEST(MiravelCliFaults, AFileWhereAFolderShouldBeIsNotAFolder) {
     expectFailure(runMiravel(folder, "video " + shellQuoted(document) + " --clip Red --times 0 --size 8x8 --out " +
                                          shellQuoted(file)),
                   file + ": cannot write the pictures: not a folder");
-    expectFailure(runMiravel(folder, "video " + shellQuoted(document) + " --clip Red --times 0 --size 8x8 --out " +
-                                         shellQuoted(folder.file("pictures")),
+    expectFailure(runMiravel(folder,
+                             "video " + shellQuoted(document) + " --clip Red --times 0 --size 8x8 --out " +
+                                 shellQuoted(folder.file("pictures")),
                              file),
                   file + "/miravel/frames: cannot write the frame store: not a folder");
     expectFailure(runMiravel(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(file + "/t.png")),
@@ -180,17 +183,18 @@ TEST(MiravelCliFaults, AReadOnlyFolderIsTold) {
 
     CliRun run = runWithOwnMounts(
         folder, readOnly + miravelThen(folder, mount, "frames " + shellQuoted(video) + " --times 0 --size 8x8", mount));
-    expectFailureMatching(run, mount + "/miravel/frames/red1\\.mp4-[0-9a-f]{16}: cannot write the frame store: "
-                                       "read-only file system");
-    run = runWithOwnMounts(folder, readOnly + miravelThen(folder, folder.file("cache"),
-                                                          "media " + shellQuoted(video) + " --root " + shellQuoted(mount),
-                                                          mount));
+    expectFailureMatching(run, mount +
+                                   "/miravel/frames/red1\\.mp4-[0-9a-f]{16}: cannot write the frame store: "
+                                   "read-only file system");
+    run = runWithOwnMounts(
+        folder, readOnly + miravelThen(folder, folder.file("cache"),
+                                       "media " + shellQuoted(video) + " --root " + shellQuoted(mount), mount));
     expectFailure(run, mount + "/media_thumbnail: cannot write the media thumbnails: read-only file system");
-    run = runWithOwnMounts(folder, readOnly + miravelThen(folder, folder.file("cache"),
-                                                          "video " + shellQuoted(document) +
-                                                              " --clip Red --times 0 --size 8x8 --out " +
-                                                              shellQuoted(mount + "/out"),
-                                                          mount));
+    run = runWithOwnMounts(
+        folder, readOnly + miravelThen(folder, folder.file("cache"),
+                                       "video " + shellQuoted(document) + " --clip Red --times 0 --size 8x8 --out " +
+                                           shellQuoted(mount + "/out"),
+                                       mount));
     expectFailure(run, mount + "/out: cannot write the pictures: read-only file system");
     EXPECT_TRUE(listing(folder).empty());
 }
@@ -204,19 +208,21 @@ TEST(MiravelCliFaults, AFullDiskIsToldBeforeAnyWork) {
     const std::string full = tmpfsAt(mount, 64, 1 << 20);  // filled to the last byte
 
     CliRun run = runWithOwnMounts(
-        folder, full + miravelThen(folder, mount, "frames " + shellQuoted(video) + " --times 0 --size 8x8", mount + "/miravel/frames/*/"));
-    expectFailureMatching(run, mount + "/miravel/frames/red1\\.mp4-[0-9a-f]{16}: cannot write the frame store: disk full");
+        folder, full + miravelThen(folder, mount, "frames " + shellQuoted(video) + " --times 0 --size 8x8",
+                                   mount + "/miravel/frames/*/"));
+    expectFailureMatching(run,
+                          mount + "/miravel/frames/red1\\.mp4-[0-9a-f]{16}: cannot write the frame store: disk full");
     EXPECT_TRUE(listing(folder).empty());
     run = runWithOwnMounts(folder, full + miravelThen(folder, folder.file("cache"),
                                                       "media " + shellQuoted(video) + " --root " + shellQuoted(mount),
                                                       mount + "/media_thumbnail"));
     expectFailure(run, mount + "/media_thumbnail: cannot write the media thumbnails: disk full");
     EXPECT_TRUE(listing(folder).empty());
-    run = runWithOwnMounts(folder, full + miravelThen(folder, folder.file("cache"),
-                                                      "video " + shellQuoted(document) +
-                                                          " --clip Red --times 0 --size 8x8 --out " +
-                                                          shellQuoted(mount + "/out"),
-                                                      mount + "/out"));
+    run = runWithOwnMounts(
+        folder, full + miravelThen(folder, folder.file("cache"),
+                                   "video " + shellQuoted(document) + " --clip Red --times 0 --size 8x8 --out " +
+                                       shellQuoted(mount + "/out"),
+                                   mount + "/out"));
     expectFailure(run, mount + "/out: cannot write the pictures: disk full");
     EXPECT_TRUE(listing(folder).empty());
 }
@@ -227,22 +233,22 @@ TEST(MiravelCliFaults, AFullDiskDuringAWaveStoreWriteLeavesNoTemporaryAndTheValu
     const std::string wav = rampWav(folder, 44100);
     const std::string arguments = "peaks " + shellQuoted(wav) + " --points 100 --channels";
     // The values as a run with room for its store prints them.
-    const CliRun roomy = runShell("MIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI "' " +
-                                      arguments + " 2>" + shellQuoted(folder.file("roomy-err.txt")),
-                                  folder.file("roomy-err.txt"));
+    const CliRun roomy =
+        runShell("MIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI "' " +
+                     arguments + " 2>" + shellQuoted(folder.file("roomy-err.txt")),
+                 folder.file("roomy-err.txt"));
     ASSERT_EQ(roomy.exitCode, 0) << roomy.err;
 
     // The store folder is made, then the disk filled to 4 KiB short of full:
     // the store file (about 11 KB) does not fit.
     const std::string mount = folder.file("full");
     std::filesystem::create_directories(mount);
-    const std::string script = "mount -t tmpfs -o size=64k none " + shellQuoted(mount) + "\nmkdir -p " +
-                               shellQuoted(mount + "/miravel/waves") + "\nhead -c 61440 /dev/zero > " +
-                               shellQuoted(mount + "/fill") + " || true\nset +e\nMIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" +
-                               shellQuoted(mount) + " '" MIRAVEL_CLI "' " + arguments + " --log warning 2>" +
-                               shellQuoted(folder.file("err.txt")) + "\ncode=$?\nls -A " +
-                               shellQuoted(mount + "/miravel/waves") + " > " + shellQuoted(folder.file("listing.txt")) +
-                               "\nexit $code\n";
+    const std::string script =
+        "mount -t tmpfs -o size=64k none " + shellQuoted(mount) + "\nmkdir -p " +
+        shellQuoted(mount + "/miravel/waves") + "\nhead -c 61440 /dev/zero > " + shellQuoted(mount + "/fill") +
+        " || true\nset +e\nMIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(mount) + " '" MIRAVEL_CLI "' " +
+        arguments + " --log warning 2>" + shellQuoted(folder.file("err.txt")) + "\ncode=$?\nls -A " +
+        shellQuoted(mount + "/miravel/waves") + " > " + shellQuoted(folder.file("listing.txt")) + "\nexit $code\n";
     const CliRun run = runWithOwnMounts(folder, script);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.out, roomy.out);
@@ -263,18 +269,20 @@ TEST(MiravelCliFaults, PicturesThatDoNotFitOnTheDiskFailTheCommand) {
     // Room for a small file, not for a picture.
     const std::string nearlyFull = tmpfsAt(mount, 256, 240 * 1024);
 
-    CliRun run = runWithOwnMounts(folder, nearlyFull + miravelThen(folder, mount,
-                                                                   "frames " + shellQuoted(video) +
-                                                                       " --times 0,400000 --size 640x360",
-                                                                   mount + "/miravel/frames/*/"));
-    expectFailureMatching(run, mount + "/miravel/frames/busy\\.mp4-[0-9a-f]{16}: cannot write the frame store: disk full");
+    CliRun run = runWithOwnMounts(
+        folder,
+        nearlyFull + miravelThen(folder, mount, "frames " + shellQuoted(video) + " --times 0,400000 --size 640x360",
+                                 mount + "/miravel/frames/*/"));
+    expectFailureMatching(run,
+                          mount + "/miravel/frames/busy\\.mp4-[0-9a-f]{16}: cannot write the frame store: disk full");
     EXPECT_TRUE(listing(folder).empty());  // no picture, no temporary
 
     run = runWithOwnMounts(folder, nearlyFull + miravelThen(folder, folder.file("cache"),
                                                             "media " + shellQuoted(video) + " --root " +
                                                                 shellQuoted(mount) + " --count 3 --box 640x360",
                                                             mount + "/media_thumbnail"));
-    expectFailure(run, mount + "/media_thumbnail: cannot write the media thumbnails (3 of 3 pictures missing): disk full");
+    expectFailure(run,
+                  mount + "/media_thumbnail: cannot write the media thumbnails (3 of 3 pictures missing): disk full");
     EXPECT_TRUE(listing(folder).empty());
 }
 
@@ -385,8 +393,8 @@ TEST(MiravelCliFaults, AKilledMediaRunIsCompletedByTheNextAndItsTemporariesGo) {
     MediaTest::writeText(cacheDir + "/" + dead, "half a picture");
     MediaTest::writeText(cacheDir + "/" + alive, "being written");
 
-    const CliRun run = runMiravel(folder, "media " + shellQuoted(video) + " --root " + shellQuoted(root) +
-                                              " --count 300 --box 32x18");
+    const CliRun run =
+        runMiravel(folder, "media " + shellQuoted(video) + " --root " + shellQuoted(root) + " --count 300 --box 32x18");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const Json printed = Json::parse(run.out);
     std::set<int> listed;
@@ -410,8 +418,9 @@ TEST(MiravelCliFaults, TemporariesOfEndedWritersLeaveTheFrameStoreAndTheOutFolde
     const std::string frames = "frames " + shellQuoted(video) + " --size 8x8 --times ";
     CliRun run = runMiravel(folder, frames + "0");
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    const std::string store =
-        std::filesystem::path(Json::parse(run.out).at("frames")[0].at("file").get<std::string>()).parent_path().string();
+    const std::string store = std::filesystem::path(Json::parse(run.out).at("frames")[0].at("file").get<std::string>())
+                                  .parent_path()
+                                  .string();
     const std::string dead = "s0-8x8-t400000-p400000.png.tmp-" + std::to_string(endedProcess()) + "-0";
     const std::string alive = "s0-8x8-t800000-p800000.png.tmp-" + std::to_string(::getpid()) + "-0";
     MediaTest::writeText(store + "/" + dead, "half a picture");
@@ -431,8 +440,8 @@ TEST(MiravelCliFaults, TemporariesOfEndedWritersLeaveTheFrameStoreAndTheOutFolde
     const std::string aliveOut = "Red-400000.png.tmp-" + std::to_string(::getpid()) + "-2";
     MediaTest::writeText(out + "/" + deadOut, "half a picture");
     MediaTest::writeText(out + "/" + aliveOut, "being written");
-    run = runMiravel(folder, "video " + shellQuoted(document) + " --clip Red --times 0,400000 --size 8x8 --out " +
-                                 shellQuoted(out));
+    run = runMiravel(
+        folder, "video " + shellQuoted(document) + " --clip Red --times 0,400000 --size 8x8 --out " + shellQuoted(out));
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(namesIn(out), (std::set<std::string>{"Red-0.png", "Red-400000.png", aliveOut}));
 }
@@ -451,7 +460,8 @@ TEST(MiravelCliFaults, ControlCharactersInPathsAndTextsAreEscapedOnOneLine) {
     const std::string blocker = folder.file("two\nlines");
     MediaTest::writeText(blocker, "in the way");
     run = runMiravel(folder, "media " + shellQuoted(video) + " --root " + shellQuoted(blocker));
-    expectFailure(run, folder.file("two\\nlines") + "/media_thumbnail: cannot write the media thumbnails: not a folder");
+    expectFailure(run,
+                  folder.file("two\\nlines") + "/media_thumbnail: cannot write the media thumbnails: not a folder");
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
 
     run = runMiravel(folder, "media " + shellQuoted(video) + " --root r --seek " + shellQuoted("fa\nst"));
@@ -471,9 +481,9 @@ TEST(MiravelCliFaults, RunningOutOfMemoryNamesTheDocument) {
     const std::string document = writeDocument(folder, "wide.otio", tracks);
     const std::string errPath = folder.file("stderr.txt");
     const auto render = [&](const char* width) {
-        return runShell("ulimit -v 300000; XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI
-                        "' render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("t.png")) +
-                            " --width " + width + " 2>" + shellQuoted(errPath),
+        return runShell("ulimit -v 300000; XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) +
+                            " '" MIRAVEL_CLI "' render " + shellQuoted(document) + " --out " +
+                            shellQuoted(folder.file("t.png")) + " --width " + width + " 2>" + shellQuoted(errPath),
                         errPath);
     };
     // Within 300 MB of address space a narrow picture is drawn; the widest is not.

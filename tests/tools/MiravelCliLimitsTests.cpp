@@ -27,9 +27,9 @@ using CliTest::writeDocument;
 using MediaTest::ffmpeg;
 using ZOR::test::TempFolder;
 
-constexpr int64_t kTimeLimit = 100'000'000'000'000;   // 10^14 cns
-constexpr int64_t kWaveRange = 10'000'000'000'000;    // 10^13 cns
-constexpr int64_t kFrame = 400'000;                   // 40 ms
+constexpr int64_t kTimeLimit = 100'000'000'000'000;  // 10^14 cns
+constexpr int64_t kWaveRange = 10'000'000'000'000;   // 10^13 cns
+constexpr int64_t kFrame = 400'000;                  // 40 ms
 
 // A usage error: exit 2, nothing on stdout, the message then the usage.
 void expectUsageError(const CliRun& run, const std::string& message) {
@@ -90,11 +90,10 @@ TEST(MiravelCliLimits, WaveTimesRangeSamplesAndValuesAtTheirEdges) {
     };
     // The earliest and latest ranges, the longest range over the media, the
     // most samples, the most values.
-    for (const Edge& edge : {Edge{-kTimeLimit, -kTimeLimit + kWaveRange, 5, 200, 1'000'000'000},
-                             Edge{kTimeLimit - kWaveRange, kTimeLimit, 5, 200, 1'000'000'000},
-                             Edge{0, kWaveRange, 5, 200, 1'000'000'000},
-                             Edge{0, kFrame, 10'000'000, 40, 40},
-                             Edge{0, 100'000 * kFrame, 100'000, 4'000'000, 4'000'000}}) {
+    for (const Edge& edge :
+         {Edge{-kTimeLimit, -kTimeLimit + kWaveRange, 5, 200, 1'000'000'000},
+          Edge{kTimeLimit - kWaveRange, kTimeLimit, 5, 200, 1'000'000'000}, Edge{0, kWaveRange, 5, 200, 1'000'000'000},
+          Edge{0, kFrame, 10'000'000, 40, 40}, Edge{0, 100'000 * kFrame, 100'000, 4'000'000, 4'000'000}}) {
         SCOPED_TRACE(edge.end);
         const CliRun run = runMiravel(folder, waveArguments(wav, edge.begin, edge.end, edge.samples));
         ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -126,9 +125,11 @@ TEST(MiravelCliLimits, WaveSpanOfHugeRangesIsRightOrARefusal) {
     const std::string wav = rampWav(folder, 44100);
     // Within the limits: the span the wrapper told, 40 values for each frame
     // of the range, wherever the range lies.
-    for (const auto& [begin, end] : std::vector<std::pair<int64_t, int64_t>>{
-             {0, kWaveRange}, {123'456'789, 123'456'789 + kWaveRange}, {-kWaveRange / 2 - 1, kWaveRange / 2 - 1},
-             {kTimeLimit - kWaveRange + 7, kTimeLimit}, {-kTimeLimit, -kTimeLimit + 399'999}}) {
+    for (const auto& [begin, end] : std::vector<std::pair<int64_t, int64_t>>{{0, kWaveRange},
+                                                                             {123'456'789, 123'456'789 + kWaveRange},
+                                                                             {-kWaveRange / 2 - 1, kWaveRange / 2 - 1},
+                                                                             {kTimeLimit - kWaveRange + 7, kTimeLimit},
+                                                                             {-kTimeLimit, -kTimeLimit + 399'999}}) {
         SCOPED_TRACE(std::to_string(begin) + " " + std::to_string(end));
         const CliRun run = runMiravel(folder, waveArguments(wav, begin, end, 3));
         ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -136,16 +137,17 @@ TEST(MiravelCliLimits, WaveSpanOfHugeRangesIsRightOrARefusal) {
         EXPECT_EQ(json.at("span").get<int64_t>(), (frameOf(end) - frameOf(begin)) * 40);
     }
     // Beyond them: refused, each the same way, however far beyond.
-    for (const char* end : {"10000000000001", "100000000000000", "1000000000000000", "100000000000000000",
-                            "9223372036854775807"}) {
+    for (const char* end :
+         {"10000000000001", "100000000000000", "1000000000000000", "100000000000000000", "9223372036854775807"}) {
         const CliRun run = runMiravel(folder, "wave " + shellQuoted(wav) + " --begin 0 --end " + end + " --samples 5");
         EXPECT_EQ(run.exitCode, 2) << end << "\n" << run.err;
         EXPECT_TRUE(run.out.empty()) << end;
         EXPECT_EQ(run.err.rfind("miravel: --end needs a ", 0), 0u) << run.err;
     }
-    expectUsageError(runMiravel(folder, "wave " + shellQuoted(wav) + " --begin 0 --end 9223372036854775808 --samples 5"),
-                     "--end needs a whole number from -100000000000000 to 100000000000000 cns, not "
-                     "'9223372036854775808'");
+    expectUsageError(
+        runMiravel(folder, "wave " + shellQuoted(wav) + " --begin 0 --end 9223372036854775808 --samples 5"),
+        "--end needs a whole number from -100000000000000 to 100000000000000 cns, not "
+        "'9223372036854775808'");
 }
 
 TEST(MiravelCliLimits, StreamAndTimeoutAtTheirEdges) {
@@ -159,7 +161,8 @@ TEST(MiravelCliLimits, StreamAndTimeoutAtTheirEdges) {
     EXPECT_EQ(run.err, "miravel: '" + wav + "': no stream 65535 (the file has 1); '" + wav + "': no video stream\n");
     run = runMiravel(folder, "frames " + shellQuoted(video) + " --stream 65535 --times 0 --size 4x4");
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.err, "miravel: '" + video + "': no audio stream; '" + video + "': no stream 65535 (the file has 1)\n");
+    EXPECT_EQ(run.err,
+              "miravel: '" + video + "': no audio stream; '" + video + "': no stream 65535 (the file has 1)\n");
     run = runMiravel(folder, "wave " + shellQuoted(wav) + " --stream -1" + range);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     expectUsageError(runMiravel(folder, "wave " + shellQuoted(wav) + " --stream 65536" + range),
@@ -264,7 +267,8 @@ TEST(MiravelCliLimits, AudioPointsAndTimesAtTheirEdges) {
     EXPECT_EQ(Json::parse(run.out).at("count").get<int64_t>(), 4'000'000);
     expectUsageError(runMiravel(folder, audio + " --points 4000001"),
                      "--points needs a whole number from 1 to 4000000, not '4000001'");
-    expectUsageError(runMiravel(folder, audio + " --points 0"), "--points needs a whole number from 1 to 4000000, not '0'");
+    expectUsageError(runMiravel(folder, audio + " --points 0"),
+                     "--points needs a whole number from 1 to 4000000, not '0'");
 
     run = runMiravel(folder, audio + " --begin -100000000000000 --end 100000000000000 --points 4");
     ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -337,8 +341,8 @@ TEST(MiravelCliLimits, RenderWidthAndPictureAtTheirEdges) {
 TEST(MiravelCliLimits, RenderOfAHundredThousandTracksIsRefusedNamingTheDocument) {
     TempFolder folder;
     const std::string document = emptyTracks(folder, "tall.otio", 100'000, 0);
-    const CliRun run = runMiravel(folder, "render " + shellQuoted(document) + " --out " +
-                                              shellQuoted(folder.file("tall.png")));
+    const CliRun run =
+        runMiravel(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("tall.png")));
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(run.out.empty());
     EXPECT_EQ(run.err, "miravel: " + document +

@@ -58,9 +58,11 @@ TEST(MiravelCli, WaveValuesEqualTheDefinitionForGeneratedSamples) {
         };
         // Whole file in one value step; a middle range with a step of 3; a
         // range running past the end.
-        for (const Query& q : {Query{0, 25'000'000, 100}, Query{4'400'000, 18'000'123, 11}, Query{20'000'000, 30'000'000, 50}}) {
-            const CliRun run = runMiravel(folder, "wave '" + wav + "' --begin " + std::to_string(q.begin) + " --end " +
-                                                   std::to_string(q.end) + " --samples " + std::to_string(q.samples));
+        for (const Query& q :
+             {Query{0, 25'000'000, 100}, Query{4'400'000, 18'000'123, 11}, Query{20'000'000, 30'000'000, 50}}) {
+            const CliRun run =
+                runMiravel(folder, "wave '" + wav + "' --begin " + std::to_string(q.begin) + " --end " +
+                                       std::to_string(q.end) + " --samples " + std::to_string(q.samples));
             ASSERT_EQ(run.exitCode, 0) << run.err;
             const auto json = nlohmann::json::parse(run.out);
             const std::vector<float> expected = expectedWave(windows, q.begin, q.end, q.samples);
@@ -90,7 +92,8 @@ void expectPicture(const std::string& file, int width, int height, const std::ar
     EXPECT_EQ(loadedHeight, height) << file;
     if (loadedWidth == width && loadedHeight == height) {
         const unsigned char* centre =
-            pixels + (static_cast<size_t>(height / 2) * static_cast<size_t>(width) + static_cast<size_t>(width / 2)) * 4;
+            pixels +
+            (static_cast<size_t>(height / 2) * static_cast<size_t>(width) + static_cast<size_t>(width / 2)) * 4;
         for (int c = 0; c < 3; ++c)
             EXPECT_NEAR(centre[c], colour[static_cast<size_t>(c)], tolerance) << file << " channel " << c;
         EXPECT_EQ(centre[3], 255) << file;
@@ -101,9 +104,11 @@ void expectPicture(const std::string& file, int width, int height, const std::ar
 TEST(MiravelCli, FramesShowTheColourOfTheirSecondInRequestOrder) {
     TempFolder folder;
     const std::string video = folder.file("colours.mp4");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=320x180:d=1:r=25 -f lavfi -i color=c=blue:s=320x180:d=1:r=25 "
-                       "-f lavfi -i color=c=lime:s=320x180:d=1:r=25 -filter_complex '[0][1][2]concat=n=3:v=1:a=0' "
-                       "-c:v libx264 -pix_fmt yuv420p -g 75 '" + video + "'"));
+    ASSERT_TRUE(
+        ffmpeg("-f lavfi -i color=c=red:s=320x180:d=1:r=25 -f lavfi -i color=c=blue:s=320x180:d=1:r=25 "
+               "-f lavfi -i color=c=lime:s=320x180:d=1:r=25 -filter_complex '[0][1][2]concat=n=3:v=1:a=0' "
+               "-c:v libx264 -pix_fmt yuv420p -g 75 '" +
+               video + "'"));
     const CliRun run = runMiravel(folder, "frames '" + video + "' --times 25000000,5000000,15000000,0 --size 160x90");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto json = nlohmann::json::parse(run.out);
@@ -148,11 +153,12 @@ TEST(MiravelCli, BadArgumentsAreUsageErrors) {
     TempFolder folder;
     const std::string wav = folder.file("x.wav");
     for (const std::string& arguments :
-         {std::string("wave"), "wave '" + wav + "' --begin 0 --end 10", "wave '" + wav + "' --begin a --end 1 --samples 1",
-          "wave '" + wav + "' --begin 0 --end 10 --samples 0", "wave '" + wav + "' --begin 9 --end 1 --samples 1",
-          "frames '" + wav + "' --times 0", "frames '" + wav + "' --times 0,x --size 16x9",
-          "frames '" + wav + "' --times 0 --size 0x9", "frames '" + wav + "' --times 0 --size big",
-          "wave '" + wav + "' --begin 0 --end 1 --samples 1 --bogus 3", std::string("nonsense")}) {
+         {std::string("wave"), "wave '" + wav + "' --begin 0 --end 10",
+          "wave '" + wav + "' --begin a --end 1 --samples 1", "wave '" + wav + "' --begin 0 --end 10 --samples 0",
+          "wave '" + wav + "' --begin 9 --end 1 --samples 1", "frames '" + wav + "' --times 0",
+          "frames '" + wav + "' --times 0,x --size 16x9", "frames '" + wav + "' --times 0 --size 0x9",
+          "frames '" + wav + "' --times 0 --size big", "wave '" + wav + "' --begin 0 --end 1 --samples 1 --bogus 3",
+          std::string("nonsense")}) {
         const CliRun run = runMiravel(folder, arguments);
         EXPECT_EQ(run.exitCode, 2) << arguments;
         EXPECT_NE(run.err.find("usage: miravel"), std::string::npos) << arguments;
@@ -210,8 +216,9 @@ constexpr int64_t kToneMarkIn = 4'000'000;
 constexpr int64_t kToneLength = 16'000'000;
 
 Json toneTrack(const std::string& wav) {
-    return otioTrack("Music", "Audio",
-                     Json::array({otioGap(10'000'000), otioClip("Tone", wav, kToneMarkIn, kToneLength, {{"volume_db", -6.0}})}));
+    return otioTrack(
+        "Music", "Audio",
+        Json::array({otioGap(10'000'000), otioClip("Tone", wav, kToneMarkIn, kToneLength, {{"volume_db", -6.0}})}));
 }
 
 ToneDocument toneDocument(const TempFolder& folder) {
@@ -235,7 +242,8 @@ TEST(MiravelCli, AudioValuesAreTheWaveDataShapedByTheClipVolume) {
     EXPECT_EQ(json.at("begin").get<int64_t>(), kToneMarkIn);
     EXPECT_EQ(json.at("end").get<int64_t>(), kToneMarkIn + kToneLength);
     EXPECT_EQ(json.at("count").get<int64_t>(), 97);
-    expectSameValues(printedValues(json), expectedThumbnail(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, 97, -6.0));
+    expectSameValues(printedValues(json),
+                     expectedThumbnail(tone.windows, kToneMarkIn, kToneMarkIn + kToneLength, 97, -6.0));
 
     // A range given: passed on as it is.
     run = runMiravel(folder, "audio '" + tone.document + "' --clip Tone --begin 5000000 --end 12345678 --points 333");
@@ -253,9 +261,10 @@ TEST(MiravelCli, AudioDuckingCanBeTurnedOff) {
     // A voice over timeline 1.5 s .. 2.0 s ducks the tone: clip time 0.9 s .. 1.4 s.
     const Json voice = otioTrack(
         "Voice", "Audio",
-        Json::array({otioGap(15'000'000),
-                     otioClip("Voice", tone.wav, 0, 5'000'000,
-                              {{"ducking", {{"enabled", true}, {"depth", 0.5}, {"fade", 0.0}, {"fade_ratio", 0.0}}}})}));
+        Json::array(
+            {otioGap(15'000'000),
+             otioClip("Voice", tone.wav, 0, 5'000'000,
+                      {{"ducking", {{"enabled", true}, {"depth", 0.5}, {"fade", 0.0}, {"fade_ratio", 0.0}}}})}));
     const std::string document = writeDocument(folder, "ducked.otio", Json::array({toneTrack(tone.wav), voice}));
     constexpr int64_t kPoints = 160;  // one every 0.01 s
     const std::vector<float> plain =
@@ -286,8 +295,9 @@ TEST(MiravelCli, AudioOfAClipWithoutSoundFails) {
     TempFolder folder;
     const std::string video = folder.file("silent.mp4");
     ASSERT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=64x36:d=1:r=25 -c:v libx264 -pix_fmt yuv420p '" + video + "'"));
-    const std::string document =
-        writeDocument(folder, "silent.otio", Json::array({otioTrack("V", "Video", Json::array({otioClip("Mute shot", video, 0, 10'000'000)}))}));
+    const std::string document = writeDocument(
+        folder, "silent.otio",
+        Json::array({otioTrack("V", "Video", Json::array({otioClip("Mute shot", video, 0, 10'000'000)}))}));
     const CliRun run = runMiravel(folder, "audio '" + document + "' --clip 'Mute shot' --points 10");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(run.out.empty());
@@ -326,8 +336,10 @@ TEST(MiravelCli, ClipNamesThatAreMissingOrNotUniqueAreUsageErrors) {
     const std::string wav = rampWav(folder, 44100);
     const std::string document = writeDocument(
         folder, "names.otio",
-        Json::array({otioTrack("A1", "Audio", Json::array({otioClip("Intro", wav, 0, 5'000'000), otioClip("Twice", wav, 0, 5'000'000)})),
-                     otioTrack("A2", "Audio", Json::array({otioClip("Twice", wav, 0, 5'000'000)}))}));
+        Json::array(
+            {otioTrack("A1", "Audio",
+                       Json::array({otioClip("Intro", wav, 0, 5'000'000), otioClip("Twice", wav, 0, 5'000'000)})),
+             otioTrack("A2", "Audio", Json::array({otioClip("Twice", wav, 0, 5'000'000)}))}));
 
     CliRun run = runMiravel(folder, "audio '" + document + "' --clip Outro --points 10");
     EXPECT_EQ(run.exitCode, 2);
@@ -339,11 +351,13 @@ TEST(MiravelCli, ClipNamesThatAreMissingOrNotUniqueAreUsageErrors) {
 
     run = runMiravel(folder, "audio '" + document + "' --clip Twice --points 10");
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("miravel: more than one clip named 'Twice' in " + document + "; its clips: 'Intro', 'Twice'\n"),
-              std::string::npos)
+    EXPECT_NE(
+        run.err.find("miravel: more than one clip named 'Twice' in " + document + "; its clips: 'Intro', 'Twice'\n"),
+        std::string::npos)
         << run.err;
 
-    run = runMiravel(folder, "video '" + document + "' --clip Nobody --times 0 --size 16x9 --out '" + folder.file("p") + "'");
+    run = runMiravel(folder,
+                     "video '" + document + "' --clip Nobody --times 0 --size 16x9 --out '" + folder.file("p") + "'");
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("no clip named 'Nobody'"), std::string::npos) << run.err;
 }
@@ -355,12 +369,14 @@ TEST(MiravelCli, BadServiceCommandArgumentsAreUsageErrors) {
     for (const std::string& arguments :
          {"audio '" + doc + "' --clip A", "audio '" + doc + "' --points 3", std::string("audio --clip A --points 3"),
           "audio '" + doc + "' --clip A --points 0", "audio '" + doc + "' --clip A --points 3 --begin 5",
-          "audio '" + doc + "' --clip A --points 3 --begin 9 --end 1", "audio '" + doc + "' --clip A --points 3 --timeout 0",
-          "video '" + doc + "' --clip A --times 0 --size 16x9", "video '" + doc + "' --clip A --size 16x9 --out '" + out + "'",
+          "audio '" + doc + "' --clip A --points 3 --begin 9 --end 1",
+          "audio '" + doc + "' --clip A --points 3 --timeout 0", "video '" + doc + "' --clip A --times 0 --size 16x9",
+          "video '" + doc + "' --clip A --size 16x9 --out '" + out + "'",
           "video '" + doc + "' --clip A --times 0 --out '" + out + "'",
-          "video '" + doc + "' --clip A --times 0,y --size 16x9 --out '" + out + "'",
-          "render '" + doc + "'", "render '" + doc + "' --out '" + out + "' --width 10",
-          "render '" + doc + "' --out '" + out + "' --width wide", std::string("demo extra"), std::string("demo --bogus 1")}) {
+          "video '" + doc + "' --clip A --times 0,y --size 16x9 --out '" + out + "'", "render '" + doc + "'",
+          "render '" + doc + "' --out '" + out + "' --width 10",
+          "render '" + doc + "' --out '" + out + "' --width wide", std::string("demo extra"),
+          std::string("demo --bogus 1")}) {
         const CliRun run = runMiravel(folder, arguments);
         EXPECT_EQ(run.exitCode, 2) << arguments << "\n" << run.err;
         EXPECT_NE(run.err.find("usage: miravel"), std::string::npos) << arguments;
@@ -373,10 +389,10 @@ TEST(MiravelCli, BadDocumentFailsWithOneLineNamingIt) {
     const std::string broken = folder.file("broken.otio");
     MediaTest::writeText(broken, "{\"OTIO_SCHEMA\": \"Timeline.1\", ");
     const std::string missing = folder.file("missing.otio");
-    for (const std::string& command : {std::string("audio '") + broken + "' --clip A --points 3",
-                                       std::string("video '") + broken + "' --clip A --times 0 --size 8x8 --out '" +
-                                           folder.file("p") + "'",
-                                       std::string("render '") + broken + "' --out '" + folder.file("t.png") + "'"}) {
+    for (const std::string& command :
+         {std::string("audio '") + broken + "' --clip A --points 3",
+          std::string("video '") + broken + "' --clip A --times 0 --size 8x8 --out '" + folder.file("p") + "'",
+          std::string("render '") + broken + "' --out '" + folder.file("t.png") + "'"}) {
         const CliRun run = runMiravel(folder, command);
         EXPECT_EQ(run.exitCode, 1) << command;
         EXPECT_TRUE(run.out.empty()) << command;
@@ -393,13 +409,17 @@ TEST(MiravelCli, BadDocumentFailsWithOneLineNamingIt) {
 // it named "Colour bars" on a video track and a sound clip on an audio track.
 std::string coloursDocument(const TempFolder& folder) {
     const std::string video = folder.file("colours.mp4");
-    EXPECT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=320x180:d=1:r=25 -f lavfi -i color=c=blue:s=320x180:d=1:r=25 "
-                       "-f lavfi -i color=c=lime:s=320x180:d=1:r=25 -filter_complex '[0][1][2]concat=n=3:v=1:a=0' "
-                       "-c:v libx264 -pix_fmt yuv420p -g 25 '" + video + "'"));
+    EXPECT_TRUE(
+        ffmpeg("-f lavfi -i color=c=red:s=320x180:d=1:r=25 -f lavfi -i color=c=blue:s=320x180:d=1:r=25 "
+               "-f lavfi -i color=c=lime:s=320x180:d=1:r=25 -filter_complex '[0][1][2]concat=n=3:v=1:a=0' "
+               "-c:v libx264 -pix_fmt yuv420p -g 25 '" +
+               video + "'"));
     const std::string wav = rampWav(folder, 48000);
-    return writeDocument(folder, "colours.otio",
-                         Json::array({otioTrack("V1", "Video", Json::array({otioClip("Colour bars", video, 0, 30'000'000)})),
-                                      otioTrack("A1", "Audio", Json::array({otioGap(5'000'000), otioClip("Ramp", wav, 0, 20'000'000)}))}));
+    return writeDocument(
+        folder, "colours.otio",
+        Json::array(
+            {otioTrack("V1", "Video", Json::array({otioClip("Colour bars", video, 0, 30'000'000)})),
+             otioTrack("A1", "Audio", Json::array({otioGap(5'000'000), otioClip("Ramp", wav, 0, 20'000'000)}))}));
 }
 
 TEST(MiravelCli, VideoWritesTheDeliveredPicturesAsFiles) {
@@ -411,8 +431,10 @@ TEST(MiravelCli, VideoWritesTheDeliveredPicturesAsFiles) {
         {2'500'000, {255, 0, 0}}, {12'500'000, {0, 0, 255}}, {22'500'000, {0, 255, 0}}};
     for (const char* refresh : {"", " --refresh"}) {
         SCOPED_TRACE(refresh);
-        const CliRun run = runMiravel(folder, "video '" + document + "' --clip 'Colour bars' --times 22500000,2500000,12500000 "
-                                              "--size 64x36 --out '" + out + "'" + refresh);
+        const CliRun run = runMiravel(folder, "video '" + document +
+                                                  "' --clip 'Colour bars' --times 22500000,2500000,12500000 "
+                                                  "--size 64x36 --out '" +
+                                                  out + "'" + refresh);
         ASSERT_EQ(run.exitCode, 0) << run.err;
         const Json json = Json::parse(run.out);
         EXPECT_EQ(json.at("clip").get<std::string>(), "Colour bars");
@@ -438,8 +460,8 @@ TEST(MiravelCli, VideoWritesTheDeliveredPicturesAsFiles) {
 TEST(MiravelCli, VideoOfAClipWithoutPicturesFails) {
     TempFolder folder;
     const std::string document = coloursDocument(folder);
-    const CliRun run =
-        runMiravel(folder, "video '" + document + "' --clip Ramp --times 0 --size 16x9 --out '" + folder.file("p") + "'");
+    const CliRun run = runMiravel(
+        folder, "video '" + document + "' --clip Ramp --times 0 --size 16x9 --out '" + folder.file("p") + "'");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.err, "miravel: " + document + ": clip 'Ramp' has no video\n");
 }
@@ -474,8 +496,8 @@ TEST(MiravelCli, RenderWritesAPictureOfThePrintedSize) {
 // Ten colours, one second each, 25 frames a second, a keyframe every two
 // seconds (no scene cuts): 10 s of video.
 const std::vector<std::pair<const char*, std::array<int, 3>>> kSecondColours{
-    {"red", {255, 0, 0}},       {"blue", {0, 0, 255}},     {"lime", {0, 255, 0}},   {"yellow", {255, 255, 0}},
-    {"white", {255, 255, 255}}, {"black", {0, 0, 0}},      {"magenta", {255, 0, 255}}, {"cyan", {0, 255, 255}},
+    {"red", {255, 0, 0}},       {"blue", {0, 0, 255}}, {"lime", {0, 255, 0}},      {"yellow", {255, 255, 0}},
+    {"white", {255, 255, 255}}, {"black", {0, 0, 0}},  {"magenta", {255, 0, 255}}, {"cyan", {0, 255, 255}},
     {"gray", {128, 128, 128}},  {"navy", {0, 0, 128}}};
 constexpr int64_t kTenSeconds = 100'000'000;
 
@@ -487,8 +509,10 @@ std::string tenColoursVideo(const TempFolder& folder) {
         inputs += name;
         inputs += ":s=320x180:d=1:r=25 ";
     }
-    EXPECT_TRUE(ffmpeg(inputs + "-filter_complex 'concat=n=10:v=1:a=0' -c:v libx264 -pix_fmt yuv420p "
-                                "-x264-params keyint=50:min-keyint=50:scenecut=0 '" + video + "'"));
+    EXPECT_TRUE(ffmpeg(inputs +
+                       "-filter_complex 'concat=n=10:v=1:a=0' -c:v libx264 -pix_fmt yuv420p "
+                       "-x264-params keyint=50:min-keyint=50:scenecut=0 '" +
+                       video + "'"));
     return video;
 }
 
@@ -597,7 +621,8 @@ TEST(MiravelCli, MediaThumbnailsMissingFromAnEarlierRunAreMadeAndListed) {
     for (size_t k = 0; k < files.size(); ++k) {
         EXPECT_EQ(files[k].first, renderingOrder(7)[k]);
         // 16:9 fitted into 48x48: 48x27.
-        expectPicture(files[k].second, 48, 27, kSecondColours[static_cast<size_t>(pictureTime(files[k].first, 7) / 10'000'000)].second, 30);
+        expectPicture(files[k].second, 48, 27,
+                      kSecondColours[static_cast<size_t>(pictureTime(files[k].first, 7) / 10'000'000)].second, 30);
     }
     // Pictures 2 and 5 gone, picture 0 (at the default position) still there.
     std::filesystem::remove(thumbnailFile(root, 2, "48_48"));
@@ -716,7 +741,8 @@ TEST(MiravelCli, DemoMakesItsMediaAndRunsEveryPipeline) {
     ZOR::freeImageBuffer(pixels);
     // The document loads and its clips answer: the music is ducked under the voice.
     const CliRun ducked = runMiravel(folder, "audio '" + out + "/timeline.otio' --clip 'Music Bed' --points 600");
-    const CliRun plain = runMiravel(folder, "audio '" + out + "/timeline.otio' --clip 'Music Bed' --points 600 --no-ducking");
+    const CliRun plain =
+        runMiravel(folder, "audio '" + out + "/timeline.otio' --clip 'Music Bed' --points 600 --no-ducking");
     ASSERT_EQ(ducked.exitCode, 0) << ducked.err;
     ASSERT_EQ(plain.exitCode, 0) << plain.err;
     EXPECT_NE(Json::parse(ducked.out).at("values"), Json::parse(plain.out).at("values"));

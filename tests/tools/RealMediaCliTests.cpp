@@ -62,7 +62,8 @@ std::string grey(const TempFolder& folder, const std::string& name, const Rate& 
 // The frame number (mod kCycle) an RGBA picture shows at (x, y): the grey
 // of the luma 16 + 8n, converted at the video range.
 int numberAt(const unsigned char* pixels, int width, int x, int y) {
-    const unsigned char* pixel = pixels + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4;
+    const unsigned char* pixel =
+        pixels + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4;
     const double luma = pixel[1] * 219.0 / 255.0;
     return static_cast<int>(luma / 8.0 + 0.5) % kCycle;
 }
@@ -83,15 +84,19 @@ int numberOfPicture(const std::string& file, int x = -1, int y = -1) {
 // ---------------------------------------------------------------------------
 // Timeline documents
 
-Json rationalTime(double value, double rate) { return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", value}, {"rate", rate}}; }
+Json rationalTime(double value, double rate) {
+    return Json{{"OTIO_SCHEMA", "RationalTime.1"}, {"value", value}, {"rate", rate}};
+}
 
 Json rationalRange(double start, double duration, double rate) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start, rate)}, {"duration", rationalTime(duration, rate)}};
+    return Json{{"OTIO_SCHEMA", "TimeRange.1"},
+                {"start_time", rationalTime(start, rate)},
+                {"duration", rationalTime(duration, rate)}};
 }
 
 // A clip of media from frame `first` for `frames` frames at the file's rate.
 Json clipOfFrames(const std::string& name, const std::string& media, int first, int frames, const Rate& rate,
-              Json effects = Json::array()) {
+                  Json effects = Json::array()) {
     const double fps = static_cast<double>(rate.num) / static_cast<double>(rate.den);
     return Json{{"OTIO_SCHEMA", "Clip.1"},
                 {"name", name},
@@ -101,14 +106,14 @@ Json clipOfFrames(const std::string& name, const std::string& media, int first, 
 }
 
 std::string writeVideoDocument(const TempFolder& folder, const std::string& name, const Json& videoClips) {
-    const Json document{{"OTIO_SCHEMA", "Timeline.1"},
-                        {"name", name},
-                        {"tracks",
-                         {{"OTIO_SCHEMA", "Stack.1"},
-                          {"children", Json::array({Json{{"OTIO_SCHEMA", "Track.1"},
-                                                         {"name", "V1"},
-                                                         {"kind", "Video"},
-                                                         {"children", videoClips}}})}}}};
+    const Json document{
+        {"OTIO_SCHEMA", "Timeline.1"},
+        {"name", name},
+        {"tracks",
+         {{"OTIO_SCHEMA", "Stack.1"},
+          {"children",
+           Json::array(
+               {Json{{"OTIO_SCHEMA", "Track.1"}, {"name", "V1"}, {"kind", "Video"}, {"children", videoClips}}})}}}};
     const std::string path = folder.file(name);
     MediaTest::writeText(path, document.dump(2));
     return path;
@@ -122,8 +127,8 @@ void appendTime(std::string& times, int64_t time) {
     times += std::to_string(time);
 }
 
-const Rate kRates[] = {{"24000/1001", 24000, 1001}, {"24", 24, 1},    {"25", 25, 1},
-                       {"30000/1001", 30000, 1001}, {"50", 50, 1},    {"60000/1001", 60000, 1001}};
+const Rate kRates[] = {{"24000/1001", 24000, 1001}, {"24", 24, 1}, {"25", 25, 1},
+                       {"30000/1001", 30000, 1001}, {"50", 50, 1}, {"60000/1001", 60000, 1001}};
 const int64_t kFrames[] = {1, 11, 12, 13, 29, 47};
 
 TEST(FrameTimesCli, FramesShowEachFrameFromItsOwnTimeAndTheOneBeforeOneCnsEarlier) {
@@ -156,8 +161,9 @@ TEST(FrameTimesCli, FramesOfAVariableRateFileShowEachFrameFromItsOwnTime) {
     TempFolder folder;
     const Rate base{"25", 25, 1};
     // Frame k at k x 40 ms plus 20 ms for every third frame before it.
-    const std::string media = grey(folder, "vfr.mkv", base, 60,
-                                   "-vf \"settb=1/1000,setpts=N*40+floor(N/3)*20\" -fps_mode vfr -enc_time_base 1/1000");
+    const std::string media =
+        grey(folder, "vfr.mkv", base, 60,
+             "-vf \"settb=1/1000,setpts=N*40+floor(N/3)*20\" -fps_mode vfr -enc_time_base 1/1000");
     auto time = [](int64_t k) { return (k * 40 + (k / 3) * 20) * 10'000; };
     std::string times;
     std::vector<std::pair<int64_t, int64_t>> asked;  // time, frame expected
@@ -185,7 +191,7 @@ TEST(FrameTimesCli, ClipPicturesShowEachFrameFromItsOwnTimeAndTheOneBeforeOneCns
         SCOPED_TRACE(rate.text);
         const std::string media = grey(folder, std::string("c") + std::to_string(rate.num) + ".mp4", rate, 60);
         const std::string document = writeVideoDocument(folder, std::string("c") + std::to_string(rate.num) + ".otio",
-                                                   Json::array({clipOfFrames("Shot", media, 0, 60, rate)}));
+                                                        Json::array({clipOfFrames("Shot", media, 0, 60, rate)}));
         for (int64_t early : {0, 1}) {
             std::string times;
             for (int64_t k : kFrames) appendTime(times, frameTime(k, rate) - early);
@@ -212,7 +218,8 @@ TEST(FrameTimesCli, MediaThumbnailsShowTheFrameShownAtTheirTimeInBothSeekModes) 
     for (const Rate& rate : {kRates[0], kRates[3], kRates[5], kRates[2]}) {
         SCOPED_TRACE(rate.text);
         constexpr int kFramesInFile = 48;
-        const std::string media = grey(folder, std::string("m") + std::to_string(rate.num) + ".mp4", rate, kFramesInFile);
+        const std::string media =
+            grey(folder, std::string("m") + std::to_string(rate.num) + ".mp4", rate, kFramesInFile);
         const int64_t duration = frameTime(kFramesInFile, rate);
         for (const char* mode : {"exact", "keyframe"}) {
             SCOPED_TRACE(mode);
@@ -238,7 +245,8 @@ TEST(FrameTimesCli, MediaThumbnailsOfAFileStartingAtTenSecondsSpreadOverItsOwnLe
     const Rate rate{"25", 25, 1};
     const std::string media = grey(folder, "late.mkv", rate, 75, "-output_ts_offset 10");
     const std::string root = folder.file("root");
-    const CliTest::CliRun run = runMiravel(folder, "media '" + media + "' --root '" + root + "' --count 75 --box 64x36");
+    const CliTest::CliRun run =
+        runMiravel(folder, "media '" + media + "' --root '" + root + "' --count 75 --box 64x36");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     // 3 s of pictures, picture i at i / 75 of them (in double, truncated),
     // each showing the frame of its 40 ms: none is the last frame but the last.
@@ -281,10 +289,10 @@ protected:
     int64_t shown(int64_t position) const { return frameShownAt(position, rate_, 120) % kCycle; }
     int64_t markIn() const { return std::llround(kFirst / (24000.0 / 1001.0) * 1e7); }
     int64_t length() const { return std::llround(kLength / (24000.0 / 1001.0) * 1e7); }
-    int64_t slotOffset(int slot) const {
-        return static_cast<int64_t>(static_cast<double>(length()) * slot / 4);
+    int64_t slotOffset(int slot) const { return static_cast<int64_t>(static_cast<double>(length()) * slot / 4); }
+    Json warp(double scalar) const {
+        return Json::array({Json{{"OTIO_SCHEMA", "LinearTimeWarp.1"}, {"time_scalar", scalar}}});
     }
-    Json warp(double scalar) const { return Json::array({Json{{"OTIO_SCHEMA", "LinearTimeWarp.1"}, {"time_scalar", scalar}}}); }
 
     TempFolder folder_;
     std::string media_ = grey(folder_, "strip.mp4", rate_, 120);
@@ -298,7 +306,8 @@ TEST_F(RenderedStrip, AClipStartingAtFrameKShowsFrameKFirst) {
 }
 
 TEST_F(RenderedStrip, AReversedClipRunsBackwardsFromItsMarkOut) {
-    const Strip strip = renderStrip(folder_, "reversed", clipOfFrames("Shot", media_, kFirst, kLength, rate_, warp(-1.0)));
+    const Strip strip =
+        renderStrip(folder_, "reversed", clipOfFrames("Shot", media_, kFirst, kLength, rate_, warp(-1.0)));
     ASSERT_EQ(strip.numbers.size(), 4u);
     const int64_t markOut = markIn() + length();
     for (int slot = 0; slot < 4; ++slot)
@@ -333,8 +342,10 @@ TEST_F(RenderedStrip, ATwiceAsFastClipShowsEverySecondFrame) {
 TEST(DamagedMediaCli, ADamagedClipEndsAudioVideoAndRenderAtOnceNamingTheClip) {
     TempFolder folder;
     const std::string good = folder.file("good.mp4");
-    ASSERT_TRUE(MediaTest::ffmpeg("-f lavfi -i testsrc2=size=160x90:rate=25 -f lavfi -i sine=f=440 -t 2 -c:v libx264 "
-                                  "-pix_fmt yuv420p -c:a aac -movflags +faststart '" + good + "'"));
+    ASSERT_TRUE(
+        MediaTest::ffmpeg("-f lavfi -i testsrc2=size=160x90:rate=25 -f lavfi -i sine=f=440 -t 2 -c:v libx264 "
+                          "-pix_fmt yuv420p -c:a aac -movflags +faststart '" +
+                          good + "'"));
     // The same file with everything after the start of its media data
     // zeroed: its streams are described, none of their packets decode.
     std::vector<char> bytes = MediaTest::readBytes(good);
@@ -351,10 +362,12 @@ TEST(DamagedMediaCli, ADamagedClipEndsAudioVideoAndRenderAtOnceNamingTheClip) {
         clips.push_back(clipOfFrames(i == 6 ? "Bad" : "Good " + std::to_string(i), i == 6 ? bad : good, 0, 40, rate));
     const std::string document = writeVideoDocument(folder, "damaged.otio", clips);
 
-    for (const std::string& command :
-         {"audio '" + document + "' --clip Bad --points 100", "video '" + document + "' --clip Bad --times 0,10000000 "
-                                                               "--size 64x36 --out '" + folder.file("pictures") + "'",
-          "render '" + document + "' --out '" + folder.file("timeline.png") + "'"}) {
+    for (const std::string& command : {"audio '" + document + "' --clip Bad --points 100",
+                                       "video '" + document +
+                                           "' --clip Bad --times 0,10000000 "
+                                           "--size 64x36 --out '" +
+                                           folder.file("pictures") + "'",
+                                       "render '" + document + "' --out '" + folder.file("timeline.png") + "'"}) {
         SCOPED_TRACE(command);
         const CliTest::CliRun run = runMiravel(folder, command + " --timeout 120");
         EXPECT_EQ(run.exitCode, 1);
@@ -378,8 +391,7 @@ TEST(JsonOutputCli, NamesThatAreNotUtf8GiveValidJson) {
     const Rate rate{"25", 25, 1};
     const std::string media = grey(folder, "clip.mp4", rate, 10);
     const std::string root = folder.file(std::string("r\xff") + "\xc3\xa9");  // a stray byte, then a real é
-    const CliTest::CliRun run =
-        runMiravel(folder, "media '" + media + "' --root '" + root + "' --count 2 --box 16x9");
+    const CliTest::CliRun run = runMiravel(folder, "media '" + media + "' --root '" + root + "' --count 2 --box 16x9");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const Json json = Json::parse(run.out);  // throws on text that is not UTF-8
     EXPECT_EQ(json.at("root").get<std::string>(), folder.file("r\xef\xbf\xbd\xc3\xa9"));

@@ -42,7 +42,8 @@ std::vector<std::vector<float>> channelWindows(const MediaTest::Pcm& pcm) {
         for (int c = 0; c < pcm.channels; ++c) {
             std::vector<float>& channel = windows[static_cast<size_t>(c)];
             if (channel.size() <= m) channel.resize(m + 1, 0.0f);
-            channel[m] = std::max(channel[m], std::fabs(pcm.samples[n * static_cast<size_t>(pcm.channels) + static_cast<size_t>(c)]));
+            channel[m] = std::max(
+                channel[m], std::fabs(pcm.samples[n * static_cast<size_t>(pcm.channels) + static_cast<size_t>(c)]));
         }
     }
     return windows;
@@ -127,8 +128,9 @@ TEST(WaveStoreCli, PeaksAreTheLargestMillisecondValuesOfTheirBuckets) {
 TEST(WaveStoreCli, PeaksRefuseWhatTheUsageDoesNotAllow) {
     TempFolder folder;
     const std::string wav = rampWav(folder, 44100);
-    for (const std::string& bad : {std::string(" --points 0"), std::string(" --points 1000001"),
-                                   std::string(" --points 5 --begin 10"), std::string(" --points 5 --begin 10 --end 10")}) {
+    for (const std::string& bad :
+         {std::string(" --points 0"), std::string(" --points 1000001"), std::string(" --points 5 --begin 10"),
+          std::string(" --points 5 --begin 10 --end 10")}) {
         const CliRun run = runWithStore(folder, "peaks " + shellQuoted(wav) + bad);
         EXPECT_EQ(run.exitCode, 2) << bad;
     }
@@ -141,14 +143,15 @@ TEST(WaveStoreCli, TwoProcessesWritingOneStoreAtOnceBothFinishRight) {
     TempFolder folder;
     const std::string wav = rampWav(folder, 48000);
     const std::vector<std::vector<float>> windows = channelWindows(MediaTest::readWav16(wav));
-    const std::string miravel = "MIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI "'";
+    const std::string miravel =
+        "MIRAVEL_WAVE_STORE=1 XDG_CACHE_HOME=" + shellQuoted(folder.file("cache")) + " '" MIRAVEL_CLI "'";
     const std::string errPath = folder.file("stderr.txt");
-    const CliRun both = runShell(
-        "(" + miravel + " peaks " + shellQuoted(wav) + " --begin 0 --end 15000000 --points 1500 >" +
-            shellQuoted(folder.file("a.json")) + " & " + miravel + " peaks " + shellQuoted(wav) +
-            " --begin 10000000 --end 25000000 --points 1500 >" + shellQuoted(folder.file("b.json")) +
-            " & wait) 2>" + shellQuoted(errPath),
-        errPath);
+    const CliRun both =
+        runShell("(" + miravel + " peaks " + shellQuoted(wav) + " --begin 0 --end 15000000 --points 1500 >" +
+                     shellQuoted(folder.file("a.json")) + " & " + miravel + " peaks " + shellQuoted(wav) +
+                     " --begin 10000000 --end 25000000 --points 1500 >" + shellQuoted(folder.file("b.json")) +
+                     " & wait) 2>" + shellQuoted(errPath),
+                 errPath);
     ASSERT_EQ(both.exitCode, 0) << both.err;
     const auto read = [&](const std::string& name) {
         std::vector<char> bytes = MediaTest::readBytes(folder.file(name));
@@ -222,7 +225,8 @@ std::vector<WaveColumn> waveColumns(const std::string& png, int fromRow = 0, int
     std::vector<WaveColumn> columns(static_cast<size_t>(std::max(width, 0)));
     for (int y = std::max(fromRow, 0); y < std::min(height, toRow); ++y)
         for (int x = 0; x < width; ++x) {
-            const unsigned char* p = pixels + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4;
+            const unsigned char* p =
+                pixels + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4;
             if (p[0] != 112 || p[1] != 214 || p[2] != 130) continue;  // the waveform's colour
             WaveColumn& column = columns[static_cast<size_t>(x)];
             if (column.top < 0) column.top = y;
@@ -237,7 +241,9 @@ TEST(WaveStoreCli, RenderDrawsTheTransientsThatPointsMissAndChannelsApart) {
     // Quiet in both channels (0.05), and a 1 ms burst of 0.9 in the second
     // channel only, between two of the service's points.
     const std::string wav = folder.file("click.wav");
-    ASSERT_TRUE(MediaTest::ffmpeg("-f lavfi -i \"aevalsrc=exprs='0.05*sin(2*PI*440*t)|0.05*sin(2*PI*440*t)+0.9*between(t\\,0.5012\\,0.5022)*sin(2*PI*3000*t)':s=48000:d=2\" -c:a pcm_s16le '" + wav + "'"));
+    ASSERT_TRUE(MediaTest::ffmpeg(
+        "-f lavfi -i \"aevalsrc=exprs='0.05*sin(2*PI*440*t)|0.05*sin(2*PI*440*t)+0.9*between(t\\,0.5012\\,0.5022)*sin(2*PI*3000*t)':s=48000:d=2\" -c:a pcm_s16le '" +
+        wav + "'"));
     const std::string document = CliTest::writeDocument(
         folder, "click.otio",
         Json::array({CliTest::otioTrack("A", "Audio", Json::array({CliTest::otioClip("Click", wav, 0, 20'000'000)}))}));
@@ -248,9 +254,12 @@ TEST(WaveStoreCli, RenderDrawsTheTransientsThatPointsMissAndChannelsApart) {
     const std::vector<float> pointValues = floats(Json::parse(points.out)["values"]);
     EXPECT_LT(*std::max_element(pointValues.begin(), pointValues.end()), 0.1f);
 
-    const CliRun merged = runWithStore(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("merged.png")) + " --width 300");
+    const CliRun merged = runWithStore(folder, "render " + shellQuoted(document) + " --out " +
+                                                   shellQuoted(folder.file("merged.png")) + " --width 300");
     ASSERT_EQ(merged.exitCode, 0) << merged.err;
-    const CliRun split = runWithStore(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("split.png")) + " --width 300 --split-channels");
+    const CliRun split =
+        runWithStore(folder, "render " + shellQuoted(document) + " --out " + shellQuoted(folder.file("split.png")) +
+                                 " --width 300 --split-channels");
     ASSERT_EQ(split.exitCode, 0) << split.err;
 
     // The burst's level, as the samples hold it (the largest of the file).
@@ -258,12 +267,15 @@ TEST(WaveStoreCli, RenderDrawsTheTransientsThatPointsMissAndChannelsApart) {
     float burstLevel = 0.0f;
     for (size_t n = 0; n < pcm.frames(); ++n) burstLevel = std::max(burstLevel, std::fabs(pcm.samples[n * 2 + 1]));
     ASSERT_GT(burstLevel, 0.85f);
-    const auto extentAt = [](double level, double reach) { return 2 * static_cast<int>(std::lround(level * reach)) + 1; };
+    const auto extentAt = [](double level, double reach) {
+        return 2 * static_cast<int>(std::lround(level * reach)) + 1;
+    };
 
     // Merged: one lane of 60 rows (a reach of 29 at full scale); the burst's
     // column reaches its level, every other column the quiet level.
     const std::vector<WaveColumn> one = waveColumns(folder.file("merged.png"));
-    const auto tall = std::max_element(one.begin(), one.end(), [](const WaveColumn& a, const WaveColumn& b) { return a.extent() < b.extent(); });
+    const auto tall = std::max_element(
+        one.begin(), one.end(), [](const WaveColumn& a, const WaveColumn& b) { return a.extent() < b.extent(); });
     ASSERT_NE(tall, one.end());
     EXPECT_EQ(tall->extent(), extentAt(burstLevel, 29.0));
     int quiet = 0;
@@ -301,10 +313,12 @@ TEST(WaveStoreCli, RenderDrawsTheTransientsThatPointsMissAndChannelsApart) {
     ASSERT_EQ(dimmedPoints.exitCode, 0) << dimmedPoints.err;
     const std::vector<float> dimmedValues = floats(Json::parse(dimmedPoints.out)["values"]);
     ASSERT_EQ(dimmedValues.size(), pointValues.size());
-    const size_t loudest = static_cast<size_t>(std::max_element(pointValues.begin(), pointValues.end()) - pointValues.begin());
+    const size_t loudest =
+        static_cast<size_t>(std::max_element(pointValues.begin(), pointValues.end()) - pointValues.begin());
     const double gain = static_cast<double>(dimmedValues[loudest]) / static_cast<double>(pointValues[loudest]);
     EXPECT_LT(gain, 0.9);
-    const CliRun dimmedRender = runWithStore(folder, "render " + shellQuoted(dimmed) + " --out " + shellQuoted(folder.file("dimmed.png")) + " --width 300");
+    const CliRun dimmedRender = runWithStore(
+        folder, "render " + shellQuoted(dimmed) + " --out " + shellQuoted(folder.file("dimmed.png")) + " --width 300");
     ASSERT_EQ(dimmedRender.exitCode, 0) << dimmedRender.err;
     EXPECT_EQ(waveColumns(folder.file("dimmed.png"))[burst].extent(), extentAt(gain * burstLevel, 29.0));
 }

@@ -59,7 +59,9 @@ struct Viewer {
         if (window) window->shutDown();
     }
     TimelineView* view() const { return window->timeline(); }
-    std::string file(const std::string& name) const { return folder.filePath(QString::fromStdString(name)).toStdString(); }
+    std::string file(const std::string& name) const {
+        return folder.filePath(QString::fromStdString(name)).toStdString();
+    }
 
     // Writes an 8 s film and a 10 s tone, a document that cuts each in two
     // (F1, F2 of 4 s; T1, T2 of 5 s) and opens it; gives the document's path.
@@ -79,7 +81,9 @@ struct Viewer {
     std::unique_ptr<MainWindow> window;
 };
 
-QImage grabTimeline(TimelineView* view) { return view->viewport()->grab().toImage().convertToFormat(QImage::Format_RGB32); }
+QImage grabTimeline(TimelineView* view) {
+    return view->viewport()->grab().toImage().convertToFormat(QImage::Format_RGB32);
+}
 
 bool sameColour(QRgb pixel, const QColor& colour) {
     return qRed(pixel) == colour.red() && qGreen(pixel) == colour.green() && qBlue(pixel) == colour.blue();
@@ -221,7 +225,8 @@ void ViewerTests::demoDocumentDrawsEveryVisibleClip() {
             int placeholder = 0;
             std::set<QRgb> colours;
             for (int y = strip.top(); y <= strip.bottom(); ++y)
-                for (int x = std::max(strip.left(), TimelineView::kHeader); x <= std::min(strip.right(), image.width() - 1); ++x) {
+                for (int x = std::max(strip.left(), TimelineView::kHeader);
+                     x <= std::min(strip.right(), image.width() - 1); ++x) {
                     if (sameColour(image.pixel(x, y), TimelineView::placeholderColour())) ++placeholder;
                     colours.insert(image.pixel(x, y));
                 }
@@ -272,7 +277,8 @@ void ViewerTests::volumeEditRedrawsThatClipAtItsGainAndNoOther() {
     std::map<std::string, int> pictures;
     for (const ClipInfo* clip : view->visibleClips()) {
         if (clip->clip == t2) continue;
-        if (clip->audio != nullptr) others[clip->name] = {view->audioDeliveries(clip->audio), view->audioAsks(clip->audio)};
+        if (clip->audio != nullptr)
+            others[clip->name] = {view->audioDeliveries(clip->audio), view->audioAsks(clip->audio)};
         if (clip->video) pictures[clip->name] = view->pictureDeliveries(clip->clip);
     }
     QCOMPARE(others.size(), 3u);  // F1, F2 (their sound) and T1
@@ -378,8 +384,9 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
         for (const ClipInfo* clip : clips) {
             if (clip->audio == nullptr) continue;
             const QRegularExpression line(QStringLiteral("^cancel queryer:[0-9a-f]+,obj:%1$").arg(hex(clip->audio)));
-            if (std::none_of(texts.begin(), texts.end(),
-                             [&](const std::string& text) { return line.match(QString::fromStdString(text)).hasMatch(); }))
+            if (std::none_of(texts.begin(), texts.end(), [&](const std::string& text) {
+                    return line.match(QString::fromStdString(text)).hasMatch();
+                }))
                 return false;
         }
         return true;
@@ -420,7 +427,8 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
     // picture asked for, each waveform answered again.
     QTRY_VERIFY_WITH_TIMEOUT(view->settled(), kLong);
     for (const ClipInfo* clip : first)
-        if (clip->audio != nullptr) QTRY_VERIFY_WITH_TIMEOUT(view->audioDeliveries(clip->audio) > deliveries[clip->audio], kLong);
+        if (clip->audio != nullptr)
+            QTRY_VERIFY_WITH_TIMEOUT(view->audioDeliveries(clip->audio) > deliveries[clip->audio], kLong);
     QVERIFY(barrier(viewer.window.get()));
     const std::vector<ZOR::test::CapturedLine> lines = capture.sink().lines();
     for (size_t i = mark; i < lines.size(); ++i) {
@@ -433,7 +441,8 @@ void ViewerTests::scrollingAwayCancelsAndScrollingBackDrawsFromTheCaches() {
         if (!clip->video) continue;
         const QRect strip = view->stripRect(*clip).adjusted(1, 17, -1, 0);
         for (int y = strip.top(); y <= strip.bottom(); y += 7)
-            for (int x = std::max(strip.left(), TimelineView::kHeader); x <= std::min(strip.right(), image.width() - 1); x += 5)
+            for (int x = std::max(strip.left(), TimelineView::kHeader); x <= std::min(strip.right(), image.width() - 1);
+                 x += 5)
                 QVERIFY(!sameColour(image.pixel(x, y), TimelineView::placeholderColour()));
     }
 }

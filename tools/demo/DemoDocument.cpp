@@ -22,7 +22,8 @@ Json rationalTime(double seconds) {
 }
 
 Json timeRange(double start, double duration) {
-    return Json{{"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
+    return Json{
+        {"OTIO_SCHEMA", "TimeRange.1"}, {"start_time", rationalTime(start)}, {"duration", rationalTime(duration)}};
 }
 
 Json gap(double duration) { return Json{{"OTIO_SCHEMA", "Gap.1"}, {"source_range", timeRange(0, duration)}}; }
@@ -56,32 +57,30 @@ Json timeline(const std::string& name, Json tracks) {
 std::string demoTimelineDocument() {
     const double video = kDemoVideoSeconds;
     const Json ducking{{"enabled", true}, {"depth", 0.7}, {"fade", 0.6}, {"fade_ratio", 0.5}};
-    Json videoTrack = track(
-        "Video", "Video",
-        Json::array({clip("Opening", "video.mp4", video, 0, 20,
-                          {{"volume_db", -3.0}, {"volume_keyframes", Json::array({{0, -24.0}, {2, 0.0}})}}),
-                     clip("Freeze", "video.mp4", video, 20, 20,
-                          {{"speed_parts", Json::array({{{"begin", 0}, {"end", 6}, {"speed", 1.0}},
-                                                        {{"begin", 6}, {"end", 10}, {"speed", 0.0}},
-                                                        {{"begin", 10}, {"end", 20}, {"speed", 1.0}}})}}),
-                     clip("Closing", "video.mp4", video, 40, 20,
-                          {{"loudness", {{"enabled", true}, {"gain", 0.5}}},
-                           {"volume_keyframes", Json::array({{16, 0.0}, {20, -30.0}})}})}));
-    Json musicTrack = track(
-        "Music", "Audio",
-        Json::array({clip("Music Bed", "music.wav", kDemoMusicSeconds, 0, 60,
-                          {{"volume_db", -2.0},
-                           {"volume_gain_db", 1.5},
-                           {"loudness", {{"enabled", true}, {"gain", 0.8}}},
-                           {"volume_keyframes", Json::array({{0, -30.0}, {3, 0.0}, {55, 0.0}, {60, -30.0}})}})}));
-    Json voiceTrack =
-        track("Voice", "Audio",
-              Json::array({gap(6), clip("Voice 1", "voice.wav", kDemoVoiceSeconds, 0, 14, {{"ducking", ducking}}),
-                           gap(14),
-                           clip("Voice 2", "voice.wav", kDemoVoiceSeconds, 14, 16,
-                                {{"volume_db", 2.0}, {"ducking", ducking}})}));
-    return timeline("Miravel demo",
-                    Json::array({std::move(videoTrack), std::move(musicTrack), std::move(voiceTrack)}))
+    Json videoTrack =
+        track("Video", "Video",
+              Json::array({clip("Opening", "video.mp4", video, 0, 20,
+                                {{"volume_db", -3.0}, {"volume_keyframes", Json::array({{0, -24.0}, {2, 0.0}})}}),
+                           clip("Freeze", "video.mp4", video, 20, 20,
+                                {{"speed_parts", Json::array({{{"begin", 0}, {"end", 6}, {"speed", 1.0}},
+                                                              {{"begin", 6}, {"end", 10}, {"speed", 0.0}},
+                                                              {{"begin", 10}, {"end", 20}, {"speed", 1.0}}})}}),
+                           clip("Closing", "video.mp4", video, 40, 20,
+                                {{"loudness", {{"enabled", true}, {"gain", 0.5}}},
+                                 {"volume_keyframes", Json::array({{16, 0.0}, {20, -30.0}})}})}));
+    Json musicTrack =
+        track("Music", "Audio",
+              Json::array({clip("Music Bed", "music.wav", kDemoMusicSeconds, 0, 60,
+                                {{"volume_db", -2.0},
+                                 {"volume_gain_db", 1.5},
+                                 {"loudness", {{"enabled", true}, {"gain", 0.8}}},
+                                 {"volume_keyframes", Json::array({{0, -30.0}, {3, 0.0}, {55, 0.0}, {60, -30.0}})}})}));
+    Json voiceTrack = track(
+        "Voice", "Audio",
+        Json::array(
+            {gap(6), clip("Voice 1", "voice.wav", kDemoVoiceSeconds, 0, 14, {{"ducking", ducking}}), gap(14),
+             clip("Voice 2", "voice.wav", kDemoVoiceSeconds, 14, 16, {{"volume_db", 2.0}, {"ducking", ducking}})}));
+    return timeline("Miravel demo", Json::array({std::move(videoTrack), std::move(musicTrack), std::move(voiceTrack)}))
         .dump(2);
 }
 

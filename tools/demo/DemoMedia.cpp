@@ -19,7 +19,6 @@ extern "C" {
 #include <numbers>
 #include <vector>
 
-
 namespace miravel::demo {
 
 // ---------------------------------------------------------------------------
@@ -152,8 +151,8 @@ void MediaWriter::addVideo(int width, int height, int framesPerSecond, int keyfr
     s.check(avcodec_open2(s.video, codec, nullptr), std::string("open the ") + codec->name + " encoder");
     s.check(avcodec_parameters_from_context(s.videoStream->codecpar, s.video), "add the video stream");
     s.videoStream->time_base = s.video->time_base;
-    s.scaler = sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, AV_PIX_FMT_YUV420P, SWS_BILINEAR,
-                              nullptr, nullptr, nullptr);
+    s.scaler = sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
+                              nullptr, nullptr);
     // The scaler reads the source in wide steps, past the last pixel.
     s.rgb.assign(static_cast<size_t>(width) * static_cast<size_t>(height) * 3 + 64, 0);
     s.picture = av_frame_alloc();
@@ -167,7 +166,8 @@ void MediaWriter::addVideo(int width, int height, int framesPerSecond, int keyfr
 void MediaWriter::addAudio(int sampleRate, int channels, AudioCodec kind) {
     State& s = *state_;
     const AVCodec* codec = avcodec_find_encoder(kind == AudioCodec::Aac ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE);
-    if (codec == nullptr) throw DemoError(s.path + ": this FFmpeg has no " + (kind == AudioCodec::Aac ? "AAC" : "PCM") + " encoder");
+    if (codec == nullptr)
+        throw DemoError(s.path + ": this FFmpeg has no " + (kind == AudioCodec::Aac ? "AAC" : "PCM") + " encoder");
     s.audioStream = avformat_new_stream(s.format, nullptr);
     s.audio = avcodec_alloc_context3(codec);
     if (s.audioStream == nullptr || s.audio == nullptr) s.fail("add the audio stream", AVERROR(ENOMEM));
@@ -285,12 +285,24 @@ void paintPicture(unsigned char* rgb, int width, int height, double seconds, dou
     const double x = 1.0 - std::fabs(std::fmod(hue, 2.0) - 1.0);
     std::array<double, 3> tint{};
     switch (static_cast<int>(hue)) {
-        case 0: tint = {1, x, 0}; break;
-        case 1: tint = {x, 1, 0}; break;
-        case 2: tint = {0, 1, x}; break;
-        case 3: tint = {0, x, 1}; break;
-        case 4: tint = {x, 0, 1}; break;
-        default: tint = {1, 0, x}; break;
+        case 0:
+            tint = {1, x, 0};
+            break;
+        case 1:
+            tint = {x, 1, 0};
+            break;
+        case 2:
+            tint = {0, 1, x};
+            break;
+        case 3:
+            tint = {0, x, 1};
+            break;
+        case 4:
+            tint = {x, 0, 1};
+            break;
+        default:
+            tint = {1, 0, x};
+            break;
     }
     const size_t stride = static_cast<size_t>(width) * 3;
     for (int y = 0; y < height; ++y) {
@@ -310,7 +322,8 @@ void paintPicture(unsigned char* rgb, int width, int height, double seconds, dou
         const unsigned char* colour = kBars[((i + shift) / barWidth) % 8];
         std::copy(colour, colour + 3, barRow.begin() + static_cast<std::ptrdiff_t>(i) * 3);
     }
-    for (int y = barsTop; y < barsBottom; ++y) std::copy(barRow.begin(), barRow.end(), rgb + static_cast<size_t>(y) * stride);
+    for (int y = barsTop; y < barsBottom; ++y)
+        std::copy(barRow.begin(), barRow.end(), rgb + static_cast<size_t>(y) * stride);
     const auto fill = [&](int x0, int y0, int x1, int y1, unsigned char value) {
         for (int y = std::max(y0, 0); y < std::min(y1, height); ++y)
             std::fill(rgb + static_cast<size_t>(y) * stride + static_cast<size_t>(std::max(x0, 0)) * 3,
@@ -347,8 +360,8 @@ void musicSample(double t, float* left, float* right) {
     static constexpr int kChords[4][4] = {{48, 60, 64, 67}, {45, 57, 60, 64}, {41, 53, 57, 60}, {43, 55, 59, 62}};
     const int chord = static_cast<int>(t / 2.0) % 4;
     const double local = t - 2.0 * std::floor(t / 2.0);
-    const double envelope = std::min(1.0, local / 0.02) * (0.55 + 0.45 * std::exp(-local * 3.0)) *
-                            std::min(1.0, (2.0 - local) / 0.05);
+    const double envelope =
+        std::min(1.0, local / 0.02) * (0.55 + 0.45 * std::exp(-local * 3.0)) * std::min(1.0, (2.0 - local) / 0.05);
     double high = 0.0;
     for (int n = 1; n < 4; ++n) {
         const double f = noteFrequency(kChords[chord][n]);
@@ -403,7 +416,8 @@ std::vector<Syllable> voiceSyllables(double total) {
                         const double distance = (k * pitch - formant) / 110.0;
                         return 1.0 / (1.0 + distance * distance);
                     };
-                    const double amplitude = (resonance(vowel[0]) + 0.6 * resonance(vowel[1]) + 0.05) / std::pow(k, 0.6);
+                    const double amplitude =
+                        (resonance(vowel[0]) + 0.6 * resonance(vowel[1]) + 0.05) / std::pow(k, 0.6);
                     s.harmonics.push_back(amplitude);
                     sum += amplitude;
                 }
@@ -427,7 +441,8 @@ void writeSound(MediaWriter& writer, int rate, int channels, int seconds, Sample
     for (int second = 0; second < seconds; ++second) {
         for (int n = 0; n < rate; ++n) {
             const int64_t index = static_cast<int64_t>(second) * rate + n;
-            sample(static_cast<double>(index) / rate, piece.data() + static_cast<size_t>(n) * static_cast<size_t>(channels));
+            sample(static_cast<double>(index) / rate,
+                   piece.data() + static_cast<size_t>(n) * static_cast<size_t>(channels));
         }
         writer.writeSamples(piece.data(), rate);
         progress(static_cast<double>(second + 1) / seconds);
@@ -475,8 +490,9 @@ DemoMediaFiles writeDemoMedia(const std::string& folder, const std::function<voi
         MediaWriter writer(files.music);
         writer.addAudio(44100, 2, MediaWriter::AudioCodec::Pcm16);
         writer.start();
-        writeSound(writer, 44100, 2, kDemoMusicSeconds, [](double t, float* out) { musicSample(t, out, out + 1); },
-                   [&](double done) { progress(0.8 + 0.1 * done); });
+        writeSound(
+            writer, 44100, 2, kDemoMusicSeconds, [](double t, float* out) { musicSample(t, out, out + 1); },
+            [&](double done) { progress(0.8 + 0.1 * done); });
         writer.finish();
     }
     {
@@ -491,7 +507,8 @@ DemoMediaFiles writeDemoMedia(const std::string& folder, const std::function<voi
         writeSound(
             writer, kRate, 1, kDemoVoiceSeconds,
             [&](double t, float* out) {
-                while (current < syllables.size() && t >= syllables[current].begin + syllables[current].length) ++current;
+                while (current < syllables.size() && t >= syllables[current].begin + syllables[current].length)
+                    ++current;
                 *out = 0.0f;
                 if (current >= syllables.size() || t < syllables[current].begin) {
                     phase = 0.0;

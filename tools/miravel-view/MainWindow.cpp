@@ -88,7 +88,8 @@ void MainWindow::buildMenus() {
     QMenu* view = menuBar()->addMenu(tr("&View"));
     view->addAction(tr("Zoom &in"), QKeySequence::ZoomIn, this, [this] { timeline_->zoomIn(); });
     view->addAction(tr("Zoom &out"), QKeySequence::ZoomOut, this, [this] { timeline_->zoomOut(); });
-    view->addAction(tr("&Fit the timeline"), QKeySequence(Qt::CTRL | Qt::Key_0), this, [this] { timeline_->zoomToFit(); });
+    view->addAction(tr("&Fit the timeline"), QKeySequence(Qt::CTRL | Qt::Key_0), this,
+                    [this] { timeline_->zoomToFit(); });
 }
 
 // ---------------------------------------------------------------------------
@@ -111,7 +112,10 @@ void MainWindow::openDocument(const std::string& path) {
         bin_->setMedia(model->mediaFiles());
         size_t clips = 0;
         for (const TrackInfo& track : model->tracks) clips += track.clips.size();
-        status_->setText(tr("%1: %2 tracks, %3 clips").arg(QString::fromStdString(opened->path())).arg(model->tracks.size()).arg(clips));
+        status_->setText(tr("%1: %2 tracks, %3 clips")
+                             .arg(QString::fromStdString(opened->path()))
+                             .arg(model->tracks.size())
+                             .arg(clips));
         emit documentLoaded();
     });
     connect(opened, &OpenDocument::failed, this, [this](const QString& message) {
@@ -184,10 +188,7 @@ const ClipInfo* MainWindow::selectedClip() const {
     return model != nullptr ? model->find(timeline_->selectedClip()) : nullptr;
 }
 
-void MainWindow::showSelection() {
-    inspector_->showClip(selectedClip());
-}
-
+void MainWindow::showSelection() { inspector_->showClip(selectedClip()); }
 
 void MainWindow::editSelected(const QString& what, OpenDocument::Edit edit) {
     if (current_ == nullptr || !current_->isLoaded()) return;
@@ -198,16 +199,18 @@ void MainWindow::setSelectedVolume(double db) {
     const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
-    editSelected(tr("volume of %1").arg(QString::fromStdString(clip->name)),
-                 [audio, db](ZOR::IDmTimeline*) { return ZOR::setClipProperty(audio, ZOR::audioKey::volume, ZOR::doubleProperty(db)); });
+    editSelected(tr("volume of %1").arg(QString::fromStdString(clip->name)), [audio, db](ZOR::IDmTimeline*) {
+        return ZOR::setClipProperty(audio, ZOR::audioKey::volume, ZOR::doubleProperty(db));
+    });
 }
 
 void MainWindow::setSelectedMute(bool mute) {
     const ClipInfo* clip = selectedClip();
     if (clip == nullptr || clip->audio == nullptr) return;
     ZOR::IDmClip* audio = clip->audio;
-    editSelected(tr("mute of %1").arg(QString::fromStdString(clip->name)),
-                 [audio, mute](ZOR::IDmTimeline*) { return ZOR::setClipProperty(audio, ZOR::audioKey::mute, ZOR::boolProperty(mute)); });
+    editSelected(tr("mute of %1").arg(QString::fromStdString(clip->name)), [audio, mute](ZOR::IDmTimeline*) {
+        return ZOR::setClipProperty(audio, ZOR::audioKey::mute, ZOR::boolProperty(mute));
+    });
 }
 
 void MainWindow::setSelectedDucking(bool enabled, double depth) {

@@ -20,12 +20,13 @@ void MediaBin::setThumbs(MediaThumbs* thumbs) {
     tiles_.clear();
     hovered_ = -1;
     if (thumbs_ != nullptr) {
-        connections_.push_back(connect(thumbs_, &MediaThumbs::mediaListed, this, [this](const QVector<MediaEntry>& entries) {
-            tiles_.clear();
-            for (const MediaEntry& entry : entries) tiles_.push_back(Tile{entry, QImage(), -1, false});
-            updateGeometry();
-            update();
-        }));
+        connections_.push_back(
+            connect(thumbs_, &MediaThumbs::mediaListed, this, [this](const QVector<MediaEntry>& entries) {
+                tiles_.clear();
+                for (const MediaEntry& entry : entries) tiles_.push_back(Tile{entry, QImage(), -1, false});
+                updateGeometry();
+                update();
+            }));
         connections_.push_back(connect(thumbs_, &MediaThumbs::pictureShown, this,
                                        [this](int index, const QImage& image, int frame, bool hovering) {
                                            if (index < 0 || index >= tileCount()) return;

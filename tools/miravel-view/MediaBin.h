@@ -26,7 +26,7 @@ public:
     void setMedia(const std::vector<std::string>& files);
 
     int tileCount() const { return static_cast<int>(tiles_.size()); }
-    QRect tileRect(int index) const;      // the whole tile
+    QRect tileRect(int index) const;     // the whole tile
     QRect pictureRect(int index) const;  // its picture box
     const MediaEntry* entry(int index) const;
     // The frame index of the picture the tile shows (-1: none yet).

@@ -102,7 +102,8 @@ void MediaThumbs::run() {
         std::set<std::string> roots;
         {
             std::unique_lock<std::mutex> lock(lock_);
-            signal_.wait(lock, [this] { return stop_.load() || newMedia_ || !hovers_.empty() || !changedRoots_.empty(); });
+            signal_.wait(lock,
+                         [this] { return stop_.load() || newMedia_ || !hovers_.empty() || !changedRoots_.empty(); });
             if (stop_.load()) break;
             media = std::exchange(newMedia_, std::nullopt);
             hovers.swap(hovers_);
@@ -138,8 +139,10 @@ void MediaThumbs::run() {
             const int frame = std::atoi(name.c_str());
             const bool hovering = item.hovering;
             QMetaObject::invokeMethod(
-                this, [this, index, image = image.convertToFormat(QImage::Format_ARGB32_Premultiplied), frame,
-                       hovering] { emit pictureShown(index, image, frame, hovering); },
+                this,
+                [this, index, image = image.convertToFormat(QImage::Format_ARGB32_Premultiplied), frame, hovering] {
+                    emit pictureShown(index, image, frame, hovering);
+                },
                 Qt::QueuedConnection);
         }
     }
@@ -177,7 +180,8 @@ void MediaThumbs::listMedia(const std::vector<std::string>& files) {
         entries.push_back(entry);
         items_.push_back(std::move(item));
     }
-    QMetaObject::invokeMethod(this, [this, entries] { emit mediaListed(entries); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, entries] { emit mediaListed(entries); }, Qt::QueuedConnection);
 }
 
 }  // namespace miravel::view

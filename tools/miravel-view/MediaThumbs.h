@@ -79,7 +79,7 @@ private:
 
     // Lock order: the manager's lock, then lock_ (taken inside the manager's
     // callback); lock_ is a leaf, never held while calling the manager.
-    std::mutex lock_;  // guards the wishes below
+    std::mutex lock_;                 // guards the wishes below
     std::condition_variable signal_;  // waits for stop_ or a wish
     std::atomic<bool> stop_{false};   // set under lock_
     std::optional<std::vector<std::string>> newMedia_;

@@ -21,7 +21,7 @@ namespace miravel::view {
 // the inbox; none calls into the service or waits for anything but the
 // inbox's lock (the service holds its callback lists' locks while calling).
 class OpenDocument::Callbacks final : public ZOR::IBsAudioClipThumbnailCallback,
-                                         public ZOR::IBsVideoClipThumbnailCallback {
+                                      public ZOR::IBsVideoClipThumbnailCallback {
 public:
     explicit Callbacks(OpenDocument& owner) : owner_(owner) {}
 
@@ -39,8 +39,9 @@ public:
         arrival.clip = clip;
         arrival.begin = beginCns;
         arrival.end = endCns;
-        arrival.values = samples != nullptr && count > 0 ? std::make_shared<const std::vector<float>>(samples, samples + count)
-                                                         : std::make_shared<const std::vector<float>>();
+        arrival.values = samples != nullptr && count > 0
+                             ? std::make_shared<const std::vector<float>>(samples, samples + count)
+                             : std::make_shared<const std::vector<float>>();
         owner_.post(std::move(arrival));
         return 0;
     }
@@ -69,7 +70,8 @@ public:
             for (int32_t row = 0; row < height; ++row)
                 std::memcpy(rgba.scanLine(row), pixels + static_cast<int64_t>(row) * width * 4,
                             static_cast<size_t>(width) * 4);
-            arrival.pictures.push_back(Picture{frames->get(i), rgba.convertToFormat(QImage::Format_ARGB32_Premultiplied)});
+            arrival.pictures.push_back(
+                Picture{frames->get(i), rgba.convertToFormat(QImage::Format_ARGB32_Premultiplied)});
         }
         if (!arrival.pictures.isEmpty()) owner_.post(std::move(arrival));
         return 0;
@@ -176,7 +178,9 @@ void OpenDocument::post(Arrival arrival) {
         first = !drainPosted_.exchange(true);
     }
     // One queued call carries every arrival until the UI thread drains them.
-    if (first) QMetaObject::invokeMethod(this, [this] { drain(); }, Qt::QueuedConnection);
+    if (first)
+        QMetaObject::invokeMethod(
+            this, [this] { drain(); }, Qt::QueuedConnection);
 }
 
 void OpenDocument::drain() {

@@ -190,7 +190,7 @@ private:
     // lock of this class is held while calling out. inboxLock_ is taken
     // inside the service's callbacks, after the service's own callback-list
     // locks; wishLock_ by the UI thread and the document's thread only.
-    std::mutex wishLock_;  // guards wishes_
+    std::mutex wishLock_;                 // guards wishes_
     std::condition_variable wishSignal_;  // waits for stop_ or wishes
     Wishes wishes_;
 

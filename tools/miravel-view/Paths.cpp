@@ -82,8 +82,7 @@ void writeManyClipsDocument(const std::string& root, const std::string& path, in
     const std::atomic<bool> never{false};
     const std::string folder = demoFolder(root);
     makeDemo(folder, never);
-    const std::string text =
-        demo::manyClipsDocument(clips, fs::absolute(fs::path(folder)).lexically_normal().string());
+    const std::string text = demo::manyClipsDocument(clips, fs::absolute(fs::path(folder)).lexically_normal().string());
     writeFileAtomically(path, text);
 }
 

@@ -29,7 +29,8 @@ public:
         double max = 0.0;
     };
 
-    explicit StallWatchdog(std::chrono::microseconds interval = std::chrono::milliseconds(4), QObject* parent = nullptr);
+    explicit StallWatchdog(std::chrono::microseconds interval = std::chrono::milliseconds(4),
+                           QObject* parent = nullptr);
     // Stops and joins the probing thread.
     ~StallWatchdog() override;
     StallWatchdog(const StallWatchdog&) = delete;
@@ -48,7 +49,7 @@ private:
     void run();
 
     const std::chrono::microseconds interval_;
-    mutable std::mutex lock_;  // leaf, never held while posting: guards samples_; the flags change under it
+    mutable std::mutex lock_;         // leaf, never held while posting: guards samples_; the flags change under it
     std::condition_variable signal_;  // waits for delivered_ or stopping_
     std::atomic<bool> stopping_{false};
     std::atomic<bool> delivered_{true};

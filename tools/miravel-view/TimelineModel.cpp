@@ -70,8 +70,9 @@ std::shared_ptr<const TimelineModel> TimelineModel::read(ZOR::IDmTimeline* timel
             if (auto* source = static_cast<ZOR::IDmMediaSource*>(clip->queryInterface("IDmMediaSource"));
                 source != nullptr && source->mediaPath() != nullptr)
                 info.mediaPath = source->mediaPath();
-            if (auto* feature = track.video ? static_cast<ZOR::IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))
-                                            : nullptr) {
+            if (auto* feature = track.video
+                                    ? static_cast<ZOR::IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))
+                                    : nullptr) {
                 int32_t width = 0;
                 int32_t height = 0;
                 info.video = true;

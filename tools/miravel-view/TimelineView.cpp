@@ -46,7 +46,7 @@ QColor TimelineView::waveColour() { return {112, 214, 130}; }
 QColor TimelineView::mutedWaveColour() { return {128, 128, 128}; }
 
 const std::vector<int>& TimelineView::zoomLevels() {
-    static const std::vector<int> levels{1,   2,   4,   5,   8,   10,  16,  20,  25,   32,   40,   50,   64,   80,  100,
+    static const std::vector<int> levels{1,   2,   4,   5,   8,   10,  16,  20,  25,  32,   40,   50,   64,   80,  100,
                                          125, 160, 200, 250, 320, 400, 500, 625, 800, 1000, 1250, 1600, 2000, 2500};
     return levels;
 }
@@ -106,7 +106,8 @@ void TimelineView::onEdited() {
     if (document_ != nullptr) setModel(document_->model());
 }
 
-void TimelineView::onAudio(ZOR::IDmClip* clip, qint64 begin, qint64 end, std::shared_ptr<const std::vector<float>> values) {
+void TimelineView::onAudio(ZOR::IDmClip* clip, qint64 begin, qint64 end,
+                           std::shared_ptr<const std::vector<float>> values) {
     auto found = audio_.find(clip);
     if (found == audio_.end()) return;  // not a clip of this view (any more)
     AudioState& state = found->second;
@@ -123,8 +124,7 @@ void TimelineView::onAudio(ZOR::IDmClip* clip, qint64 begin, qint64 end, std::sh
         state.stale = true;
         scheduleRequests();
     }
-    if (const ClipInfo* info = model_ != nullptr ? model_->find(clip) : nullptr)
-        viewport()->update(clipRect(*info));
+    if (const ClipInfo* info = model_ != nullptr ? model_->find(clip) : nullptr) viewport()->update(clipRect(*info));
     emit waveformArrived(clip);
 }
 
@@ -138,8 +138,7 @@ void TimelineView::onPictures(ZOR::IDmClip* clip, int /*width*/, int /*height*/,
         }
         ++state.deliveries;
     }
-    if (const ClipInfo* info = model_ != nullptr ? model_->find(clip) : nullptr)
-        viewport()->update(clipRect(*info));
+    if (const ClipInfo* info = model_ != nullptr ? model_->find(clip) : nullptr) viewport()->update(clipRect(*info));
     emit picturesArrived(clip);
 }
 
@@ -177,9 +176,7 @@ int TimelineView::laneTop(size_t track) const {
     return y;
 }
 
-int TimelineView::contentHeight() const {
-    return model_ != nullptr ? laneTop(model_->tracks.size()) : kRuler;
-}
+int TimelineView::contentHeight() const { return model_ != nullptr ? laneTop(model_->tracks.size()) : kRuler; }
 
 int TimelineView::laneWidth() const { return std::max(1, viewport()->width() - kHeader); }
 
@@ -399,7 +396,8 @@ void TimelineView::evictPictures() {
     while (total > kPictureBudget) {
         VideoState* oldest = nullptr;
         for (auto& [clip, state] : video_)
-            if (state.lastSeen < updates_ && !state.pictures.empty() && (oldest == nullptr || state.lastSeen < oldest->lastSeen))
+            if (state.lastSeen < updates_ && !state.pictures.empty() &&
+                (oldest == nullptr || state.lastSeen < oldest->lastSeen))
                 oldest = &state;
         if (oldest == nullptr) return;  // everything left is in view
         total -= oldest->pictures.size();
@@ -566,7 +564,8 @@ void TimelineView::drawClip(QPainter& painter, const TrackInfo& track, const Cli
     // Name (where there is room for it), frame, selection.
     const QString name = frame.width() >= 40 ? QString::fromStdString(clip.name) : QString();
     if (!name.isEmpty() && track.video) {
-        const QRect tab(frame.left() + 3, frame.top() + kInset + 2, painter.fontMetrics().horizontalAdvance(name) + 6, 13);
+        const QRect tab(frame.left() + 3, frame.top() + kInset + 2, painter.fontMetrics().horizontalAdvance(name) + 6,
+                        13);
         painter.fillRect(tab, QColor(0, 0, 0, 150));
         painter.setPen(kText);
         painter.drawText(tab.adjusted(3, 0, 0, 0), Qt::AlignVCenter | Qt::AlignLeft, name);
@@ -592,7 +591,7 @@ void TimelineView::paintEvent(QPaintEvent* event) {
         painter.setPen(kText);
         painter.drawText(viewport()->rect(), Qt::AlignCenter,
                          document_ != nullptr ? tr("Opening %1…").arg(QString::fromStdString(document_->path()))
-                                             : tr("No document"));
+                                              : tr("No document"));
         return;
     }
     const int scrollY = verticalScrollBar()->value();

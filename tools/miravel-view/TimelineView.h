@@ -32,12 +32,12 @@ class TimelineView : public QAbstractScrollArea {
 
 public:
     // Geometry of the lanes, in pixels.
-    static constexpr int kHeader = 92;      // the track names, left
+    static constexpr int kHeader = 92;  // the track names, left
     static constexpr int kRuler = 24;
     static constexpr int kInset = 3;
     static constexpr int kStripHeight = 54;  // pictures in a video lane
     static constexpr int kVideoWaveHeight = 30;
-    static constexpr int kNameBar = 14;      // clip names of audio lanes, above the waveform
+    static constexpr int kNameBar = 14;  // clip names of audio lanes, above the waveform
     static constexpr int kAudioWaveHeight = 56;
     static constexpr int kTrackGap = 4;
     // Pictures kept for clips out of view before the oldest are let go.

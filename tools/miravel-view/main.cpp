@@ -205,8 +205,10 @@ int main(int argc, char** argv) {
             QObject::connect(&tour, &miravel::view::Tour::finished, &app, [&] {
                 if (tour.failed()) {
                     code = 1;
-                } else if (!arguments.screenshot.empty() && !window.grab().save(QString::fromStdString(arguments.screenshot))) {
-                    std::fprintf(stderr, "miravel-view: %s: cannot write the screenshot\n", arguments.screenshot.c_str());
+                } else if (!arguments.screenshot.empty() &&
+                           !window.grab().save(QString::fromStdString(arguments.screenshot))) {
+                    std::fprintf(stderr, "miravel-view: %s: cannot write the screenshot\n",
+                                 arguments.screenshot.c_str());
                     code = 1;
                 }
                 QApplication::quit();

@@ -24,7 +24,8 @@ std::string audioJson(const AudioRequest& request) {
     auto [begin, end] = clipTimeRange(audioClip);
     if (request.begin) begin = *request.begin;
     if (request.end) end = *request.end;
-    if (!request.ducking) session.service()->setProperty(ZOR::ClipThumbnailKey::enableCalcDucking, ZOR::boolProperty(false));
+    if (!request.ducking)
+        session.service()->setProperty(ZOR::ClipThumbnailKey::enableCalcDucking, ZOR::boolProperty(false));
 
     Progress progress("audio");
     Wakeup wakeup;
@@ -37,11 +38,16 @@ std::string audioJson(const AudioRequest& request) {
     const AudioThumbnails::Answer& answer = audio.answer(0);
     JsonWriter json;
     json.beginObject()
-        .key("clip").value(request.clip)
-        .key("begin").value(answer.begin)
-        .key("end").value(answer.end)
-        .key("count").value(static_cast<int64_t>(answer.values.size()))
-        .key("values").beginArray();
+        .key("clip")
+        .value(request.clip)
+        .key("begin")
+        .value(answer.begin)
+        .key("end")
+        .value(answer.end)
+        .key("count")
+        .value(static_cast<int64_t>(answer.values.size()))
+        .key("values")
+        .beginArray();
     for (float value : answer.values) json.value(value);
     json.endArray().endObject();
     return json.text();

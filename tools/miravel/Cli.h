@@ -131,7 +131,6 @@ private:
     bool finished_ = false;
 };
 
-
 // The one wait of the command line: calls check() (which may update the
 // progress bar, and throw) until it says true, sleeping between calls with
 // sleep(until) for at most a slice, so that the bar's seconds tick even

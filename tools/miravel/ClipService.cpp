@@ -47,7 +47,8 @@ TimelineSession::TimelineSession(std::string document) : document_(std::move(doc
     std::vector<std::string> warnings;
     timeline_ = ZOR::loadTimelineDocument(document_.c_str(), &error, &warnings);
     if (timeline_ == nullptr) throw Failure(error.empty() ? document_ + ": cannot read" : error);
-    for (const std::string& warning : warnings) std::fprintf(stderr, "miravel: warning: %s\n", oneLine(warning).c_str());
+    for (const std::string& warning : warnings)
+        std::fprintf(stderr, "miravel: warning: %s\n", oneLine(warning).c_str());
     if (!warnings.empty()) std::fflush(stderr);
     service_ = createBsClipThumbnaiService();
     if (service_ == nullptr) {
@@ -146,7 +147,8 @@ void Wakeup::waitUntil(std::chrono::steady_clock::time_point until) {
 // Media failures
 
 std::string mediaFailureOf(ZOR::IDmClip* clip, int32_t kind) {
-    auto* source = clip != nullptr ? static_cast<ZOR::IDmMediaSource*>(clip->queryInterface("IDmMediaSource")) : nullptr;
+    auto* source =
+        clip != nullptr ? static_cast<ZOR::IDmMediaSource*>(clip->queryInterface("IDmMediaSource")) : nullptr;
     const char* path = source != nullptr ? source->mediaPath() : nullptr;
     std::string cause;
     if (path == nullptr || !ZOR::mediaFailure(path, kind, &cause)) return {};

@@ -49,7 +49,7 @@ public:
 
 private:
     std::string document_;
-    ZOR::IDmTimeline* timeline_ = nullptr;          // one reference
+    ZOR::IDmTimeline* timeline_ = nullptr;             // one reference
     ZOR::IBsClipThumbnailService* service_ = nullptr;  // one reference
 };
 
@@ -173,7 +173,7 @@ private:
     Wakeup& wakeup_;
     std::vector<Query> queries_;  // set by ask() before it sends anything
     size_t total_ = 0;
-    std::mutex mutex_;  // after the service's callback lock: guards the two below
+    std::mutex mutex_;                            // after the service's callback lock: guards the two below
     std::vector<std::set<int64_t>> outstanding_;  // per query
     std::vector<Picture> arrived_;
 };

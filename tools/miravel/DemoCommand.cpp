@@ -147,7 +147,8 @@ int runDemo(int argc, char** argv) {
         const auto timed = [&](int64_t* milliseconds) {
             const auto from = std::chrono::steady_clock::now();
             std::string result = waveJson(request);
-            *milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - from).count();
+            *milliseconds =
+                std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - from).count();
             return result;
         };
         const std::string cold = timed(&waveColdMs);
@@ -239,18 +240,16 @@ int runDemo(int argc, char** argv) {
         request.timeout = timeout;
         const auto start = std::chrono::steady_clock::now();
         const std::string result = mediaJson(request);
-        const int64_t milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                         std::chrono::steady_clock::now() - start)
-                                         .count();
+        const int64_t milliseconds =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
         steps.keep("media-thumbnails.json", result);
         const Json parsed = Json::parse(result);
         mediaThumbnails.done = true;
         mediaThumbnails.count = request.count;
         mediaThumbnails.milliseconds = milliseconds;
         for (const auto& file : parsed.at("files")) {
-            const std::string name = std::filesystem::path(file.at("file").get<std::string>())
-                                         .lexically_relative(out)
-                                         .generic_string();
+            const std::string name =
+                std::filesystem::path(file.at("file").get<std::string>()).lexically_relative(out).generic_string();
             mediaThumbnails.files.push_back(name);
             steps.file(name);
         }
@@ -261,10 +260,14 @@ int runDemo(int argc, char** argv) {
     const std::string summaryPath = steps.file("summary.json");
     JsonWriter summary;
     summary.beginObject()
-        .key("out").value(out)
-        .key("document").value("timeline.otio")
-        .key("video_encoder").value(media.videoEncoder)
-        .key("files").beginArray();
+        .key("out")
+        .value(out)
+        .key("document")
+        .value("timeline.otio")
+        .key("video_encoder")
+        .value(media.videoEncoder)
+        .key("files")
+        .beginArray();
     for (const std::string& file : steps.files()) summary.value(file);
     summary.endArray().key("timings_ms").beginObject();
     for (const auto& [name, milliseconds] : steps.timings()) summary.key(name).value(milliseconds);
@@ -273,8 +276,14 @@ int runDemo(int argc, char** argv) {
     summary.key("picture").value("timeline.png");
     summary.key("render");
     if (render.done)
-        summary.beginObject().key("file").value(render.file).key("width").value(render.width)
-            .key("height").value(render.height).endObject();
+        summary.beginObject()
+            .key("file")
+            .value(render.file)
+            .key("width")
+            .value(render.width)
+            .key("height")
+            .value(render.height)
+            .endObject();
     else
         summary.null();
     summary.key("media_thumbnails");
@@ -282,14 +291,22 @@ int runDemo(int argc, char** argv) {
         summary.null();
     } else {
         summary.beginObject()
-            .key("status").value("done")
-            .key("media").value("video.mp4")
-            .key("root").value("media-thumbnails/video")
-            .key("count").value(mediaThumbnails.count)
-            .key("box").value("160x90")
-            .key("seek").value("exact")
-            .key("milliseconds").value(mediaThumbnails.milliseconds)
-            .key("files").beginArray();
+            .key("status")
+            .value("done")
+            .key("media")
+            .value("video.mp4")
+            .key("root")
+            .value("media-thumbnails/video")
+            .key("count")
+            .value(mediaThumbnails.count)
+            .key("box")
+            .value("160x90")
+            .key("seek")
+            .value("exact")
+            .key("milliseconds")
+            .value(mediaThumbnails.milliseconds)
+            .key("files")
+            .beginArray();
         for (const std::string& file : mediaThumbnails.files) summary.value(file);
         summary.endArray().endObject();
     }

@@ -74,14 +74,16 @@ std::string framesJson(const FramesRequest& request) {
     wrapper.get()->addCallBack(&result);
     int64_t token = -1;
     if (wrapper.get()->queryVideoFrame(clip.get(), request.width, request.height, times.data(),
-                                        static_cast<uint32_t>(times.size()), 0, &token) != 0) {
+                                       static_cast<uint32_t>(times.size()), 0, &token) != 0) {
         wrapper.get()->removeCallBack(&result);
         throw Failure(media + ": the frame request was not accepted");
     }
     Progress progress("frames");
     const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.get()->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": none of the " + std::to_string(times.size()) + " frames within " + std::to_string(request.timeout.count()) + " s");
+    if (!ended)
+        throw Failure(media + ": none of the " + std::to_string(times.size()) + " frames within " +
+                      std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;
         if (ZOR::mediaFailure(media.c_str(), ZOR::DmTrackVideo, &cause))
@@ -113,9 +115,12 @@ std::string framesJson(const FramesRequest& request) {
     json.beginObject().key("frames").beginArray();
     for (size_t i = 0; i < times.size(); ++i) {
         json.beginObject()
-            .key("time").value(times[i])
-            .key("file").value(i < result.files_.size() ? result.files_[i] : std::string())
-            .key("shown").value(shown[i])
+            .key("time")
+            .value(times[i])
+            .key("file")
+            .value(i < result.files_.size() ? result.files_[i] : std::string())
+            .key("shown")
+            .value(shown[i])
             .endObject();
     }
     json.endArray().endObject();

@@ -20,8 +20,7 @@ std::string limitsText() {
     std::string text = "limits (a number outside them is refused before any work):\n";
     for (const Limit* limit : limits::all) {
         char line[512];
-        std::snprintf(line, sizeof line, "  %-58s %s (%s)\n", limit->name, rangeText(*limit).c_str(),
-                      limit->commands);
+        std::snprintf(line, sizeof line, "  %-58s %s (%s)\n", limit->name, rangeText(*limit).c_str(), limit->commands);
         text += line;
     }
     return text;

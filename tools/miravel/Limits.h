@@ -11,7 +11,7 @@
 namespace miravel {
 
 struct Limit {
-    const char* name;      // as the usage lists it: the options, or what is counted
+    const char* name;  // as the usage lists it: the options, or what is counted
     int64_t min;
     int64_t max;
     const char* unit;      // a word after the numbers, or ""
@@ -36,7 +36,8 @@ inline constexpr Limit values{"values printed (wave: 40 a frame sampled; audio: 
                               "wave, audio"};
 // peaks prints points values, and as many again for each channel.
 inline constexpr Limit points{"--points", 1, 1'000'000, "", "peaks"};
-inline constexpr Limit cacheBytes{"--prune", 0, INT64_MAX, "bytes (K, M or G after it: times 1024, 1024^2, 1024^3)", "cache"};
+inline constexpr Limit cacheBytes{"--prune", 0, INT64_MAX, "bytes (K, M or G after it: times 1024, 1024^2, 1024^3)",
+                                  "cache"};
 // A time list is one argument, and one argument holds at most 128 KiB.
 inline constexpr Limit timeCount{"how many --times", 1, 10'000, "", "frames, video"};
 // The pictures the frame store and the thumb adapter take.
@@ -45,8 +46,7 @@ inline constexpr Limit side{"each side of a picture (--size, --box; render's row
 inline constexpr Limit pictureBytes{"a picture, W x H x 4", 4, 268'435'456, "bytes", "frames, video, media, render"};
 // The clip thumbnail service keeps every picture it made in memory: all of
 // them together are held to what one picture may be.
-inline constexpr Limit heldBytes{"the pictures held, distinct --times x W x H x 4", 4, 268'435'456, "bytes",
-                                 "video"};
+inline constexpr Limit heldBytes{"the pictures held, distinct --times x W x H x 4", 4, 268'435'456, "bytes", "video"};
 inline constexpr Limit width{"--width", 200, 16384, "pixels", "render"};
 // The media thumbnail manager renders three pictures a step, rests 5 ms
 // between steps and syncs each file to disk: a thousand pictures take
@@ -59,9 +59,9 @@ inline constexpr Limit mediaPath{"MEDIA", 1, 1023, "bytes", "media"};
 inline constexpr Limit rootPath{"--root", 1, 959, "bytes", "media"};
 inline constexpr Limit timeout{"--timeout", 1, 1'000'000'000, "seconds", "every command that waits"};
 
-inline constexpr const Limit* all[] = {&time,  &waveRange, &stream, &samples, &values,   &points, &cacheBytes, &timeCount,
-                                       &side,  &pictureBytes, &heldBytes, &width, &count, &position,
-                                       &mediaPath, &rootPath, &timeout};
+inline constexpr const Limit* all[] = {&time,       &waveRange, &stream,    &samples,      &values,    &points,
+                                       &cacheBytes, &timeCount, &side,      &pictureBytes, &heldBytes, &width,
+                                       &count,      &position,  &mediaPath, &rootPath,     &timeout};
 
 }  // namespace limits
 

@@ -207,7 +207,8 @@ std::string quoted(const std::string& media) {
 // make no file at all.
 int64_t pictureDuration(const std::string& media) {
     ZOR::IDmFactory* factory = ZOR::getDmFactoryInstance();
-    const auto info = ZOR::ZorRef<ZOR::IDmMediaInfo>::adopt(factory != nullptr ? factory->createMediaInfo(media.c_str()) : nullptr);
+    const auto info =
+        ZOR::ZorRef<ZOR::IDmMediaInfo>::adopt(factory != nullptr ? factory->createMediaInfo(media.c_str()) : nullptr);
     if (info.get() == nullptr) {
         // The media information says only that it failed; the clip says why.
         std::string error;
@@ -217,8 +218,7 @@ int64_t pictureDuration(const std::string& media) {
     ZOR::ZorProperty width;
     ZOR::ZorProperty height;
     if (info.get()->getProperty(ZOR::mediaInfoKey::width, &width) != 0 ||
-        info.get()->getProperty(ZOR::mediaInfoKey::height, &height) != 0 || width.intValue < 1 ||
-        height.intValue < 1)
+        info.get()->getProperty(ZOR::mediaInfoKey::height, &height) != 0 || width.intValue < 1 || height.intValue < 1)
         throw Failure(quoted(media) + ": no video stream");
     ZOR::ZorProperty duration;
     if (info.get()->getProperty(ZOR::mediaInfoKey::duration, &duration) != 0 || duration.intValue < 1)
@@ -307,7 +307,9 @@ std::string mediaJson(const MediaRequest& request) {
         manager.get()->getFrame(&marker, 0.0, found);
         for (;;) {
             const auto until = std::min(deadline, std::chrono::steady_clock::now() + kMarkerPatience);
-            if (watch.waitUntil(until, [&] { return watch.markerSeenLocked(); }, progress, before, count)) break;
+            if (watch.waitUntil(
+                    until, [&] { return watch.markerSeenLocked(); }, progress, before, count))
+                break;
             if (std::chrono::steady_clock::now() >= deadline)
                 throw Failure(timeoutText(request, "the media thumbnail manager did not start"));
             manager.get()->getFrame(&marker, 0.0, found);
@@ -322,7 +324,8 @@ std::string mediaJson(const MediaRequest& request) {
             if (watch.itemSeen()) break;
             // Not queued: getFrame met the manager's lock taken.
         }
-        if (!watch.waitUntil(deadline, [&] { return watch.doneLocked(); }, progress, before, count)) {
+        if (!watch.waitUntil(
+                deadline, [&] { return watch.doneLocked(); }, progress, before, count)) {
             std::string what = "the media thumbnails were not complete (";
             what += std::to_string(before + watch.files().size());
             what += " of ";
@@ -342,12 +345,14 @@ std::string mediaJson(const MediaRequest& request) {
     if (!missing.empty()) {
         // The manager announces a picture even when writing it failed.
         if (const int32_t error = writeProblemIn(cacheDir); error != 0)
-            failToWrite(cacheDir, "the media thumbnails (" + std::to_string(missing.size()) + " of " +
-                                      std::to_string(count) + " pictures missing)",
+            failToWrite(cacheDir,
+                        "the media thumbnails (" + std::to_string(missing.size()) + " of " + std::to_string(count) +
+                            " pictures missing)",
                         error);
         std::string message = quoted(request.media);
         std::string cause;
-        if (static_cast<int32_t>(missing.size()) == count && ZOR::mediaFailure(request.media.c_str(), ZOR::DmTrackVideo, &cause)) {
+        if (static_cast<int32_t>(missing.size()) == count &&
+            ZOR::mediaFailure(request.media.c_str(), ZOR::DmTrackVideo, &cause)) {
             message += ": no picture could be made: " + cause;
         } else if (static_cast<int32_t>(missing.size()) == count) {
             message += ": no picture could be made (see --log warning)";

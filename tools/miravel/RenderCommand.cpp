@@ -44,7 +44,7 @@ namespace {
 constexpr int kMargin = 8;
 constexpr int kRuler = 18;
 constexpr int kTrackGap = 6;
-constexpr int kStripHeight = 54;     // picture height in a video lane
+constexpr int kStripHeight = 54;      // picture height in a video lane
 constexpr int kVideoWaveHeight = 32;  // the sound of video clips, below the pictures
 constexpr int kAudioWaveHeight = 60;
 constexpr int kInset = 2;
@@ -106,7 +106,8 @@ public:
             const unsigned char* source =
                 rgba + (static_cast<size_t>(row) * static_cast<size_t>(width) + static_cast<size_t>(from - x)) * 4;
             unsigned char* target =
-                pixels_.data() + (static_cast<size_t>(canvasY) * static_cast<size_t>(width_) + static_cast<size_t>(from)) * 4;
+                pixels_.data() +
+                (static_cast<size_t>(canvasY) * static_cast<size_t>(width_) + static_cast<size_t>(from)) * 4;
             for (int column = from; column < to; ++column, source += 4, target += 4) {
                 target[0] = source[0];
                 target[1] = source[1];
@@ -160,8 +161,8 @@ constexpr float kNoGain = -1.0f;
 
 // The service's point i of count over [begin, end), as the service places it.
 int64_t servicePointTime(int64_t begin, int64_t end, int64_t i, int64_t count) {
-    return begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
-                                        static_cast<double>(end - begin));
+    return begin +
+           static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) * static_cast<double>(end - begin));
 }
 
 // The level the service read for a point at source position: value
@@ -281,8 +282,9 @@ std::string renderJson(const RenderRequest& request) {
             layout.x1 = std::max(column(ZOR::endTimeOfClip(clip)), layout.x0 + 3);
             const int inner = layout.x1 - layout.x0 - 2;
             const std::string name = clip->name() != nullptr ? clip->name() : "";
-            auto* feature = track.videoTrack ? static_cast<ZOR::IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))
-                                             : nullptr;
+            auto* feature = track.videoTrack
+                                ? static_cast<ZOR::IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))
+                                : nullptr;
             if (feature != nullptr) {
                 int32_t videoWidth = 16;
                 int32_t videoHeight = 9;
@@ -292,7 +294,8 @@ std::string renderJson(const RenderRequest& request) {
                 }
                 layout.video = true;
                 layout.thumbWidth = std::clamp(
-                    static_cast<int>(std::lround(static_cast<double>(kStripHeight) * videoWidth / videoHeight)), 8, 1024);
+                    static_cast<int>(std::lround(static_cast<double>(kStripHeight) * videoWidth / videoHeight)), 8,
+                    1024);
                 const int slots = std::max(1, (inner + layout.thumbWidth - 1) / layout.thumbWidth);
                 // Each slot shows what plays at its left edge: the clip time
                 // there mapped to the media as the clip plays it (frozen
@@ -392,8 +395,9 @@ std::string renderJson(const RenderRequest& request) {
                 waveHeight = kVideoWaveHeight;
             }
             if (clip.sound && (!track.videoTrack || waveTop + waveHeight <= track.top + track.height)) {
-                const std::vector<std::vector<float>> lanes = peakColumns(
-                    request.document, clip, audio.answer(clip.audioQuery).values, request.splitChannels, request.timeout);
+                const std::vector<std::vector<float>> lanes =
+                    peakColumns(request.document, clip, audio.answer(clip.audioQuery).values, request.splitChannels,
+                                request.timeout);
                 // Each channel drawn apart takes an equal lane of the wave's rows.
                 const int laneHeight = std::max(1, waveHeight / static_cast<int>(lanes.size()));
                 for (size_t lane = 0; lane < lanes.size(); ++lane) {

@@ -158,8 +158,9 @@ std::string usageText() {
         text += synopsis(command);
         text += '\n';
     }
-    text += "options of every command: --log <severity>, --log-file <path>;\n"
-            "of those that wait for the library: --timeout SECONDS (default 600)\n";
+    text +=
+        "options of every command: --log <severity>, --log-file <path>;\n"
+        "of those that wait for the library: --timeout SECONDS (default 600)\n";
     text += limitsText();
     return text;
 }

@@ -58,19 +58,24 @@ std::string videoJson(const VideoRequest& request) {
             written.emplace_back(picture.time, file);
         }
     };
-    video.ask({VideoThumbnails::Query{clip, request.clip, request.width, request.height, request.times,
-                                      request.refresh}});
+    video.ask(
+        {VideoThumbnails::Query{clip, request.clip, request.width, request.height, request.times, request.refresh}});
     waitForThumbnails(request.document, nullptr, &video, wakeup, request.timeout, progress, write);
     progress.finish();
     undo.keep = true;
 
     JsonWriter json;
     json.beginObject()
-        .key("clip").value(request.clip)
-        .key("width").value(request.width)
-        .key("height").value(request.height)
-        .key("frames").beginArray();
-    for (const auto& [time, file] : written) json.beginObject().key("time").value(time).key("file").value(file).endObject();
+        .key("clip")
+        .value(request.clip)
+        .key("width")
+        .value(request.width)
+        .key("height")
+        .value(request.height)
+        .key("frames")
+        .beginArray();
+    for (const auto& [time, file] : written)
+        json.beginObject().key("time").value(time).key("file").value(file).endObject();
     json.endArray().endObject();
     return json.text();
 }

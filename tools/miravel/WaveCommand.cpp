@@ -86,7 +86,9 @@ std::string waveJson(const WaveRequest& request) {
     Progress progress("wave");
     const bool ended = result.completion.wait(request.timeout, progress);
     wrapper.get()->removeCallBack(&result);
-    if (!ended) throw Failure(media + ": no wave values of [" + std::to_string(request.begin) + ", " + std::to_string(request.end) + ") within " + std::to_string(request.timeout.count()) + " s");
+    if (!ended)
+        throw Failure(media + ": no wave values of [" + std::to_string(request.begin) + ", " +
+                      std::to_string(request.end) + ") within " + std::to_string(request.timeout.count()) + " s");
     if (result.status_ == 3) {
         std::string cause;
         if (ZOR::mediaFailure(media.c_str(), ZOR::DmTrackAudio, &cause))
@@ -97,11 +99,16 @@ std::string waveJson(const WaveRequest& request) {
 
     JsonWriter json;
     json.beginObject()
-        .key("token").value(result.token_)
-        .key("status").value(result.status_)
-        .key("count").value(result.count_)
-        .key("span").value(result.span_)
-        .key("values").beginArray();
+        .key("token")
+        .value(result.token_)
+        .key("status")
+        .value(result.status_)
+        .key("count")
+        .value(result.count_)
+        .key("span")
+        .value(result.span_)
+        .key("values")
+        .beginArray();
     for (float value : result.values_) json.value(value);
     json.endArray().endObject();
     return json.text();

@@ -80,8 +80,7 @@ void extractMissingWave(const std::string& media, ZOR::IDmClip* clip, ZOR::IDmAu
                                         progress != nullptr ? *progress : quiet, check, sleep);
     task.get()->removeCallBack(&end);
     task.get()->shutdown();
-    if (!ended)
-        throw Failure(media + ": no wave values within " + std::to_string(timeout.count()) + " s");
+    if (!ended) throw Failure(media + ": no wave values within " + std::to_string(timeout.count()) + " s");
     if (progress != nullptr) {
         progress->update(1.0);
         progress->finish();

@@ -61,18 +61,18 @@ enum ThumbSeekMode : int32_t {
 // A frame decoder for media thumbnails. Operations in this order.
 class IThumbAdapter : public virtual IDmBaseObj {
 public:
-    virtual int32_t setMediaPath(const char* path) = 0;                    // 1
-    virtual int32_t setMediaObject(int64_t handle) = 0;                    // 2
-    virtual int32_t setOutputSize(int32_t width, int32_t height) = 0;      // 3
-    virtual int32_t outputSize(int32_t* width, int32_t* height) = 0;       // 4
-    virtual int32_t setSeekMode(int32_t mode) = 0;                         // 5
-    virtual int32_t seekMode(int32_t* mode) = 0;                           // 6
-    virtual int32_t open(int32_t streamId) = 0;                            // 7
-    virtual int32_t close() = 0;                                           // 8
+    virtual int32_t setMediaPath(const char* path) = 0;                // 1
+    virtual int32_t setMediaObject(int64_t handle) = 0;                // 2
+    virtual int32_t setOutputSize(int32_t width, int32_t height) = 0;  // 3
+    virtual int32_t outputSize(int32_t* width, int32_t* height) = 0;   // 4
+    virtual int32_t setSeekMode(int32_t mode) = 0;                     // 5
+    virtual int32_t seekMode(int32_t* mode) = 0;                       // 6
+    virtual int32_t open(int32_t streamId) = 0;                        // 7
+    virtual int32_t close() = 0;                                       // 8
     // 9: the frame shown at time (cns) as RGBA into buffer (output size).
     virtual int32_t frameAt(int64_t time, unsigned char* buffer, int64_t bufferSize) = 0;
-    virtual int32_t mediaDuration(int64_t* duration, int32_t reserved) = 0;           // 10
-    virtual int32_t frameRate(int64_t* num, int64_t* den, int32_t reserved) = 0;      // 11
+    virtual int32_t mediaDuration(int64_t* duration, int32_t reserved) = 0;       // 10
+    virtual int32_t frameRate(int64_t* num, int64_t* den, int32_t reserved) = 0;  // 11
     // 12: the times frameAt will be asked for next, in that order. A hint:
     // the adapter may decode them ahead, on other threads; each call
     // replaces the one before, and open() and close() forget it.

@@ -57,11 +57,11 @@ public:
     virtual int32_t isPaused() = 0;
     virtual int32_t addCallBack(IZorCallBack* callback) = 0;     // 6th
     virtual int32_t removeCallBack(IZorCallBack* callback) = 0;  // 7th
-    virtual int32_t start() = 0;                                  // 8th
-    virtual int32_t pause() = 0;                                  // 9th: stop starting new work
-    virtual int32_t resume() = 0;                                 // 10th
-    virtual int32_t shutdown() = 0;                               // 11th: cancel all, join the work
-    virtual int32_t isStarted() = 0;                              // 12th: 0 when not running
+    virtual int32_t start() = 0;                                 // 8th
+    virtual int32_t pause() = 0;                                 // 9th: stop starting new work
+    virtual int32_t resume() = 0;                                // 10th
+    virtual int32_t shutdown() = 0;                              // 11th: cancel all, join the work
+    virtual int32_t isStarted() = 0;                             // 12th: 0 when not running
 
 protected:
     ~IBsTaskControl() = default;
@@ -103,7 +103,7 @@ public:
     virtual int64_t shownTime() = 0;      // presentation time of the frame shown
     virtual int32_t width() = 0;
     virtual int32_t height() = 0;
-    virtual int64_t byteSize() = 0;       // width x height x 4
+    virtual int64_t byteSize() = 0;            // width x height x 4
     virtual const unsigned char* bytes() = 0;  // R, G, B, A; rows without padding
 
 protected:

@@ -64,7 +64,7 @@ protected:
 class IDmClipList : public virtual IDmBaseObj {
 public:
     virtual int32_t count() = 0;
-    virtual IDmClip* get(int32_t index) = 0;  // no reference taken
+    virtual IDmClip* get(int32_t index) = 0;    // no reference taken
     virtual int32_t append(IDmClip* clip) = 0;  // takes a reference
 
 protected:
@@ -108,16 +108,16 @@ protected:
 // A clip on a track. Name: "IDmClip".
 class IDmClip : public virtual IDmBaseObj {
 public:
-    virtual int32_t clipType() = 0;               // 1st own operation: the clip's type
-    virtual IDmTimeline* timeline() = 0;          // no reference taken; null when not on one
-    virtual IDmTrack* track() = 0;                // no reference taken
-    virtual const char* clipId() = 0;             // 4th own operation: identifier text
+    virtual int32_t clipType() = 0;       // 1st own operation: the clip's type
+    virtual IDmTimeline* timeline() = 0;  // no reference taken; null when not on one
+    virtual IDmTrack* track() = 0;        // no reference taken
+    virtual const char* clipId() = 0;     // 4th own operation: identifier text
     // The media identifier as NUL-terminated text into buffer (size bytes).
     virtual int32_t mediaId(char* buffer, int32_t size) = 0;
     virtual const char* name() = 0;
-    virtual IDmEffect* effect(int32_t type) = 0;  // no reference taken; null when none
+    virtual IDmEffect* effect(int32_t type) = 0;                  // no reference taken; null when none
     virtual IDmBaseObj* feature(int32_t type, int32_t flag) = 0;  // no reference taken
-    virtual IDmAttachedItemList* attachedItems() = 0;            // no reference taken
+    virtual IDmAttachedItemList* attachedItems() = 0;             // no reference taken
 
 protected:
     ~IDmClip() = default;
@@ -202,7 +202,7 @@ public:
     virtual int32_t effectType() = 0;
     virtual const char* effectName() = 0;  // "audio/effect/ducking", "audio/effect/volume", ...
     virtual bool isEnabled() = 0;
-    virtual IDmClip* ownerClip() = 0;      // no reference taken
+    virtual IDmClip* ownerClip() = 0;  // no reference taken
     virtual float value(int32_t index) = 0;
     virtual int32_t keyframeCount(int32_t property) = 0;
     // Keyframe index of property: its time (clip time, cns) and value.
@@ -215,8 +215,8 @@ protected:
 // A track. Name: "IDmTrack".
 class IDmTrack : public virtual IDmBaseObj {
 public:
-    virtual int32_t trackKind() = 0;     // DmTrackKind
-    virtual IDmTimeline* owner() = 0;    // no reference taken
+    virtual int32_t trackKind() = 0;   // DmTrackKind
+    virtual IDmTimeline* owner() = 0;  // no reference taken
     virtual int32_t trackIndex() = 0;
     virtual int32_t getProperty(const char* key, ZorProperty* value) = 0;
 
@@ -228,7 +228,7 @@ protected:
 class IDmTimeline : public virtual IDmBaseObj {
 public:
     virtual int32_t trackCount() = 0;
-    virtual IDmTrack* track(int32_t index) = 0;                 // no reference taken
+    virtual IDmTrack* track(int32_t index) = 0;  // no reference taken
     virtual int32_t clipCount(int32_t trackIndex) = 0;
     virtual IDmClip* clip(int32_t trackIndex, int32_t clipIndex) = 0;  // no reference taken
     virtual int64_t duration() = 0;

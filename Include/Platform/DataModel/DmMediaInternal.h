@@ -150,9 +150,9 @@ inline bool frameStoreSizeAllowed(int32_t width, int32_t height) {
 }
 
 struct DmStoredFrame {
-    int64_t time = 0;   // the requested media time (cns)
-    int64_t shown = -1; // the presentation time of the frame shown (cns)
-    std::string path;   // the file
+    int64_t time = 0;    // the requested media time (cns)
+    int64_t shown = -1;  // the presentation time of the frame shown (cns)
+    std::string path;    // the file
 };
 
 // The media folder of the file under the current root; "" when the file

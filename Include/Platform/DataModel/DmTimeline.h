@@ -58,19 +58,19 @@ struct DmClipDesc {
     // audioStreamId says otherwise.
     int32_t streamId = -1;
     int32_t audioStreamId = -1;
-    int64_t begin = 0;    // timeline range [begin, end), cns
+    int64_t begin = 0;  // timeline range [begin, end), cns
     int64_t end = 0;
-    int64_t markIn = 0;   // source range [markIn, markOut], media cns
+    int64_t markIn = 0;  // source range [markIn, markOut], media cns
     int64_t markOut = 0;
-    double speed = 1.0;   // constant speed |k|; 0 holds the mark-in position
+    double speed = 1.0;    // constant speed |k|; 0 holds the mark-in position
     bool reverse = false;  // plays backwards (effect 4139, audioReversePlayKey::enable)
     std::vector<DmSpeedPartDesc> speedParts;
-    bool enabled = true;  // clipKey::enable
-    bool mute = false;    // audioKey::mute
-    double volumeDb = 0.0;      // audioKey::volume
-    double volumeGainDb = 0.0;  // clipVolumeKey::volumeGain
-    bool loudnessEnabled = false;  // audioLoudness::enable
-    double loudnessGain = 1.0;     // audioLoudness::gain (linear)
+    bool enabled = true;                          // clipKey::enable
+    bool mute = false;                            // audioKey::mute
+    double volumeDb = 0.0;                        // audioKey::volume
+    double volumeGainDb = 0.0;                    // clipVolumeKey::volumeGain
+    bool loudnessEnabled = false;                 // audioLoudness::enable
+    double loudnessGain = 1.0;                    // audioLoudness::gain (linear)
     std::vector<DmKeyframeDesc> volumeKeyframes;  // effect 4110, property 1
     DmDuckingDesc ducking;
     // A visual style applied to the clip's pictures, as an attached item whose
@@ -84,10 +84,10 @@ struct DmClipDesc {
 
 struct DmTrackDesc {
     std::string name;
-    int32_t kind = DmTrackVideo;  // DmTrackKind
-    bool mute = false;            // trackKey::mute
-    bool visible = true;          // trackKey::visible
-    bool solo = false;            // trackKey::solo
+    int32_t kind = DmTrackVideo;    // DmTrackKind
+    bool mute = false;              // trackKey::mute
+    bool visible = true;            // trackKey::visible
+    bool solo = false;              // trackKey::solo
     std::vector<DmClipDesc> clips;  // in track order
 };
 

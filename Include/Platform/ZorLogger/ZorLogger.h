@@ -29,14 +29,14 @@ public:
     // severity is at or above it; Off lets nothing through.
     enum Severity : int32_t {
         Verbose = 0,
-        Trace = 1,    // control calls and task statuses
-        Timing = 2,   // scoped timers
+        Trace = 1,   // control calls and task statuses
+        Timing = 2,  // scoped timers
         Debug = 3,
-        Info = 4,     // requests, progress, cache clearing
+        Info = 4,  // requests, progress, cache clearing
         Warning = 5,
         Error = 6,
         Fatal = 7,
-        Off = 8,      // threshold only: nothing is written
+        Off = 8,  // threshold only: nothing is written
     };
 
     // One finished line, as a sink receives it. The pointers are valid for the
@@ -44,10 +44,10 @@ public:
     struct Record {
         Severity severity;
         std::chrono::system_clock::time_point time;
-        uint64_t threadId;       // the writing thread's kernel id
-        const char* tag;         // "" for ordinary lines
-        const char* function;    // "ZOR::Class::method"
-        const char* file;        // source path without extension
+        uint64_t threadId;     // the writing thread's kernel id
+        const char* tag;       // "" for ordinary lines
+        const char* function;  // "ZOR::Class::method"
+        const char* file;      // source path without extension
         int line;
         std::string_view text;
     };
@@ -63,8 +63,8 @@ class ZorLoggerWrapper;
 // destructor hands the line to the sink. A moved-from stream writes nothing.
 class ZOR_PLATFORM_API LogStream {
 public:
-    LogStream(ZorLoggerWrapper* owner, IBsLogger::Severity severity, const char* file, int line,
-              const char* function, const char* tag);
+    LogStream(ZorLoggerWrapper* owner, IBsLogger::Severity severity, const char* file, int line, const char* function,
+              const char* tag);
     LogStream(LogStream&& other) noexcept;
     LogStream(const LogStream&) = delete;
     LogStream& operator=(const LogStream&) = delete;
@@ -92,8 +92,8 @@ class ZOR_PLATFORM_API ZorLoggerWrapper {
 public:
     // Whether lines of this severity are written. One relaxed atomic load.
     bool testSeverity(IBsLogger::Severity severity) const;
-    LogStream createLogStream(IBsLogger::Severity severity, const char* file, int line,
-                              const char* function, const char* tag);
+    LogStream createLogStream(IBsLogger::Severity severity, const char* file, int line, const char* function,
+                              const char* tag);
 
     IBsLogger::Severity threshold() const;
     void setThreshold(IBsLogger::Severity threshold);
@@ -102,8 +102,8 @@ public:
     std::shared_ptr<IBsLogger> sink() const;
 
     // Hands a finished line to the sink (used by LogStream's destructor).
-    void write(const LogStream& stream, IBsLogger::Severity severity, const char* file, int line,
-               const char* function, const char* tag);
+    void write(const LogStream& stream, IBsLogger::Severity severity, const char* file, int line, const char* function,
+               const char* tag);
 
     ZorLoggerWrapper();
     ~ZorLoggerWrapper();
@@ -121,8 +121,7 @@ ZOR_PLATFORM_API ZorLoggerWrapper* loggerWrapper(int reserved);
 
 // Sets logging up with this sink and threshold; a valid MIRAVEL_LOG in the
 // environment overrides the threshold. Returns the wrapper.
-ZOR_PLATFORM_API ZorLoggerWrapper* setupLogging(std::shared_ptr<IBsLogger> sink,
-                                                IBsLogger::Severity threshold);
+ZOR_PLATFORM_API ZorLoggerWrapper* setupLogging(std::shared_ptr<IBsLogger> sink, IBsLogger::Severity threshold);
 // loggerWrapper(0) is null again afterwards; the sink is dropped once no line
 // is being written to it.
 ZOR_PLATFORM_API void shutdownLogging();

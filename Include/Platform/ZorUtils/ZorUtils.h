@@ -63,7 +63,7 @@ ZOR_PLATFORM_API ZorProperty doubleProperty(double value);
 class ZOR_PLATFORM_API Path {
 public:
     Path() = default;
-    Path(std::string text) : text_(std::move(text)) {}  // NOLINT(google-explicit-constructor)
+    Path(std::string text) : text_(std::move(text)) {}   // NOLINT(google-explicit-constructor)
     Path(const char* text) : text_(text ? text : "") {}  // NOLINT(google-explicit-constructor)
     const std::string& str() const { return text_; }
     const char* c_str() const { return text_.c_str(); }
@@ -188,8 +188,7 @@ ZOR_PLATFORM_API void freeImageBuffer(unsigned char* buffer);
 // ratio, scaling up or down. The bound side takes the box's size exactly; the
 // other is rounded down (never below 1). 1920x1080 into 320x180 gives 320x180,
 // 1080x1920 gives 101x180. Returns false (and 0x0) when any size is below 1.
-ZOR_PLATFORM_API bool adjust(int width, int height, int boxWidth, int boxHeight, int* outWidth,
-                             int* outHeight);
+ZOR_PLATFORM_API bool adjust(int width, int height, int boxWidth, int boxHeight, int* outWidth, int* outHeight);
 
 // ---------------------------------------------------------------------------
 // Strings

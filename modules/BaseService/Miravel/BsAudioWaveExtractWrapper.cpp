@@ -59,9 +59,10 @@ int32_t BsAudioWaveExtractWrapper::queryAudioWave(IDmClip* clip, int64_t begin, 
     record.frameStep = frames > samples ? static_cast<int32_t>(frames / samples) : 1;
 
     addRefClip(clip);  // held for the duration of the call
-    ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "query wav clip id %lld type:%d [%lld %lld] samples:%d",
-            pointerValue(clip), clip != nullptr ? clip->clipType() : 0, static_cast<long long>(begin),
-            static_cast<long long>(end), samples);
+    ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave",
+            "query wav clip id %lld type:%d [%lld %lld] samples:%d", pointerValue(clip),
+            clip != nullptr ? clip->clipType() : 0, static_cast<long long>(begin), static_cast<long long>(end),
+            samples);
 
     int64_t newToken = token != nullptr ? *token : -1;
     int32_t result = kResultFailure;
@@ -72,7 +73,8 @@ int32_t BsAudioWaveExtractWrapper::queryAudioWave(IDmClip* clip, int64_t begin, 
         result = task_->append(&record, &newToken);
     }
     if (token != nullptr) *token = newToken;
-    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld", static_cast<long long>(newToken));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::queryAudioWave", "append token:%lld",
+            static_cast<long long>(newToken));
 
     const auto early = pending_.storeAppended(newToken, PendingQuery{clip, begin, end, samples, record});
     releaseClip(clip);
@@ -96,7 +98,8 @@ int32_t BsAudioWaveExtractWrapper::cancelQueryOfClip(IDmClip* clip) {
 }
 
 int32_t BsAudioWaveExtractWrapper::cancelQuery(int64_t token) {
-    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::cancelQuery", "cancelQuery token:%lld", static_cast<long long>(token));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioWaveExtractWrapper::cancelQuery", "cancelQuery token:%lld",
+            static_cast<long long>(token));
     if (!task_) return 0;
     if (token == -1) {
         // Every pending request; the entries stay until the task reports them.
@@ -119,9 +122,8 @@ int32_t BsAudioWaveExtractWrapper::resumeQuery() {
 }
 
 void BsAudioWaveExtractWrapper::notify(int64_t token, int32_t status, const void* data, int32_t count, int32_t span) {
-    notifyCallBacks([&](IBsAudioWaveExtractCallback* callback) {
-        callback->onAudioWaveChanged(token, status, data, count, span);
-    });
+    notifyCallBacks(
+        [&](IBsAudioWaveExtractCallback* callback) { callback->onAudioWaveChanged(token, status, data, count, span); });
 }
 
 int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t progress, int32_t status,
@@ -129,7 +131,8 @@ int32_t BsAudioWaveExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t 
     const int64_t token = info != nullptr ? info->token : -1;
     ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
-    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit)
+        return 0;
 
     bool kept = false;
     // Takes over the entry's reference.
@@ -164,8 +167,7 @@ void BsAudioWaveExtractWrapper::readFinished(int64_t token, const PendingQuery& 
     const ZorRef<IZORLonglongList> frames = ZorRef<IZORLonglongList>::adopt(createZORLonglongList());
     if (!frames) return;
     const BsWaveTaskRecord& record = query.record;
-    for (int64_t frame = record.beginFrame; frame < record.endFrame; frame += record.frameStep)
-        frames->append(frame);
+    for (int64_t frame = record.beginFrame; frame < record.endFrame; frame += record.frameStep) frames->append(frame);
 
     const int64_t count = int64_t{frames->count()} * perFrame;
     // A count beyond what the callback can be told (or allocated) is a failed
@@ -174,8 +176,9 @@ void BsAudioWaveExtractWrapper::readFinished(int64_t token, const PendingQuery& 
     if (count >= 0 && count <= std::numeric_limits<int32_t>::max())
         buffer.reset(new (std::nothrow) float[static_cast<size_t>(count > 0 ? count : 1)]());
     if (buffer && feature->fillValues(frames.get(), kWaveRate.num, kWaveRate.den, buffer.get()) == 0) {
-        ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged", "finsh wav clip id %lld finish %lld %lld samples:%d",
-                pointerValue(query.clip), static_cast<long long>(query.begin), static_cast<long long>(query.end),
+        ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioWaveExtractWrapper::processChanged",
+                "finsh wav clip id %lld finish %lld %lld samples:%d", pointerValue(query.clip),
+                static_cast<long long>(query.begin), static_cast<long long>(query.end),
                 static_cast<int32_t>(query.samples));
         const int64_t span = (int64_t{record.endFrame} - record.beginFrame) * perFrame;
         notify(token, BsTaskFinished, buffer.get(), static_cast<int32_t>(count), static_cast<int32_t>(span));

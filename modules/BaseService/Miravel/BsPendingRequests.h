@@ -144,8 +144,8 @@ private:
     // only call out under it is the task's cancel of every request.
     mutable std::mutex mutex_;
     std::map<int64_t, Query> entries_;
-    int32_t appending_ = 0;             // appends in flight, guarded by mutex_
-    std::vector<EarlyReport> early_;    // guarded by mutex_
+    int32_t appending_ = 0;           // appends in flight, guarded by mutex_
+    std::vector<EarlyReport> early_;  // guarded by mutex_
 };
 
 }  // namespace ZOR

@@ -50,7 +50,7 @@ std::shared_ptr<const BsThumbDiskListing::Listing> BsThumbDiskListing::current(c
 }
 
 std::shared_ptr<const BsThumbDiskListing::Listing> BsThumbDiskListing::read(const std::string& dir, uint64_t box,
-                                                                             uint64_t generation) {
+                                                                            uint64_t generation) {
     auto listing = std::make_shared<Listing>();
     listing->dir = dir;
     listing->box = box;

@@ -22,9 +22,7 @@ uint64_t boxKey(int32_t width, int32_t height) {
     return (static_cast<uint64_t>(static_cast<uint32_t>(width)) << 32) | static_cast<uint32_t>(height);
 }
 
-std::string textOf(const char* buffer, size_t size) {
-    return std::string(buffer, strnlen(buffer, size));
-}
+std::string textOf(const char* buffer, size_t size) { return std::string(buffer, strnlen(buffer, size)); }
 
 }  // namespace
 
@@ -115,8 +113,8 @@ int32_t BsThumbManager::open() {
             IDmTimelineInternal::Settings settings{0, 0, 0};
             if (internal->settings(&settings) == 0 && settings.ratioNum != 0) {
                 width = settings.width;
-                height = static_cast<int32_t>(static_cast<double>(settings.width) * settings.ratioDen /
-                                              settings.ratioNum);
+                height =
+                    static_cast<int32_t>(static_cast<double>(settings.width) * settings.ratioDen / settings.ratioNum);
             }
         }
         held.reset();
@@ -346,8 +344,9 @@ int32_t BsThumbManager::getFrame(const MediaThumbRequest* request, double positi
         std::unique_lock<std::mutex> guard(mutex_, std::try_to_lock);
         if (guard.owns_lock()) {
             const std::shared_ptr<_ThumbTask> head = queue_.empty() ? nullptr : queue_.front();
-            auto same = std::find_if(queue_.begin(), queue_.end(),
-                                     [&](const std::shared_ptr<_ThumbTask>& task) { return sameMedia(*task, *request); });
+            auto same = std::find_if(queue_.begin(), queue_.end(), [&](const std::shared_ptr<_ThumbTask>& task) {
+                return sameMedia(*task, *request);
+            });
             if (same != queue_.end()) {
                 queue_.splice(queue_.begin(), queue_, same);
             } else {
@@ -477,8 +476,9 @@ void BsThumbManager::runStep(_ThumbTask& task, int32_t framesPerStep) {
         // The adapter must hold this media, fitted into the current box (the
         // file names carry the box, so must the pictures).
         std::lock_guard<std::mutex> guard(mediaLock_);
-        holds = currentPath_ == task.mediaPath && reinterpret_cast<uint64_t>(currentObject_.get()) == task.mediaObject &&
-                adapterOpen_.load() && openedBox_.load() == box;
+        holds = currentPath_ == task.mediaPath &&
+                reinterpret_cast<uint64_t>(currentObject_.get()) == task.mediaObject && adapterOpen_.load() &&
+                openedBox_.load() == box;
     }
     if (!holds) {
         close();

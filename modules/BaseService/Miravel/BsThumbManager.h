@@ -99,7 +99,7 @@ private:
     static bool sameMedia(const _ThumbTask& task, const MediaThumbRequest& request);
 
     ZorRef<IThumbAdapter> adapter_;
-    std::mutex mediaLock_;              // leaf: guards the two fields below
+    std::mutex mediaLock_;  // leaf: guards the two fields below
     std::string currentPath_;
     ZorRef<IDmBaseObj> currentObject_;
 

@@ -42,9 +42,8 @@ int32_t BsVideoFrameExtractWrapper::removeCallBack(IBsVideoFrameExtractCallback*
     return BaseCallBack<IBsVideoFrameExtractCallback>::removeCallBack(callback);
 }
 
-int32_t BsVideoFrameExtractWrapper::queryVideoFrame(IDmClip* clip, int32_t first, int32_t second,
-                                                    const int64_t* times, uint32_t count, uint32_t flags,
-                                                    int64_t* token) {
+int32_t BsVideoFrameExtractWrapper::queryVideoFrame(IDmClip* clip, int32_t first, int32_t second, const int64_t* times,
+                                                    uint32_t count, uint32_t flags, int64_t* token) {
     addRefClip(clip);  // held for the duration of the call
     std::vector<int64_t> copy;
     if (times != nullptr) copy.assign(times, times + count);
@@ -54,8 +53,8 @@ int32_t BsVideoFrameExtractWrapper::queryVideoFrame(IDmClip* clip, int32_t first
     pending_.appendStarting();
     if (task_) {
         if (task_->isStarted() == 0) task_->start();
-        result = task_->append(asBase(clip), copy.data(), static_cast<int32_t>(copy.size()), &newToken, first,
-                               second, flags);
+        result = task_->append(asBase(clip), copy.data(), static_cast<int32_t>(copy.size()), &newToken, first, second,
+                               flags);
     }
     if (token != nullptr) *token = newToken;
     const auto early = pending_.storeAppended(newToken, PendingQuery{clip, first, second, std::move(copy)});
@@ -115,7 +114,8 @@ int32_t BsVideoFrameExtractWrapper::processChanged(IDmBaseObj* /*task*/, int32_t
     if (status != BsTaskProgress)
         ZOR_LOG(IBsLogger::Info, "ZOR::BsVideoFrameExtractWrapper::processChanged", "status %d token:%lld", status,
                 static_cast<long long>(token));
-    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit)
+        return 0;
 
     bool kept = false;
     // Takes over the entry's reference.

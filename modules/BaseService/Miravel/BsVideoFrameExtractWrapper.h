@@ -38,8 +38,7 @@ public:
     int32_t resumeQuery() override;
 
     // Called by the task on its threads.
-    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status,
-                           const BsTaskProgressInfo* info) override;
+    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status, const BsTaskProgressInfo* info) override;
 
 private:
     struct PendingQuery {

@@ -39,8 +39,7 @@ public:
 
     void write(const Record& record) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back({record.severity, record.function, record.file, record.tag,
-                          std::string(record.text)});
+        lines_.push_back({record.severity, record.function, record.file, record.tag, std::string(record.text)});
     }
 
     std::vector<Line> lines() const {
@@ -71,8 +70,7 @@ void checkLonglongList() {
     for (int64_t value : values) list->append(value);
     if (list->count() != 3) fail("the list counts " + std::to_string(list->count()) + " values, not 3");
     for (int32_t i = 0; i < 3; ++i)
-        if (list->get(i) != values[i])
-            fail("list value " + std::to_string(i) + " is " + std::to_string(list->get(i)));
+        if (list->get(i) != values[i]) fail("list value " + std::to_string(i) + " is " + std::to_string(list->get(i)));
     if (list->queryInterface("IZORLonglongList") != static_cast<void*>(list))
         fail("queryInterface(\"IZORLonglongList\") does not answer the list");
     const int32_t released = list->Release();
@@ -88,8 +86,8 @@ void checkSizes() {
     int width = 0;
     int height = 0;
     if (!ZOR::adjust(1080, 1920, 320, 180, &width, &height) || width != 101 || height != 180)
-        fail("adjust(1080x1920 into 320x180) gave " + std::to_string(width) + "x" +
-             std::to_string(height) + ", not 101x180");
+        fail("adjust(1080x1920 into 320x180) gave " + std::to_string(width) + "x" + std::to_string(height) +
+             ", not 101x180");
 }
 
 void checkLogging() {

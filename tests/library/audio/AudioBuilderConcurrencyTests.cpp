@@ -23,7 +23,8 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
     std::vector<FakeClip*> clips;
     for (int i = 0; i < 3; ++i) clips.push_back(addClip("held" + std::to_string(i), 0, i * kSecond, (i + 4) * kSecond));
     for (int i = 0; i < 3; ++i)
-        clips.push_back(timeline_->addClip(1, "pending" + std::to_string(i), pending.get(), 0, i * kSecond, (i + 4) * kSecond));
+        clips.push_back(
+            timeline_->addClip(1, "pending" + std::to_string(i), pending.get(), 0, i * kSecond, (i + 4) * kSecond));
     clips[1]->addEffect(4109)->setValues(0.5f, 0.5f, 0.5f);
     clips[4]->addEffect(4110)->setKeyframes({{0, -6.0}, {2 * kSecond, 0.0}});
 
@@ -41,7 +42,8 @@ TEST_F(AudioBuilderTest, FourThreadsQueryCancelChangeAndReportThenTheBuilderGoes
             FakeClip* clip = clips[random() % clips.size()];
             RecordingQueryer* queryer = queryers[random() % queryers.size()].get();
             const int64_t begin = static_cast<int64_t>(random() % 4) * kFrame;
-            if (shared.queryAudioThumbnailData(queryer, clip, begin, begin + 2 * kSecond, 1 + static_cast<int32_t>(random() % 64)) == 0)
+            if (shared.queryAudioThumbnailData(queryer, clip, begin, begin + 2 * kSecond,
+                                               1 + static_cast<int32_t>(random() % 64)) == 0)
                 accepted.fetch_add(1);
         }
     });

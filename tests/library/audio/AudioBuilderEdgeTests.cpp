@@ -358,10 +358,10 @@ TEST_F(AudioEdgeTest, NewQueryLineCarriesTheEntryKey) {
     ASSERT_EQ(lineA.size(), 1u);
     EXPECT_EQ(lineA[0].severity, IBsLogger::Trace);
     EXPECT_EQ(lineA[0].function, kQueryFunction);
-    EXPECT_EQ(linesWithText(capture.sink(),
-                            expected(b, "b", "(0-1)", "begincns:40000000  endcns:60000000  sampleCount:7"))
-                  .size(),
-              1u);
+    EXPECT_EQ(
+        linesWithText(capture.sink(), expected(b, "b", "(0-1)", "begincns:40000000  endcns:60000000  sampleCount:7"))
+            .size(),
+        1u);
     EXPECT_EQ(linesWithText(capture.sink(),
                             expected(markerClip_, "marker", "(1-0)", "begincns:123  endcns:10000000  sampleCount:1"))
                   .size(),

@@ -74,9 +74,7 @@ public:
     }
 
     // Whether the first delivery has begun within 20 s.
-    bool waitEntered() {
-        return enteredFuture_.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    }
+    bool waitEntered() { return enteredFuture_.wait_for(std::chrono::seconds(20)) == std::future_status::ready; }
     void open() {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!isOpen_) open_.set_value();

@@ -199,8 +199,8 @@ protected:
         timeline_->addTrack(DmTrackAudio);
         constantRaw(0.5f);
     }
-    FakeClip* addDucker(int32_t track, const std::string& name, int64_t begin, int64_t end, float depth,
-                                float fade, float ratio) {
+    FakeClip* addDucker(int32_t track, const std::string& name, int64_t begin, int64_t end, float depth, float fade,
+                        float ratio) {
         FakeClip* clip = addClip(name, 0, begin, end, track);
         clip->addEffect(4109)->setValues(depth, fade, ratio);
         return clip;
@@ -243,9 +243,11 @@ TEST_F(AudioDucking, ClipsOnMutedOrHiddenTracksAndDisabledClipsDuckNothing) {
     timeline_->addTrack(DmTrackVideo);
     FakeClip* ducked = addClip("music", 0, 0, 10 * kSecond);
     addDucker(1, "on muted track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
-    static_cast<IDmPropertyOwner*>(timeline_->track(1)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::mute, boolProperty(true));
+    static_cast<IDmPropertyOwner*>(timeline_->track(1)->queryInterface("IDmPropertyOwner"))
+        ->setProperty(trackKey::mute, boolProperty(true));
     addDucker(2, "on hidden track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
-    static_cast<IDmPropertyOwner*>(timeline_->track(2)->queryInterface("IDmPropertyOwner"))->setProperty(trackKey::visible, boolProperty(false));
+    static_cast<IDmPropertyOwner*>(timeline_->track(2)->queryInterface("IDmPropertyOwner"))
+        ->setProperty(trackKey::visible, boolProperty(false));
     FakeClip* disabled = addDucker(3, "disabled", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
     disabled->setProperty(clipKey::enable, boolProperty(false));
     addDucker(4, "on a video track", 0, 10 * kSecond, 0.5f, 0.0f, 0.0f);
@@ -336,8 +338,8 @@ TEST_F(AudioDucking, KeyframesLoudnessVolumeGainSilentRangesAndTwoDucksGiveTheEx
     clip->setProperty(clipVolumeKey::volumeGain, doubleProperty(2.25));
     clip->setProperty(audioLoudness::enable, boolProperty(true));
     clip->setProperty(audioLoudness::gain, doubleProperty(1.7));
-    clip->addEffect(4110)->setKeyframes({{3 * kSecond, -10.0}, {6 * kSecond, 4.0}, {9 * kSecond, -60.0},
-                                         {11 * kSecond, 0.0}});
+    clip->addEffect(4110)->setKeyframes(
+        {{3 * kSecond, -10.0}, {6 * kSecond, 4.0}, {9 * kSecond, -60.0}, {11 * kSecond, 0.0}});
     clip->setSpeedParts({{7 * kSecond, 7 * kSecond + 5'000'000, 0.0}});
     addDucker(1, "voice-a", 3 * kSecond, 7 * kSecond, 0.35f, 0.75f, 0.4f);
     addDucker(2, "voice-b", 5 * kSecond, 9 * kSecond, 0.6f, 1.25f, 0.7f);
@@ -354,10 +356,9 @@ TEST_F(AudioDucking, KeyframesLoudnessVolumeGainSilentRangesAndTwoDucksGiveTheEx
     e.keys = {{3 * kSecond, -10.0}, {6 * kSecond, 4.0}, {9 * kSecond, -60.0}, {11 * kSecond, 0.0}};
     e.silent = {{7 * kSecond, 7 * kSecond + 5'000'000}};
     // Duck intervals moved into the clip's time base (+1 s).
-    e.ducks = {{4 * kSecond, 8 * kSecond, static_cast<double>(0.35f), static_cast<double>(0.75f),
-                static_cast<double>(0.4f)},
-               {6 * kSecond, 10 * kSecond, static_cast<double>(0.6f), static_cast<double>(1.25f),
-                static_cast<double>(0.7f)}};
+    e.ducks = {
+        {4 * kSecond, 8 * kSecond, static_cast<double>(0.35f), static_cast<double>(0.75f), static_cast<double>(0.4f)},
+        {6 * kSecond, 10 * kSecond, static_cast<double>(0.6f), static_cast<double>(1.25f), static_cast<double>(0.7f)}};
     const auto raw = [](int64_t s) {
         const int64_t frame = s / kFrame;  // s >= 0 here
         const float fraction = static_cast<float>(s - frame * kFrame) / static_cast<float>(kFrame);

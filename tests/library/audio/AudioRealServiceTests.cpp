@@ -69,8 +69,8 @@ class AudioRealService : public ::testing::Test {
 protected:
     // Queries clip over [begin, end) with count points through queryer and
     // returns the delivery (checking its clip and range).
-    static std::vector<float> query(BsAudioThumbnailBuilder& builder, Recorder& queryer, IDmClip* clip,
-                                    int64_t begin, int64_t end, int count) {
+    static std::vector<float> query(BsAudioThumbnailBuilder& builder, Recorder& queryer, IDmClip* clip, int64_t begin,
+                                    int64_t end, int count) {
         const size_t before = queryer.deliveries().size();
         EXPECT_EQ(builder.queryAudioThumbnailData(&queryer, clip, begin, end, count), 0);
         EXPECT_TRUE(queryer.waitForDeliveries(before + 1));
@@ -104,7 +104,8 @@ TEST_F(AudioRealService, ClipOfAWavFileDeliversThePeaksOfItsSamplesWithTheVolume
     const int64_t markIn = 7'123'457;  // 0.7123457 s: inside a frame and inside a window
     const int64_t length = 3 * kSecond;
     const int64_t markOut = markIn + length;
-    auto timeline = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 2 * kSecond, markIn, length, -6.0)));
+    auto timeline =
+        ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 2 * kSecond, markIn, length, -6.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* clip = timeline->clip(0, 0);
     ASSERT_NE(clip, nullptr);
@@ -185,7 +186,8 @@ TEST_F(AudioRealService, SecondTimelineOfTheSameMediaSharesTheSampleCacheAndDeco
     // The second timeline uses a part of the same frames, at another place and volume.
     const int64_t secondIn = 9'000'000;
     const int64_t secondLength = kSecond;
-    auto second = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackAudio, clipOf("clip", path, 3 * kSecond, secondIn, secondLength, 0.0)));
+    auto second = ZorRef<IDmTimeline>::adopt(
+        timelineOf(DmTrackAudio, clipOf("clip", path, 3 * kSecond, secondIn, secondLength, 0.0)));
     ASSERT_NE(second.get(), nullptr);
     IDmClip* secondClip = second->clip(0, 0);
     ASSERT_NE(secondClip, firstClip);
@@ -237,7 +239,8 @@ TEST_F(AudioRealService, VideoClipWithSoundIsQueriedThroughItsLinkedAudioClip) {
 
     const int64_t markIn = 3'210'000;
     const int64_t length = 2 * kSecond;
-    auto timeline = ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackVideo, clipOf("clip", movie, kSecond, markIn, length, -3.0)));
+    auto timeline =
+        ZorRef<IDmTimeline>::adopt(timelineOf(DmTrackVideo, clipOf("clip", movie, kSecond, markIn, length, -3.0)));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* video = timeline->clip(0, 0);
     ASSERT_NE(video, nullptr);
@@ -254,9 +257,9 @@ TEST_F(AudioRealService, VideoClipWithSoundIsQueriedThroughItsLinkedAudioClip) {
     EXPECT_EQ(markInTimeOfClip(sound), markIn);
     EXPECT_EQ(markOutTimeOfClip(sound), markIn + length);
     ZorProperty volume;
-    ASSERT_EQ(static_cast<IDmAudioFeature*>(sound->queryInterface("IDmAudioFeature"))->getProperty(audioKey::volume,
-                                                                                                  &volume),
-              0);
+    ASSERT_EQ(
+        static_cast<IDmAudioFeature*>(sound->queryInterface("IDmAudioFeature"))->getProperty(audioKey::volume, &volume),
+        0);
     EXPECT_EQ(volume.doubleValue, -3.0);
 
     Recorder owner;

@@ -87,8 +87,8 @@ TEST_F(AudioEdgeTest, ClearingOneClipEmptiesEveryEntryOfItsCacheAndNotifiesTheir
     ASSERT_EQ(builder().queryAudioThumbnailData(&qc, c, 0, 2 * kSecond, 5), 0);
     ASSERT_TRUE(qc.callback.waitForDeliveries(2));
 
-    EXPECT_EQ(wave_->reads(), (Reads{{0, 2}, {10, 2}, {20, 2}, {30, 2}, {40, 2},
-                                     {100, 2}, {110, 2}, {120, 2}, {130, 2}, {140, 2}}));
+    EXPECT_EQ(wave_->reads(),
+              (Reads{{0, 2}, {10, 2}, {20, 2}, {30, 2}, {40, 2}, {100, 2}, {110, 2}, {120, 2}, {130, 2}, {140, 2}}));
     EXPECT_EQ(elsewhere->reads(), (Reads{{0, 1}, {10, 1}, {20, 1}, {30, 1}, {40, 1}}));
     EXPECT_EQ(qa.callback.deliveries()[1].values, valuesOfFirstTwoSeconds());
     EXPECT_EQ(qb.callback.deliveries()[1].values, qb.callback.deliveries()[0].values);

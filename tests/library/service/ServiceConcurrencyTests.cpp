@@ -431,8 +431,9 @@ TEST_F(ServiceConcurrency, FourClientsAndAnEditorOnTwoTimelines) {
             IDmClip* f = cuts_[t].f;
             const int count = 200 + 7 * i + t;
             const size_t from = clients[i].deliveryCount();
-            EXPECT_EQ(services[i]->queryAudioThumbnailData(f, kFMarkIn, kFMarkIn + kFLength, static_cast<uint32_t>(count)),
-                      0);
+            EXPECT_EQ(
+                services[i]->queryAudioThumbnailData(f, kFMarkIn, kFMarkIn + kFLength, static_cast<uint32_t>(count)),
+                0);
             const std::optional<AudioDelivery> delivery = clients[i].waitForDelivery(f, from);
             ASSERT_TRUE(delivery.has_value()) << "client " << i << " timeline " << t;
             EXPECT_EQ(delivery->begin, kFMarkIn);

@@ -39,8 +39,10 @@ protected:
         tone_ = folder_->file("tone.wav");
         movie_ = folder_->file("movie.mp4");
         ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(tone_, 330, 48000, 3)));
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=64x36:r=25:d=3\" -f lavfi -i \"sine=f=440:r=48000:d=3\" "
-                           "-c:v libx264 -pix_fmt yuv420p -c:a aac '" + movie_ + "'"));
+        ASSERT_TRUE(
+            ffmpeg("-f lavfi -i \"testsrc2=s=64x36:r=25:d=3\" -f lavfi -i \"sine=f=440:r=48000:d=3\" "
+                   "-c:v libx264 -pix_fmt yuv420p -c:a aac '" +
+                   movie_ + "'"));
     }
     static void TearDownTestSuite() { folder_.reset(); }
 
@@ -75,9 +77,8 @@ protected:
         return services_.back().get();
     }
     void release(IBsClipThumbnailService* service) {
-        services_.erase(std::find_if(services_.begin(), services_.end(), [service](const auto& held) {
-            return held.get() == service;
-        }));
+        services_.erase(std::find_if(services_.begin(), services_.end(),
+                                     [service](const auto& held) { return held.get() == service; }));
     }
     static BsClipThumbnailService* concrete(IBsClipThumbnailService* service) {
         return dynamic_cast<BsClipThumbnailService*>(service);
@@ -141,8 +142,10 @@ TEST_F(ServiceEdge, TwoServicesQueryingOneTimelineShareOneImpl) {
     EXPECT_EQ(a_->refCount(), timelineReferences + 1);  // the Impl's one reference
     const auto lines = acquireLines(capture.sink());
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "this " + queryerHex(first) + " acquire service " + hex(impl.get()) + " for timeline " + hex(a_));
-    EXPECT_EQ(lines[1], "this " + queryerHex(second) + " acquire service " + hex(impl.get()) + " for timeline " + hex(a_));
+    EXPECT_EQ(lines[0],
+              "this " + queryerHex(first) + " acquire service " + hex(impl.get()) + " for timeline " + hex(a_));
+    EXPECT_EQ(lines[1],
+              "this " + queryerHex(second) + " acquire service " + hex(impl.get()) + " for timeline " + hex(a_));
 }
 
 TEST_F(ServiceEdge, AcquiringOneTimelineTwiceRegistersTheCallbacksOnceAndLogsOnce) {
@@ -278,12 +281,18 @@ TEST_F(ServiceEdge, AnyOfTheThirteenEventsMakesEveryLiveImplReportEvenForAnother
     const auto impl = concrete(service)->acquire(a_);
     const auto other = concrete(service)->acquire(b_);
     ASSERT_NE(impl, other);
-    const char* keys[] = {timelineEventKey::dataChanged,       timelineEventKey::trackPropertyChanged,
-                          clipEventKey::videoPropertyChanged,  clipEventKey::audioPropertyChanged,
-                          clipEventKey::basePropertyChanged,   clipEventKey::multiCameraPropertyChanged,
-                          clipEventKey::speedChanged,          clipEventKey::effectPropertyChanged,
-                          clipEventKey::timelineClipPropertyChanged, clipEventKey::clipRelink,
-                          undoRedoEventKey::undoEvent,         undoRedoEventKey::redoEvent,
+    const char* keys[] = {timelineEventKey::dataChanged,
+                          timelineEventKey::trackPropertyChanged,
+                          clipEventKey::videoPropertyChanged,
+                          clipEventKey::audioPropertyChanged,
+                          clipEventKey::basePropertyChanged,
+                          clipEventKey::multiCameraPropertyChanged,
+                          clipEventKey::speedChanged,
+                          clipEventKey::effectPropertyChanged,
+                          clipEventKey::timelineClipPropertyChanged,
+                          clipEventKey::clipRelink,
+                          undoRedoEventKey::undoEvent,
+                          undoRedoEventKey::redoEvent,
                           undoRedoEventKey::stackChanged};
     size_t expected = 0;
     for (const char* key : keys) {

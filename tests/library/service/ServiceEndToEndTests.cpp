@@ -118,9 +118,9 @@ std::string documentText(const std::string& music, const std::string& voice, con
         clipItem("D", voice, timeRange(5, 20, 10),
                  R"({"volume_db": -2.5, "ducking": {"enabled": true, "depth": 0.5, "fade": 0, "fade_ratio": 0.5}})") +
         "]}";
-    const std::string picturesTrack = R"({"OTIO_SCHEMA": "Track.1", "name": "Pictures", "kind": "Video", "children": [)" +
-                                      gap(30, 10) + ", " +
-                                      clipItem("V", movie, timeRange(5, 50, 25), R"({"volume_db": -3})") + "]}";
+    const std::string picturesTrack =
+        R"({"OTIO_SCHEMA": "Track.1", "name": "Pictures", "kind": "Video", "children": [)" + gap(30, 10) + ", " +
+        clipItem("V", movie, timeRange(5, 50, 25), R"({"volume_db": -3})") + "]}";
     return R"({"OTIO_SCHEMA": "Timeline.1", "name": "Cut", "tracks": {"OTIO_SCHEMA": "Stack.1", "children": [)" +
            musicTrack + ", " + picturesTrack + "]}}";
 }
@@ -209,7 +209,9 @@ std::vector<std::string> textsOf(const CapturingSink& sink, const std::string& f
 // Waits until the event thread has delivered every event published so far
 // (work posted there runs in order with events): the notices of an edit are
 // all heard once this returns.
-void settle() { ASSERT_EQ(runOnEventThread([] {}), 0); }
+void settle() {
+    ASSERT_EQ(runOnEventThread([] {}), 0);
+}
 
 class ServiceEndToEnd : public ::testing::Test {
 protected:
@@ -442,8 +444,8 @@ TEST_F(ServiceEndToEnd, TwoServicesOfOneTimelineShareOneImplementation) {
         unsigned long long self = 0;
         unsigned long long impl = 0;
         unsigned long long timeline = 0;
-        ASSERT_EQ(std::sscanf(line.c_str(), "this %llx acquire service %llx for timeline %llx", &self, &impl, &timeline),
-                  3)
+        ASSERT_EQ(
+            std::sscanf(line.c_str(), "this %llx acquire service %llx for timeline %llx", &self, &impl, &timeline), 3)
             << line;
         seenThis.insert(self);
         EXPECT_EQ(impl, hexOf(live[0].get())) << line;
@@ -482,9 +484,7 @@ TEST_F(ServiceEndToEnd, EveryClipHasItsAudioThumbnailAndTheVideoClipItsPictures)
 
     // Red, green and blue seconds of the film, at media times.
     std::vector<int64_t> times = {5'000'000, 15'000'000, 21'000'000};
-    const struct {
-        int r, g, b;
-    } colours[] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
+    const struct { int r, g, b; } colours[] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
     VideoThumbnailRequest request;
     request.clip = v_;
     request.width = kPictureWidth;
@@ -717,8 +717,8 @@ TEST_F(ServiceEndToEnd, QueryingAgainWhileTheMediaIsStillDecodedEndsWithItsValue
         // Extracting the media takes milliseconds: the notice is long due by then.
         const size_t zeros = static_cast<size_t>(std::count(delivery->values.begin(), delivery->values.end(), 0.0f));
         ASSERT_TRUE(firstClient_.waitForNotice(f, std::chrono::seconds(20)))
-            << "answered with values the WAV file does not give (" << zeros << " of "
-            << delivery->values.size() << " are 0), and never told to ask again";
+            << "answered with values the WAV file does not give (" << zeros << " of " << delivery->values.size()
+            << " are 0), and never told to ask again";
         const size_t again = firstClient_.audioCount();
         EXPECT_EQ(first_->queryAudioThumbnailData(f, begin, begin + kSecond, 400), 0);
         const std::optional<AudioDelivery> second = firstClient_.waitForAudio(f, again);

@@ -76,9 +76,9 @@ protected:
 };
 
 TEST_F(TimelineChanges, AnswersItsSevenCallbackNames) {
-    for (const char* name : {"IDmTimelineCallback", "IDmClipCallback", "IDmVideoAudioBaseClipCallback",
-                             "IDmAudioClipCallback", "IDmEffectCallback", "IDmTrackCallback",
-                             "IDmAudioTimelineClipCallback"})
+    for (const char* name :
+         {"IDmTimelineCallback", "IDmClipCallback", "IDmVideoAudioBaseClipCallback", "IDmAudioClipCallback",
+          "IDmEffectCallback", "IDmTrackCallback", "IDmAudioTimelineClipCallback"})
         EXPECT_NE(info_->queryInterface(name), nullptr) << name;
     EXPECT_EQ(info_->queryInterface("IDmTimelineCallback"),
               static_cast<void*>(static_cast<IDmTimelineCallback*>(info_.get())));
@@ -118,9 +118,9 @@ TEST_F(TimelineChanges, UnrelatedKeyReportsNothingAtAll) {
 
 TEST_F(TimelineChanges, EachPropertyKeySetsItsBit) {
     const std::pair<const char*, uint32_t> keys[] = {
-        {clipKey::enable, 0x200},           {audioKey::streamId, 0x400},      {audioReversePlayKey::enable, 0x20},
-        {clipKey::timelineEnd, 0x4},        {clipKey::markIn, 0x2},           {audioKey::volume, 0x40},
-        {audioLoudness::enable, 0x8},       {audioLoudness::gain, 0x8},       {clipVolumeKey::volumeGain, 0x800},
+        {clipKey::enable, 0x200},     {audioKey::streamId, 0x400}, {audioReversePlayKey::enable, 0x20},
+        {clipKey::timelineEnd, 0x4},  {clipKey::markIn, 0x2},      {audioKey::volume, 0x40},
+        {audioLoudness::enable, 0x8}, {audioLoudness::gain, 0x8},  {clipVolumeKey::volumeGain, 0x800},
     };
     for (const auto& [key, bits] : keys) {
         info_->onAudioPropertyChanged(c_, key);

@@ -127,31 +127,29 @@ TEST_F(ThumbManagerEdgeTest, WithCachingOffGetFrameReportsOnlyExistingFilesAndQu
 TEST_F(ThumbManagerEdgeTest, AFourthMediaItemPushesOutTheOldestQueuedOne) {
     probe_.holdAll(true);
     std::vector<MediaThumbRequest> requests;
-    for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"})
-        requests.push_back(wholeMedia(name));
+    for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) requests.push_back(wholeMedia(name));
     char out[1024];
     for (size_t i = 0; i < 3; ++i) EXPECT_EQ(requestUntilTaken(manager_, probe_, requests[i], 0.5, out), 1001);
-    EXPECT_EQ(manager_.queued(), (std::vector<std::string>{folder_.file("c.mp4"), folder_.file("b.mp4"),
-                                                           folder_.file("a.mp4")}));
+    EXPECT_EQ(manager_.queued(),
+              (std::vector<std::string>{folder_.file("c.mp4"), folder_.file("b.mp4"), folder_.file("a.mp4")}));
 
     EXPECT_EQ(requestUntilTaken(manager_, probe_, requests[3], 0.5, out), 1001);
-    EXPECT_EQ(manager_.queued(), (std::vector<std::string>{folder_.file("d.mp4"), folder_.file("c.mp4"),
-                                                           folder_.file("b.mp4")}));
+    EXPECT_EQ(manager_.queued(),
+              (std::vector<std::string>{folder_.file("d.mp4"), folder_.file("c.mp4"), folder_.file("b.mp4")}));
 }
 
 TEST_F(ThumbManagerEdgeTest, AskingAgainForAQueuedItemMovesItToTheHeadWithoutASecondTask) {
     probe_.holdAll(true);
     std::vector<MediaThumbRequest> requests;
-    for (const char* name : {"a.mp4", "b.mp4", "c.mp4"})
-        requests.push_back(wholeMedia(name));
+    for (const char* name : {"a.mp4", "b.mp4", "c.mp4"}) requests.push_back(wholeMedia(name));
     char out[1024];
     for (const MediaThumbRequest& request : requests) requestUntilTaken(manager_, probe_, request, 0.5, out);
     const auto before = manager_.impl()->queuedTasks();
     ASSERT_EQ(before.size(), 3u);
 
     EXPECT_EQ(requestUntilTaken(manager_, probe_, requests[0], 0.25, out), 1001);
-    EXPECT_EQ(manager_.queued(), (std::vector<std::string>{folder_.file("a.mp4"), folder_.file("c.mp4"),
-                                                           folder_.file("b.mp4")}));
+    EXPECT_EQ(manager_.queued(),
+              (std::vector<std::string>{folder_.file("a.mp4"), folder_.file("c.mp4"), folder_.file("b.mp4")}));
     const auto after = manager_.impl()->queuedTasks();
     ASSERT_EQ(after.size(), 3u);
     EXPECT_EQ(after[0], before[2]) << "the same task, moved";
@@ -170,11 +168,11 @@ TEST_F(ThumbManagerEdgeTest, PositionZeroMapsToStartIndexOneToEndIndexAndBeyondC
     };
     // A duration of 1000: a start of 200 and an end of 600 are indices 20 and 60.
     const Case cases[] = {
-        {200, 600, 0.0, 20},    {200, 600, 1.0, 60},    {200, 600, 0.5, 40},    {200, 600, 0.999, 59},
-        {200, 600, 1.25, 70},   {200, 600, 4.0, 100},   {200, 600, 1e300, 100}, {200, 600, inf, 100},
-        {200, 600, -0.25, 10},  {200, 600, -2.0, 0},    {200, 600, -1e300, 0},  {200, 600, -inf, 0},
-        {0, 1000, 0.0, 0},      {0, 1000, 1.0, 100},    {0, 1000, 2.0, 100},    {0, 1000, 0.4999, 49},
-        {155, 1000, 0.0, 15},   {155, 1000, 1.0, 100},  {155, 1000, 0.5, 57},
+        {200, 600, 0.0, 20},   {200, 600, 1.0, 60},   {200, 600, 0.5, 40},    {200, 600, 0.999, 59},
+        {200, 600, 1.25, 70},  {200, 600, 4.0, 100},  {200, 600, 1e300, 100}, {200, 600, inf, 100},
+        {200, 600, -0.25, 10}, {200, 600, -2.0, 0},   {200, 600, -1e300, 0},  {200, 600, -inf, 0},
+        {0, 1000, 0.0, 0},     {0, 1000, 1.0, 100},   {0, 1000, 2.0, 100},    {0, 1000, 0.4999, 49},
+        {155, 1000, 0.0, 15},  {155, 1000, 1.0, 100}, {155, 1000, 0.5, 57},
     };
     char out[1024];
     for (const Case& c : cases) {
@@ -363,8 +361,7 @@ TEST_F(ThumbManagerEdgeTest, ClearCacheOfARootAQueuedTaskUsesIsRefusedUntilTheTa
     EXPECT_TRUE(fs::is_directory(root_)) << "only media_thumbnail goes";
 
     const std::vector<CapturedLine> lines = linesOf(capture.sink(), kClearCache);
-    EXPECT_EQ(textsOf(lines),
-              (std::vector<std::string>{"isCaching: true", "isCaching: false", "isCaching: false"}));
+    EXPECT_EQ(textsOf(lines), (std::vector<std::string>{"isCaching: true", "isCaching: false", "isCaching: false"}));
     for (const CapturedLine& line : lines) EXPECT_EQ(line.severity, IBsLogger::Info);
 }
 
@@ -430,8 +427,8 @@ TEST_F(ThumbManagerEdgeTest, FramesOfOneTwoAndThreeAreOrderedByTheSameRule) {
     char out[1024];
     for (int32_t count : {1, 2}) {
         ASSERT_EQ(manager_->setThumbCount(count), 0);
-        const MediaThumbRequest request = makeRequest(folder_.file("media" + std::to_string(count) + ".mp4"), root_,
-                                                      0, kHundredSeconds, kHundredSeconds);
+        const MediaThumbRequest request = makeRequest(folder_.file("media" + std::to_string(count) + ".mp4"), root_, 0,
+                                                      kHundredSeconds, kHundredSeconds);
         requestUntilTaken(manager_, probe_, request, 0.5, out);
         const auto tasks = manager_.impl()->queuedTasks();
         ASSERT_FALSE(tasks.empty());
@@ -636,8 +633,7 @@ TEST_F(ThumbManagerFaultTest, InvalidRequestsAreRefusedAndQueueNothing) {
 
 TEST_F(ThumbManagerFaultTest, AMissingMediaFileCompletesItsTaskWithNoFile) {
     queueSentinel();
-    const MediaThumbRequest request =
-        makeRequest(folder_.file("no-such-file.mp4"), root_, 0, 4 * kSecond, 4 * kSecond);
+    const MediaThumbRequest request = makeRequest(folder_.file("no-such-file.mp4"), root_, 0, 4 * kSecond, 4 * kSecond);
     char out[1024];
     fill(out, "untouched");
     EXPECT_EQ(requestUntilTaken(manager_, probe_, request, 0.5, out), 1001);

@@ -52,7 +52,8 @@ inline std::string hexOf(const Rgb& colour) {
 inline std::vector<Rgb> palette(int count) {
     static const int kLevels[] = {0, 85, 170, 255};
     std::vector<Rgb> colours;
-    for (int k = 0; k < count && k < 64; ++k) colours.push_back({kLevels[(k / 16) % 4], kLevels[(k / 4) % 4], kLevels[k % 4]});
+    for (int k = 0; k < count && k < 64; ++k)
+        colours.push_back({kLevels[(k / 16) % 4], kLevels[(k / 4) % 4], kLevels[k % 4]});
     return colours;
 }
 
@@ -147,7 +148,8 @@ inline Picture readPicture(const std::string& path) {
     unsigned char* buffer = nullptr;
     picture.status = loadPNG(path.c_str(), &buffer, &picture.width, &picture.height);
     if (picture.status == 0 && buffer != nullptr) {
-        picture.rgba.assign(buffer, buffer + static_cast<size_t>(picture.width) * static_cast<size_t>(picture.height) * 4);
+        picture.rgba.assign(buffer,
+                            buffer + static_cast<size_t>(picture.width) * static_cast<size_t>(picture.height) * 4);
     }
     freeImageBuffer(buffer);
     return picture;
@@ -161,7 +163,7 @@ inline void expectColour(const Rgb& actual, const Rgb& expected, const std::stri
 
 // One file announced by the manager.
 struct Notice {
-    MediaThumbRequest request;                 // a copy
+    MediaThumbRequest request;                   // a copy
     const MediaThumbRequest* pointer = nullptr;  // as given
     int32_t index = -1;
     std::string path;

@@ -18,7 +18,9 @@ public:
     ZOR_IMPLEMENT_REFCNT
 
     FakeFrameData(int64_t requested, int32_t pictureWidth, int32_t pictureHeight, unsigned char value)
-        : requested_(requested), width_(pictureWidth), height_(pictureHeight),
+        : requested_(requested),
+          width_(pictureWidth),
+          height_(pictureHeight),
           pixels_(static_cast<size_t>(pictureWidth) * static_cast<size_t>(pictureHeight) * 4) {
         for (size_t i = 0; i < pixels_.size(); i += 4) {
             pixels_[i] = value;

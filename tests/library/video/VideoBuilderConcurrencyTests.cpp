@@ -146,8 +146,7 @@ TEST(VideoBuilderConcurrency, RequestsCancelsAndClearsFromThreeThreadsWhileRepor
             ++i;
             // Mostly requests that are still running; some that ended.
             const bool toLive = !live.empty() && random() % 8 != 0;
-            const ScriptedAppend& append =
-                toLive ? live[random() % live.size()] : appends[random() % appends.size()];
+            const ScriptedAppend& append = toLive ? live[random() % live.size()] : appends[random() % appends.size()];
             const unsigned kind = random() % 20;
             if (kind < 11) {
                 // A frame of the request, or one added since.

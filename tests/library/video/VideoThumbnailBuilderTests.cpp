@@ -92,8 +92,7 @@ protected:
         return clips_.back().get();
     }
 
-    int32_t request(FakeClip* clip, std::vector<int64_t>& frames, uint32_t refresh = 0,
-                    int32_t stream = 0) {
+    int32_t request(FakeClip* clip, std::vector<int64_t>& frames, uint32_t refresh = 0, int32_t stream = 0) {
         VideoThumbnailRequest r;
         r.clip = clip->asClip();
         r.width = kWidth;

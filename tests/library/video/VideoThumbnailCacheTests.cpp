@@ -17,7 +17,6 @@
 namespace ZOR::test {
 namespace {
 
-
 // Counts the allocations of the cache; fails them when told to.
 std::atomic<int> gAllocations{0};
 std::atomic<bool> gFailAllocations{false};

@@ -83,8 +83,8 @@ TEST_F(AudioWaveWrapper, FinishedRequestDeliversValuesOfEveryStepFrame) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].token, token);
     EXPECT_EQ(calls[0].status, 2);
-    EXPECT_EQ(calls[0].count, 9);   // frames 2, 4, 6 x 3 values
-    EXPECT_EQ(calls[0].span, 18);   // (8 - 2) x 3
+    EXPECT_EQ(calls[0].count, 9);  // frames 2, 4, 6 x 3 values
+    EXPECT_EQ(calls[0].span, 18);  // (8 - 2) x 3
     const std::vector<float> expected{2.0f, 2.001f, 2.002f, 4.0f, 4.001f, 4.002f, 6.0f, 6.001f, 6.002f};
     EXPECT_EQ(calls[0].values, expected);
     EXPECT_EQ(clip_->filledFrames(), std::vector<std::vector<int64_t>>({{2, 4, 6}}));

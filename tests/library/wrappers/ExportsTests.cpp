@@ -13,9 +13,9 @@
 namespace {
 
 // The names the library may export: its factories and its property key.
-const std::set<std::string> kAllowed = {
-    "createBsAudioWaveExtractWrapper", "createBsVideoFrameExtractWrapper", "createBsClipThumbnaiService",
-    "createThumbManager", "ZOR::ClipThumbnailKey::enableCalcDucking"};
+const std::set<std::string> kAllowed = {"createBsAudioWaveExtractWrapper", "createBsVideoFrameExtractWrapper",
+                                        "createBsClipThumbnaiService", "createThumbManager",
+                                        "ZOR::ClipThumbnailKey::enableCalcDucking"};
 
 std::set<std::string> definedDynamicSymbols(const std::string& library) {
     const std::string command = "nm -D --defined-only --demangle '" + library + "'";

@@ -20,9 +20,9 @@ class VideoFrameWrapper
 protected:
     int64_t query(IDmClip* clip, std::vector<int64_t> times, uint32_t flags = 0) {
         int64_t token = -1;
-        EXPECT_EQ(wrapper_->queryVideoFrame(clip, 160, 90, times.data(), static_cast<uint32_t>(times.size()), flags,
-                                            &token),
-                  0);
+        EXPECT_EQ(
+            wrapper_->queryVideoFrame(clip, 160, 90, times.data(), static_cast<uint32_t>(times.size()), flags, &token),
+            0);
         return token;
     }
 };
@@ -119,9 +119,8 @@ TEST_F(VideoFrameWrapper, FinishedRequestWhoseClipHasNoVideoFeatureCallsNoCallba
     EXPECT_EQ(lines[1].severity, 6);
     capture.sink().clear();
     task_->deliver(token, 4);  // the entry is gone
-    EXPECT_EQ(capture.sink().texts(),
-              std::vector<std::string>({"status 4 token:" + std::to_string(token),
-                                        "can not find token " + std::to_string(token)}));
+    EXPECT_EQ(capture.sink().texts(), std::vector<std::string>({"status 4 token:" + std::to_string(token),
+                                                                "can not find token " + std::to_string(token)}));
     EXPECT_TRUE(recorder_.calls().empty());
 }
 

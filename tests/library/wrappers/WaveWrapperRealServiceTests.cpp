@@ -85,8 +85,10 @@ TEST_F(WaveWrapperRealService, AFileChangedBeforeDecodingIsQueriedAgainUnderANew
     ASSERT_EQ(wrapper_->pauseQuery(), 0);
     const int64_t token = query(clip, 25);
     // Other audio, longer (so the size changes too).
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"aevalsrc=exprs='0.25*sin(2*PI*1000*t)|0.6*sin(2*PI*150*t)':s=44100:d=1.2\" "
-                       "-c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(
+        ffmpeg("-f lavfi -i \"aevalsrc=exprs='0.25*sin(2*PI*1000*t)|0.6*sin(2*PI*150*t)':s=44100:d=1.2\" "
+               "-c:a pcm_s16le '" +
+               path + "'"));
     ASSERT_EQ(wrapper_->resumeQuery(), 0);
     ASSERT_TRUE(recorder_.waitFor([](const WaveCall& call) { return call.status == 2; }));
 

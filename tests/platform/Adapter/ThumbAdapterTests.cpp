@@ -36,8 +36,8 @@ using Rgb = std::array<int, 3>;
 // The colour of each second of the colour video, in order.
 const std::vector<Rgb>& palette() {
     static const std::vector<Rgb> colours{
-        {255, 0, 0},   {0, 255, 0},   {0, 0, 255},     {255, 255, 0},   {0, 255, 255},
-        {255, 0, 255}, {255, 255, 255}, {0, 0, 0},     {128, 128, 128}, {255, 128, 0},
+        {255, 0, 0},   {0, 255, 0},     {0, 0, 255}, {255, 255, 0},   {0, 255, 255},
+        {255, 0, 255}, {255, 255, 255}, {0, 0, 0},   {128, 128, 128}, {255, 128, 0},
     };
     return colours;
 }
@@ -124,9 +124,10 @@ public:
         // 60 s at 25/1, 640x360, one keyframe and no B-frames: the last
         // picture depends on all 1,500 frames.
         return made(longGroup_, "longgroup.mp4", [&](const std::string& path) {
-            return ffmpeg("-f lavfi -i \"testsrc2=s=640x360:r=25:d=60\" -c:v libx264 -preset ultrafast "
-                          "-pix_fmt yuv420p -x264-params keyint=1500:min-keyint=1500:scenecut=0:bframes=0 '" +
-                          path + "'");
+            return ffmpeg(
+                "-f lavfi -i \"testsrc2=s=640x360:r=25:d=60\" -c:v libx264 -preset ultrafast "
+                "-pix_fmt yuv420p -x264-params keyint=1500:min-keyint=1500:scenecut=0:bframes=0 '" +
+                path + "'");
         });
     }
     const std::string& rotated() {
@@ -134,9 +135,10 @@ public:
         // quarter by its display matrix.
         return made(rotated_, "rotated.mp4", [&](const std::string& path) {
             const std::string plain = folder_.file("halves.mp4");
-            return ffmpeg("-f lavfi -i \"color=c=0xFF0000:s=320x180:r=25:d=1\" -vf "
-                          "\"drawbox=x=0:y=0:w=320:h=90:color=0x0000FF:t=fill\" -c:v libx264 -pix_fmt yuv420p '" +
-                          plain + "'") &&
+            return ffmpeg(
+                       "-f lavfi -i \"color=c=0xFF0000:s=320x180:r=25:d=1\" -vf "
+                       "\"drawbox=x=0:y=0:w=320:h=90:color=0x0000FF:t=fill\" -c:v libx264 -pix_fmt yuv420p '" +
+                       plain + "'") &&
                    ffmpeg("-i '" + plain + "' -c copy -metadata:s:v rotate=90 '" + path + "'");
         });
     }
@@ -150,9 +152,11 @@ public:
         // 160x180 pixels twice as wide as high: a 320x180 picture, left half
         // green and right half blue.
         return made(anamorphic_, "anamorphic.mp4", [&](const std::string& path) {
-            return ffmpeg("-f lavfi -i \"color=c=0x0000FF:s=160x180:r=25:d=1\" -vf "
-                          "\"drawbox=x=0:y=0:w=80:h=180:color=0x00FF00:t=fill,setsar=2/1\" -c:v libx264 "
-                          "-pix_fmt yuv420p '" + path + "'");
+            return ffmpeg(
+                "-f lavfi -i \"color=c=0x0000FF:s=160x180:r=25:d=1\" -vf "
+                "\"drawbox=x=0:y=0:w=80:h=180:color=0x00FF00:t=fill,setsar=2/1\" -c:v libx264 "
+                "-pix_fmt yuv420p '" +
+                path + "'");
         });
     }
     const std::string& sound() {
@@ -163,8 +167,10 @@ public:
     const std::string& soundFirst() {
         // Sound as stream 0, a green video as stream 1.
         return made(soundFirst_, "soundfirst.mp4", [&](const std::string& path) {
-            return ffmpeg("-f lavfi -i \"color=c=0x00FF00:s=64x36:r=25:d=1\" -f lavfi -i \"sine=f=440:r=44100:d=1\" "
-                          "-map 1:a -map 0:v -c:v libx264 -pix_fmt yuv420p -c:a aac '" + path + "'");
+            return ffmpeg(
+                "-f lavfi -i \"color=c=0x00FF00:s=64x36:r=25:d=1\" -f lavfi -i \"sine=f=440:r=44100:d=1\" "
+                "-map 1:a -map 0:v -c:v libx264 -pix_fmt yuv420p -c:a aac '" +
+                path + "'");
         });
     }
     const std::string& text() {
@@ -177,7 +183,6 @@ public:
     std::string folder() const { return folder_.path().string(); }
 
 private:
-
     template <class Make>
     const std::string& made(std::string& path, const std::string& name, Make make) {
         if (path.empty()) {
@@ -448,9 +453,16 @@ std::vector<Picture> plainFrames(IThumbAdapter* adapter, const std::vector<int64
 
 TEST_F(ThumbAdapterTest, PicturesReadAheadAreThoseDecodedInPlace) {
     // Coarse to fine over the numbered video, as a strip is rendered.
-    const std::vector<int64_t> times{0,           99 * kSecond / 10, 49 * kSecond / 10, 74 * kSecond / 10,
-                                     24 * kSecond / 10, 86 * kSecond / 10, 61 * kSecond / 10, 36 * kSecond / 10,
-                                     12 * kSecond / 10, 93 * kSecond / 10};
+    const std::vector<int64_t> times{0,
+                                     99 * kSecond / 10,
+                                     49 * kSecond / 10,
+                                     74 * kSecond / 10,
+                                     24 * kSecond / 10,
+                                     86 * kSecond / 10,
+                                     61 * kSecond / 10,
+                                     36 * kSecond / 10,
+                                     12 * kSecond / 10,
+                                     93 * kSecond / 10};
     ZorRef<IThumbAdapter> plain = openFile(media().numbered(), kNumberedWidth, kNumberedHeight);
     const std::vector<Picture> expected = plainFrames(plain.get(), times);
 
@@ -567,7 +579,8 @@ TEST_F(ThumbAdapterTest, APlannedPictureThatCannotBeDecodedFailsAsInPlace) {
     ASSERT_TRUE(ffmpeg("-i '" + media().colours() + "' -c copy -movflags +faststart '" + front + "'"));
     const std::vector<char> bytes = MediaTest::readBytes(front);
     const std::string cut = media().file("cut-plan.mp4");
-    MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
+    MediaTest::writeText(cut,
+                         std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
     ZorRef<IThumbAdapter> plain = newAdapter();
     ZorRef<IThumbAdapter> ahead = newAdapter();
     for (IThumbAdapter* adapter : {plain.get(), ahead.get()}) {
@@ -596,9 +609,9 @@ TEST_F(ThumbAdapterTest, APlannedPictureThatCannotBeDecodedFailsAsInPlace) {
 
 TEST_F(ThumbAdapterTest, KeyframePicturesShowTheKeyframeAtOrBeforeTheTime) {
     ZorRef<IThumbAdapter> adapter = openFile(media().colours(), 320, 180, ThumbSeekKeyframe);
-    std::vector<int64_t> times{0, 1 * kSecond, 19 * kSecond / 10, 2 * kSecond, 35 * kSecond / 10,
-                               4 * kSecond - 1, 4 * kSecond, 5 * kSecond, 79 * kSecond / 10, 8 * kSecond,
-                               99 * kSecond / 10};
+    std::vector<int64_t> times{
+        0,           1 * kSecond, 19 * kSecond / 10, 2 * kSecond, 35 * kSecond / 10, 4 * kSecond - 1,
+        4 * kSecond, 5 * kSecond, 79 * kSecond / 10, 8 * kSecond, 99 * kSecond / 10};
     for (int64_t t : times) EXPECT_EQ(frame(adapter.get(), t).centreColour(), colourOfKeyframe(t)) << "at " << t;
     for (auto it = times.rbegin(); it != times.rend(); ++it)
         EXPECT_EQ(frame(adapter.get(), *it).centreColour(), colourOfKeyframe(*it)) << "at " << *it;
@@ -792,7 +805,8 @@ TEST_F(ThumbAdapterTest, ACutShortFileGivesWhatItHoldsOrFails) {
     for (const std::string& source : {media().colours(), front}) {
         const std::vector<char> bytes = MediaTest::readBytes(source);
         const std::string cut = media().file("cut.mp4");
-        MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
+        MediaTest::writeText(cut,
+                             std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2)));
         ZorRef<IThumbAdapter> adapter = newAdapter();
         ASSERT_EQ(adapter->setMediaPath(cut.c_str()), kOk);
         ASSERT_EQ(adapter->setOutputSize(32, 18), kOk);
@@ -827,10 +841,9 @@ protected:
         DmTimelineDesc desc;
         desc.name = "thumbs";
         const std::string colours = media().colours();
-        const DmTrackDesc lower =
-            trackDesc(DmTrackVideo, "lower",
-                      {clipDesc(colours, "first", 0, 3 * kSecond, 5 * kSecond, 8 * kSecond),
-                       clipDesc(colours, "second", 6 * kSecond, 8 * kSecond, 0, 2 * kSecond)});
+        const DmTrackDesc lower = trackDesc(DmTrackVideo, "lower",
+                                            {clipDesc(colours, "first", 0, 3 * kSecond, 5 * kSecond, 8 * kSecond),
+                                             clipDesc(colours, "second", 6 * kSecond, 8 * kSecond, 0, 2 * kSecond)});
         const DmTrackDesc sound =
             trackDesc(DmTrackAudio, "sound", {clipDesc(media().sound(), "tone", 0, kSecond, 0, kSecond)});
         DmTrackDesc upper = trackDesc(DmTrackVideo, "upper",

@@ -140,7 +140,8 @@ TEST(FrameDecoder, VariableFrameRateFramesAreShownFromTheirOwnTimes) {
     ZOR::test::TempFolder folder;
     // Frame k at k x 40 ms plus 20 ms for every third frame before it.
     const std::string path =
-        makeClip(folder, "vfr.mkv", "25", 60, 10, "-vf \"settb=1/1000,setpts=N*40+floor(N/3)*20\" -fps_mode vfr -enc_time_base 1/1000");
+        makeClip(folder, "vfr.mkv", "25", 60, 10,
+                 "-vf \"settb=1/1000,setpts=N*40+floor(N/3)*20\" -fps_mode vfr -enc_time_base 1/1000");
     auto time = [](int64_t k) { return (k * 40 + (k / 3) * 20) * 10'000; };
     FrameDecoder decoder(path, -1, nullptr);
     for (int64_t k : {1, 3, 4, 9, 10, 11, 30, 59}) {
@@ -221,7 +222,8 @@ TEST(FrameDecoder, ATruncatedFileFailsWithItsCause) {
     const std::string path = makeClip(folder, "clip.mp4", "25", 100, 25, "-movflags +faststart");
     const std::vector<char> bytes = MediaTest::readBytes(path);
     const std::string cut = folder.file("cut.mp4");
-    MediaTest::writeText(cut, std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 20)));
+    MediaTest::writeText(cut,
+                         std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 20)));
     FrameDecoder decoder(cut, -1, nullptr);
     const AVFrame* frame = nullptr;
     int64_t shown = 0;
@@ -256,8 +258,10 @@ TEST(FrameDecoder, StreamsWithoutPresentationTimesAreTimedByTheOrderOfTheirFrame
     ZOR::test::TempFolder folder;
     const std::string raw = makeClip(folder, "raw.h264", "25", 50, 12, "-bf 2 -f h264");
     const std::string avi = folder.file("packed.avi");
-    MediaTest::ffmpeg("-f lavfi -i \"color=black:size=64x36:rate=25,format=yuv420p,geq=lum='16+8*mod(N\\,28)':cb=128:"
-                      "cr=128\" -frames:v 50 -c:v mpeg4 -bf 2 -q:v 2 \"" + avi + "\"");
+    MediaTest::ffmpeg(
+        "-f lavfi -i \"color=black:size=64x36:rate=25,format=yuv420p,geq=lum='16+8*mod(N\\,28)':cb=128:"
+        "cr=128\" -frames:v 50 -c:v mpeg4 -bf 2 -q:v 2 \"" +
+        avi + "\"");
     for (const std::string& path : {raw, avi}) {
         SCOPED_TRACE(path);
         FrameDecoder decoder(path, -1, nullptr);

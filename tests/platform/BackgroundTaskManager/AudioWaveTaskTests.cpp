@@ -427,9 +427,11 @@ TEST_F(Mp3IndexTest, PiecesByPacketIndexEqualASequentialDecode) {
         {"vbr.mp3", "-i '" + wav + "' -c:a libmp3lame -q:a 2", 44100, 2},
         {"lsf.mp3", "-i '" + wav + "' -ar 22050 -ac 1 -c:a libmp3lame -b:a 24k", 22050, 1},
         {"tagged.mp3",
-         "-i '" + wav + "' -i '" + cover + "' -map 0:a -map 1:v -c:v png -disposition:v attached_pic "
-         "-c:a libmp3lame -b:a 128k -id3v2_version 3 -write_id3v1 1 -metadata title=\"A long title\" "
-         "-metadata artist=Someone -metadata comment=\"" + std::string(2000, 'x') + "\"",
+         "-i '" + wav + "' -i '" + cover +
+             "' -map 0:a -map 1:v -c:v png -disposition:v attached_pic "
+             "-c:a libmp3lame -b:a 128k -id3v2_version 3 -write_id3v1 1 -metadata title=\"A long title\" "
+             "-metadata artist=Someone -metadata comment=\"" +
+             std::string(2000, 'x') + "\"",
          44100, 2},
     };
     for (const Variant& variant : variants) {

@@ -28,8 +28,10 @@ protected:
     void SetUp() override {
         setFrameStoreRoot(folder_.file("store").c_str());
         video_ = folder_.file("video.mp4");
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=3\" -f lavfi -i \"sine=f=440:r=44100:d=3\" "
-                           "-c:v libx264 -pix_fmt yuv420p -g 50 -c:a aac '" + video_ + "'"));
+        ASSERT_TRUE(
+            ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=3\" -f lavfi -i \"sine=f=440:r=44100:d=3\" "
+                   "-c:v libx264 -pix_fmt yuv420p -g 50 -c:a aac '" +
+                   video_ + "'"));
         sound_ = folder_.file("sound.wav");
         ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=48000:d=6\" -ac 2 '" + sound_ + "'"));
     }
@@ -127,10 +129,10 @@ TEST_F(TaskConcurrencyTest, IndexedPiecesAndResubmissionsOfAChangingFileEndOnce)
     struct Resubmitting : TaskRecorder {
         IBsAudioWaveExtractTask* task = nullptr;
         IDmClip* clip = nullptr;
-        std::mutex lock;              // guards the three members below
-        std::set<int64_t> open;       // appended inside a report that has not returned yet
-        std::vector<int64_t> again;   // every request appended inside a report
-        bool early = false;           // a request reported inside the report that appended it
+        std::mutex lock;             // guards the three members below
+        std::set<int64_t> open;      // appended inside a report that has not returned yet
+        std::vector<int64_t> again;  // every request appended inside a report
+        bool early = false;          // a request reported inside the report that appended it
         void onReport(const TaskReport& report) override {
             {
                 std::lock_guard<std::mutex> guard(lock);

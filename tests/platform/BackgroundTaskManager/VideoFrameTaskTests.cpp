@@ -134,8 +134,8 @@ protected:
         return path;
     }
 
-    int64_t append(IDmClip* clip, const std::vector<int64_t>& times, int32_t width, int32_t height,
-                   uint32_t flags = 0, IBsVideoFrameExtractTask* task = nullptr) {
+    int64_t append(IDmClip* clip, const std::vector<int64_t>& times, int32_t width, int32_t height, uint32_t flags = 0,
+                   IBsVideoFrameExtractTask* task = nullptr) {
         int64_t token = -1;
         EXPECT_EQ((task != nullptr ? task : task_.get())
                       ->append(clip, times.data(), static_cast<int32_t>(times.size()), &token, width, height, flags),
@@ -171,16 +171,16 @@ TEST_F(VideoFrameTaskTest, PicturesAreTheFramesAPlayerShowsAtEachTime) {
         Colour colour;
     };
     const std::vector<Expected> expected{
-        {25 * kSecond / 10, 62 * kFrame, Blue},     // 2.5 s: the frame of 2.48 s, second 2
+        {25 * kSecond / 10, 62 * kFrame, Blue},  // 2.5 s: the frame of 2.48 s, second 2
         {0, 0, Red},
         {kSecond / 2, 12 * kFrame, Red},
-        {kSecond - 1, 24 * kFrame, Red},            // just before the first green frame
+        {kSecond - 1, 24 * kFrame, Red},  // just before the first green frame
         {kSecond, 25 * kFrame, Green},
         {2 * kSecond - kFrame / 2, 49 * kFrame, Green},
         {2 * kSecond, 50 * kFrame, Blue},
         {35 * kSecond / 10, 87 * kFrame, Yellow},
-        {-kSecond / 2, 0, Red},                     // before the first frame: the first frame
-        {10 * kSecond, 99 * kFrame, Yellow},        // after the last: the last
+        {-kSecond / 2, 0, Red},               // before the first frame: the first frame
+        {10 * kSecond, 99 * kFrame, Yellow},  // after the last: the last
     };
     std::vector<int64_t> times;
     for (const Expected& e : expected) times.push_back(e.time);
@@ -235,8 +235,10 @@ TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactI
     const std::string path = makeNumbered();
     // What a player shows, every frame decoded one after the other.
     const std::string reference = folder_.file("reference.rgba");
-    ASSERT_TRUE(ffmpeg("-i '" + path + "' -vf \"scale=flags=bicubic+accurate_rnd+full_chroma_int,format=rgba\" "
-                       "-f rawvideo '" + reference + "'"));
+    ASSERT_TRUE(ffmpeg("-i '" + path +
+                       "' -vf \"scale=flags=bicubic+accurate_rnd+full_chroma_int,format=rgba\" "
+                       "-f rawvideo '" +
+                       reference + "'"));
     const std::vector<char> all = MediaTest::readBytes(reference);
     const size_t frameBytes = size_t{kNumberedWidth} * kNumberedHeight * 4;
     ASSERT_EQ(all.size(), frameBytes * kNumberedFrames);
@@ -296,7 +298,8 @@ TEST_F(VideoFrameTaskTest, PicturesAroundFrameBoundariesAcrossKeyframesAreExactI
             << "frame " << n;
         for (int other : {n - 1, n + 1}) {
             if (other < 0 || other >= kNumberedFrames) continue;
-            EXPECT_GT(largestDifference(report.pixels.data(), frames[static_cast<size_t>(other)].data(), frameBytes), 32)
+            EXPECT_GT(largestDifference(report.pixels.data(), frames[static_cast<size_t>(other)].data(), frameBytes),
+                      32)
                 << "frame " << other;
         }
     }
@@ -338,9 +341,10 @@ TEST_F(VideoFrameTaskTest, RotatedVideoComesOutUpright) {
     // counter-clockwise, so upright the blue half is on the left.
     const std::string plain = folder_.file("plain.mp4");
     const std::string rotated = folder_.file("rotated.mp4");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"color=c=0xFF0000:s=64x48:r=25:d=1\" -vf "
-                       "\"drawbox=x=0:y=0:w=64:h=24:color=0x0000FF:t=fill\" -c:v libx264 -pix_fmt yuv420p '" +
-                       plain + "'"));
+    ASSERT_TRUE(
+        ffmpeg("-f lavfi -i \"color=c=0xFF0000:s=64x48:r=25:d=1\" -vf "
+               "\"drawbox=x=0:y=0:w=64:h=24:color=0x0000FF:t=fill\" -c:v libx264 -pix_fmt yuv420p '" +
+               plain + "'"));
     ASSERT_TRUE(ffmpeg("-i '" + plain + "' -c copy -metadata:s:v rotate=90 '" + rotated + "'"));
     // The player's own view of the same file, for reference.
     const std::string reference = folder_.file("reference.rgba");
@@ -566,10 +570,12 @@ TEST_F(VideoFrameTaskTest, BadInputIsRejectedOrFailsAndLeavesNothingInTheStore) 
         EXPECT_EQ(recorder_.waitFinal(append(broken.get(), times, 32, 24)), BsTaskFailed);
         EXPECT_TRUE(logged(name, cause));
     };
-    breakAfterwards("gone.mp4", [](const std::string& p) { std::filesystem::remove(p); }, "No such file");
-    breakAfterwards("cut.mp4", [](const std::string& p) { std::filesystem::resize_file(p, 2000); }, "Invalid data");
-    breakAfterwards("text.mp4", [](const std::string& p) { MediaTest::writeText(p, "now it is text\n"); },
-                    "Invalid data");
+    breakAfterwards(
+        "gone.mp4", [](const std::string& p) { std::filesystem::remove(p); }, "No such file");
+    breakAfterwards(
+        "cut.mp4", [](const std::string& p) { std::filesystem::resize_file(p, 2000); }, "Invalid data");
+    breakAfterwards(
+        "text.mp4", [](const std::string& p) { MediaTest::writeText(p, "now it is text\n"); }, "Invalid data");
     EXPECT_TRUE(MediaTest::filesUnder(store_).empty());
     EXPECT_EQ(task_->pendingCount(), 0);
 }

@@ -83,8 +83,8 @@ public:
 };
 
 TEST(WaveSamples, PeaksAreTheLargestMagnitudesWithNaNLeftOut) {
-    std::vector<float> values{0.1f, -0.7f, 0.3f, std::numeric_limits<float>::quiet_NaN(), 0.2f, 0.65f,
-                              -0.1f, 0.0f,  0.5f, -0.71f};
+    std::vector<float> values{0.1f, -0.7f, 0.3f,  std::numeric_limits<float>::quiet_NaN(), 0.2f, 0.65f, -0.1f,
+                              0.0f, 0.5f,  -0.71f};
     EXPECT_EQ(peakOf(values.data(), 10), 0.71f);  // past the vector width, and the rest
     EXPECT_EQ(peakOf(values.data(), 8), 0.7f);
     EXPECT_EQ(peakOf(values.data(), 3), 0.7f);
@@ -138,8 +138,7 @@ TEST(WaveSamples, TheAccumulatorGivesEachMillisecondsPeakFromPiecesOfAnySize) {
         for (size_t i = 0; at < total; ++i) {
             const int64_t count = std::min(pieces[i % std::size(pieces)], total - at);
             std::vector<std::vector<float>> part(2);
-            for (size_t c = 0; c < 2; ++c)
-                part[c].assign(planes[c].begin() + at, planes[c].begin() + at + count);
+            for (size_t c = 0; c < 2; ++c) part[c].assign(planes[c].begin() + at, planes[c].begin() + at + count);
             const FramePtr frame = fltpFrame(part, static_cast<int>(rate));
             ASSERT_TRUE(samples.load(frame.get()));
             waves.add(at, samples);

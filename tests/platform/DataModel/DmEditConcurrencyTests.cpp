@@ -153,11 +153,11 @@ TEST(DmEditConcurrencyTest, ReadersOnOtherThreadsWhileEditsRun) {
 
     std::atomic<int> events{0};
     std::vector<int32_t> subscriptions;
-    for (const char* key : {timelineEventKey::dataChanged, timelineEventKey::trackPropertyChanged,
-                            clipEventKey::audioPropertyChanged, clipEventKey::basePropertyChanged,
-                            clipEventKey::speedChanged, clipEventKey::effectPropertyChanged,
-                            clipEventKey::timelineClipPropertyChanged, undoRedoEventKey::undoEvent,
-                            undoRedoEventKey::redoEvent, undoRedoEventKey::stackChanged}) {
+    for (const char* key :
+         {timelineEventKey::dataChanged, timelineEventKey::trackPropertyChanged, clipEventKey::audioPropertyChanged,
+          clipEventKey::basePropertyChanged, clipEventKey::speedChanged, clipEventKey::effectPropertyChanged,
+          clipEventKey::timelineClipPropertyChanged, undoRedoEventKey::undoEvent, undoRedoEventKey::redoEvent,
+          undoRedoEventKey::stackChanged}) {
         subscriptions.push_back(defaultEventBus()->subscribe(key, countEvent, &events, 0));
         ASSERT_GE(subscriptions.back(), 0) << key;
     }

@@ -37,12 +37,19 @@ using MediaTest::ffmpeg;
 
 constexpr int64_t kSecond = 10'000'000;  // cns
 
-const char* const kAllEventKeys[] = {
-    "timeline.dataChanged",         "timeline.trackPropertyChanged", "clip.videoPropertyChanged",
-    "clip.audioPropertyChanged",    "clip.basePropertyChanged",      "clip.multiCameraPropertyChanged",
-    "clip.speedChanged",            "clip.effectPropertyChanged",    "clip.timelineClipPropertyChanged",
-    "clip.clipRelink",              "undoRedo.undo",                 "undoRedo.redo",
-    "undoRedo.stackChanged"};
+const char* const kAllEventKeys[] = {"timeline.dataChanged",
+                                     "timeline.trackPropertyChanged",
+                                     "clip.videoPropertyChanged",
+                                     "clip.audioPropertyChanged",
+                                     "clip.basePropertyChanged",
+                                     "clip.multiCameraPropertyChanged",
+                                     "clip.speedChanged",
+                                     "clip.effectPropertyChanged",
+                                     "clip.timelineClipPropertyChanged",
+                                     "clip.clipRelink",
+                                     "undoRedo.undo",
+                                     "undoRedo.redo",
+                                     "undoRedo.stackChanged"};
 
 template <class I>
 I* query(IDmBaseObj* object, const char* name) {
@@ -130,8 +137,12 @@ private:
 };
 
 // The seven callback interfaces of the data model in one base.
-class EveryCallback : public IDmTimelineCallback, public IDmClipCallback, public IDmVideoAudioBaseClipCallback,
-                      public IDmAudioClipCallback, public IDmEffectCallback, public IDmTrackCallback,
+class EveryCallback : public IDmTimelineCallback,
+                      public IDmClipCallback,
+                      public IDmVideoAudioBaseClipCallback,
+                      public IDmAudioClipCallback,
+                      public IDmEffectCallback,
+                      public IDmTrackCallback,
                       public IDmAudioTimelineClipCallback {};
 
 // Answers the seven callback interfaces by name and writes each call down.
@@ -231,8 +242,8 @@ private:
         DmEditEvent event;
         ASSERT_NE(data, nullptr) << key;
         std::memcpy(&event, data, sizeof event);
-        const void* subject = event.clip != nullptr ? static_cast<const void*>(event.clip)
-                                                    : static_cast<const void*>(event.track);
+        const void* subject =
+            event.clip != nullptr ? static_cast<const void*>(event.clip) : static_cast<const void*>(event.track);
         self->journal_->add(std::string("event ") + key + " " + Journal::token(event.timeline) + " " +
                             Journal::token(subject) + " " + (event.key != nullptr ? event.key : "-"));
     }
@@ -272,8 +283,8 @@ protected:
         DmTimelineDesc desc;
         desc.name = "edited";
         desc.tracks.push_back(trackDesc(DmTrackVideo, "V1",
-                                      {clipDesc(movie_, "scene", 0, kSecond, 0, kSecond),
-                                       clipDesc(silent_, "picture", kSecond, 2 * kSecond, 0, kSecond)}));
+                                        {clipDesc(movie_, "scene", 0, kSecond, 0, kSecond),
+                                         clipDesc(silent_, "picture", kSecond, 2 * kSecond, 0, kSecond)}));
         desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 0, kSecond, 0, kSecond)}));
         desc.tracks.push_back(trackDesc(DmTrackAudio, "A2", {}));
         std::string error;
@@ -375,7 +386,8 @@ TEST(DmEditEventKeysTest, KeysHaveTheirTextsAndAreRegisteredWhenTheLibraryIsLoad
     EXPECT_STREQ(undoRedoEventKey::redoEvent, "undoRedo.redo");
     EXPECT_STREQ(undoRedoEventKey::stackChanged, "undoRedo.stackChanged");
     for (const char* key : kAllEventKeys) {
-        const int32_t id = defaultEventBus()->subscribe(key, [](const char*, const void*, void*) {}, nullptr, 0);
+        const int32_t id = defaultEventBus()->subscribe(
+            key, [](const char*, const void*, void*) {}, nullptr, 0);
         EXPECT_GE(id, 0) << key;
         EXPECT_EQ(defaultEventBus()->unsubscribe(id), 0) << key;
     }
@@ -387,7 +399,7 @@ TEST_F(DmEditTest, SoundPropertiesOfAVideoClipAreItsLinkedClips) {
         ZorProperty value;
     };
     const Case cases[] = {
-        {audioKey::volume, doubleProperty(-6.5)},        {audioKey::mute, boolProperty(true)},
+        {audioKey::volume, doubleProperty(-6.5)},         {audioKey::mute, boolProperty(true)},
         {clipVolumeKey::volumeGain, doubleProperty(3.0)}, {audioLoudness::enable, boolProperty(true)},
         {audioLoudness::gain, doubleProperty(0.5)},       {audioReversePlayKey::enable, boolProperty(true)},
     };
@@ -409,9 +421,9 @@ TEST_F(DmEditTest, SoundPropertiesOfAVideoClipAreItsLinkedClips) {
     }
     // A clip on an audio track carries its own; a number may come as Int.
     ASSERT_EQ(setClipProperty(music_, audioKey::volume, intProperty(-3)), 0);
-    EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
-                              "onTimelineClipPropertyChanged music audio.volume",
-                              "event clip.audioPropertyChanged timeline music audio.volume"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onAudioPropertyChanged music audio.volume", "onTimelineClipPropertyChanged music audio.volume",
+                     "event clip.audioPropertyChanged timeline music audio.volume"}));
     EXPECT_EQ(propertyOf(music_, audioKey::volume).kind, ZorProperty::Double);
     EXPECT_EQ(propertyOf(music_, audioKey::volume).doubleValue, -3.0);
     // Given the linked clip itself: the same.
@@ -467,10 +479,10 @@ TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
     EXPECT_EQ(audio->audioStreamIndex(), 1);
 
     ASSERT_EQ(undoTimelineEdit(timeline.get()), 0);
-    EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged dual audio.streamId",
-                              "onTimelineClipPropertyChanged dual audio.streamId", "onAudioStreamReplaced dual",
-                              "event undoRedo.undo dual timeline dual audio.streamId",
-                              "event undoRedo.stackChanged dual timeline - -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onAudioPropertyChanged dual audio.streamId", "onTimelineClipPropertyChanged dual audio.streamId",
+                     "onAudioStreamReplaced dual", "event undoRedo.undo dual timeline dual audio.streamId",
+                     "event undoRedo.stackChanged dual timeline - -"}));
     EXPECT_EQ(audio->audioStreamIndex(), 0);
     EXPECT_EQ(audio->channelCount(), 1);
     EXPECT_EQ(propertyOf(dual, audioKey::streamId).intValue, 0);
@@ -479,18 +491,18 @@ TEST_F(DmEditTest, StreamIdReplacesTheStreamTheClipReads) {
 
 TEST_F(DmEditTest, EnableNotifiesTheClipThenItsLinkedClip) {
     ASSERT_EQ(setClipProperty(scene_, clipKey::enable, boolProperty(false)), 0);
-    EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged scene clip.enable",
-                              "onClipPropertyChanged scene clip.enable",
-                              "onTimelineClipPropertyChanged scene.sound clip.enable",
-                              "onClipPropertyChanged scene.sound clip.enable",
-                              "event clip.basePropertyChanged timeline scene clip.enable"}));
+    EXPECT_EQ(
+        heard(),
+        (Lines{"onTimelineClipPropertyChanged scene clip.enable", "onClipPropertyChanged scene clip.enable",
+               "onTimelineClipPropertyChanged scene.sound clip.enable", "onClipPropertyChanged scene.sound clip.enable",
+               "event clip.basePropertyChanged timeline scene clip.enable"}));
     EXPECT_FALSE(propertyOf(scene_, clipKey::enable).boolValue());
     EXPECT_FALSE(propertyOf(sceneSound_, clipKey::enable).boolValue());
 
     ASSERT_EQ(setClipProperty(music_, clipKey::enable, intProperty(0)), 0);
-    EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged music clip.enable",
-                              "onClipPropertyChanged music clip.enable",
-                              "event clip.basePropertyChanged timeline music clip.enable"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onTimelineClipPropertyChanged music clip.enable", "onClipPropertyChanged music clip.enable",
+                     "event clip.basePropertyChanged timeline music clip.enable"}));
     EXPECT_EQ(propertyOf(music_, clipKey::enable).kind, ZorProperty::Bool);
 }
 
@@ -499,12 +511,12 @@ TEST_F(DmEditTest, TrackPropertiesNotifyTheTrack) {
     ASSERT_EQ(setTrackProperty(a1, trackKey::mute, true), 0);
     ASSERT_EQ(setTrackProperty(timeline_->track(0), trackKey::visible, false), 0);
     ASSERT_EQ(setTrackProperty(a1, trackKey::solo, true), 0);
-    EXPECT_EQ(heard(), (Lines{"onTrackPropertyChanged A1 track.mute",
-                              "event timeline.trackPropertyChanged timeline A1 track.mute",
-                              "onTrackPropertyChanged V1 track.visible",
-                              "event timeline.trackPropertyChanged timeline V1 track.visible",
-                              "onTrackPropertyChanged A1 track.solo",
-                              "event timeline.trackPropertyChanged timeline A1 track.solo"}));
+    EXPECT_EQ(
+        heard(),
+        (Lines{"onTrackPropertyChanged A1 track.mute", "event timeline.trackPropertyChanged timeline A1 track.mute",
+               "onTrackPropertyChanged V1 track.visible",
+               "event timeline.trackPropertyChanged timeline V1 track.visible", "onTrackPropertyChanged A1 track.solo",
+               "event timeline.trackPropertyChanged timeline A1 track.solo"}));
     EXPECT_TRUE(trackFlag(a1, trackKey::mute));
     EXPECT_FALSE(trackFlag(timeline_->track(0), trackKey::visible));
     EXPECT_TRUE(trackFlag(a1, trackKey::solo));
@@ -547,12 +559,12 @@ TEST_F(DmEditTest, VolumeKeyframesAddChangeAndRemoveTheEffect) {
     // Undo puts the same effect back.
     ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(sceneSound_->effect(DmEffectVolume), volume);
-    EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/volume@scene.sound",
-                              "event undoRedo.undo timeline scene.sound -",
-                              "event undoRedo.stackChanged timeline - -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onEffectAdded audio/effect/volume@scene.sound", "event undoRedo.undo timeline scene.sound -",
+                     "event undoRedo.stackChanged timeline - -"}));
 
     EXPECT_EQ(setClipVolumeKeyframes(scene_, {{kSecond, 0.0}, {0, 1.0}}), 1001);  // times go back
-    EXPECT_EQ(setClipVolumeKeyframes(picture_, {{0, 0.0}}), 1001);              // no sound
+    EXPECT_EQ(setClipVolumeKeyframes(picture_, {{0, 0.0}}), 1001);                // no sound
     EXPECT_EQ(heard(), Lines{});
 }
 
@@ -571,8 +583,8 @@ TEST_F(DmEditTest, DuckingIsAddedChangedAndRemoved) {
     EXPECT_EQ(effect->value(0), 0.5f);
     EXPECT_EQ(effect->value(1), 1.25f);
     EXPECT_EQ(effect->value(2), 0.25f);
-    EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/ducking@music",
-                              "event clip.effectPropertyChanged timeline music -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onEffectAdded audio/effect/ducking@music", "event clip.effectPropertyChanged timeline music -"}));
 
     ducking.enabled = false;
     ducking.depth = 0.75;
@@ -595,9 +607,8 @@ TEST_F(DmEditTest, DuckingIsAddedChangedAndRemoved) {
     EXPECT_TRUE(effect->isEnabled());
     EXPECT_EQ(effect->value(0), 0.5f);
     EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/ducking@music", "event undoRedo.undo timeline music -",
-                              "event undoRedo.stackChanged timeline - -",
-                              "onEffectChanged audio/effect/ducking@music", "event undoRedo.undo timeline music -",
-                              "event undoRedo.stackChanged timeline - -"}));
+                              "event undoRedo.stackChanged timeline - -", "onEffectChanged audio/effect/ducking@music",
+                              "event undoRedo.undo timeline music -", "event undoRedo.stackChanged timeline - -"}));
 
     ducking.depth = 1.5;
     EXPECT_EQ(setClipDucking(music_, ducking), 1001);
@@ -630,11 +641,11 @@ TEST_F(DmEditTest, ReverseAddsItsEffectAndSetsItsProperty) {
     // Undone: the same notifications as the edit that puts the effect back.
     ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(sceneSound_->effect(DmEffectReversePlay), reverse);
-    EXPECT_EQ(heard(), (Lines{"onEffectAdded audio/effect/reverse@scene.sound",
-                              "onAudioPropertyChanged scene.sound audioReversePlay.enable",
-                              "onTimelineClipPropertyChanged scene.sound audioReversePlay.enable",
-                              "event undoRedo.undo timeline scene.sound -",
-                              "event undoRedo.stackChanged timeline - -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onEffectAdded audio/effect/reverse@scene.sound",
+                     "onAudioPropertyChanged scene.sound audioReversePlay.enable",
+                     "onTimelineClipPropertyChanged scene.sound audioReversePlay.enable",
+                     "event undoRedo.undo timeline scene.sound -", "event undoRedo.stackChanged timeline - -"}));
 }
 
 TEST_F(DmEditTest, TheAudioEffectsFeatureIsTheSoundClipsCallbackSource) {
@@ -686,12 +697,12 @@ TEST_F(DmEditTest, SpeedPartsNotifyTheClipThenItsLinkedClip) {
 
 TEST_F(DmEditTest, MoveKeepsTheDurationAndTellsTheTimeline) {
     ASSERT_EQ(moveClip(sceneSound_, 3 * kSecond), 0);  // the linked clip moves its video clip
-    EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged scene clip.timelineBegin",
-                              "onTimelineClipPropertyChanged scene clip.timelineEnd",
-                              "onTimelineClipPropertyChanged scene.sound clip.timelineBegin",
-                              "onTimelineClipPropertyChanged scene.sound clip.timelineEnd",
-                              "onClipMoved timeline scene",
-                              "event clip.timelineClipPropertyChanged timeline scene -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onTimelineClipPropertyChanged scene clip.timelineBegin",
+                     "onTimelineClipPropertyChanged scene clip.timelineEnd",
+                     "onTimelineClipPropertyChanged scene.sound clip.timelineBegin",
+                     "onTimelineClipPropertyChanged scene.sound clip.timelineEnd", "onClipMoved timeline scene",
+                     "event clip.timelineClipPropertyChanged timeline scene -"}));
     for (IDmClip* clip : {scene_, sceneSound_}) {
         EXPECT_EQ(beginTimeOfClip(clip), 3 * kSecond);
         EXPECT_EQ(endTimeOfClip(clip), 4 * kSecond);
@@ -799,26 +810,23 @@ TEST_F(DmEditTest, UndoAndRedoRestoreValuesAndTheSameClips) {
 
     ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
     EXPECT_EQ(heard(), (Lines{"onTimelineClipPropertyChanged music clip.timelineBegin",
-                              "onTimelineClipPropertyChanged music clip.timelineEnd",
-                              "onClipMoved timeline music", "event undoRedo.undo timeline music -",
-                              "event undoRedo.stackChanged timeline - -"}));
+                              "onTimelineClipPropertyChanged music clip.timelineEnd", "onClipMoved timeline music",
+                              "event undoRedo.undo timeline music -", "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(beginTimeOfClip(music_), 0);
 
     ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);
-    EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
-                              "onTimelineClipPropertyChanged music audio.volume",
-                              "event undoRedo.undo timeline music audio.volume",
-                              "event undoRedo.stackChanged timeline - -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onAudioPropertyChanged music audio.volume", "onTimelineClipPropertyChanged music audio.volume",
+                     "event undoRedo.undo timeline music audio.volume", "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(propertyOf(music_, audioKey::volume).doubleValue, 0.0);
     EXPECT_EQ(undoTimelineEdit(timeline_.get()), 1002);
     EXPECT_EQ(undoableEditCount(timeline_.get()), 0);
     EXPECT_EQ(redoableEditCount(timeline_.get()), 3);
 
     ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
-    EXPECT_EQ(heard(), (Lines{"onAudioPropertyChanged music audio.volume",
-                              "onTimelineClipPropertyChanged music audio.volume",
-                              "event undoRedo.redo timeline music audio.volume",
-                              "event undoRedo.stackChanged timeline - -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onAudioPropertyChanged music audio.volume", "onTimelineClipPropertyChanged music audio.volume",
+                     "event undoRedo.redo timeline music audio.volume", "event undoRedo.stackChanged timeline - -"}));
     EXPECT_EQ(propertyOf(music_, audioKey::volume).doubleValue, -9.0);
     ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
     ASSERT_EQ(redoTimelineEdit(timeline_.get()), 0);
@@ -974,9 +982,9 @@ TEST_F(DmEditTest, AListenerMayEditWhileBeingNotified) {
     EXPECT_TRUE(editor->onEventThreadWhenNotified);
     EXPECT_EQ(propertyOf(added, audioKey::volume).doubleValue, -20.0);
     // The events in the order the edits ended.
-    EXPECT_EQ(heard(), (Lines{"onClipAdded timeline added",
-                              "event clip.audioPropertyChanged timeline added audio.volume",
-                              "event timeline.dataChanged timeline added -"}));
+    EXPECT_EQ(heard(),
+              (Lines{"onClipAdded timeline added", "event clip.audioPropertyChanged timeline added audio.volume",
+                     "event timeline.dataChanged timeline added -"}));
     EXPECT_EQ(undoableEditCount(timeline_.get()), 2);
     ASSERT_EQ(undoTimelineEdit(timeline_.get()), 0);  // the volume first
     EXPECT_EQ(propertyOf(added, audioKey::volume).doubleValue, 0.0);

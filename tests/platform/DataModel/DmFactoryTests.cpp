@@ -46,8 +46,10 @@ protected:
         wide_ = folder_->file("wide.mp4");
         rotated_ = folder_->file("rotated.mp4");
         tone_ = folder_->file("tone.wav");
-        ASSERT_TRUE(ffmpeg("-f lavfi -i \"testsrc2=s=160x90:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" "
-                           "-c:v libx264 -pix_fmt yuv420p -c:a aac -map 1:a -map 0:v '" + wide_ + "'"));
+        ASSERT_TRUE(
+            ffmpeg("-f lavfi -i \"testsrc2=s=160x90:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" "
+                   "-c:v libx264 -pix_fmt yuv420p -c:a aac -map 1:a -map 0:v '" +
+                   wide_ + "'"));
         ASSERT_TRUE(ffmpeg("-i '" + wide_ + "' -c copy -map 0 -metadata:s:v rotate=90 '" + rotated_ + "'"));
         ASSERT_TRUE(ffmpeg(MediaTest::toneArguments(tone_, 440, 48000, 1)));
     }

@@ -111,7 +111,8 @@ TEST_F(DmFrameStoreTest, ScanRemovesTheTemporariesOfWritersThatEnded) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     const std::string ended = frameStoreFileName(0, 8, 6, 400'000, 400'000) + ".tmp-" + std::to_string(child) + "-3";
-    const std::string alive = frameStoreFileName(0, 8, 6, 800'000, 800'000) + ".tmp-" + std::to_string(::getpid()) + "-3";
+    const std::string alive =
+        frameStoreFileName(0, 8, 6, 800'000, 800'000) + ".tmp-" + std::to_string(::getpid()) + "-3";
     MediaTest::writeText(folder + "/" + ended, "partial");
     MediaTest::writeText(folder + "/" + alive, "being written");
     const std::vector<DmStoredFrame> frames = frameStoreScan(folder, 0, 8, 6);

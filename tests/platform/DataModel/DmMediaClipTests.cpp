@@ -41,8 +41,10 @@ protected:
     // 64x48 video at 25/1 with a stereo sine track, both 2 s.
     std::string makeVideo(const std::string& name, const std::string& extra = "") {
         const std::string path = folder_.file(name);
-        ffmpeg("-f lavfi -i \"testsrc2=s=64x48:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" -ac 2 "
-               "-c:v libx264 -pix_fmt yuv420p -c:a aac " + extra + " '" + path + "'");
+        ffmpeg(
+            "-f lavfi -i \"testsrc2=s=64x48:r=25:d=2\" -f lavfi -i \"sine=f=440:r=48000:d=2\" -ac 2 "
+            "-c:v libx264 -pix_fmt yuv420p -c:a aac " +
+            extra + " '" + path + "'");
         return path;
     }
 
@@ -134,8 +136,10 @@ TEST_F(DmMediaClipTest, RotatedVideoReportsUprightSize) {
 
 TEST_F(DmMediaClipTest, ExplicitStreamIndexesSelectThoseStreams) {
     const std::string path = folder_.file("two.mkv");
-    ASSERT_TRUE(ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -f lavfi -i \"sine=f=880:r=22050:d=1\" "
-                       "-map 0 -map 1 -c:a pcm_s16le '" + path + "'"));
+    ASSERT_TRUE(
+        ffmpeg("-f lavfi -i \"sine=f=440:r=44100:d=1\" -f lavfi -i \"sine=f=880:r=22050:d=1\" "
+               "-map 0 -map 1 -c:a pcm_s16le '" +
+               path + "'"));
     auto best = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
     auto second = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), 1, -1, nullptr));
     auto* bestAudio = query<IDmAudioFeature>(best.get(), "IDmAudioFeature");

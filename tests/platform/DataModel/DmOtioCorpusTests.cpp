@@ -119,8 +119,8 @@ std::string stack(const Item& item, const std::vector<std::string>& children) {
 
 std::string timeline(const std::string& name, const std::vector<std::string>& tracks,
                      const std::string& metadata = "{}", const std::string& schema = "Timeline.1") {
-    return R"({"OTIO_SCHEMA": ")" + schema + R"(", "name": )" + nlohmann::json(name).dump() +
-           R"(, "metadata": )" + metadata + R"(, "global_start_time": )" + rt(86400, 24) +
+    return R"({"OTIO_SCHEMA": ")" + schema + R"(", "name": )" + nlohmann::json(name).dump() + R"(, "metadata": )" +
+           metadata + R"(, "global_start_time": )" + rt(86400, 24) +
            R"(, "tracks": {"OTIO_SCHEMA": "Stack.1", "name": "tracks", "metadata": {}, "source_range": null,
            "effects": [], "markers": [], "enabled": true, "children": [)" +
            join(tracks) + "]}}";
@@ -132,8 +132,8 @@ std::string external(const std::string& url, const std::string& availableRange =
 }
 
 std::string missing(const std::string& availableRange = "null") {
-    return R"({"OTIO_SCHEMA": "MissingReference.1", "name": "", "metadata": {}, "available_range": )" +
-           availableRange + R"(, "available_image_bounds": null})";
+    return R"({"OTIO_SCHEMA": "MissingReference.1", "name": "", "metadata": {}, "available_range": )" + availableRange +
+           R"(, "available_image_bounds": null})";
 }
 
 std::string generator(const std::string& availableRange) {
@@ -172,8 +172,8 @@ std::string marker2(const std::string& range) {
 }
 
 std::string marker1(const std::string& range) {
-    return R"({"OTIO_SCHEMA": "Marker.1", "name": "old", "metadata": {}, "color": "GREEN", "marked_range": )" +
-           range + "}";
+    return R"({"OTIO_SCHEMA": "Marker.1", "name": "old", "metadata": {}, "color": "GREEN", "marked_range": )" + range +
+           "}";
 }
 
 // "miravel" metadata.
@@ -327,8 +327,7 @@ std::string everySchemaDocument() {
     const std::string picture = track(
         Item{"Picture"}, "Video",
         {gap(tr(0, 12, kNtscFilm)),
-         clip1(interview, external("file:///media/interview%20take%202.mov", tr(86400, 2400, 24))),
-         transition(6, 24),
+         clip1(interview, external("file:///media/interview%20take%202.mov", tr(86400, 2400, 24))), transition(6, 24),
          clip2(graded,
                R"({"DEFAULT_MEDIA": )" + external("graded.mov", tr(0, 500, 25)) + R"(, "proxy": )" +
                    external("proxies/graded.mp4", tr(10, 490, 25)) + "}",
@@ -343,11 +342,10 @@ std::string everySchemaDocument() {
     tone.effects = {timeWarp(2.0), timeWarp(0.75)};
     Item idle{"Idle warp", tr(0, 25, 25)};
     idle.effects = {timeWarp(4.0, false)};
-    const std::string dialogue =
-        track(Item{"Dialogue"}, "Audio",
-              {gap(tr(0, 24000, 48000), "Filler.1"), clip1(line, external("dialogue.wav")),
-               clip1(tone, external("/srv/tone.wav")), clip1(idle, external("/srv/tone.wav"))},
-              "Sequence.1");
+    const std::string dialogue = track(Item{"Dialogue"}, "Audio",
+                                       {gap(tr(0, 24000, 48000), "Filler.1"), clip1(line, external("dialogue.wav")),
+                                        clip1(tone, external("/srv/tone.wav")), clip1(idle, external("/srv/tone.wav"))},
+                                       "Sequence.1");
 
     return timeline("Corpus", {picture, dialogue}, R"({"vendor": {"start": -Infinity, "rates": [NaN, Inf]}})");
 }
@@ -401,9 +399,9 @@ TEST(DmOtioCorpus, EverySchemaOfATimelineIsReadAndItsClipsLandWhereTheirDuration
                              cnsOf(48000, 48000) + cnsOf(96000, 48000), 1.0, true, folder.file("dialogue.wav")});
     at += cnsOf(96000, 48000);
     // Two time warps multiply: 2 x 0.75.
-    expectClip(dialogue[1], {"Tone", at, at + cnsOf(50, 25), cnsOf(50, 25),
-                             cnsOf(50, 25) + std::llround(static_cast<double>(cnsOf(50, 25)) * 1.5), 1.5, false,
-                             "/srv/tone.wav"});
+    expectClip(dialogue[1],
+               {"Tone", at, at + cnsOf(50, 25), cnsOf(50, 25),
+                cnsOf(50, 25) + std::llround(static_cast<double>(cnsOf(50, 25)) * 1.5), 1.5, false, "/srv/tone.wav"});
     at += cnsOf(50, 25);
     // A time warp that is not enabled is omitted.
     expectClip(dialogue[2], {"Idle warp", at, at + cnsOf(25, 25), 0, cnsOf(25, 25), 1.0, false, "/srv/tone.wav"});
@@ -414,15 +412,16 @@ TEST(DmOtioCorpus, EverySchemaOfATimelineIsReadAndItsClipsLandWhereTheirDuration
 TEST(DmOtioCorpus, Clip2WithoutAnActiveKeyUsesItsDefaultMedia) {
     TempFolder folder;
     const std::string clip = R"({"OTIO_SCHEMA": "Clip.2", "name": "Default", "metadata": {},
-        "source_range": )" + tr(0, 25, 25) + R"(, "effects": [], "markers": [], "enabled": true,
-        "media_references": {"proxy": )" + external("proxy.mov") +
-                             R"(, "DEFAULT_MEDIA": )" + external("/full/default.mov", tr(-25, 100, 25)) + "}}";
+        "source_range": )" + tr(0, 25, 25) +
+                             R"(, "effects": [], "markers": [], "enabled": true,
+        "media_references": {"proxy": )" +
+                             external("proxy.mov") + R"(, "DEFAULT_MEDIA": )" +
+                             external("/full/default.mov", tr(-25, 100, 25)) + "}}";
     const DmTimelineDesc desc = readOf(folder, timeline("Keys", {track(Item{"V"}, "Video", {clip})}));
     ASSERT_EQ(desc.tracks.size(), 1u);
     ASSERT_EQ(desc.tracks[0].clips.size(), 1u);
-    expectClip(desc.tracks[0].clips[0],
-               {"Default", 0, cnsOf(25, 25), cnsOf(25, 25), cnsOf(25, 25) + cnsOf(25, 25), 1.0, false,
-                "/full/default.mov"});
+    expectClip(desc.tracks[0].clips[0], {"Default", 0, cnsOf(25, 25), cnsOf(25, 25), cnsOf(25, 25) + cnsOf(25, 25), 1.0,
+                                         false, "/full/default.mov"});
 }
 
 // ---------------------------------------------------------------------------
@@ -456,14 +455,13 @@ std::string nestedDocument() {
     still.effects = {freezeFrame()};
 
     const std::string inner =
-        stack(Item{"Inner", tr(12, 75, 25)},
-              {track(Item{"Under"}, "Video", {clip1(low, external("/media/low.mov"))}),
-               track(Item{"Over"}, "Video",
-                     {gap(tr(0, 6, 25)), clip1(parts, external("/media/parts.mov")), gap(tr(0, 6, 25)),
-                      clip1(still, external("/media/still.mov"))})});
-    const std::string outer = stack(Item{"Outer", tr(25, 112, 25)},
-                                    {track(Item{"Bed"}, "Video", {clip1(base, external("/media/base.mov"))}),
-                                     track(Item{"Cutaways"}, "Video", {gap(tr(0, 50, 25)), inner})});
+        stack(Item{"Inner", tr(12, 75, 25)}, {track(Item{"Under"}, "Video", {clip1(low, external("/media/low.mov"))}),
+                                              track(Item{"Over"}, "Video",
+                                                    {gap(tr(0, 6, 25)), clip1(parts, external("/media/parts.mov")),
+                                                     gap(tr(0, 6, 25)), clip1(still, external("/media/still.mov"))})});
+    const std::string outer =
+        stack(Item{"Outer", tr(25, 112, 25)}, {track(Item{"Bed"}, "Video", {clip1(base, external("/media/base.mov"))}),
+                                               track(Item{"Cutaways"}, "Video", {gap(tr(0, 50, 25)), inner})});
     return timeline("Nested", {track(Item{"V"}, "Video",
                                      {clip1(Item{"Before", tr(0, 25, 25)}, external("/media/before.mov")), outer,
                                       clip1(Item{"After", tr(0, 25, 25)}, external("/media/after.mov"))})});
@@ -485,8 +483,8 @@ TEST(DmOtioCorpus, StacksNestedTwoLevelsDeepAreFlattenedAndCutAtBothEdgesOfEachW
     // (1 s) cut off moved its media 2 s on; 1 s left uses 2 s.
     const int64_t baseIn = cnsOf(250, 25);
     const DmClipDesc& base1 = clips[1];
-    expectClip(base1, {"Base", 25 * frame, 50 * frame, baseIn + 2 * 25 * frame, baseIn + 2 * 25 * frame + 2 * 25 * frame,
-                       2.0, false, "/media/base.mov"});
+    expectClip(base1, {"Base", 25 * frame, 50 * frame, baseIn + 2 * 25 * frame,
+                       baseIn + 2 * 25 * frame + 2 * 25 * frame, 2.0, false, "/media/base.mov"});
     // Clip time moved by (new mark in - old mark in) - cut = 2 s - 1 s.
     ASSERT_EQ(base1.volumeKeyframes.size(), 3u);
     EXPECT_EQ(base1.volumeKeyframes[0].time, baseIn + 25 * frame);
@@ -502,8 +500,8 @@ TEST(DmOtioCorpus, StacksNestedTwoLevelsDeepAreFlattenedAndCutAtBothEdgesOfEachW
     const int64_t partsMoved = cnsOf(0.08, 1);
     const int64_t partsNewIn = partsIn + partsMoved;
     const DmClipDesc& parts = clips[2];
-    expectClip(parts, {"Parts", 50 * frame, 82 * frame, partsNewIn, partsNewIn + 32 * frame, 1.0, false,
-                       "/media/parts.mov"});
+    expectClip(parts,
+               {"Parts", 50 * frame, 82 * frame, partsNewIn, partsNewIn + 32 * frame, 1.0, false, "/media/parts.mov"});
     const int64_t partsShift = partsMoved - partsCut;
     ASSERT_EQ(parts.speedParts.size(), 2u);
     // The frozen part [0.08, 0.4) s keeps what is left after the cut.
@@ -558,7 +556,8 @@ TEST(DmOtioCorpus, FlattenedClipsPlayAtEveryInstantWhatTheyPlayedBeforeTheCut) {
         {"backwards faster", timeWarp(-1.5), ""},
         {"frozen", freezeFrame(), ""},
         {"frozen backwards", freezeFrame(), R"({"reverse": true})"},
-        {"parts", "", R"({"speed_parts": [{"begin": 0.2, "end": 0.6, "speed": 0}, {"begin": 0.8, "end": 1.6, "speed": 0.5},
+        {"parts", "",
+         R"({"speed_parts": [{"begin": 0.2, "end": 0.6, "speed": 0}, {"begin": 0.8, "end": 1.6, "speed": 0.5},
                           {"begin": 1.8, "end": 2.2, "speed": 3}]})"},
         // No part left after the cut: still timed by parts, at speed 1, not 1.5.
         {"parts elsewhere", timeWarp(1.5),
@@ -577,9 +576,8 @@ TEST(DmOtioCorpus, FlattenedClipsPlayAtEveryInstantWhatTheyPlayedBeforeTheCut) {
 
         const DmTimelineDesc cut =
             readOf(folder, timeline("Cut", {track(Item{"V"}, "Video",
-                                                   {gap(tr(0, 10, 25)),
-                                                    track(Item{"Nest", tr(60, 40, 25)}, "Video",
-                                                          {gap(tr(0, 50, 25)), clipText})})}));
+                                                  {gap(tr(0, 10, 25)), track(Item{"Nest", tr(60, 40, 25)}, "Video",
+                                                                             {gap(tr(0, 50, 25)), clipText})})}));
         const DmTimelineDesc whole =
             readOf(folder, timeline("Whole", {track(Item{"V"}, "Video", {clipText})}), "whole.otio");
         ASSERT_EQ(cut.tracks.size(), 1u);
@@ -608,9 +606,10 @@ TEST(DmOtioCorpus, SourceRangeOfATimelineTrackShowsOnlyThatPartOfIt) {
     TempFolder folder;
     // The track's items span [0, 3) s; it shows [0.5, 2.5) s of them from 0.
     const DmTimelineDesc desc = readOf(
-        folder, timeline("W", {track(Item{"V", tr(15, 60, 30)}, "Video",
-                                     {clip1(Item{"A", tr(0, 30, 30)}, missing()), clip1(Item{"B", tr(0, 30, 30)}, missing()),
-                                      clip1(Item{"C", tr(0, 30, 30)}, missing())})}));
+        folder,
+        timeline("W", {track(Item{"V", tr(15, 60, 30)}, "Video",
+                             {clip1(Item{"A", tr(0, 30, 30)}, missing()), clip1(Item{"B", tr(0, 30, 30)}, missing()),
+                              clip1(Item{"C", tr(0, 30, 30)}, missing())})}));
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 3u);
     const int64_t half = cnsOf(15, 30);
@@ -622,14 +621,13 @@ TEST(DmOtioCorpus, SourceRangeOfATimelineTrackShowsOnlyThatPartOfIt) {
 
 TEST(DmOtioCorpus, NestedTrackWithoutSourceRangeTakesItsWholeLength) {
     TempFolder folder;
-    const std::string nested =
-        track(Item{"Nest"}, "Audio",
-              {clip1(Item{"One", tr(0, 30, 30)}, missing()), gap(tr(0, 15, 30), "Filler.1"),
-               clip1(Item{"Two", tr(30, 60, 30)}, missing())},
-              "Sequence.1");
+    const std::string nested = track(Item{"Nest"}, "Audio",
+                                     {clip1(Item{"One", tr(0, 30, 30)}, missing()), gap(tr(0, 15, 30), "Filler.1"),
+                                      clip1(Item{"Two", tr(30, 60, 30)}, missing())},
+                                     "Sequence.1");
     const DmTimelineDesc desc =
-        readOf(folder, timeline("N", {track(Item{"A"}, "Audio",
-                                            {nested, clip1(Item{"Three", tr(0, 48000, 48000)}, "null")})}));
+        readOf(folder,
+               timeline("N", {track(Item{"A"}, "Audio", {nested, clip1(Item{"Three", tr(0, 48000, 48000)}, "null")})}));
     ASSERT_EQ(desc.tracks.size(), 1u);
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 3u);
@@ -648,9 +646,10 @@ TEST(DmOtioCorpus, DisabledClipsInANestedStackLetTheChildrenBelowShow) {
     // Bottom: Under [0, 100). Middle: a disabled clip over [25, 75), which
     // lets Under show. Top: Over [50, 75).
     const std::string nest =
-        stack(Item{"Nest"}, {track(Item{"Bottom"}, "Video", {clip1(Item{"Under", tr(0, 100, 25)}, missing())}),
-                             track(Item{"Middle"}, "Video", {gap(tr(0, 25, 25)), clip1(hidden, missing())}),
-                             track(Item{"Top"}, "Video", {gap(tr(0, 50, 25)), clip1(Item{"Over", tr(0, 25, 25)}, missing())})});
+        stack(Item{"Nest"},
+              {track(Item{"Bottom"}, "Video", {clip1(Item{"Under", tr(0, 100, 25)}, missing())}),
+               track(Item{"Middle"}, "Video", {gap(tr(0, 25, 25)), clip1(hidden, missing())}),
+               track(Item{"Top"}, "Video", {gap(tr(0, 50, 25)), clip1(Item{"Over", tr(0, 25, 25)}, missing())})});
     const DmTimelineDesc desc = readOf(folder, timeline("S", {track(Item{"V"}, "Video", {nest})}));
     ASSERT_EQ(desc.tracks.size(), 1u);
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
@@ -666,8 +665,9 @@ TEST(DmOtioCorpus, DisabledClipOfTheBottomChildStaysWhereNothingCoversIt) {
     Item hidden{"Hidden", tr(0, 50, 25)};
     hidden.enabled = false;
     const std::string nest =
-        stack(Item{"Nest"}, {track(Item{"Bottom"}, "Video", {clip1(hidden, missing())}),
-                             track(Item{"Top"}, "Video", {gap(tr(0, 25, 25)), clip1(Item{"Over", tr(0, 50, 25)}, missing())})});
+        stack(Item{"Nest"},
+              {track(Item{"Bottom"}, "Video", {clip1(hidden, missing())}),
+               track(Item{"Top"}, "Video", {gap(tr(0, 25, 25)), clip1(Item{"Over", tr(0, 50, 25)}, missing())})});
     const DmTimelineDesc desc = readOf(folder, timeline("S", {track(Item{"V"}, "Video", {nest})}));
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 2u);
@@ -683,10 +683,10 @@ TEST(DmOtioCorpus, DisabledCompositionDisablesItsClips) {
     // Not muted by its own word, but inside a disabled track.
     Item quiet{"Quiet", tr(0, 24, 24)};
     quiet.metadata = miravel(R"({"mute": false})");
-    const DmTimelineDesc desc = readOf(
-        folder, timeline("D", {track(Item{"A"}, "Audio",
-                                     {clip1(Item{"Kept", tr(0, 24, 24)}, missing()),
-                                      track(nest, "Audio", {clip1(quiet, missing())})})}));
+    const DmTimelineDesc desc =
+        readOf(folder, timeline("D", {track(Item{"A"}, "Audio",
+                                            {clip1(Item{"Kept", tr(0, 24, 24)}, missing()),
+                                             track(nest, "Audio", {clip1(quiet, missing())})})}));
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 2u);
     expectClip(clips[0], {"Kept", 0, cnsOf(24, 24), 0, cnsOf(24, 24)});
@@ -695,9 +695,9 @@ TEST(DmOtioCorpus, DisabledCompositionDisablesItsClips) {
 
 TEST(DmOtioCorpus, TransitionsInsideNestedCompositionsTakeNoRoom) {
     TempFolder folder;
-    const std::string nest = track(Item{"Nest"}, "Video",
-                                   {clip1(Item{"A", tr(0, 30, 30)}, missing()), transition(5, 30),
-                                    clip1(Item{"B", tr(0, 30, 30)}, missing())});
+    const std::string nest = track(
+        Item{"Nest"}, "Video",
+        {clip1(Item{"A", tr(0, 30, 30)}, missing()), transition(5, 30), clip1(Item{"B", tr(0, 30, 30)}, missing())});
     const DmTimelineDesc desc = readOf(folder, timeline("T", {track(Item{"V"}, "Video", {nest, transition(3, 30)})}));
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 2u);
@@ -721,14 +721,15 @@ TEST(DmOtioCorpus, CompositionsNestedTooDeepAreRefused) {
 TEST(DmOtioCorpus, UnknownSchemaInsideATrackTakesTheRoomOfItsDurationWithOneWarning) {
     TempFolder folder;
     const std::string titleCard = R"({"OTIO_SCHEMA": "TitleCard.3", "name": "Opening title", "metadata": {},
-        "source_range": )" + tr(0, 60, 24) + R"(, "text": "Miravel"})";
-    const std::string overlay = R"({"OTIO_SCHEMA": "Overlay.1", "name": "logo", "available_range": )" +
-                                tr(0, 75, 30) + "}";
-    const DmTimelineDesc desc =
-        readOf(folder, timeline("U", {track(Item{"V"}, "Video",
-                                            {clip1(Item{"First", tr(0, 24, 24)}, missing()), titleCard,
-                                             stack(Item{"Nest"}, {overlay}),
-                                             clip1(Item{"Second", tr(0, 24, 24)}, missing())})}));
+        "source_range": )" + tr(0, 60, 24) +
+                                  R"(, "text": "Miravel"})";
+    const std::string overlay =
+        R"({"OTIO_SCHEMA": "Overlay.1", "name": "logo", "available_range": )" + tr(0, 75, 30) + "}";
+    const DmTimelineDesc desc = readOf(
+        folder,
+        timeline("U", {track(Item{"V"}, "Video",
+                             {clip1(Item{"First", tr(0, 24, 24)}, missing()), titleCard, stack(Item{"Nest"}, {overlay}),
+                              clip1(Item{"Second", tr(0, 24, 24)}, missing())})}));
     const std::vector<DmClipDesc>& clips = desc.tracks[0].clips;
     ASSERT_EQ(clips.size(), 2u);
     expectClip(clips[0], {"First", 0, cnsOf(24, 24), 0, cnsOf(24, 24)});
@@ -745,11 +746,11 @@ TEST(DmOtioCorpus, UnknownSchemaInsideATrackTakesTheRoomOfItsDurationWithOneWarn
 
 TEST(DmOtioCorpus, UnknownSchemaWithAnInfiniteAvailableDurationIsRefused) {
     TempFolder folder;
-    const std::string endless = R"({"OTIO_SCHEMA": "Endless.1", "available_range": )" +
-                                timeRange(rt(0, 24), rationalTime("Inf", "24.0")) + "}";
-    EXPECT_EQ(errorOf(folder, timeline("U", {track(Item{"V"}, "Video", {endless})})),
-              folder.file("cut.otio") + ": $.tracks.children[0].children[0].available_range.duration: " +
-                  kTimeRangeText);
+    const std::string endless =
+        R"({"OTIO_SCHEMA": "Endless.1", "available_range": )" + timeRange(rt(0, 24), rationalTime("Inf", "24.0")) + "}";
+    EXPECT_EQ(
+        errorOf(folder, timeline("U", {track(Item{"V"}, "Video", {endless})})),
+        folder.file("cut.otio") + ": $.tracks.children[0].children[0].available_range.duration: " + kTimeRangeText);
 }
 
 TEST(DmOtioCorpus, TrackOfAnotherKindIsLeftOutWithOneWarning) {
@@ -778,9 +779,8 @@ std::string warningsDocument() {
     const std::string strange = R"({"OTIO_SCHEMA": "Hologram.1", "name": "depth", "metadata": {}})";
     const std::string unknown = R"({"OTIO_SCHEMA": "Slate.2", "name": "", "source_range": )" +
                                 timeRange(rt(0, 24), rationalTime("1000", num(kNtscVideo))) + "}";
-    return timeline("Warnings",
-                    {track(Item{"Notes"}, "Data", {}),
-                     track(Item{"V"}, "Video", {unknown, track(nest, "Video", {clip1(shot, strange)})})});
+    return timeline("Warnings", {track(Item{"Notes"}, "Data", {}),
+                                 track(Item{"V"}, "Video", {unknown, track(nest, "Video", {clip1(shot, strange)})})});
 }
 
 TEST(DmOtioCorpus, WarningLinesAreOneEachExactlyAsDesignedAndLogged) {
@@ -809,8 +809,8 @@ TEST(DmOtioCorpus, WarningLinesAreOneEachExactlyAsDesignedAndLogged) {
     ASSERT_EQ(desc.tracks.size(), 1u);
     ASSERT_EQ(desc.tracks[0].clips.size(), 1u);
     EXPECT_EQ(cnsOf(1000, kNtscVideo), 333'666'667);
-    expectClip(desc.tracks[0].clips[0], {"Shot", cnsOf(1000, kNtscVideo), cnsOf(1000, kNtscVideo) + cnsOf(24, 24), 0,
-                                         cnsOf(12, 24), 0.5});
+    expectClip(desc.tracks[0].clips[0],
+               {"Shot", cnsOf(1000, kNtscVideo), cnsOf(1000, kNtscVideo) + cnsOf(24, 24), 0, cnsOf(12, 24), 0.5});
 
     std::string error;
     std::vector<std::string> warnings;
@@ -827,8 +827,8 @@ TEST(DmOtioCorpus, WarningLinesAreOneEachExactlyAsDesignedAndLogged) {
 
 TEST(DmOtioCorpus, CollectionLoadsItsFirstTimelineAndWarnsOfTheOthers) {
     TempFolder folder;
-    const std::string first = timeline("First", {track(Item{"V"}, "Video", {clip1(Item{"One", tr(0, 24, 24)}, missing())})},
-                                       "{}", "Timeline.2");
+    const std::string first = timeline(
+        "First", {track(Item{"V"}, "Video", {clip1(Item{"One", tr(0, 24, 24)}, missing())})}, "{}", "Timeline.2");
     const std::string second = timeline("Second", {});
     const std::string collection = R"({"OTIO_SCHEMA": "SerializableCollection.1", "name": "Bin", "metadata": {},
         "children": [)" + clip1(Item{"Loose", tr(0, 24, 24)}, missing()) +
@@ -856,11 +856,12 @@ TEST(DmOtioCorpus, NonFiniteLiteralsWhereMiravelReadsNothingAreAccepted) {
     shot.metadata = R"({"Inf": {"NaN": [NaN,-Inf,Infinity,-Infinity,Inf], "text": "Inf"},
                         "miravel": {"volume_db": -3}})";
     // The available range's duration is never used: the clip has a source range.
-    const DmTimelineDesc desc = readOf(
-        folder, timeline("Literals", {track(Item{"V"}, "Video",
-                                            {clip1(shot, external("/m.mov", timeRange(rt(-12, 24), rationalTime(
-                                                                                                      "NaN", "24.0"))))})},
-                         R"({"scores":[Inf,NaN],"low":-Inf})"));
+    const DmTimelineDesc desc =
+        readOf(folder,
+               timeline("Literals",
+                        {track(Item{"V"}, "Video",
+                               {clip1(shot, external("/m.mov", timeRange(rt(-12, 24), rationalTime("NaN", "24.0"))))})},
+                        R"({"scores":[Inf,NaN],"low":-Inf})"));
     ASSERT_EQ(desc.tracks.size(), 1u);
     ASSERT_EQ(desc.tracks[0].clips.size(), 1u);
     const DmClipDesc& clip = desc.tracks[0].clips[0];
@@ -916,9 +917,9 @@ TEST(DmOtioCorpus, InvalidJsonByteOffsetsAreThoseOfTheTextAsWritten) {
 
     // Words that only look like the literals are the parser's to refuse, at
     // the byte it names for the text as written.
-    for (const std::string& bad : {std::string(R"({"a": Infinit})"), std::string(R"({"a": NaNa})"),
-                                   std::string(R"({"a": -Infinityx})"), std::string(R"({"a": 1Inf})"),
-                                   std::string(R"({"a": [1,nan]})")}) {
+    for (const std::string& bad :
+         {std::string(R"({"a": Infinit})"), std::string(R"({"a": NaNa})"), std::string(R"({"a": -Infinityx})"),
+          std::string(R"({"a": 1Inf})"), std::string(R"({"a": [1,nan]})")}) {
         SCOPED_TRACE(bad);
         size_t byte = 0;
         try {

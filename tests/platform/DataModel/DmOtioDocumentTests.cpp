@@ -15,11 +15,8 @@ namespace {
 
 using MediaTest::writeText;
 
-
 // Seconds as cns, for times that are exact in both.
-constexpr int64_t cns(double seconds) {
-    return static_cast<int64_t>(seconds * static_cast<double>(kCnsPerSecond));
-}
+constexpr int64_t cns(double seconds) { return static_cast<int64_t>(seconds * static_cast<double>(kCnsPerSecond)); }
 
 std::string rationalTime(const std::string& value, const std::string& rate) {
     return R"({"OTIO_SCHEMA": "RationalTime.1", "value": )" + value + R"(, "rate": )" + rate + "}";
@@ -117,20 +114,23 @@ std::string faultOf(const TempFolder& folder, const std::string& text) {
 
 std::string fullDocument() {
     const std::string marker = R"({"OTIO_SCHEMA": "Marker.2", "name": "beat", "color": "RED",
-        "marked_range": )" + frames24(10, 0) + R"(, "metadata": {}})";
+        "marked_range": )" + frames24(10, 0) +
+                               R"(, "metadata": {}})";
     const std::string pictures = R"({"OTIO_SCHEMA": "Track.1", "name": "Pictures", "kind": "Video",
         "enabled": false, "source_range": null, "effects": [], "markers": [], "metadata": {}, "children": [
         {"OTIO_SCHEMA": "Gap.1", "name": "", "source_range": )" +
                                  frames24(0, 48) + R"(, "effects": [], "markers": [], "metadata": {}},
         {"OTIO_SCHEMA": "Clip.1", "name": "Opening", "enabled": true,
-         "source_range": )" + frames24(86448, 72) + R"(,
+         "source_range": )" + frames24(86448, 72) +
+                                 R"(,
          "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "name": "", "metadata": {},
                              "target_url": "file:///media/my%20clip.mov",
                              "available_range": )" +
                                  frames24(86400, 240000) + R"(},
          "effects": [{"OTIO_SCHEMA": "LinearTimeWarp.1", "name": "", "effect_name": "LinearTimeWarp",
                       "metadata": {}, "time_scalar": 2.0}],
-         "markers": [)" + marker + R"(],
+         "markers": [)" + marker +
+                                 R"(],
          "metadata": {"other tool": {"x": 1}, "miravel": {"stream_id": 1}}},
         {"OTIO_SCHEMA": "Transition.1", "name": "dissolve", "transition_type": "SMPTE_Dissolve",
          "in_offset": )" + rationalTime("12", "24") +
@@ -161,7 +161,8 @@ std::string fullDocument() {
                               R"(,
          "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": "voice.wav", "metadata": {}},
          "effects": [{"OTIO_SCHEMA": "LinearTimeWarp.1", "time_scalar": -1.0}],
-         "markers": [)" + marker + R"(],
+         "markers": [)" + marker +
+                              R"(],
          "metadata": {"miravel": {
             "stream_id": 2, "volume_db": -6.5, "volume_gain_db": 3.0,
             "loudness": {"enabled": true, "gain": 0.5}, "mute": false,
@@ -179,7 +180,8 @@ std::string fullDocument() {
                             {"begin": 2, "end": 3, "speed": 0},
                             {"begin": 3, "end": 6, "speed": 2.5}]}}},
         {"OTIO_SCHEMA": "Clip.1", "name": "Forward",
-         "source_range": )" + frames24(0, 24) + R"(,
+         "source_range": )" + frames24(0, 24) +
+                              R"(,
          "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": "/srv/audio/fx.wav"},
          "effects": [{"OTIO_SCHEMA": "LinearTimeWarp.1", "time_scalar": -2}],
          "metadata": {"miravel": {"reverse": false}}}]})";
@@ -407,8 +409,9 @@ TEST(DmOtioDocument, InvalidJsonGivesTheByteAndTheParserMessage) {
     TempFolder folder;
     // The 41st byte, "}", stands where a value is expected.
     EXPECT_EQ(failureOf(folder, R"({"OTIO_SCHEMA": "Timeline.1", "tracks": })"),
-              folder.file("cut.otio") + ": invalid JSON at byte 41: syntax error while parsing value - unexpected '}'; "
-                                        "expected '[', '{', or a literal");
+              folder.file("cut.otio") +
+                  ": invalid JSON at byte 41: syntax error while parsing value - unexpected '}'; "
+                  "expected '[', '{', or a literal");
 }
 
 TEST(DmOtioDocument, TruncatedJsonGivesTheEndOfInput) {
@@ -439,12 +442,14 @@ TEST(DmOtioDocument, RootOfAnotherSchemaIsRejected) {
 
 TEST(DmOtioDocument, TrackOfUnknownKindIsLeftOutWithAWarning) {
     TempFolder folder;
-    const DmTimelineDesc desc = readOf(folder, R"({"OTIO_SCHEMA": "Timeline.1", "tracks": {"OTIO_SCHEMA": "Stack.1", "children": [
+    const DmTimelineDesc desc =
+        readOf(folder, R"({"OTIO_SCHEMA": "Timeline.1", "tracks": {"OTIO_SCHEMA": "Stack.1", "children": [
                   {"OTIO_SCHEMA": "Track.1", "kind": "Subtitle", "children": []}]}})");
     EXPECT_TRUE(desc.tracks.empty());
-    EXPECT_EQ(desc.warnings, std::vector<std::string>{folder.file("cut.otio") +
-                                                      R"(: $.tracks.children[0]: track kind "Subtitle" ("") is neither )"
-                                                      R"("Video" nor "Audio"; the track is left out)"});
+    EXPECT_EQ(desc.warnings,
+              std::vector<std::string>{folder.file("cut.otio") +
+                                       R"(: $.tracks.children[0]: track kind "Subtitle" ("") is neither )"
+                                       R"("Video" nor "Audio"; the track is left out)"});
 }
 
 TEST(DmOtioDocument, TrackWithoutKindIsRejected) {
@@ -474,9 +479,9 @@ void expectOneSecondClipWithMissingMedia(const DmTimelineDesc& desc) {
 
 TEST(DmOtioDocument, ClipWithNullMediaReferenceHasMissingMedia) {
     TempFolder folder;
-    expectOneSecondClipWithMissingMedia(readOf(
-        folder, documentWithItems(R"({"OTIO_SCHEMA": "Clip.1", "source_range": )" + frames24(0, 24) +
-                                  R"(, "media_reference": null})")));
+    expectOneSecondClipWithMissingMedia(
+        readOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Clip.1", "source_range": )" + frames24(0, 24) +
+                                         R"(, "media_reference": null})")));
 }
 
 TEST(DmOtioDocument, ClipWithoutMediaReferenceHasMissingMedia) {
@@ -516,15 +521,17 @@ TEST(DmOtioDocument, NegativeClipDurationIsRejected) {
 
 TEST(DmOtioDocument, NegativeGapDurationIsRejected) {
     TempFolder folder;
-    EXPECT_EQ(faultOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Gap.1", "source_range": )" + frames24(0, -1) + "}")),
-              "$.tracks.children[0].children[0].source_range.duration: expected a duration of 0 or more");
+    EXPECT_EQ(
+        faultOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Gap.1", "source_range": )" + frames24(0, -1) + "}")),
+        "$.tracks.children[0].children[0].source_range.duration: expected a duration of 0 or more");
 }
 
 TEST(DmOtioDocument, NegativeAvailableRangeDurationIsRejected) {
     TempFolder folder;
     EXPECT_EQ(faultOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Clip.1", "source_range": )" + frames24(0, 24) +
                                                 R"(, "media_reference": {"OTIO_SCHEMA": "ExternalReference.1",
-        "target_url": "a.mov", "available_range": )" + frames24(0, -48) + "}}")),
+        "target_url": "a.mov", "available_range": )" +
+                                                frames24(0, -48) + "}}")),
               "$.tracks.children[0].children[0].media_reference.available_range.duration: expected a duration of 0 "
               "or more");
 }
@@ -538,11 +545,11 @@ TEST(DmOtioDocument, RateOfZeroIsRejected) {
 
 TEST(DmOtioDocument, TimeBeyondTheCnsRangeIsRejected) {
     TempFolder folder;
-    EXPECT_EQ(faultOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Gap.1", "source_range": )" +
-                                                timeRange(rationalTime("0", "24"), rationalTime("1e300", "1e-300")) +
-                                                "}")),
-              "$.tracks.children[0].children[0].source_range.duration: expected a time between -922337203685 and "
-              "922337203685 seconds");
+    EXPECT_EQ(
+        faultOf(folder, documentWithItems(R"({"OTIO_SCHEMA": "Gap.1", "source_range": )" +
+                                          timeRange(rationalTime("0", "24"), rationalTime("1e300", "1e-300")) + "}")),
+        "$.tracks.children[0].children[0].source_range.duration: expected a time between -922337203685 and "
+        "922337203685 seconds");
 }
 
 TEST(DmOtioDocument, UnknownSchemaWithoutADurationIsRejected) {
@@ -642,8 +649,8 @@ TEST(DmOtioDocument, NegativeLoudnessGainIsRejected) {
 
 TEST(DmOtioDocument, SpeedPartEndingBeforeItBeginsIsRejected) {
     TempFolder folder;
-    EXPECT_EQ(faultOf(folder, documentWithItems(clipWithMiravel(
-                                  R"({"speed_parts": [{"begin": 0.5, "end": 0.25, "speed": 1}]})"))),
+    EXPECT_EQ(faultOf(folder, documentWithItems(
+                                  clipWithMiravel(R"({"speed_parts": [{"begin": 0.5, "end": 0.25, "speed": 1}]})"))),
               "$.tracks.children[0].children[0].metadata.miravel.speed_parts[0].end: expected a time not before "
               "begin");
 }

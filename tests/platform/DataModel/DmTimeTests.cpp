@@ -59,8 +59,8 @@ TEST(DmTime, ValuesNearInt64LimitsAreExact) {
 TEST(DmTime, RoundTripsFrameToTimeToFrameWhereFramesLastWholeCns) {
     // Rates whose frames last a whole number of cns round-trip exactly.
     const std::vector<DmRational> rates{{25, 1}, {50, 1}, {1, 1}, {40, 1}, {50, 2}};
-    const std::vector<int64_t> frames{0, 1, 2, 7, 24, 25, 1001, 999'999, -1, -2, -1001, 1'000'000'007LL,
-                                      -1'000'000'007LL};
+    const std::vector<int64_t> frames{
+        0, 1, 2, 7, 24, 25, 1001, 999'999, -1, -2, -1001, 1'000'000'007LL, -1'000'000'007LL};
     for (const DmRational& rate : rates)
         for (int64_t frame : frames)
             EXPECT_EQ(frameFromCnsTime(rate, cnsTimeFromFrame(rate, frame)), frame)
@@ -72,8 +72,19 @@ TEST(DmTime, RoundTripsTimeToFrameToTimeWithinTheFrame) {
     // floored start may itself lie in the frame before; every time still lies
     // between the starts of its frame and of the next.
     const std::vector<DmRational> rates{{25, 1}, {30000, 1001}, {24000, 1001}, {60, 1}, {48000, 1}};
-    const std::vector<int64_t> times{0, 1, 333'666, 333'667, 399'999, 400'000, 10'000'000, 123'456'789,
-                                     -1, -333'667, -400'001, 8'640'000'000'000LL, -8'640'000'000'001LL};
+    const std::vector<int64_t> times{0,
+                                     1,
+                                     333'666,
+                                     333'667,
+                                     399'999,
+                                     400'000,
+                                     10'000'000,
+                                     123'456'789,
+                                     -1,
+                                     -333'667,
+                                     -400'001,
+                                     8'640'000'000'000LL,
+                                     -8'640'000'000'001LL};
     for (const DmRational& rate : rates)
         for (int64_t t : times) {
             const int64_t frame = frameFromCnsTime(rate, t);

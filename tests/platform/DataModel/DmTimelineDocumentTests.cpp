@@ -197,9 +197,7 @@ protected:
         ASSERT_NE(timeline_.get(), nullptr) << error;
         EXPECT_EQ(error, "");
     }
-    void TearDown() override {
-        timeline_.reset();
-    }
+    void TearDown() override { timeline_.reset(); }
 
     static std::unique_ptr<TempFolder> folder_;
     static std::string tone_;
@@ -411,8 +409,8 @@ TEST_F(DmTimelineDocument, AudioClipCarriesEveryMiravelFieldThroughItsInterfaces
     const Point points[] = {
         {markIn, markIn},
         {markIn + cns(0.5), markIn + cns(0.5)},
-        {markIn + cns(0.75), markIn + cns(0.5)},                    // frozen
-        {markIn + cns(1.5), markIn + cns(0.5) + cns(0.5)},          // 0.5 s after the frozen part
+        {markIn + cns(0.75), markIn + cns(0.5)},                          // frozen
+        {markIn + cns(1.5), markIn + cns(0.5) + cns(0.5)},                // 0.5 s after the frozen part
         {markIn + cns(2.25), markIn + cns(0.5) + cns(1.0) + cns(0.125)},  // halfway in the half-speed part
         {markOut, markIn + cns(0.5) + cns(1.0) + cns(0.25) + cns(0.5)},
     };
@@ -475,9 +473,11 @@ TEST_F(DmTimelineDocument, BadDocumentsGiveNullAndOneLineAndLeaveNothingBehind) 
     const std::string rejected = folder_->file("rejected.otio");
     writeText(rejected, document(movie_, tone_, "", R"({"stream_id": 1, "volume_db": "loud"})"));
     const std::string overlapping = folder_->file("overlapping.otio");
-    writeText(overlapping,
-              document(movie_, tone_,
-                       R"({"speed_parts": [{"begin": 0.5, "end": 1.0, "speed": 0}, {"begin": 0.75, "end": 1.25, "speed": 0.5}]})"));
+    writeText(
+        overlapping,
+        document(
+            movie_, tone_,
+            R"({"speed_parts": [{"begin": 0.5, "end": 1.0, "speed": 0}, {"begin": 0.75, "end": 1.25, "speed": 0.5}]})"));
 
     const std::string rejectedLine =
         rejected + ": $.tracks.children[1].children[2].metadata.miravel.volume_db: expected a number";

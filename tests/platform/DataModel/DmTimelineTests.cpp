@@ -164,10 +164,10 @@ TEST_F(DmTimelineTest, TracksKeepTheirOrderKindAndProperties) {
 TEST_F(DmTimelineTest, ClipsTakeTheirRangesNamesAndPlacesFromTheDescription) {
     DmTimelineDesc desc;
     desc.tracks.push_back(trackDesc(DmTrackVideo, "V1",
-                                  {clipDesc(silent_, "first", 0, 5'000'000, 1'000'000, 6'000'000),
-                                   clipDesc(silent_, "second", 5'000'000, 8'000'000, 0, 3'000'000)}));
-    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 2'000'000, 19'000'000, 500'000,
-                                                              17'500'000)}));
+                                    {clipDesc(silent_, "first", 0, 5'000'000, 1'000'000, 6'000'000),
+                                     clipDesc(silent_, "second", 5'000'000, 8'000'000, 0, 3'000'000)}));
+    desc.tracks.push_back(
+        trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "music", 2'000'000, 19'000'000, 500'000, 17'500'000)}));
     auto timeline = ZorRef<IDmTimeline>::adopt(make(desc));
     ASSERT_NE(timeline.get(), nullptr);
     IDmClip* first = timeline->clip(0, 0);
@@ -414,7 +414,8 @@ TEST_F(DmTimelineTest, SpeedPartsAreListedInClipTime) {
 
 TEST_F(DmTimelineTest, SourcePositionWithoutSpeedChangeIsTheClipTime) {
     // markIn 0.5 s, markOut 1.7 s.
-    auto timeline = ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
+    auto timeline =
+        ZorRef<IDmTimeline>::adopt(makeAudioClip(clipDesc(tone_, "music", 0, 12'000'000, 5'000'000, 17'000'000)));
     auto* audio = query<IDmAudioFeature>(timeline->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(audio, nullptr);
     EXPECT_EQ(audio->sourcePosition(5'000'000, false), 5'000'000);
@@ -447,9 +448,9 @@ TEST_F(DmTimelineTest, SourcePositionAtConstantSpeedScalesFromMarkIn) {
     auto slow = ZorRef<IDmTimeline>::adopt(makeAudioClip(clip));
     auto* slowAudio = query<IDmAudioFeature>(slow->clip(0, 0), "IDmAudioFeature");
     ASSERT_NE(slowAudio, nullptr);
-    EXPECT_EQ(slowAudio->sourcePosition(4, false), 3);   // 3.33
-    EXPECT_EQ(slowAudio->sourcePosition(5, false), 4);   // 3.67
-    EXPECT_EQ(slowAudio->sourcePosition(6, false), 4);   // 4
+    EXPECT_EQ(slowAudio->sourcePosition(4, false), 3);  // 3.33
+    EXPECT_EQ(slowAudio->sourcePosition(5, false), 4);  // 3.67
+    EXPECT_EQ(slowAudio->sourcePosition(6, false), 4);  // 4
     EXPECT_EQ(slowAudio->sourcePosition(30'000'003, false), 10'000'003);
 
     // Speed 0 holds the mark-in position.
@@ -476,23 +477,16 @@ TEST_F(DmTimelineTest, SourcePositionThroughSpeedPartsWithAFrozenPart) {
         int64_t position;
     };
     const Case cases[] = {
-        {1'000'000, 1'000'000},  // mark in
-        {1'500'000, 1'500'000},  // before the first part: speed 1
-        {2'000'000, 2'000'000},
-        {2'500'000, 3'000'000},  // 2e6 + 0.5e6 x 2
-        {3'000'000, 4'000'000},  // the part done: 2e6 + 1e6 x 2
-        {3'500'000, 4'500'000},
-        {4'000'000, 5'000'000},  // the frozen part holds 5e6 ...
-        {4'500'000, 5'000'000},
-        {4'999'999, 5'000'000},
-        {5'000'000, 5'000'000},
-        {5'500'001, 5'500'001},  // ... and the position moves on from there
-        {6'000'000, 6'000'000},
-        {7'000'000, 6'500'000},  // 6e6 + 1e6 x 0.5
-        {7'000'001, 6'500'001},  // 6e6 + 1000001 x 0.5 = 6500000.5, rounded away from zero
-        {8'000'000, 7'000'000},
-        {9'000'000, 8'000'000},
-        {500'000, 500'000},      // before mark in: speed 1 backwards
+        {1'000'000, 1'000'000},                          // mark in
+        {1'500'000, 1'500'000},                          // before the first part: speed 1
+        {2'000'000, 2'000'000}, {2'500'000, 3'000'000},  // 2e6 + 0.5e6 x 2
+        {3'000'000, 4'000'000},                          // the part done: 2e6 + 1e6 x 2
+        {3'500'000, 4'500'000}, {4'000'000, 5'000'000},  // the frozen part holds 5e6 ...
+        {4'500'000, 5'000'000}, {4'999'999, 5'000'000}, {5'000'000, 5'000'000},
+        {5'500'001, 5'500'001},                          // ... and the position moves on from there
+        {6'000'000, 6'000'000}, {7'000'000, 6'500'000},  // 6e6 + 1e6 x 0.5
+        {7'000'001, 6'500'001},                          // 6e6 + 1000001 x 0.5 = 6500000.5, rounded away from zero
+        {8'000'000, 7'000'000}, {9'000'000, 8'000'000}, {500'000, 500'000},  // before mark in: speed 1 backwards
     };
     for (const Case& c : cases) {
         EXPECT_EQ(audio->sourcePosition(c.clipTime, false), c.position) << c.clipTime;
@@ -663,8 +657,9 @@ TEST_F(DmTimelineTest, ClipsWithoutMediaHaveNoFeaturesButKeepRangeAndProperties)
 
 TEST_F(DmTimelineTest, ClipsOfOneMediaStreamShareOneWaveManager) {
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "one", 0, kSecond, 0, kSecond),
-                                                       clipDesc(tone_, "two", kSecond, 2 * kSecond, 0, kSecond)}));
+    desc.tracks.push_back(trackDesc(
+        DmTrackAudio, "A1",
+        {clipDesc(tone_, "one", 0, kSecond, 0, kSecond), clipDesc(tone_, "two", kSecond, 2 * kSecond, 0, kSecond)}));
     desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {clipDesc(movie_, "scene", 0, kSecond, 0, kSecond)}));
     DmClipDesc soundtrack = clipDesc(movie_, "soundtrack", 0, kSecond, 0, kSecond);
     soundtrack.streamId = 1;
@@ -714,14 +709,14 @@ TEST_F(DmTimelineTest, InconsistentDescriptionsAreRefusedWithOneLine) {
     };
 
     DmTimelineDesc backwards;
-    backwards.tracks.push_back(trackDesc(DmTrackAudio, "A1", {clipDesc(tone_, "fine", 0, kSecond, 0, kSecond),
-                                                            clipDesc(tone_, "reversed", 5'000'000, 4'000'000, 0,
-                                                                   kSecond)}));
+    backwards.tracks.push_back(trackDesc(DmTrackAudio, "A1",
+                                         {clipDesc(tone_, "fine", 0, kSecond, 0, kSecond),
+                                          clipDesc(tone_, "reversed", 5'000'000, 4'000'000, 0, kSecond)}));
     expectRefused(backwards, {"reversed", "A1", "5000000", "4000000"});
 
     DmTimelineDesc marks;
-    marks.tracks.push_back(trackDesc(DmTrackVideo, "V1", {clipDesc(silent_, "crossed", 0, kSecond, 3'000'000,
-                                                               2'000'000)}));
+    marks.tracks.push_back(
+        trackDesc(DmTrackVideo, "V1", {clipDesc(silent_, "crossed", 0, kSecond, 3'000'000, 2'000'000)}));
     expectRefused(marks, {"crossed", "mark"});
 
     DmTimelineDesc kind;
@@ -792,8 +787,8 @@ TEST_F(DmTimelineTest, EverythingIsDestroyedWithTheTimelinesLastReference) {
     DmClipDesc music = clipDesc(tone_, "music", 0, kSecond, 0, kSecond);
     music.ducking.present = true;
     DmTimelineDesc desc;
-    desc.tracks.push_back(trackDesc(DmTrackVideo, "V1", {scene, clipDesc(silent_, "pic", kSecond, 2 * kSecond, 0,
-                                                                     kSecond)}));
+    desc.tracks.push_back(
+        trackDesc(DmTrackVideo, "V1", {scene, clipDesc(silent_, "pic", kSecond, 2 * kSecond, 0, kSecond)}));
     desc.tracks.push_back(trackDesc(DmTrackAudio, "A1", {music}));
 
     DestroyCounter counter;

@@ -89,32 +89,40 @@ IDmClip* clipNamed(IDmTimeline* timeline, const std::string& name) {
 // played backwards by its time warp and ducking; a clip of missing media).
 std::string document(const std::string& movieUrl, const std::string& tonePath) {
     const auto time = [](int value, int rate) {
-        return R"({"OTIO_SCHEMA": "RationalTime.1", "value": )" + std::to_string(value) +
-               R"(, "rate": )" + std::to_string(rate) + "}";
+        return R"({"OTIO_SCHEMA": "RationalTime.1", "value": )" + std::to_string(value) + R"(, "rate": )" +
+               std::to_string(rate) + "}";
     };
     const auto range = [&](int start, int duration, int rate) {
-        return R"({"OTIO_SCHEMA": "TimeRange.1", "start_time": )" + time(start, rate) +
-               R"(, "duration": )" + time(duration, rate) + "}";
+        return R"({"OTIO_SCHEMA": "TimeRange.1", "start_time": )" + time(start, rate) + R"(, "duration": )" +
+               time(duration, rate) + "}";
     };
     return R"({"OTIO_SCHEMA": "Timeline.1", "name": "Cut \"one\"",
   "tracks": {"OTIO_SCHEMA": "Stack.1", "children": [
     {"OTIO_SCHEMA": "Track.1", "name": "Pictures", "kind": "Video",
      "metadata": {"miravel": {"mute": true, "visible": true, "solo": false}},
      "children": [
-       {"OTIO_SCHEMA": "Gap.1", "source_range": )" + range(0, 25, 25) + R"(},
-       {"OTIO_SCHEMA": "Clip.1", "name": "Shot", "source_range": )" + range(12, 36, 24) + R"(,
-        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" + movieUrl + R"(",
-                            "available_range": )" + range(0, 100, 25) + R"(},
+       {"OTIO_SCHEMA": "Gap.1", "source_range": )" +
+           range(0, 25, 25) + R"(},
+       {"OTIO_SCHEMA": "Clip.1", "name": "Shot", "source_range": )" +
+           range(12, 36, 24) + R"(,
+        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" +
+           movieUrl + R"(",
+                            "available_range": )" +
+           range(0, 100, 25) + R"(},
         "effects": [{"OTIO_SCHEMA": "LinearTimeWarp.1", "time_scalar": 2.0}],
         "metadata": {"miravel": {"stream_id": 0, "volume_db": -4.5}}},
-       {"OTIO_SCHEMA": "Clip.1", "name": "Still", "source_range": )" + range(50, 13, 25) + R"(,
-        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" + movieUrl + R"("},
+       {"OTIO_SCHEMA": "Clip.1", "name": "Still", "source_range": )" +
+           range(50, 13, 25) + R"(,
+        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" +
+           movieUrl + R"("},
         "effects": [{"OTIO_SCHEMA": "FreezeFrame.1", "time_scalar": 0.0}]}]},
     {"OTIO_SCHEMA": "Track.1", "name": "Music", "kind": "Audio", "enabled": false,
      "metadata": {"miravel": {"mute": false, "visible": false, "solo": true}},
      "children": [
-       {"OTIO_SCHEMA": "Clip.1", "name": "Music", "source_range": )" + range(12000, 144000, 48000) + R"(,
-        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" + tonePath + R"("},
+       {"OTIO_SCHEMA": "Clip.1", "name": "Music", "source_range": )" +
+           range(12000, 144000, 48000) + R"(,
+        "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": ")" +
+           tonePath + R"("},
         "metadata": {"miravel": {
             "stream_id": 0, "volume_db": -6, "volume_gain_db": 2.5,
             "loudness": {"enabled": true, "gain": 0.75}, "mute": true,
@@ -122,13 +130,16 @@ std::string document(const std::string& movieUrl, const std::string& tonePath) {
             "ducking": {"enabled": false, "depth": 0.4, "fade": 0.3, "fade_ratio": 0.25},
             "reverse": true,
             "speed_parts": [{"begin": 2.0, "end": 2.5, "speed": 0.5}, {"begin": 0.5, "end": 1.0, "speed": 0}]}}},
-       {"OTIO_SCHEMA": "Gap.1", "source_range": )" + range(0, 5, 10) + R"(},
-       {"OTIO_SCHEMA": "Clip.1", "name": "Voice", "enabled": false, "source_range": )" + range(0, 25, 25) + R"(,
+       {"OTIO_SCHEMA": "Gap.1", "source_range": )" +
+           range(0, 5, 10) + R"(},
+       {"OTIO_SCHEMA": "Clip.1", "name": "Voice", "enabled": false, "source_range": )" +
+           range(0, 25, 25) + R"(,
         "media_reference": {"OTIO_SCHEMA": "ExternalReference.1", "target_url": "two streams.mkv"},
         "effects": [{"OTIO_SCHEMA": "LinearTimeWarp.1", "time_scalar": -1.0}],
         "metadata": {"miravel": {"stream_id": 1, "mute": false,
             "ducking": {"enabled": true, "depth": 0.7, "fade": 0.6, "fade_ratio": 0.5}}}},
-       {"OTIO_SCHEMA": "Clip.1", "name": "Lost", "source_range": )" + range(0, 10, 25) + R"(,
+       {"OTIO_SCHEMA": "Clip.1", "name": "Lost", "source_range": )" +
+           range(0, 10, 25) + R"(,
         "media_reference": {"OTIO_SCHEMA": "MissingReference.1"}}]}]}})";
 }
 
@@ -152,9 +163,7 @@ protected:
         timeline_ = ZorRef<IDmTimeline>::adopt(loadTimelineDocument(document_.c_str(), &error));
         ASSERT_NE(timeline_.get(), nullptr) << error;
     }
-    void TearDown() override {
-        timeline_.reset();
-    }
+    void TearDown() override { timeline_.reset(); }
 
     static std::unique_ptr<TempFolder> folder_;
     static std::string document_;

@@ -54,12 +54,12 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
 
     std::vector<float> values(2 * kValues);
     for (int i = 0; i < 2 * kValues; ++i) values[static_cast<size_t>(i)] = static_cast<float>(i) / 79.0f * 0.999f;
-    values[3] = 1.25f;   // decoders overshoot full scale: kept
+    values[3] = 1.25f;  // decoders overshoot full scale: kept
     values[4] = 0.5f;
     values[5] = 1.0f / 65536.0f + 1e-9f;  // just above half a step: rounds up to one step
     values[6] = 1.0f / 65536.0f - 1e-9f;  // just below: rounds to zero
-    values[7] = 12345.0f / 32768.0f;       // a 16-bit PCM sample: kept exactly
-    values[8] = 3.0f;                      // beyond what 16 bits hold: the largest step
+    values[7] = 12345.0f / 32768.0f;      // a 16-bit PCM sample: kept exactly
+    values[8] = 3.0f;                     // beyond what 16 bits hold: the largest step
     ASSERT_EQ(store->storeFrames(store->contentGeneration(), 10, 2, values.data()), 0);
 
     std::vector<float> read(kValues, -1.0f);
@@ -94,7 +94,6 @@ TEST_F(DmWaveManagerTest, StoredValuesReadBackAsTheNearestSixteenBitStep) {
     ASSERT_EQ(missing.size(), 2u);
     EXPECT_EQ(missing[0], std::make_pair(8, 9));
     EXPECT_EQ(missing[1], std::make_pair(12, 14));
-
 }
 
 TEST_F(DmWaveManagerTest, OnlyTwentyFiveFramesPerSecondIsKept) {
@@ -153,8 +152,7 @@ TEST_F(DmWaveManagerTest, FillValuesCopiesListedFramesInOrderWithZerosForFramesN
     for (int i = 0; i < 4; ++i)
         for (int k = 0; k < kValues; ++k) {
             const float got = buffer[static_cast<size_t>(i * kValues + k)];
-            const float expected =
-                order[i] < 0 ? 0.0f : quantised(values[static_cast<size_t>(order[i] * kValues + k)]);
+            const float expected = order[i] < 0 ? 0.0f : quantised(values[static_cast<size_t>(order[i] * kValues + k)]);
             EXPECT_EQ(got, expected) << "slot " << i << " value " << k;
         }
     EXPECT_NE(audio->fillValues(frames.get(), 24, 1, buffer.data()), 0);

@@ -50,7 +50,8 @@ DmWaveStoreData sampleData(int32_t frames, uint32_t channels) {
     data.originPts = -1024;
     data.originRate = 48000;
     data.held.assign((static_cast<size_t>(frames) + 7) / 8, 0);
-    for (int32_t f = 0; f < frames; f += 2) data.held[static_cast<size_t>(f) / 8] |= static_cast<uint8_t>(1u << (f % 8));
+    for (int32_t f = 0; f < frames; f += 2)
+        data.held[static_cast<size_t>(f) / 8] |= static_cast<uint8_t>(1u << (f % 8));
     data.levels.resize(static_cast<size_t>(channels) * static_cast<size_t>(frames) * kValues);
     for (size_t i = 0; i < data.levels.size(); ++i) data.levels[i] = static_cast<uint16_t>((i * 7919) % 65536);
     return data;
@@ -185,8 +186,9 @@ TEST_F(WaveStoreTest, AStoreFileOfAnotherVersionStreamOrContentIsNeverServed) {
     bytes[8] = 3;  // a later version
     EXPECT_FALSE(readWaveStore(bytes.data(), bytes.size(), &data.fingerprint, 1, &read, &why));
     EXPECT_EQ(why, "another version");
-    const std::string foreign = "RIFF....WAVEfmt and more than ninety-two bytes of something else entirely, "
-                                "which is not a wave store at all";
+    const std::string foreign =
+        "RIFF....WAVEfmt and more than ninety-two bytes of something else entirely, "
+        "which is not a wave store at all";
     EXPECT_FALSE(readWaveStore(foreign.data(), foreign.size(), nullptr, 1, &read, &why));
     EXPECT_EQ(why, "not a wave store file");
 }
@@ -218,8 +220,8 @@ TEST_F(WaveStoreTest, ASecondManagerServesEveryHeldFrameFromTheStorePerChannel) 
     }
     // The merged values are the larger channel's.
     auto* internal = static_cast<IDmClipInternal*>(again.get()->queryInterface("IDmClipInternal"));
-    const auto manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(
-        acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
+    const auto manager =
+        ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
     std::vector<float> frame(kValues);
     ASSERT_EQ(manager.get()->readFrame(7, 25, 1, frame.data(), kValues), 0);
     EXPECT_EQ(frame[0], 16.0f / 4096.0f);
@@ -431,7 +433,9 @@ TEST_F(WaveStoreTest, PeaksTakeTheLargestWindowOverlappingEachBucket) {
     // Window w of channel c holds ((w x 37) % 1000 + 1) x (c + 1) / 32768.
     constexpr int32_t kFrames = 1100;  // across a chunk's edge
     std::vector<float> values;
-    const auto level = [](int64_t w, int32_t c) { return static_cast<float>(((w * 37) % 1000 + 1) * (c + 1)) / 32768.0f; };
+    const auto level = [](int64_t w, int32_t c) {
+        return static_cast<float>(((w * 37) % 1000 + 1) * (c + 1)) / 32768.0f;
+    };
     for (int32_t f = 0; f < kFrames; ++f)
         for (int32_t c = 0; c < 2; ++c)
             for (int32_t k = 0; k < kValues; ++k) values.push_back(level(int64_t{f} * kValues + k, c));
@@ -446,7 +450,8 @@ TEST_F(WaveStoreTest, PeaksTakeTheLargestWindowOverlappingEachBucket) {
             float best = 0.0f;
             for (int64_t w = first; w <= last; ++w)
                 for (int32_t c = 0; c < 2; ++c)
-                    if ((channel == -1 || channel == c) && w < int64_t{kFrames} * kValues) best = std::max(best, level(w, c));
+                    if ((channel == -1 || channel == c) && w < int64_t{kFrames} * kValues)
+                        best = std::max(best, level(w, c));
             out.push_back(best);
         }
         return out;
@@ -463,7 +468,8 @@ TEST_F(WaveStoreTest, PeaksTakeTheLargestWindowOverlappingEachBucket) {
         for (int32_t channel : {-1, 0, 1}) {
             SCOPED_TRACE("begin " + std::to_string(at.begin) + " end " + std::to_string(at.end) + " points " +
                          std::to_string(at.points) + " channel " + std::to_string(channel));
-            EXPECT_EQ(wavePeaks(store, channel, at.begin, at.end, at.points), expected(channel, at.begin, at.end, at.points));
+            EXPECT_EQ(wavePeaks(store, channel, at.begin, at.end, at.points),
+                      expected(channel, at.begin, at.end, at.points));
         }
 }
 

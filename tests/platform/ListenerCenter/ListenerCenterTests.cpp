@@ -267,8 +267,7 @@ TEST(ListenerCenterTest, PostedWorkRunsOnTheDeliveryThreadInOrderWithEvents) {
     }),
               0);
     flushBus();
-    EXPECT_EQ(journal.lines(),
-              (std::vector<std::string>{"h:lc.test.post:1", "work:1", "h:lc.test.post:2", "work:2"}));
+    EXPECT_EQ(journal.lines(), (std::vector<std::string>{"h:lc.test.post:1", "work:1", "h:lc.test.post:2", "work:2"}));
     EXPECT_TRUE(workOnEventThread.load());
     EXPECT_NE(workThread, std::this_thread::get_id());
     EXPECT_FALSE(onEventThread());

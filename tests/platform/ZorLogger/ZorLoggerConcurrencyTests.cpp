@@ -25,8 +25,8 @@ std::vector<std::string> readLines(const std::filesystem::path& file) {
 TEST(ZorLoggerConcurrency, LinesFromManyThreadsArriveWholeInTheFile) {
     constexpr int kThreads = 4;
     constexpr int kLines = 500;
-    const auto folder = std::filesystem::temp_directory_path() /
-                        ("miravel-logger-threads-" + std::to_string(::getpid()));
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("miravel-logger-threads-" + std::to_string(::getpid()));
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
     const auto file = folder / "threads.log";

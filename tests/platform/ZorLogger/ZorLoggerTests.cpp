@@ -17,8 +17,8 @@ namespace ZOR::test {
 namespace {
 
 std::filesystem::path freshFolder(const std::string& name) {
-    auto folder = std::filesystem::temp_directory_path() /
-                  ("miravel-logger-" + name + "-" + std::to_string(::getpid()));
+    auto folder =
+        std::filesystem::temp_directory_path() / ("miravel-logger-" + name + "-" + std::to_string(::getpid()));
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
     return folder;
@@ -153,7 +153,8 @@ TEST(ZorLogger, FileSinkAppendsOneLinePerRecord) {
     ASSERT_NE(sink, nullptr) << error;
     ZorLoggerWrapper* wrapper = setupLogging(sink, IBsLogger::Verbose);
     wrapper->setThreshold(IBsLogger::Verbose);
-    wrapper->createLogStream(IBsLogger::Info, "modules/BaseService/Miravel/X", 12, "ZOR::X::y", "").format("hello %d", 1);
+    wrapper->createLogStream(IBsLogger::Info, "modules/BaseService/Miravel/X", 12, "ZOR::X::y", "")
+        .format("hello %d", 1);
     wrapper->createLogStream(IBsLogger::Error, "modules/BaseService/Miravel/X", 13, "ZOR::X::z", "").format("bye");
     shutdownLogging();
     sink.reset();

@@ -28,17 +28,11 @@ void expectFit(int width, int height, int boxWidth, int boxHeight, int fitWidth,
 
 }  // namespace
 
-TEST(ZorAdjust, LandscapeIntoSameAspectBoxFillsTheBox) {
-    expectFit(1920, 1080, 320, 180, 320, 180);
-}
+TEST(ZorAdjust, LandscapeIntoSameAspectBoxFillsTheBox) { expectFit(1920, 1080, 320, 180, 320, 180); }
 
-TEST(ZorAdjust, PortraitIsBoundByHeightAndRoundsWidthDown) {
-    expectFit(1080, 1920, 320, 180, 101, 180);
-}
+TEST(ZorAdjust, PortraitIsBoundByHeightAndRoundsWidthDown) { expectFit(1080, 1920, 320, 180, 101, 180); }
 
-TEST(ZorAdjust, SmallPictureIsScaledUp) {
-    expectFit(100, 50, 320, 180, 320, 160);
-}
+TEST(ZorAdjust, SmallPictureIsScaledUp) { expectFit(100, 50, 320, 180, 320, 160); }
 
 TEST(ZorAdjust, VeryNarrowPictureKeepsAtLeastOnePixel) {
     expectFit(1, 1000, 320, 180, 1, 180);
@@ -50,8 +44,8 @@ TEST(ZorAdjust, LargeSizesDoNotOverflow) {
 }
 
 TEST(ZorAdjust, ZeroOrNegativeSizesFailWithZeroOutput) {
-    const int bad[][4] = {{0, 1080, 320, 180},  {1920, 0, 320, 180},  {1920, 1080, 0, 180},
-                          {1920, 1080, 320, 0}, {-1920, 1080, 320, 180}, {1920, -1, 320, 180},
+    const int bad[][4] = {{0, 1080, 320, 180},     {1920, 0, 320, 180},     {1920, 1080, 0, 180},
+                          {1920, 1080, 320, 0},    {-1920, 1080, 320, 180}, {1920, -1, 320, 180},
                           {1920, 1080, -320, 180}, {1920, 1080, 320, -180}};
     for (const auto& args : bad) {
         const Fit r = fit(args[0], args[1], args[2], args[3]);

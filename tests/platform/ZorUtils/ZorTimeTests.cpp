@@ -10,9 +10,7 @@ namespace {
 
 std::atomic<int64_t> g_fakeNowNs{0};
 
-int64_t fakeNowNs() {
-    return g_fakeNowNs.load();
-}
+int64_t fakeNowNs() { return g_fakeNowNs.load(); }
 
 // Installs the fake clock for one test and puts back whatever was there.
 class FakeClock {
@@ -64,9 +62,9 @@ TEST(ZorTimeSpan, SettingTheClockReturnsThePreviousReplacementAndNullRestores) {
     EXPECT_EQ(ZOR::setSteadyClockForTesting(nullptr), &fakeNowNs);
 
     // Back on the steady clock: readings follow it and never go backwards.
-    const int64_t before = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                               std::chrono::steady_clock::now().time_since_epoch())
-                               .count();
+    const int64_t before =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count();
     const int64_t first = ZOR::zorSteadyNowNs();
     const int64_t second = ZOR::zorSteadyNowNs();
     EXPECT_GE(first, before);
@@ -83,7 +81,8 @@ TEST(ZorSleep, ReturnsAtOnceForZeroAndNegative) {
     const auto before = std::chrono::steady_clock::now();
     ZOR::ZorSleep(0);
     ZOR::ZorSleep(-1000);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));  // a guard against a negative time read as a long sleep
+    EXPECT_LT(std::chrono::steady_clock::now() - before,
+              std::chrono::seconds(5));  // a guard against a negative time read as a long sleep
 }
 
 TEST(ZorProperty, BoolPropertyHasBoolKindAndZeroOrOne) {

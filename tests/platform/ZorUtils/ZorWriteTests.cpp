@@ -144,7 +144,7 @@ TEST(ZorAbandonedTemporary, OnlyTheTemporariesOfEndedWritersAre) {
     EXPECT_TRUE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + dead + "-0"));
     EXPECT_TRUE(ZOR::isAbandonedTemporary("data.json.tmp-" + dead + "-12"));
     EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + self + "-0"));  // this process
-    EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-1-0"));           // init, alive
+    EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-1-0"));             // init, alive
     EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png"));
     EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-0-1"));  // no process
     EXPECT_FALSE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + dead));
@@ -183,8 +183,8 @@ TEST(ZorAbandonedTemporary, AWriterThatEndedButIsNotReapedYetCountsAsGone) {
     bool zombie = false;
     for (int tries = 0; tries < 100000 && !zombie; ++tries) {
         siginfo_t info{};
-        zombie = ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG) == 0 &&
-                 info.si_pid == child;
+        zombie =
+            ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG) == 0 && info.si_pid == child;
     }
     ASSERT_TRUE(zombie);
     EXPECT_TRUE(ZOR::isAbandonedTemporary("7_64_36.png.tmp-" + std::to_string(child) + "-0"));

@@ -9,8 +9,8 @@ namespace ZOR {
 double duckingFactor(const std::vector<FAudioDuckInfo>& records, int64_t t) {
     double deepest = 0.0;
     for (const FAudioDuckInfo& record : records)
-        deepest = std::max(deepest,
-                           duckLevelAt(DuckShape{record.begin, record.end, record.depth, record.fade, record.fadeRatio}, t));
+        deepest = std::max(
+            deepest, duckLevelAt(DuckShape{record.begin, record.end, record.depth, record.fade, record.fadeRatio}, t));
     return deepest > 0.0 ? 1.0 - deepest : 1.0;
 }
 

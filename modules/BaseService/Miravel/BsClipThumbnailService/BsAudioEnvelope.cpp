@@ -31,8 +31,8 @@ double envelopeAt(const std::vector<std::pair<int64_t, double>>& keyframes, cons
 }
 
 int64_t pointTime(int64_t begin, int64_t end, int32_t i, int32_t count) {
-    return begin + static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) *
-                                        static_cast<double>(end - begin));
+    return begin +
+           static_cast<int64_t>(static_cast<double>(i) / static_cast<double>(count) * static_cast<double>(end - begin));
 }
 
 double duckLevelAt(const DuckShape& shape, int64_t t) {

@@ -61,7 +61,8 @@ std::shared_ptr<BsAudioSampleCache> BsAudioSampleCache::obtainForClip(IDmClip* c
     if (clip != nullptr) {
         auto* internal = static_cast<IDmClipInternal*>(clip->queryInterface("IDmClipInternal"));
         if (internal != nullptr)
-            manager = ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
+            manager =
+                ZorRef<IDmAudioWaveMgrInternal>::adopt(acquireIDmAudioWaveMgrInternal(internal->waveManagerSource()));
     }
     return obtain(manager.get());  // the cache holds its own
 }

@@ -76,7 +76,8 @@ BsAudioThumbnailBuilder::BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* 
         if (shared.task == nullptr) {
             shared.task = createAudioWaveExtractTask();
             if (shared.task != nullptr) shared.task->initialize();
-            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip AudioWaveTask create");
+            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder",
+                    "==wav clip AudioWaveTask create");
         }
         task_ = shared.task;
         if (task_ != nullptr) {
@@ -84,7 +85,8 @@ BsAudioThumbnailBuilder::BsAudioThumbnailBuilder(IBsAudioClipThumbnailCallback* 
             task_->AddRef();
         }
     }
-    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx", pointerHex(this));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::BsAudioThumbnailBuilder", "==wav clip init %llx",
+            pointerHex(this));
 }
 
 BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
@@ -117,7 +119,8 @@ BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder() {
         }
         if (last != nullptr) {
             // Only the slot's reference was left: the next builder makes a new task.
-            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder", "==wav clip AudioWaveTask release");
+            ZOR_LOG(IBsLogger::Info, "ZOR::BsAudioThumbnailBuilder::~BsAudioThumbnailBuilder",
+                    "==wav clip AudioWaveTask release");
             last->shutdown();
             last->Release();
         }
@@ -137,8 +140,7 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
         ZOR_LOG(IBsLogger::Error, kFunction, "==wav clip:%llx sampleCount:%d", pointerHex(clip), sampleCount);
         return kResultFailure;
     }
-    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293]", true, 0,
-                        IBsLogger::Timing);
+    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::queryAudioThumbnailData[293]", true, 0, IBsLogger::Timing);
     if (clip == nullptr || clip->queryInterface("IDmAudioFeature") == nullptr) return kResultFailure;
 
     int32_t first = -1;
@@ -168,9 +170,10 @@ int32_t BsAudioThumbnailBuilder::queryAudioThumbnailData(IBsAudioThumbnailQuerye
     updateDuckInfo();
 
     auto found = clips_.find(pointerKey(clip));
-    ZOR_LOG(IBsLogger::Trace, kFunction, "==wav clip:%s %llx new query %llx: begincns:%lld  endcns:%lld  sampleCount:%lld",
-            key.c_str(), pointerHex(clip), pointerHex(queryer), static_cast<long long>(begincns),
-            static_cast<long long>(endcns), static_cast<long long>(sampleCount));
+    ZOR_LOG(IBsLogger::Trace, kFunction,
+            "==wav clip:%s %llx new query %llx: begincns:%lld  endcns:%lld  sampleCount:%lld", key.c_str(),
+            pointerHex(clip), pointerHex(queryer), static_cast<long long>(begincns), static_cast<long long>(endcns),
+            static_cast<long long>(sampleCount));
 
     if (found == clips_.end()) {
         // A clip queried for the first time.
@@ -255,8 +258,8 @@ int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer) 
 }
 
 int32_t BsAudioThumbnailBuilder::cancelQuery(IBsAudioThumbnailQueryer* queryer, IDmClip* clip) {
-    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx", pointerHex(queryer),
-            pointerHex(clip));
+    ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::cancelQuery", "cancel queryer:%llx,obj:%llx",
+            pointerHex(queryer), pointerHex(clip));
     cancelRequests(queryer, clip);
     return 0;
 }
@@ -386,7 +389,8 @@ int32_t BsAudioThumbnailBuilder::clearAudioRawSamples(IDmClip* clip) {
     }
     for (uint64_t clipKey : toNotify) {
         auto* notified = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx", pointerHex(notified));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::clearAudioRawSamples", "==wav clip clear:%llx",
+                pointerHex(notified));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(notified);
     }
     return 0;
@@ -436,7 +440,8 @@ int32_t BsAudioThumbnailBuilder::dispatchAudioThumbnailTask(AudioThumbnailParam&
             record.frameStep = endFrame != beginFrame ? endFrame - beginFrame : 1;
             result = task_->append(&record, &token);
         }
-        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx", pointerHex(entry.clip));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::appendWaveTask", "==wav clip %llx",
+                pointerHex(entry.clip));
         if (result != 0) {
             request.token = -1;
             request.taskState = 0;
@@ -467,7 +472,8 @@ void BsAudioThumbnailBuilder::pushWaveData(IDmClip* clip, IBsAudioThumbnailQuery
 int32_t BsAudioThumbnailBuilder::processChanged(IDmBaseObj* /*task*/, int32_t /*progress*/, int32_t status,
                                                 const BsTaskProgressInfo* info) {
     const int64_t token = info != nullptr ? info->token : -1;
-    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit) return 0;
+    if (status != BsTaskFinished && status != BsTaskFailed && status != BsTaskCancelled && status != BsTaskResubmit)
+        return 0;
     ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::processChanged", "status %d token:%lld", status,
             static_cast<long long>(token));
     queue_.pushTaskEnd(token, status);
@@ -511,8 +517,8 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
             }
             for (auto& [queryerKey, request] : entry->requests) {
                 if (request.token != token) continue;
-                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "===:ctsFINISH token:%lld,isRefreshing:%d",
-                        static_cast<long long>(token), refreshing ? 1 : 0);
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd",
+                        "===:ctsFINISH token:%lld,isRefreshing:%d", static_cast<long long>(token), refreshing ? 1 : 0);
                 if (status == BsTaskFinished) pushWaveData(entry->clip, queryerOf(queryerKey));
                 request.taskState = status;
                 request.token = -1;
@@ -537,14 +543,14 @@ void BsAudioThumbnailBuilder::dealWithWaveTaskEnd(int64_t token, int32_t status)
     }
     for (uint64_t clipKey : stale) {
         auto* clip = reinterpret_cast<IDmClip*>(static_cast<uintptr_t>(clipKey));
-        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx", pointerHex(clip));
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithWaveTaskEnd", "==wav clip:%llx",
+                pointerHex(clip));
         if (owner_ != nullptr) owner_->onAudioThumbnailNotice(clip);
     }
 }
 
 void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioThumbnailQueryer* queryer) {
-    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask[1025]", true, 30,
-                        IBsLogger::Warning);
+    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask[1025]", true, 30, IBsLogger::Warning);
     Entry entry;
     AudioThumbnailRequest* request = nullptr;
     std::unique_lock<std::mutex> param;
@@ -562,7 +568,8 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
     }
     if (request != nullptr) {
         request->inWork.store(true);
-        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s", entry->key.c_str());
+        ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s",
+                entry->key.c_str());
         do {
             if (request->cancelled.load()) break;
             const int32_t positions = request->positions != nullptr ? request->positions->count() : 0;
@@ -574,13 +581,14 @@ void BsAudioThumbnailBuilder::dealWithGenerateWaveTask(IDmClip* clip, IBsAudioTh
                 if (request->cancelled.load()) break;
             } else if (request->rawSamples.empty()) {
                 request->samples.assign(static_cast<size_t>(positions), 0.0f);
-                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
-                        entry->key.c_str());
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask",
+                        "==wav clip:%s,onAudioThumbnailData", entry->key.c_str());
             }
             if (!request->samples.empty()) {
-                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask", "==wav clip:%s,onAudioThumbnailData",
-                        entry->key.c_str());
-                if (IBsAudioClipThumbnailCallback* callback = queryer != nullptr ? queryer->getResultCallback() : nullptr)
+                ZOR_LOG(IBsLogger::Trace, "ZOR::BsAudioThumbnailBuilder::dealWithGenerateWaveTask",
+                        "==wav clip:%s,onAudioThumbnailData", entry->key.c_str());
+                if (IBsAudioClipThumbnailCallback* callback =
+                        queryer != nullptr ? queryer->getResultCallback() : nullptr)
                     callback->onAudioThumbnailData(entry->clip, request->begin, request->end, request->samples.data(),
                                                    static_cast<int32_t>(request->samples.size()));
             }

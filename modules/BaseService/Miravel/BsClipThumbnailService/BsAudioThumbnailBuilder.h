@@ -78,9 +78,9 @@ struct AudioThumbnailParam {
     std::vector<FAudioDuckInfo> duckRecords;  // in the clip's time base
     std::vector<std::pair<int64_t, int64_t>> silentRanges;
     std::vector<std::pair<int64_t, double>> volumeKeyframes;  // (time, dB)
-    std::vector<double> keyframeGains;  // the gain of each keyframe, worked out once per reading
-    std::map<uint64_t, AudioThumbnailRequest> requests;  // by queryer
-    std::mutex paramLock;  // after lock_, before a sample cache's lock
+    std::vector<double> keyframeGains;                        // the gain of each keyframe, worked out once per reading
+    std::map<uint64_t, AudioThumbnailRequest> requests;       // by queryer
+    std::mutex paramLock;                                     // after lock_, before a sample cache's lock
     std::atomic<bool> busy{false};
 };
 
@@ -91,15 +91,14 @@ public:
     BsAudioThumbnailBuilder(const BsAudioThumbnailBuilder&) = delete;
     BsAudioThumbnailBuilder& operator=(const BsAudioThumbnailBuilder&) = delete;
 
-    int32_t queryAudioThumbnailData(IBsAudioThumbnailQueryer* queryer, IDmClip* clip, int64_t begincns,
-                                    int64_t endcns, int32_t sampleCount);
+    int32_t queryAudioThumbnailData(IBsAudioThumbnailQueryer* queryer, IDmClip* clip, int64_t begincns, int64_t endcns,
+                                    int32_t sampleCount);
     int32_t cancelQuery(IBsAudioThumbnailQueryer* queryer);
     int32_t cancelQuery(IBsAudioThumbnailQueryer* queryer, IDmClip* clip);
     int32_t onAudioChanged(IDmTimeline* timeline, IDmClipList* clips, IZORIntList* changes);
     int32_t clearAudioRawSamples(IDmClip* clip);
 
-    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status,
-                           const BsTaskProgressInfo* info) override;
+    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status, const BsTaskProgressInfo* info) override;
 
     // Whether the worker thread has been started (it is, from the first
     // accepted query until destruction).
@@ -124,8 +123,7 @@ private:
     void waveWorkerLoop();
     void dealWithWaveTaskEnd(int64_t token, int32_t status);
     void dealWithGenerateWaveTask(IDmClip* clip, IBsAudioThumbnailQueryer* queryer);
-    void applyAudioGain(AudioThumbnailParam& entry, AudioThumbnailRequest& request,
-                        IBsAudioThumbnailQueryer* queryer);
+    void applyAudioGain(AudioThumbnailParam& entry, AudioThumbnailRequest& request, IBsAudioThumbnailQueryer* queryer);
 
     IBsAudioClipThumbnailCallback* owner_;
     IDmTimeline* timeline_;

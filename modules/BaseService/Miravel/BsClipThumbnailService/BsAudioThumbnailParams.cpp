@@ -181,8 +181,7 @@ std::vector<FAudioDuckInfo> BsAudioThumbnailBuilder::duckRecordsFor(IDmClip* cli
 // Parameters and positions
 
 uint32_t BsAudioThumbnailBuilder::updateAudioThumbnailParam(IDmClip* clip, AudioThumbnailParam& entry) {
-    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::updateAudioThumbnailParam[700]", true, 0,
-                        IBsLogger::Timing);
+    ScopeTimeSpan timer("ZOR::BsAudioThumbnailBuilder::updateAudioThumbnailParam[700]", true, 0, IBsLogger::Timing);
     auto* audio = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature"));
     uint32_t result = entry.dirty;
     ZorProperty value;

@@ -16,12 +16,18 @@ namespace {
 // the order they are subscribed to.
 const char* const* eventKeys() {
     static const char* const keys[] = {
-        timelineEventKey::dataChanged,         timelineEventKey::trackPropertyChanged,
-        clipEventKey::videoPropertyChanged,    clipEventKey::audioPropertyChanged,
-        clipEventKey::basePropertyChanged,     clipEventKey::multiCameraPropertyChanged,
-        clipEventKey::speedChanged,            clipEventKey::effectPropertyChanged,
-        clipEventKey::timelineClipPropertyChanged, clipEventKey::clipRelink,
-        undoRedoEventKey::undoEvent,           undoRedoEventKey::redoEvent,
+        timelineEventKey::dataChanged,
+        timelineEventKey::trackPropertyChanged,
+        clipEventKey::videoPropertyChanged,
+        clipEventKey::audioPropertyChanged,
+        clipEventKey::basePropertyChanged,
+        clipEventKey::multiCameraPropertyChanged,
+        clipEventKey::speedChanged,
+        clipEventKey::effectPropertyChanged,
+        clipEventKey::timelineClipPropertyChanged,
+        clipEventKey::clipRelink,
+        undoRedoEventKey::undoEvent,
+        undoRedoEventKey::redoEvent,
         undoRedoEventKey::stackChanged,
     };
     return keys;
@@ -183,8 +189,7 @@ std::shared_ptr<BsClipThumbnailServiceImpl> BsClipThumbnailServiceRegistry::acqu
     std::lock_guard<std::mutex> guard(lock_);
     auto& slot = impls_[timeline];
     if (auto existing = slot.lock()) return existing;
-    std::shared_ptr<BsClipThumbnailServiceImpl> made(new BsClipThumbnailServiceImpl(timeline),
-                                                     Deleter{this, timeline});
+    std::shared_ptr<BsClipThumbnailServiceImpl> made(new BsClipThumbnailServiceImpl(timeline), Deleter{this, timeline});
     slot = made;
     return made;
 }

@@ -152,10 +152,17 @@ void BsTimelineChangedInfo::propertyFilter(IDmClip* clip, const char* key) {
         const char* key;
         uint32_t bits;
     } filter[] = {
-        {clipKey::enable, kEnable},           {audioKey::streamId, kStream},     {audioReversePlayKey::enable, kSpeed},
-        {clipKey::timelineBegin, kRange},     {clipKey::timelineEnd, kRange},    {clipKey::markIn, kMarks},
-        {clipKey::markOut, kMarks},           {audioKey::volume, kVolume},       {audioLoudness::enable, kLoudness},
-        {audioLoudness::gain, kLoudness},     {clipVolumeKey::volumeGain, kVolumeGain},
+        {clipKey::enable, kEnable},
+        {audioKey::streamId, kStream},
+        {audioReversePlayKey::enable, kSpeed},
+        {clipKey::timelineBegin, kRange},
+        {clipKey::timelineEnd, kRange},
+        {clipKey::markIn, kMarks},
+        {clipKey::markOut, kMarks},
+        {audioKey::volume, kVolume},
+        {audioLoudness::enable, kLoudness},
+        {audioLoudness::gain, kLoudness},
+        {clipVolumeKey::volumeGain, kVolumeGain},
     };
     for (const auto& entry : filter) {
         if (std::strcmp(key, entry.key) == 0) {

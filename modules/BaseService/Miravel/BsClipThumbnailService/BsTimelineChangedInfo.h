@@ -118,7 +118,7 @@ private:
     static void eraseHeld(std::set<IDmClip*>& set, IDmClip* clip);
 
     IChangedCallback* callback_;
-    mutable std::mutex lock_;  // guards every field below; see above
+    mutable std::mutex lock_;          // guards every field below; see above
     std::set<IDmClip*> removedClips_;  // one reference each
     std::set<IDmClip*> addedClips_;    // one reference each
     std::map<IDmClip*, uint32_t> changeFlags_;

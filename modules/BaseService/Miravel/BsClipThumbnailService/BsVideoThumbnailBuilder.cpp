@@ -361,7 +361,8 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
         releaseRecord(record);
         return result;
     };
-    auto* frame = data != nullptr ? static_cast<IBsVideoFrameData*>(data->queryInterface("IBsVideoFrameData")) : nullptr;
+    auto* frame =
+        data != nullptr ? static_cast<IBsVideoFrameData*>(data->queryInterface("IBsVideoFrameData")) : nullptr;
 
     size_t outstanding = record.missingFrames.size();
     if (record.hasTaskData == 1) {
@@ -373,7 +374,8 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
             const int64_t time = frame != nullptr ? frame->requestedTime() : -1;
             auto position = std::find(record.missingFrames.begin(), record.missingFrames.end(), time);
             if (position == record.missingFrames.end()) {
-                ZOR_LOG(IBsLogger::Error, kFunction, "is not in missingFrames,frame %lld", static_cast<long long>(time));
+                ZOR_LOG(IBsLogger::Error, kFunction, "is not in missingFrames,frame %lld",
+                        static_cast<long long>(time));
                 return finish(kResultFailure);
             }
             record.missingFrames.erase(position);
@@ -412,7 +414,8 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
             ZOR_LOG(IBsLogger::Error, kFunction, "thumbnail failed %lld", pointerValue(clip));
             return finish(kResultFailure);
         }
-        stillMissing.resize(static_cast<size_t>(std::clamp<int32_t>(stillMissingCount, 0, static_cast<int32_t>(count))));
+        stillMissing.resize(
+            static_cast<size_t>(std::clamp<int32_t>(stillMissingCount, 0, static_cast<int32_t>(count))));
         std::sort(stillMissing.begin(), stillMissing.end());
         for (size_t i = 0; i < count; ++i) {
             const int64_t time = record.missingFrames[i];
@@ -494,7 +497,8 @@ int32_t BsVideoThumbnailBuilder::clearCache(IDmClip* clip, const std::string& me
         if (owner_ != nullptr) owner_->onVideoThumbnailChanged(clip);
         cache_.removeKey(key);
         ZOR_LOG_STREAM(IBsLogger::Info, "ZOR::BsVideoThumbnailBuilder::clearCache",
-                       "clear cache " << "clipPtr:" << static_cast<const void*>(clip) << "mediaId:" << mediaId);
+                       "clear cache "
+                           << "clipPtr:" << static_cast<const void*>(clip) << "mediaId:" << mediaId);
     }
     return 0;
 }

@@ -44,8 +44,7 @@ public:
     BsVideoThumbnailBuilder& operator=(const BsVideoThumbnailBuilder&) = delete;
 
     int32_t requestThumbnails(const VideoThumbnailRequest& request);
-    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status,
-                           const BsTaskProgressInfo* info) override;
+    int32_t processChanged(IDmBaseObj* task, int32_t progress, int32_t status, const BsTaskProgressInfo* info) override;
     int32_t clearCache(IDmClip* clip, const std::string& mediaId);
     int32_t clearCacheOnClipChange(IDmTimeline* changeSource, IDmClip* clip);
     void cancelClip(IDmClip* clip);
@@ -79,10 +78,10 @@ private:
 
     IBsVideoClipThumbnailCallback* owner_;
     IBsVideoFrameExtractTask* task_ = nullptr;  // one reference
-    std::mutex lock_;  // guards tasks_; never held with the cache's lock or while calling out
+    std::mutex lock_;                           // guards tasks_; never held with the cache's lock or while calling out
     std::map<int64_t, VideoThumbnailTaskRecord> tasks_;
-    std::vector<EarlyReport> early_;   // guarded by lock_
-    std::set<int64_t> replaying_;      // guarded by lock_: tokens whose early reports are being handled
+    std::vector<EarlyReport> early_;  // guarded by lock_
+    std::set<int64_t> replaying_;     // guarded by lock_: tokens whose early reports are being handled
     std::atomic<int32_t> appendsInFlight_{0};
     BsVideoThumbnailCacheManager cache_;
 };

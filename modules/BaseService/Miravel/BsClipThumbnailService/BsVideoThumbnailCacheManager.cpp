@@ -81,8 +81,8 @@ unsigned char* BsVideoThumbnailCacheManager::insert(const VideoThumbnailKey& key
 }
 
 unsigned char* BsVideoThumbnailCacheManager::addThumbnail(const VideoThumbnailKey& key, int64_t time, int32_t width,
-                                                          int32_t height, const unsigned char* pixels,
-                                                          int64_t size, Picture* holder) {
+                                                          int32_t height, const unsigned char* pixels, int64_t size,
+                                                          Picture* holder) {
     if (unsigned char* stored = getThumbnail(key, time, width, height, holder)) return stored;
     if (size < 0) return nullptr;
     auto* copy = static_cast<unsigned char*>(allocate(static_cast<size_t>(size)));

@@ -73,8 +73,8 @@ public:
     size_t pictureCount();
 
 private:
-    unsigned char* insert(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height,
-                          Picture picture, Picture* holder);
+    unsigned char* insert(const VideoThumbnailKey& key, int64_t time, int32_t width, int32_t height, Picture picture,
+                          Picture* holder);
 
     using TimeMap = std::pmr::map<int64_t, Picture>;
     using SizeMap = std::pmr::map<std::string, TimeMap, std::less<>>;

@@ -34,10 +34,10 @@ struct DecodeCounts {
 
 // Times decoded one after the other from the same keyframe.
 struct FrameRun {
-    size_t first = 0;   // index of the run's first time
+    size_t first = 0;  // index of the run's first time
     size_t count = 0;
-    int64_t cost = 0;   // estimate: media cns from the keyframe to the last time
-    int64_t lead = 0;   // estimate: media cns from the keyframe to the first time
+    int64_t cost = 0;  // estimate: media cns from the keyframe to the last time
+    int64_t lead = 0;  // estimate: media cns from the keyframe to the first time
 };
 
 struct FrameDecoderOptions {
@@ -178,8 +178,8 @@ private:
     bool positionAt(int64_t target, bool startOver, bool* fromStart, std::string* cause);
 
     const std::string path_;
-    const int streamId_;   // as asked for
-    int resolvedStream_;   // the stream decoded, once known
+    const int streamId_;  // as asked for
+    int resolvedStream_;  // the stream decoded, once known
     const FrameDecoderOptions options_;
     DecodeCounts ownCounts_;
     DecodeCounts* const counts_;
@@ -201,20 +201,20 @@ private:
     // The stream's clock, the packets read since the last seek, and the frame
     // shown at the previous time asked for with the one after it.
     DecodeCursor cursor_;
-    bool draining_ = false;   // the end was sent to the decoder
-    bool mustSeek_ = false;   // the decoder is not where the packets say: seek before going on
-    int64_t keyRead_ = 0;     // the largest pts of a keyframe packet read
+    bool draining_ = false;  // the end was sent to the decoder
+    bool mustSeek_ = false;  // the decoder is not where the packets say: seek before going on
+    int64_t keyRead_ = 0;    // the largest pts of a keyframe packet read
     bool haveKeyRead_ = false;
-    bool awaitKey_ = false;   // after a seek: packets before the first keyframe are dropped
-    bool skipping_ = true;    // discarding is allowed
-    bool skipNow_ = false;    // discarding is allowed for the packets being sent
-    bool counted_ = false;    // the stream's packets carry no presentation times: frames are counted
+    bool awaitKey_ = false;  // after a seek: packets before the first keyframe are dropped
+    bool skipping_ = true;   // discarding is allowed
+    bool skipNow_ = false;   // discarding is allowed for the packets being sent
+    bool counted_ = false;   // the stream's packets carry no presentation times: frames are counted
 
     // The keyframe given last.
     FramePtr keyFrame_;
     int64_t keyPts_ = 0;
-    int64_t keyDts_ = 0;      // the dts of its packet (AV_NOPTS_VALUE when not known)
-    int64_t keyEntry_ = 0;    // its index entry's timestamp
+    int64_t keyDts_ = 0;    // the dts of its packet (AV_NOPTS_VALUE when not known)
+    int64_t keyEntry_ = 0;  // its index entry's timestamp
     bool haveKey_ = false;
     bool haveKeyEntry_ = false;
 };

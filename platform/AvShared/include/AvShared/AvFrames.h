@@ -25,8 +25,8 @@ struct FramePair {
     FramePtr lookahead;
     int64_t lookaheadPts = 0;
     bool haveLookahead = false;
-    bool ended = false;    // the decoder gave its last frame
-    int64_t lastPts = 0;   // for frames without a timestamp
+    bool ended = false;   // the decoder gave its last frame
+    int64_t lastPts = 0;  // for frames without a timestamp
     // Counted times: when not 0, the frames' own timestamps are not used and
     // frame n since the stream's start is given nextCounted + n x this (for
     // streams whose packets carry no presentation times).

@@ -35,7 +35,7 @@ struct StreamClock {
 
     // The clock of a stream (a start time it does not tell is 0).
     static StreamClock of(const AVStream* stream);
-    int64_t frameTime(int64_t pts) const;      // pts to media cns, rounded to the nearest
+    int64_t frameTime(int64_t pts) const;  // pts to media cns, rounded to the nearest
     // The frame time of pts against media time t: <0, 0, >0.
     int compare(int64_t pts, int64_t time) const;
     // The last pts (stream time base) whose frame time is at or before media
@@ -66,8 +66,8 @@ struct PacketWindow {
     std::set<int64_t> discarded;   // pts of the packets sent with AVDISCARD_NONREF
     bool ended = false;            // no packet left to read
     bool posKnown = false;
-    int64_t pos = 0;               // dts (else pts) of the last packet read
-    bool posIsDts = false;         // pos is a dts
+    int64_t pos = 0;        // dts (else pts) of the last packet read
+    bool posIsDts = false;  // pos is a dts
     // A packet without pts, or presented before decoded: reading ahead
     // settles nothing. It stays over restart(): it is about the file.
     bool timesUnsure = false;
