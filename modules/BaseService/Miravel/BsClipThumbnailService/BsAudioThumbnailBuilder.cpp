@@ -40,8 +40,7 @@ SharedTask& sharedTask() {
     return *instance;
 }
 
-// A cancelled task no longer fills the cache: requests of its media stop
-// waiting for it.
+// A cancelled task no longer fills the cache: its media's requests stop waiting.
 void forgetCacheTask(const std::shared_ptr<BsAudioSampleCache>& cache, int64_t token) {
     if (!cache) return;
     std::lock_guard<std::mutex> guard(cache->lock());
