@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -123,11 +124,67 @@ bool parseDigits(const std::string& text, size_t begin, size_t end, long long* v
     return true;
 }
 
+// Parses text, all decimal digits, into value.
+bool parseDigitsWhole(const std::string& text, long long* value) { return parseDigits(text, 0, text.size(), value); }
+
+// The injected fault: the write numbered `at` (counted from 1 over the
+// process) fails with `error`. Atomics only: writers on any thread count
+// themselves without a lock.
+struct FaultPlan {
+    std::atomic<int64_t> seen{0};
+    std::atomic<int64_t> at{0};  // 0: none pending
+    std::atomic<int32_t> error{0};
+};
+
+FaultPlan& faultPlan() {
+    static FaultPlan* plan = [] {
+        auto* made = new FaultPlan;  // never destroyed: writers run until exit
+        const char* text = std::getenv("MIRAVEL_WRITE_FAULT");
+        if (text != nullptr) {
+            const std::string value(text);
+            const size_t colon = value.find(':');
+            const std::string name = value.substr(0, colon);
+            long long nth = 1;
+            if (colon != std::string::npos && !parseDigitsWhole(value.substr(colon + 1), &nth)) nth = 0;
+            int error = 0;
+            for (const auto& [known, number] : {std::pair<const char*, int>{"ENOSPC", ENOSPC},
+                                                {"EIO", EIO},
+                                                {"EACCES", EACCES},
+                                                {"EROFS", EROFS},
+                                                {"EDQUOT", EDQUOT}})
+                if (name == known) error = number;
+            long long numeric = 0;
+            if (error == 0 && parseDigitsWhole(name, &numeric)) error = static_cast<int>(numeric);
+            if (error > 0 && nth > 0) {
+                made->error.store(error);
+                made->at.store(nth);
+            }
+        }
+        return made;
+    }();
+    return *plan;
+}
+
+// Counts one write; the error it must fail with, or 0.
+int takeFault() {
+    FaultPlan& plan = faultPlan();
+    const int64_t number = plan.seen.fetch_add(1) + 1;
+    int64_t at = plan.at.load();
+    if (at == 0 || number != at) return 0;
+    if (!plan.at.compare_exchange_strong(at, 0)) return 0;  // cancelled or replaced meanwhile
+    return plan.error.load();
+}
+
 }  // namespace
 
 namespace write {
 
 Outcome writeWhole(const std::string& target, const std::function<bool(std::FILE*)>& fill) {
+    const int fault = takeFault();
+    if (fault == EACCES || fault == EROFS) {
+        recordFile(target, fault);
+        return {Stage::Open, fault};
+    }
     std::string tempPath;
     const int fd = createTemporary(target, tempPath);
     if (fd < 0) {
@@ -146,6 +203,11 @@ Outcome writeWhole(const std::string& target, const std::function<bool(std::FILE
     errno = 0;
     bool written = fill(file);
     int error = written ? 0 : errno;
+    if (written && fault != 0 && fault != EIO) {
+        // As a full disk: part of the content reached the temporary.
+        written = false;
+        error = fault;
+    }
     if (written && (std::fflush(file) != 0 || std::ferror(file) != 0)) {
         written = false;
         error = errno;
@@ -153,6 +215,10 @@ Outcome writeWhole(const std::string& target, const std::function<bool(std::FILE
     if (written && ::fsync(::fileno(file)) != 0) {
         written = false;
         error = errno;
+    }
+    if (written && fault == EIO) {
+        written = false;
+        error = EIO;
     }
     errno = 0;
     const bool closed = std::fclose(file) == 0;
@@ -204,6 +270,16 @@ int32_t writeFileAtomically(const char* path, const void* data, size_t size) {
                              [&](std::FILE* file) { return size == 0 || std::fwrite(data, 1, size, file) == size; })
         .error;
 }
+
+void injectWriteFault(int32_t error, int64_t nth) {
+    FaultPlan& plan = faultPlan();
+    plan.at.store(0);
+    if (error <= 0 || nth <= 0) return;
+    plan.error.store(error);
+    plan.at.store(plan.seen.load() + nth);
+}
+
+int64_t writesSeen() { return faultPlan().seen.load(); }
 
 int32_t lastWriteFailure(const Path& dir, std::string* failedPath) {
     return failures().find(folderKey(dir.str()), failedPath);

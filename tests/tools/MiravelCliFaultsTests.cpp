@@ -22,6 +22,7 @@
 
 #include "CliTestSupport.h"
 #include "MediaTestSupport.h"
+#include "ZorUtils/ZorUtils.h"
 
 extern char** environ;
 
@@ -258,6 +259,52 @@ TEST(MiravelCliFaults, AFullDiskDuringAWaveStoreWriteLeavesNoTemporaryAndTheValu
     for (const std::string& name : listing(folder)) {
         EXPECT_EQ(name.find(".tmp-"), std::string::npos) << name;
         EXPECT_TRUE(name.size() > 5 && name.compare(name.size() - 5, 5, ".lock") == 0) << name;
+    }
+}
+
+// Every file of the frame store and of a media root written under an
+// injected fault (MIRAVEL_WRITE_FAULT): the command fails naming the folder
+// and the cause, leaves no temporary, and the next run completes.
+TEST(MiravelCliFaults, InjectedWriteFaultsFailTheCommandNamingTheCauseAndLeaveNothing) {
+    TempFolder folder;
+    const std::string video = redVideo(folder, 1);
+    const auto noTemporaries = [&](const std::string& under) {
+        std::error_code ec;
+        for (auto it = std::filesystem::recursive_directory_iterator(under, ec);
+             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
+            EXPECT_EQ(it->path().filename().string().find(".tmp-"), std::string::npos) << it->path();
+    };
+    const auto withFault = [&](const std::string& fault, const std::string& arguments, const std::string& cache) {
+        const std::string errPath = folder.file("stderr.txt");
+        return runShell("MIRAVEL_WRITE_FAULT=" + fault + " XDG_CACHE_HOME=" + shellQuoted(cache) +
+                            " '" MIRAVEL_CLI "' " + arguments + " 2>" + shellQuoted(errPath),
+                        errPath);
+    };
+    for (const auto& [name, error] :
+         {std::pair<std::string, int>{"ENOSPC", ENOSPC}, {"EIO", EIO}, {"EACCES", EACCES}}) {
+        SCOPED_TRACE(name);
+        const std::string cache = folder.file("cache-" + name);
+        const std::string root = folder.file("root-" + name);
+        const std::string frames = "frames " + shellQuoted(video) + " --times 0 --size 8x8";
+        CliRun run = withFault(name + ":1", frames, cache);
+        expectFailureMatching(run, cache + "/miravel/frames/red1\\.mp4-[0-9a-f]{16}: cannot write the frame store: " +
+                                       ZOR::writeErrorText(error));
+        noTemporaries(cache);
+        run = runMiravel(folder, frames, cache);
+        EXPECT_EQ(run.exitCode, 0) << run.err;
+
+        const std::string media =
+            "media " + shellQuoted(video) + " --root " + shellQuoted(root) + " --count 3 --box 16x16";
+        run = withFault(name + ":2", media, cache);
+        expectFailure(run, root + "/media_thumbnail: cannot write the media thumbnails (1 of 3 pictures missing): " +
+                               ZOR::writeErrorText(error));
+        noTemporaries(root);
+        run = runMiravel(folder, media, cache);
+        EXPECT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(std::filesystem::exists(root + "/media_thumbnail/0_16_16.png"), true);
+        EXPECT_EQ(std::filesystem::exists(root + "/media_thumbnail/1_16_16.png"), true);
+        EXPECT_EQ(std::filesystem::exists(root + "/media_thumbnail/2_16_16.png"), true);
+        noTemporaries(root);
     }
 }
 

@@ -148,6 +148,20 @@ ZOR_PLATFORM_API int32_t writeFileAtomically(const char* path, const void* data,
 // trailing separators.
 ZOR_PLATFORM_API int32_t lastWriteFailure(const Path& dir, std::string* failedPath);
 
+// Injected write faults, for tests and fault drills: the nth file written
+// whole from now on (1: the next), through writeFileAtomically, dumpPNG and
+// every store and folder that uses them, fails with error as a disk would:
+// EACCES and EROFS when the temporary file is opened, ENOSPC, EDQUOT and
+// anything else after part of the content is written (the temporary is
+// removed as for a real failure), EIO when the file is flushed to disk. Each
+// call replaces the fault pending; error 0 cancels it. The fault fires once.
+// MIRAVEL_WRITE_FAULT="<errno name or number>:<n>" (for example
+// "ENOSPC:3") sets one at the first write of a process. Thread-safe; writes
+// are counted in the order they reach the seam.
+ZOR_PLATFORM_API void injectWriteFault(int32_t error, int64_t nth);
+// How many writes the seam has seen in this process (failed ones included).
+ZOR_PLATFORM_API int64_t writesSeen();
+
 // Words for the errno of a failed write: "disk full" (ENOSPC, EDQUOT),
 // "read-only file system" (EROFS), "permission denied" (EACCES, EPERM), "not a
 // folder" (ENOTDIR), otherwise strerror's text.

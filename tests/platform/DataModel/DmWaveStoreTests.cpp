@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include "DataModel/DmWavePeaks.h"
 #include "DmWaveStoreFile.h"
 #include "MediaTestSupport.h"
+#include "ZorUtils/ZorUtils.h"
 #include "Common/ZorInternalComUtility.h"
 
 namespace ZOR::test {
@@ -338,6 +340,40 @@ TEST_F(WaveStoreTest, AnUnwritableRootKeepsTheLevelsInMemoryWithOneWarning) {
             ++warnings;
     EXPECT_EQ(warnings, 1);
     EXPECT_EQ(MediaTest::filesUnder(folder_.path()).size(), 2u);  // the blocker and the media: nothing half-written
+}
+
+TEST_F(WaveStoreTest, AnInjectedWriteFaultKeepsTheLevelsInMemoryLeavesNothingAndTheNextFlushWrites) {
+    for (const int error : {ENOSPC, EIO, EACCES}) {
+        SCOPED_TRACE(error);
+        const std::string path = stereoWav("tone" + std::to_string(error) + ".wav", 1.0 + error / 1000.0);
+        ScopedCapture capture(IBsLogger::Warning);
+        const ZorRef<IDmClip> clip = clipOf(path);
+        IDmAudioWaveStore* store = storeOf(clip);
+        const std::vector<float> values = pattern(0, 3, 2);
+        ASSERT_EQ(store->storeChannelFrames(store->contentGeneration(), 0, 3, 2, values.data()), 0);
+        injectWriteFault(error, 1);
+        EXPECT_EQ(store->flush(), error);
+        injectWriteFault(0, 0);
+        EXPECT_TRUE(store->missingRanges(0, 2).empty());  // still served from memory
+        int warnings = 0;
+        for (const std::string& text : capture.sink().texts())
+            if (text.find("the wave store cannot write") != std::string::npos &&
+                text.find(writeErrorText(error)) != std::string::npos)
+                ++warnings;
+        EXPECT_EQ(warnings, 1);
+        for (const std::string& name : TempFolder::entries(folder_.file("cache/waves"))) {
+            EXPECT_EQ(name.find(".tmp-"), std::string::npos) << name;
+            EXPECT_EQ(name.find(".mwav", name.size() - 5), std::string::npos) << name;  // only lock files
+        }
+        // The fault is gone: the next flush writes the levels.
+        EXPECT_EQ(store->flush(), 0);
+        ASSERT_EQ(storeFiles().size(), 1u);
+        const std::vector<char> bytes = readAll(storeFiles().at(0));
+        DmWaveStoreData data;
+        ASSERT_TRUE(readWaveStore(bytes.data(), bytes.size(), nullptr, -1, &data, nullptr));
+        EXPECT_TRUE(data.isHeld(2));
+        std::filesystem::remove(storeFiles().at(0));
+    }
 }
 
 TEST_F(WaveStoreTest, ABudgetOfZeroKeepsNothingAndEverythingStillWorks) {
