@@ -22,11 +22,13 @@ int64_t bucketStart(int64_t begin, int64_t length, int64_t points, int64_t i) {
 
 DmPeakWindows peakBucketWindows(int64_t begin, int64_t end, int64_t points, int64_t i) {
     const int64_t length = end - begin;
-    const int64_t from = bucketStart(begin, length, points, i);
-    const int64_t to = bucketStart(begin, length, points, i + 1);
+    return peakWindowsOf(bucketStart(begin, length, points, i), bucketStart(begin, length, points, i + 1));
+}
+
+DmPeakWindows peakWindowsOf(int64_t from, int64_t to) {
     DmPeakWindows windows;
     windows.first = floorDiv(from, kCnsPerWindow);
-    // An empty bucket takes the window it lies in.
+    // An empty range takes the window it lies in.
     windows.end = to > from ? floorDiv(to - 1, kCnsPerWindow) + 1 : windows.first + 1;
     return windows;
 }

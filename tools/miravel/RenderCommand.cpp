@@ -33,6 +33,7 @@
 #include "DataModel/DmMedia.h"
 #include "DataModel/DmMediaInternal.h"
 #include "DataModel/DmTime.h"
+#include "DataModel/DmWavePeaks.h"
 #include "WaveExtract.h"
 #include "Json.h"
 #include "DataModel/DmTimeline.h"
@@ -199,7 +200,7 @@ std::vector<std::vector<float>> peakColumns(const std::string& document, const C
     const auto count = static_cast<int64_t>(values.size());
     if (audio == nullptr || store == nullptr || count == 0) return {values};
     bool reverse = false;
-    if (ZOR::IDmEffect* effect = audioClip->effect(4139)) reverse = effect->value(0) != 0.0f;  // reverse play
+    if (ZOR::IDmEffect* effect = audioClip->effect(ZOR::DmEffectReversePlay)) reverse = effect->value(0) != 0.0f;
     std::vector<int64_t> positions(static_cast<size_t>(count) + 1);
     for (int64_t i = 0; i <= count; ++i)
         positions[static_cast<size_t>(i)] = audio->sourcePosition(
@@ -239,12 +240,10 @@ std::vector<std::vector<float>> peakColumns(const std::string& document, const C
         for (int64_t i = 0; i < count; ++i) {
             const int64_t a = positions[static_cast<size_t>(i)];
             const int64_t b = positions[static_cast<size_t>(i) + 1];
-            const int64_t from = std::min(a, b);
-            const int64_t to = std::max(a, b);
-            const int64_t firstWindow = from / kCnsPerWindow;
-            const int64_t endWindow = to > from ? (to - 1) / kCnsPerWindow + 1 : firstWindow + 1;
+            const ZOR::DmPeakWindows windows = ZOR::peakWindowsOf(std::min(a, b), std::max(a, b));
             const float gain = gains[static_cast<size_t>(i)] == kNoGain ? 1.0f : gains[static_cast<size_t>(i)];
-            column[static_cast<size_t>(i)] = std::min(1.0f, gain * store->channelPeak(channel, firstWindow, endWindow));
+            column[static_cast<size_t>(i)] =
+                std::min(1.0f, gain * store->channelPeak(channel, windows.first, windows.end));
         }
     }
     return columns;

@@ -27,6 +27,9 @@ struct DmPeakWindows {
     int64_t end = 0;
 };
 ZOR_PLATFORM_API DmPeakWindows peakBucketWindows(int64_t begin, int64_t end, int64_t points, int64_t i);
+// The windows that media times [from, to) overlap; for from == to, the
+// window from lies in.
+ZOR_PLATFORM_API DmPeakWindows peakWindowsOf(int64_t from, int64_t to);
 
 // The points values of one channel of store (-1: the largest of all channels)
 // over [begin, end) cns; frames the store does not hold count 0.
