@@ -16,6 +16,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "DataModel/DmCache.h"
 #include "ZorUtils/ZorUtils.h"
@@ -575,6 +576,17 @@ int32_t DmAudioWaveManager::flush() {
     };
     const std::string folder = std::filesystem::path(path).parent_path().string();
     if (const int32_t error = createFolder(folder); error != 0) return failed(error, "make the folder of");
+    // The temporaries of writers that died (a process killed while writing)
+    // go at this process's first write into each folder.
+    // Never destroyed: managers may flush while the process exits.
+    static auto* sweptLock = new std::mutex;  // leaf: guards swept only
+    static auto* swept = new std::set<std::string>;
+    bool first = false;
+    {
+        std::lock_guard<std::mutex> guard(*sweptLock);
+        first = swept->insert(folder).second;
+    }
+    if (first) removeAbandonedTemporaries(folder);
     int64_t before = 0;
     std::vector<char> bytes;
     {

@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -374,6 +376,21 @@ TEST_F(WaveStoreTest, AnInjectedWriteFaultKeepsTheLevelsInMemoryLeavesNothingAnd
         EXPECT_TRUE(data.isHeld(2));
         std::filesystem::remove(storeFiles().at(0));
     }
+}
+
+TEST_F(WaveStoreTest, TheTemporaryOfAWriterThatDiedGoesAtTheFirstWrite) {
+    // A store file's temporary left by a process that was killed.
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    std::filesystem::create_directories(folder_.file("cache/waves"));
+    const std::string stale =
+        folder_.file("cache/waves/x-s0.mwav.tmp-" + std::to_string(static_cast<long>(child)) + "-0");
+    writeAll(stale, {'x'});
+    keepFrames(stereoWav("tone.wav", 1.0), 0, 3);
+    EXPECT_FALSE(std::filesystem::exists(stale));
+    EXPECT_EQ(storeFiles().size(), 1u);
 }
 
 TEST_F(WaveStoreTest, ABudgetOfZeroKeepsNothingAndEverythingStillWorks) {
