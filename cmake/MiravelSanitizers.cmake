@@ -10,5 +10,14 @@ if(MIRAVEL_SANITIZE)
   # Instrumentation makes GCC's flow analysis report uninitialised reads that
   # cannot happen (inside libstdc++'s std::function and std::regex); the
   # normal build keeps the warning.
-  add_compile_options(-Wno-maybe-uninitialized)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wno-maybe-uninitialized)
+  endif()
+endif()
+if(MIRAVEL_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "MIRAVEL_FUZZ needs clang (scripts/fuzz.sh configures it)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
 endif()

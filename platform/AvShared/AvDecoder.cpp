@@ -6,6 +6,11 @@ extern "C" {
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "ZorUtils/ZorUtils.h"
+
 namespace ZOR::av {
 
 std::string avErrorText(int code) {
@@ -30,10 +35,99 @@ int bestVideoStream(AVFormatContext* format) {
 
 StreamDecoder::~StreamDecoder() {
     avcodec_free_context(&codec_);
-    avformat_close_input(&format_);
+    closeMediaFile(&format_);
+}
+
+namespace {
+
+// The reading position in bytes held in memory (ZOR::setMemoryMedia).
+struct MemorySource {
+    const unsigned char* bytes = nullptr;
+    size_t size = 0;
+    size_t position = 0;
+};
+
+int readMemory(void* opaque, uint8_t* buffer, int capacity) {
+    auto* source = static_cast<MemorySource*>(opaque);
+    if (capacity <= 0) return 0;
+    const size_t left = source->size - source->position;
+    if (left == 0) return AVERROR_EOF;
+    const size_t count = std::min(left, static_cast<size_t>(capacity));
+    std::memcpy(buffer, source->bytes + source->position, count);
+    source->position += count;
+    return static_cast<int>(count);
+}
+
+int64_t seekMemory(void* opaque, int64_t offset, int whence) {
+    auto* source = static_cast<MemorySource*>(opaque);
+    const auto size = static_cast<int64_t>(source->size);
+    if (whence & AVSEEK_SIZE) return size;
+    int64_t target = offset;
+    switch (whence & ~AVSEEK_FORCE) {
+        case SEEK_SET: break;
+        case SEEK_CUR: target = static_cast<int64_t>(source->position) + offset; break;
+        case SEEK_END: target = size + offset; break;
+        default: return AVERROR(EINVAL);
+    }
+    if (target < 0 || target > size) return AVERROR(EINVAL);
+    source->position = static_cast<size_t>(target);
+    return target;
+}
+
+// Frees the reader of memory media that openMemoryMedia() gave a context.
+void freeMemoryReader(AVIOContext** reader) {
+    if (*reader == nullptr) return;
+    delete static_cast<MemorySource*>((*reader)->opaque);
+    av_freep(&(*reader)->buffer);
+    avio_context_free(reader);
+}
+
+// Opens bytes held in memory as media: a context with its own reader
+// (AVFMT_FLAG_CUSTOM_IO), which closeMediaFile() frees.
+int openMemoryMedia(const unsigned char* bytes, size_t size, const std::string& path, AVFormatContext** format) {
+    constexpr int kBufferSize = 32 * 1024;
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+    if (buffer == nullptr) return AVERROR(ENOMEM);
+    auto* source = new MemorySource{bytes, size, 0};
+    AVIOContext* reader = avio_alloc_context(buffer, kBufferSize, 0, source, readMemory, nullptr, seekMemory);
+    if (reader == nullptr) {
+        av_free(buffer);
+        delete source;
+        return AVERROR(ENOMEM);
+    }
+    *format = avformat_alloc_context();
+    if (*format == nullptr) {
+        freeMemoryReader(&reader);
+        return AVERROR(ENOMEM);
+    }
+    (*format)->pb = reader;
+    (*format)->flags |= AVFMT_FLAG_CUSTOM_IO;
+    // On failure the context is freed (and *format nulled), the reader is not.
+    const int result = avformat_open_input(format, path.c_str(), nullptr, nullptr);
+    if (result < 0) freeMemoryReader(&reader);
+    return result;
+}
+
+}  // namespace
+
+void closeMediaFile(AVFormatContext** format) {
+    if (*format == nullptr) return;
+    AVIOContext* memoryReader = ((*format)->flags & AVFMT_FLAG_CUSTOM_IO) != 0 ? (*format)->pb : nullptr;
+    avformat_close_input(format);
+    freeMemoryReader(&memoryReader);
 }
 
 bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause, bool regularOnly) {
+    const unsigned char* bytes = nullptr;
+    size_t size = 0;
+    if (findMemoryMedia(path.c_str(), &bytes, &size)) {
+        int result = openMemoryMedia(bytes, size, path, format);
+        if (result >= 0) result = avformat_find_stream_info(*format, nullptr);
+        if (result >= 0) return true;
+        closeMediaFile(format);
+        *cause = avErrorText(result);
+        return false;
+    }
     // A pipe or a device would block the open or the reads, for ever when
     // nobody writes: only regular files (and what the file system does not
     // know, such as URLs) are read, unless the caller can be held.
@@ -45,7 +139,7 @@ bool openMediaFile(const std::string& path, AVFormatContext** format, std::strin
     int result = avformat_open_input(format, path.c_str(), nullptr, nullptr);
     if (result >= 0) result = avformat_find_stream_info(*format, nullptr);
     if (result >= 0) return true;
-    avformat_close_input(format);
+    closeMediaFile(format);
     *cause = avErrorText(result);
     return false;
 }

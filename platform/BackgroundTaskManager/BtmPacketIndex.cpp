@@ -1,5 +1,7 @@
 #include "BtmPacketIndex.h"
 
+#include "ZorUtils/ZorUtils.h"
+
 extern "C" {
 #include <libavutil/intreadwrite.h>
 #include <libavutil/log.h>
@@ -282,8 +284,12 @@ bool IndexedDecoder::open(const std::string& path, std::shared_ptr<const PacketI
         return false;
     };
     if (!index_) return fail("no packet index");
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) return fail(std::strerror(errno));
+    // Media held in memory is read from there, as the demuxer reads it.
+    if (!findMemoryMedia(path.c_str(), &memory_, &memorySize_)) {
+        memory_ = nullptr;
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0) return fail(std::strerror(errno));
+    }
     const AVCodec* decoder = avcodec_find_decoder(index_->parameters()->codec_id);
     if (decoder == nullptr)
         return fail(std::string("no decoder for ") + avcodec_get_name(index_->parameters()->codec_id));
@@ -309,7 +315,11 @@ bool IndexedDecoder::fill(int64_t position, int32_t size) {
     const size_t want = std::max(kReadBlock, static_cast<size_t>(size));
     buffer_.resize(want);
     size_t got = 0;
-    while (got < want) {
+    if (memory_ != nullptr && position >= 0 && static_cast<uint64_t>(position) < memorySize_) {
+        got = std::min(want, memorySize_ - static_cast<size_t>(position));
+        std::memcpy(buffer_.data(), memory_ + position, got);
+    }
+    while (memory_ == nullptr && got < want) {
         const ssize_t read =
             ::pread(fd_, buffer_.data() + got, want - got, static_cast<off_t>(position) + static_cast<off_t>(got));
         if (read < 0 && errno == EINTR) continue;

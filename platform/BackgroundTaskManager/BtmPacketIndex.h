@@ -128,6 +128,8 @@ private:
     std::string path_;
     std::shared_ptr<const PacketIndex> index_;
     int fd_ = -1;
+    const unsigned char* memory_ = nullptr;  // the bytes of media held in memory, or null
+    size_t memorySize_ = 0;
     AVCodecContext* codec_ = nullptr;
     AVPacket* packet_ = nullptr;
     AVFrame* extra_ = nullptr;

@@ -142,7 +142,7 @@ DmMediaProbe probeFile(const std::string& canonical, int32_t audioStreamId, int3
             probe.videoProblem = "'" + probe.path + "': the video stream has no picture size";
         }
     }
-    avformat_close_input(&format);
+    av::closeMediaFile(&format);
     return probe;
 }
 

@@ -176,6 +176,17 @@ ZOR_PLATFORM_API bool isAbandonedTemporary(const std::string& fileName);
 // how many were removed.
 ZOR_PLATFORM_API int32_t removeAbandonedTemporaries(const Path& dir);
 
+// Media held in memory: while bytes are set for a path, the media readers
+// (probing, wave extraction, frame decoding) read them instead of the file at
+// that path, as if it were a file that is not regular (nothing of it is kept
+// between opens). For fuzzing and tests that feed many inputs without files.
+// The bytes are not copied: they must stay alive and unchanged until
+// clearMemoryMedia(path). Thread-safe.
+ZOR_PLATFORM_API void setMemoryMedia(const char* path, const unsigned char* bytes, size_t size);
+ZOR_PLATFORM_API void clearMemoryMedia(const char* path);
+// The bytes set for path: true with *bytes and *size set, or false.
+ZOR_PLATFORM_API bool findMemoryMedia(const char* path, const unsigned char** bytes, size_t* size);
+
 // ---------------------------------------------------------------------------
 // PNG files of 8-bit RGBA pixels, rows without padding
 

@@ -19,7 +19,10 @@ std::string avErrorText(int code);
 // Opens a media file and reads what its streams are. With regularOnly,
 // anything but a regular file (a pipe, a device, a folder) is refused at once:
 // reading it could block for ever. False with *cause set (and *format null).
+// Media held in memory for path (ZOR::setMemoryMedia) is read from there.
 bool openMediaFile(const std::string& path, AVFormatContext** format, std::string* cause, bool regularOnly = true);
+// Closes what openMediaFile() opened (null is ignored) and nulls *format.
+void closeMediaFile(AVFormatContext** format);
 
 struct FrameFree {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }

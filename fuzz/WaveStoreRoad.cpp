@@ -1,0 +1,61 @@
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "DmWaveStoreFile.h"
+#include "FuzzRoads.h"
+#include "FuzzSupport.h"
+
+namespace ZOR::fuzz {
+
+namespace {
+
+bool sameData(const DmWaveStoreData& a, const DmWaveStoreData& b) {
+    return a.fingerprint == b.fingerprint && a.stream == b.stream && a.channels == b.channels &&
+           a.frames == b.frames && a.endFrame == b.endFrame && a.hasOrigin == b.hasOrigin &&
+           a.originPts == b.originPts && a.originRate == b.originRate && a.held == b.held && a.levels == b.levels;
+}
+
+}  // namespace
+
+int waveStore(const uint8_t* data, size_t size) {
+    prepareProcess();
+    const auto* bytes = reinterpret_cast<const char*>(data);
+    DmWaveStoreData read;
+    std::string why;
+    const bool whole = readWaveStore(bytes, size, nullptr, -1, &read, &why);
+    DmWaveStoreView view;
+    std::string viewWhy;
+    const bool viewed = readWaveStoreView(bytes, size, nullptr, -1, &view, &viewWhy);
+    DmWaveStoreLayout layout;
+    std::string layoutWhy;
+    const bool laidOut = readWaveStoreLayout(bytes, size, nullptr, -1, &layout, &layoutWhy);
+    // The three readers agree on what they accept and why they refuse.
+    if (whole != viewed || whole != laidOut) std::abort();
+    if (!whole) {
+        if (why.empty() || why != viewWhy || why != layoutWhy) std::abort();
+        return 0;
+    }
+    if (read.channels == 0 || read.frames < 0 ||
+        read.held.size() != (static_cast<size_t>(read.frames) + 7) / 8 ||
+        read.levels.size() != static_cast<size_t>(read.channels) * static_cast<size_t>(read.frames) * 40)
+        std::abort();
+    if (!sameData(read, view.data) || layout.data.frames != read.frames || layout.data.channels != read.channels)
+        std::abort();
+    // Every held frame the layout reads in place is the one read whole.
+    for (int32_t frame = 0; frame < read.frames; ++frame)
+        if (layout.isHeld(frame) != read.isHeld(frame)) std::abort();
+    touch(reinterpret_cast<const unsigned char*>(layout.levels), read.levels.size() * 2);
+    if (layout.level16 != nullptr)
+        touch(reinterpret_cast<const unsigned char*>(layout.level16), view.level16.size() * 2);
+    if (layout.level256 != nullptr)
+        touch(reinterpret_cast<const unsigned char*>(layout.level256), view.level256.size() * 2);
+    // What was read, written again, reads back the same.
+    const std::vector<char> written = writeWaveStore(read);
+    DmWaveStoreData again;
+    if (!readWaveStore(written.data(), written.size(), nullptr, -1, &again, &why) || !sameData(read, again))
+        std::abort();
+    return 0;
+}
+
+}  // namespace ZOR::fuzz
