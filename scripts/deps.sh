@@ -4,6 +4,7 @@
 #   scripts/deps.sh test   what building and running the tests needs
 #   scripts/deps.sh view   what building and running the viewer (miravel-view) needs
 #   scripts/deps.sh bench  what building and running the benchmarks needs
+#   scripts/deps.sh fuzz   what building and running the fuzz targets needs (clang, libFuzzer)
 set -euo pipefail
 
 what=${1:-test}
@@ -16,8 +17,10 @@ case "$what" in
   demo) packages+=(nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
   test) packages+=(libgtest-dev libgmock-dev nlohmann-json3-dev "${ffmpeg_dev[@]}" ffmpeg "${viewer[@]}") ;;
   view) packages+=(nlohmann-json3-dev "${ffmpeg_dev[@]}" "${viewer[@]}") ;;
+  # libFuzzer comes with clang's runtime libraries.
+  fuzz) packages+=(clang libclang-rt-dev nlohmann-json3-dev "${ffmpeg_dev[@]}" ffmpeg) ;;
   bench) packages+=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev "${ffmpeg_dev[@]}") ;;
-  *) echo "deps.sh: unknown set '$what' (demo, test, view or bench)" >&2; exit 2 ;;
+  *) echo "deps.sh: unknown set '$what' (demo, test, view, bench or fuzz)" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -52,7 +52,7 @@ int64_t streamDuration(AVFormatContext* format, AVStream* stream) {
     }
     if (end != AV_NOPTS_VALUE && end > clock.origin) return clock.frameTime(end);
     if (format->duration != AV_NOPTS_VALUE && format->duration > 0)
-        return av_rescale_q(format->duration, AV_TIME_BASE_Q, kCns);
+        return av_rescale_q(format->duration, AVRational{1, AV_TIME_BASE}, kCns);
     return 0;
 }
 

@@ -56,7 +56,7 @@ bool indexCoversStream(const AVFormatContext* format, AVStream* stream, int64_t 
     if (stream->duration != AV_NOPTS_VALUE && stream->duration > 0)
         end = origin + stream->duration;
     else if (format->duration > 0)
-        end = origin + av_rescale_q(format->duration, AV_TIME_BASE_Q, stream->time_base);
+        end = origin + av_rescale_q(format->duration, AVRational{1, AV_TIME_BASE}, stream->time_base);
     if (entries <= 0 || end == AV_NOPTS_VALUE) return false;
     int64_t gap = av_rescale_q(2 * kSecondCns, kCns, stream->time_base);
     int64_t previousKey = AV_NOPTS_VALUE;

@@ -242,6 +242,17 @@ bool readWaveStoreLayout(const char* bytes, size_t size, const DmMediaFingerprin
     return true;
 }
 
+namespace {
+
+// count u16 levels as stored (unaligned) into *levels. A file of no frames
+// has none, and an empty vector may have no storage to copy into.
+void copyLevels(const char* stored, size_t count, std::vector<uint16_t>* levels) {
+    levels->resize(count);
+    if (count > 0) std::memcpy(levels->data(), stored, count * 2);
+}
+
+}  // namespace
+
 bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint* expected, int32_t expectedStream,
                        DmWaveStoreView* view, std::string* why) {
     DmWaveStoreLayout layout;
@@ -252,12 +263,9 @@ bool readWaveStoreView(const char* bytes, size_t size, const DmMediaFingerprint*
     const size_t c16 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 16);
     const size_t c256 = static_cast<size_t>(data.channels) * coarseCount(data.frames, 256);
     data.held.assign(layout.held, layout.held + held);
-    data.levels.resize(fine);
-    view->level16.resize(c16);
-    view->level256.resize(c256);
-    std::memcpy(data.levels.data(), layout.levels, fine * 2);
-    std::memcpy(view->level16.data(), layout.level16, c16 * 2);
-    std::memcpy(view->level256.data(), layout.level256, c256 * 2);
+    copyLevels(layout.levels, fine, &data.levels);
+    copyLevels(layout.level16, c16, &view->level16);
+    copyLevels(layout.level256, c256, &view->level256);
     view->data = std::move(data);
     return true;
 }

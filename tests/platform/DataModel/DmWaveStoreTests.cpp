@@ -164,6 +164,31 @@ TEST_F(WaveStoreTest, ATruncatedStoreFileIsNeverServed) {
     EXPECT_EQ(why, "too long");
 }
 
+// Found by the wave store's fuzz target: a file of no frames is whole (a
+// header and no payload), and reading its empty levels copied from nowhere.
+TEST_F(WaveStoreTest, AStoreFileOfNoFramesReadsBackEmptyThroughEveryReader) {
+    DmWaveStoreData data;
+    data.channels = 1;
+    data.frames = 0;
+    const std::vector<char> bytes = writeWaveStore(data);
+    ASSERT_EQ(bytes.size(), 92u);
+    DmWaveStoreData read;
+    std::string why;
+    ASSERT_TRUE(readWaveStore(bytes.data(), bytes.size(), nullptr, -1, &read, &why)) << why;
+    EXPECT_EQ(read.channels, 1u);
+    EXPECT_EQ(read.frames, 0);
+    EXPECT_TRUE(read.held.empty());
+    EXPECT_TRUE(read.levels.empty());
+    DmWaveStoreView view;
+    ASSERT_TRUE(readWaveStoreView(bytes.data(), bytes.size(), nullptr, -1, &view, &why)) << why;
+    EXPECT_TRUE(view.level16.empty());
+    EXPECT_TRUE(view.level256.empty());
+    DmWaveStoreLayout layout;
+    ASSERT_TRUE(readWaveStoreLayout(bytes.data(), bytes.size(), nullptr, -1, &layout, &why)) << why;
+    EXPECT_EQ(layout.data.frames, 0);
+    EXPECT_FALSE(layout.isHeld(0));
+}
+
 TEST_F(WaveStoreTest, AFlippedByteAnywhereIsNeverServed) {
     const DmWaveStoreData data = sampleData(5, 2);
     const std::vector<char> bytes = writeWaveStore(data);

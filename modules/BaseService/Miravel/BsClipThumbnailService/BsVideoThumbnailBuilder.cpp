@@ -163,8 +163,9 @@ int32_t BsVideoThumbnailBuilder::requestThumbnails(const VideoThumbnailRequest& 
             for (auto& [token, existing] : tasks_) {
                 if (existing.clip != clip) continue;
                 running = token;
+                const std::vector<int64_t>& queued = existing.missingFrames;
                 covered = std::all_of(record.missingFrames.begin(), record.missingFrames.end(), [&](int64_t frame) {
-                    return std::binary_search(existing.missingFrames.begin(), existing.missingFrames.end(), frame);
+                    return std::binary_search(queued.begin(), queued.end(), frame);
                 });
                 break;
             }

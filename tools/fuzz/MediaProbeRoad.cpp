@@ -41,7 +41,9 @@ int mediaProbe(const uint8_t* data, size_t size) {
         readProperty(owner, mediaInfoKey::duration);
     }
     if (auto* sound = static_cast<IDmAudioFeature*>(clip->queryInterface("IDmAudioFeature")))
-        (void)(sound->sampleRate() + sound->channelCount() + sound->audioStreamIndex());
+        tell("media_probe: audio stream %d: %d Hz, %d channels, %lld cns", static_cast<int>(sound->audioStreamIndex()),
+             static_cast<int>(sound->sampleRate()), static_cast<int>(sound->channelCount()),
+             static_cast<long long>(sound->mediaDuration()));
     clip->Release();
     return 0;
 }
