@@ -262,23 +262,40 @@ TEST(MiravelCliFaults, AFullDiskDuringAWaveStoreWriteLeavesNoTemporaryAndTheValu
     }
 }
 
+// Runs miravel with an injected write fault (MIRAVEL_WRITE_FAULT) and the
+// wave store off, its stderr to stderr.txt.
+CliRun runWithFault(const TempFolder& folder, const std::string& fault, const std::string& arguments,
+                    const std::string& cache) {
+    const std::string errPath = folder.file("stderr.txt");
+    return runShell("MIRAVEL_WAVE_STORE=0 MIRAVEL_WRITE_FAULT=" + fault + " XDG_CACHE_HOME=" + shellQuoted(cache) +
+                        " '" MIRAVEL_CLI "' " + arguments + " 2>" + shellQuoted(errPath),
+                    errPath);
+}
+
+// Checks that no file under the folder, at any depth, is a temporary.
+void expectNoTemporariesUnder(const std::string& under) {
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(under, ec);
+         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
+        EXPECT_EQ(it->path().filename().string().find(".tmp-"), std::string::npos) << it->path();
+}
+
+// The faults each injected-fault test runs with: the name MIRAVEL_WRITE_FAULT
+// takes and the errno.
+const std::vector<std::pair<std::string, int>>& eachFault() {
+    static const std::vector<std::pair<std::string, int>> faults{{"ENOSPC", ENOSPC}, {"EIO", EIO}, {"EACCES", EACCES}};
+    return faults;
+}
+
 // Every file of the frame store and of a media root written under an
 // injected fault (MIRAVEL_WRITE_FAULT): the command fails naming the folder
 // and the cause, leaves no temporary, and the next run completes.
 TEST(MiravelCliFaults, InjectedWriteFaultsFailTheCommandNamingTheCauseAndLeaveNothing) {
     TempFolder folder;
     const std::string video = redVideo(folder, 1);
-    const auto noTemporaries = [&](const std::string& under) {
-        std::error_code ec;
-        for (auto it = std::filesystem::recursive_directory_iterator(under, ec);
-             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-            EXPECT_EQ(it->path().filename().string().find(".tmp-"), std::string::npos) << it->path();
-    };
+    const auto noTemporaries = expectNoTemporariesUnder;
     const auto withFault = [&](const std::string& fault, const std::string& arguments, const std::string& cache) {
-        const std::string errPath = folder.file("stderr.txt");
-        return runShell("MIRAVEL_WRITE_FAULT=" + fault + " XDG_CACHE_HOME=" + shellQuoted(cache) +
-                            " '" MIRAVEL_CLI "' " + arguments + " 2>" + shellQuoted(errPath),
-                        errPath);
+        return runWithFault(folder, fault, arguments, cache);
     };
     for (const auto& [name, error] :
          {std::pair<std::string, int>{"ENOSPC", ENOSPC}, {"EIO", EIO}, {"EACCES", EACCES}}) {
@@ -305,6 +322,143 @@ TEST(MiravelCliFaults, InjectedWriteFaultsFailTheCommandNamingTheCauseAndLeaveNo
         EXPECT_EQ(std::filesystem::exists(root + "/media_thumbnail/1_16_16.png"), true);
         EXPECT_EQ(std::filesystem::exists(root + "/media_thumbnail/2_16_16.png"), true);
         noTemporaries(root);
+    }
+}
+
+// The timeline picture of render --out written under an injected fault: the
+// command fails naming the file and the cause, no file and no temporary is
+// left, and the next run writes the picture. The document has sound only:
+// with the wave store off the picture is the run's only file.
+TEST(MiravelCliFaults, AnInjectedFaultWritingTheTimelinePictureFailsRenderAndLeavesNothing) {
+    TempFolder folder;
+    const std::string wav = rampWav(folder, 44100);
+    const std::string document =
+        writeDocument(folder, "sound.otio",
+                      Json::array({otioTrack("A1", "Audio", Json::array({otioClip("Ramp", wav, 0, 20'000'000)}))}));
+    for (const auto& [name, error] : eachFault()) {
+        SCOPED_TRACE(name);
+        const std::string out = folder.file("out-" + name);
+        std::filesystem::create_directories(out);
+        const std::string picture = out + "/timeline.png";
+        const std::string render = "render " + shellQuoted(document) + " --out " + shellQuoted(picture);
+        CliRun run = runWithFault(folder, name + ":1", render, folder.file("cache"));
+        expectFailure(run, picture + ": cannot write the timeline picture: " + ZOR::writeErrorText(error));
+        EXPECT_TRUE(namesIn(out).empty());
+
+        run = runMiravel(folder, render);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(Json::parse(run.out).at("file").get<std::string>(), picture);
+        EXPECT_EQ(namesIn(out), std::set<std::string>{"timeline.png"});
+        unsigned char* pixels = nullptr;
+        int width = 0;
+        int height = 0;
+        ASSERT_EQ(ZOR::loadPNG(picture.c_str(), &pixels, &width, &height), 0);
+        ZOR::freeImageBuffer(pixels);
+        EXPECT_EQ(width, 1600);
+    }
+}
+
+// The pictures of video --out written under an injected fault, the frame
+// store holding them already (a run before wrote it): the command fails
+// naming the picture and the cause, takes back the pictures it wrote, leaves
+// no temporary, and the next run writes them all.
+TEST(MiravelCliFaults, AnInjectedFaultWritingAPictureOfVideoFailsItAndTakesBackWhatItWrote) {
+    TempFolder folder;
+    const std::string video = redVideo(folder, 1);
+    const std::string document = redDocument(folder, video);
+    const std::string cache = folder.file("cache");
+    const auto pictures = [&](const std::string& times, const std::string& out) {
+        return "video " + shellQuoted(document) + " --clip Red --times " + times + " --size 8x8 --out " +
+               shellQuoted(out);
+    };
+    CliRun run = runMiravel(folder, pictures("0,400000", folder.file("warm")), cache);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    for (const auto& [name, error] : eachFault()) {
+        SCOPED_TRACE(name);
+        const std::string one = folder.file("one-" + name);
+        run = runWithFault(folder, name + ":1", pictures("0", one), cache);
+        expectFailure(run, one + "/Red-0.png: cannot write the picture: " + ZOR::writeErrorText(error));
+        EXPECT_TRUE(namesIn(one).empty());
+
+        // The first picture written, the second failing: neither stays.
+        const std::string two = folder.file("two-" + name);
+        run = runWithFault(folder, name + ":2", pictures("0,400000", two), cache);
+        expectFailure(run, two + "/Red-400000.png: cannot write the picture: " + ZOR::writeErrorText(error));
+        EXPECT_TRUE(namesIn(two).empty());
+
+        run = runMiravel(folder, pictures("0,400000", two), cache);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(namesIn(two), (std::set<std::string>{"Red-0.png", "Red-400000.png"}));
+    }
+    expectNoTemporariesUnder(cache);
+}
+
+// A picture the frame store cannot keep is still given by video and render:
+// the store is a cache. The command completes, the store lacks that one
+// picture and holds no temporary, and the next run stores it.
+TEST(MiravelCliFaults, AFrameStoreFileNotWrittenStillGivesThePicturesOfVideoAndRender) {
+    TempFolder folder;
+    const std::string video = redVideo(folder, 1);
+    const std::string document = redDocument(folder, video);
+    const auto storedPictures = [](const std::string& cache) {
+        size_t count = 0;
+        std::error_code ec;
+        for (auto it = std::filesystem::recursive_directory_iterator(cache + "/miravel/frames", ec);
+             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
+            if (it->path().extension() == ".png") ++count;
+        return count;
+    };
+    for (const auto& [name, error] : eachFault()) {
+        SCOPED_TRACE(name);
+        const std::string cache = folder.file("cache-" + name);
+        const std::string out = folder.file("out-" + name);
+        const std::string pictures = "video " + shellQuoted(document) +
+                                     " --clip Red --times 0,400000 --size 8x8 --timeout 60 --out " + shellQuoted(out);
+        CliRun run = runWithFault(folder, name + ":1", pictures, cache);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(namesIn(out), (std::set<std::string>{"Red-0.png", "Red-400000.png"}));
+        EXPECT_EQ(storedPictures(cache), 1u);
+        expectNoTemporariesUnder(cache);
+        run = runMiravel(folder, pictures, cache);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(storedPictures(cache), 2u);
+
+        const std::string picture = folder.file("timeline-" + name + ".png");
+        const std::string renderCache = folder.file("render-cache-" + name);
+        run = runWithFault(folder, name + ":1",
+                           "render " + shellQuoted(document) + " --timeout 60 --out " + shellQuoted(picture),
+                           renderCache);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(Json::parse(run.out).at("file").get<std::string>(), picture);
+        EXPECT_TRUE(std::filesystem::is_regular_file(picture));
+        expectNoTemporariesUnder(renderCache);
+    }
+}
+
+// The demo's JSON files written under an injected fault (the timeline
+// document is its first file written whole): the demo fails naming the file
+// and the cause, leaves no such file and no temporary, and the next run
+// writes every file.
+TEST(MiravelCliFaults, AnInjectedFaultWritingAJsonFileOfTheDemoFailsItAndLeavesNothing) {
+    TempFolder folder;
+    for (const auto& [name, error] : eachFault()) {
+        SCOPED_TRACE(name);
+        const std::string out = folder.file("demo-" + name);
+        CliRun run = runWithFault(folder, name + ":1", "demo --out " + shellQuoted(out), folder.file("cache"));
+        expectFailure(run, out + "/timeline.otio: cannot write the file: " + ZOR::writeErrorText(error));
+        EXPECT_EQ(namesIn(out).count("timeline.otio"), 0u);
+        expectNoTemporariesUnder(out);
+
+        run = runMiravel(folder, "demo --out " + shellQuoted(out));
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const std::set<std::string> names = namesIn(out);
+        for (const char* file :
+             {"timeline.otio", "wave.json", "frames.json", "video.json", "media-thumbnails.json", "summary.json"}) {
+            EXPECT_EQ(names.count(file), 1u) << file;
+            const std::vector<char> text = MediaTest::readBytes(out + "/" + file);
+            EXPECT_TRUE(Json::accept(text.begin(), text.end())) << file;
+        }
+        expectNoTemporariesUnder(out);
     }
 }
 

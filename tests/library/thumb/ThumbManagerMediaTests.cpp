@@ -4,6 +4,8 @@
 // and colour is worked out here from the rules.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -204,6 +206,73 @@ TEST_F(ThumbManagerSourceTest, KeyframeSeekingGivesThePictureOfTheKeyframeAtOrBe
         expectColour(picture.centre(), fourColours()[static_cast<size_t>(keyframe / kSecond)], notice.path);
     }
 }
+
+// A picture that cannot be written (an injected write fault) is announced all
+// the same, as the callback's contract says, and its file is missing with the
+// cause kept for the folder; nothing half-written stays, and asking again
+// renders the missing picture.
+class ThumbManagerWriteFaultTest : public ThumbManagerFixture, public ::testing::WithParamInterface<int> {
+protected:
+    void TearDown() override {
+        injectWriteFault(0, 0);
+        ThumbManagerFixture::TearDown();
+    }
+};
+
+TEST_P(ThumbManagerWriteFaultTest, APictureNotWrittenIsAnnouncedMissingAndRenderedWhenAskedAgain) {
+    const int fault = GetParam();
+    const std::string video = smallVideo();
+    ASSERT_EQ(manager_->setThumbCount(4), 0);
+    ASSERT_EQ(manager_->setThumbSize(160, 90), 0);
+    queueSentinel();
+    const MediaThumbRequest request = makeRequest(video, root_, 0, 4 * kSecond, 4 * kSecond);
+    // The second picture rendered: index 3 (the order is 0, 3, 1, 2).
+    injectWriteFault(fault, 2);
+    char out[1024];
+    EXPECT_EQ(requestUntilTaken(manager_, probe_, request, 0.5, out), 1001);
+    ASSERT_TRUE(waitUntilDone({mediaKey(request)}));
+
+    std::vector<Notice> notices = recorder_.notices();
+    ASSERT_EQ(notices.size(), 4u);
+    std::vector<int32_t> indices;
+    for (const Notice& notice : notices) {
+        indices.push_back(notice.index);
+        EXPECT_EQ(notice.path, thumbFile(root_, notice.index, 160, 90));
+        EXPECT_EQ(notice.existed, notice.index != 3) << notice.path;
+    }
+    EXPECT_EQ(indices, (std::vector<int32_t>{0, 3, 1, 2}));
+    std::string failed;
+    EXPECT_EQ(lastWriteFailure(Path(cacheDir()), &failed), fault);
+    EXPECT_EQ(failed, thumbFile(root_, 3, 160, 90));
+    std::vector<std::string> files = filesUnder(cacheDir());
+    std::sort(files.begin(), files.end());
+    EXPECT_EQ(files, (std::vector<std::string>{thumbFile(root_, 0, 160, 90), thumbFile(root_, 1, 160, 90),
+                                               thumbFile(root_, 2, 160, 90)}));
+
+    // Asked again for it: its nearest neighbour on disk is given meanwhile,
+    // and the missing picture is rendered.
+    const size_t from = probe_.stepCount();
+    out[0] = '\0';
+    EXPECT_EQ(requestUntilTaken(manager_, probe_, request, 0.9, out), 0);
+    EXPECT_EQ(std::string(out), thumbFile(root_, 2, 160, 90));
+    ASSERT_TRUE(waitUntilDone({mediaKey(request)}, from));
+    notices = recorder_.notices();
+    ASSERT_EQ(notices.size(), 5u);
+    EXPECT_EQ(notices[4].index, 3);
+    EXPECT_TRUE(notices[4].existed);
+    const Picture picture = readPicture(thumbFile(root_, 3, 160, 90));
+    ASSERT_EQ(picture.status, 0);
+    expectColour(picture.centre(), fourColours()[3], "index 3");
+    EXPECT_EQ(filesUnder(cacheDir()).size(), 4u);
+    EXPECT_TRUE(filesNamed(root_, ".tmp").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(EachFault, ThumbManagerWriteFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == ENOSPC ? std::string("DiskFull")
+                                    : param.param == EIO  ? std::string("IoError")
+                                                          : std::string("PermissionDenied");
+                         });
 
 }  // namespace
 }  // namespace ZOR::test

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
@@ -14,6 +15,7 @@
 #include "CapturingLogger.h"
 #include "DataModel/DataModel.h"
 #include "DataModel/DmMedia.h"
+#include "DataModel/DmMediaInternal.h"
 #include "TaskTestSupport.h"
 #include "ZorUtils/ZorUtils.h"
 
@@ -593,6 +595,65 @@ TEST_F(VideoFrameTaskTest, AnEmptyRequestStillReportsOnceThenFinishes) {
     EXPECT_STREQ(task_->taskName(), "VideoFrameExtractTask");
     EXPECT_EQ(task_->isStarted(), 1);
 }
+
+// A picture the store cannot keep (an injected write fault) is reported all
+// the same, with one warning naming the file and the cause; nothing is left
+// in the store, and the next request decodes the picture again and keeps it.
+class VideoFrameTaskFaultTest : public VideoFrameTaskTest, public ::testing::WithParamInterface<int> {
+protected:
+    void TearDown() override {
+        injectWriteFault(0, 0);
+        VideoFrameTaskTest::TearDown();
+    }
+};
+
+TEST_P(VideoFrameTaskFaultTest, APictureTheStoreCannotKeepIsReportedWarnedOfAndDecodedAgainLater) {
+    const int fault = GetParam();
+    const std::string path = makeColours();
+    ScopedCapture capture(IBsLogger::Warning);
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    const std::string folder = frameStoreFolder(path.c_str());
+    ASSERT_FALSE(folder.empty());
+
+    injectWriteFault(fault, 1);
+    const int64_t failed = append(clip.get(), {3 * kSecond / 2}, 32, 24);
+    ASSERT_EQ(recorder_.waitFinal(failed), BsTaskFinished);
+    const std::vector<TaskReport> reported = dataReports(recorder_.reportsOf(failed));
+    ASSERT_EQ(reported.size(), 1u);
+    EXPECT_EQ(colourAt(reported[0].pixels, 32, 16, 12), Green);
+    const std::vector<std::string> warned = capture.sink().texts();
+    EXPECT_TRUE(MediaTest::filesUnder(store_).empty());
+    EXPECT_EQ(lastWriteFailure(Path(folder), nullptr), fault);
+
+    const int64_t again = append(clip.get(), {3 * kSecond / 2}, 32, 24);
+    ASSERT_EQ(recorder_.waitFinal(again), BsTaskFinished);
+    const std::vector<TaskReport> decoded = dataReports(recorder_.reportsOf(again));
+    ASSERT_EQ(decoded.size(), 1u);
+    EXPECT_EQ(decoded[0].pixels, reported[0].pixels);
+    const std::vector<std::string> files = MediaTest::filesUnder(store_);
+    ASSERT_EQ(files.size(), 1u);
+    // Named after the frame shown, which the name of the file kept tells.
+    const std::string file = files[0];
+    EXPECT_EQ(file.rfind(folder + "/s0-32x24-t15000000-p", 0), 0u) << file;
+    // The temporary could not be opened (permission) or was written and removed.
+    const int code = fault == EACCES ? 5 : 6;
+    EXPECT_EQ(warned, (std::vector<std::string>{"cannot write '" + file + "' (" + std::to_string(code) +
+                                                "): " + writeErrorText(fault)}));
+    unsigned char* pixels = nullptr;
+    int width = 0;
+    int height = 0;
+    ASSERT_EQ(loadPNG(file.c_str(), &pixels, &width, &height), 0);
+    EXPECT_EQ(std::vector<unsigned char>(pixels, pixels + 32 * 24 * 4), decoded[0].pixels);
+    freeImageBuffer(pixels);
+    EXPECT_EQ(capture.sink().texts().size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachFault, VideoFrameTaskFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == ENOSPC ? std::string("DiskFull")
+                                    : param.param == EIO  ? std::string("IoError")
+                                                          : std::string("PermissionDenied");
+                         });
 
 }  // namespace
 }  // namespace ZOR::test

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -307,6 +308,47 @@ TEST_F(DmTimelineWriter, OverlappingClipsAreRefusedAndTheOldFileStays) {
     for (const std::string& file : filesUnder(folder_->path()))
         EXPECT_EQ(file.find(".tmp-"), std::string::npos) << file;
 }
+
+// A write that fails as a disk would (an injected fault): the error names the
+// file and the cause, the older document stays as it was, no temporary is
+// left, and the next write replaces the document.
+class DmTimelineWriterFault : public DmTimelineWriter, public ::testing::WithParamInterface<int> {
+protected:
+    void TearDown() override {
+        injectWriteFault(0, 0);
+        DmTimelineWriter::TearDown();
+    }
+};
+
+TEST_P(DmTimelineWriterFault, AFailedWriteNamesTheCauseKeepsTheOlderDocumentAndTheNextWriteWorks) {
+    const int fault = GetParam();
+    const std::filesystem::path saves = folder_->path() / ("faults-" + std::to_string(fault));
+    std::filesystem::create_directories(saves);
+    const std::string target = (saves / "cut.otio").string();
+    writeText(target, "an older document");
+    std::string error;
+    injectWriteFault(fault, 1);
+    EXPECT_EQ(writeTimelineDocument(timeline_.get(), target.c_str(), &error), kResultFailure);
+    EXPECT_EQ(error, target + ": cannot write: " + writeErrorText(fault));
+    const std::vector<char> kept = readBytes(target);
+    EXPECT_EQ(std::string(kept.begin(), kept.end()), "an older document");
+    EXPECT_EQ(filesUnder(saves), std::vector<std::string>{target});
+    EXPECT_EQ(lastWriteFailure(Path(saves.string()), nullptr), fault);
+
+    ASSERT_EQ(writeTimelineDocument(timeline_.get(), target.c_str(), &error), 0) << error;
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(filesUnder(saves), std::vector<std::string>{target});
+    DmTimelineDesc original = parsed(document_);
+    original.warnings.clear();
+    EXPECT_EQ(dump(parsed(target)), dump(original));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachFault, DmTimelineWriterFault, ::testing::Values(ENOSPC, EIO, EACCES),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == ENOSPC ? std::string("DiskFull")
+                                    : param.param == EIO  ? std::string("IoError")
+                                                          : std::string("PermissionDenied");
+                         });
 
 }  // namespace
 }  // namespace ZOR::test
