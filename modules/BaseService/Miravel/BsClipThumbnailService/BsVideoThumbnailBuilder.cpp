@@ -418,12 +418,6 @@ int32_t BsVideoThumbnailBuilder::onTaskProcessing(int64_t token, IDmBaseObj* dat
         stillMissing.resize(
             static_cast<size_t>(std::clamp<int32_t>(stillMissingCount, 0, static_cast<int32_t>(count))));
         std::sort(stillMissing.begin(), stillMissing.end());
-        // The reported picture is delivered from its data even when the store
-        // could not keep its file (disk full...): the task reports it once.
-        if (frame != nullptr && std::find(record.missingFrames.begin(), record.missingFrames.end(),
-                                          frame->requestedTime()) != record.missingFrames.end())
-            stillMissing.erase(std::remove(stillMissing.begin(), stillMissing.end(), frame->requestedTime()),
-                               stillMissing.end());
         for (size_t i = 0; i < count; ++i) {
             const int64_t time = record.missingFrames[i];
             if (std::binary_search(stillMissing.begin(), stillMissing.end(), time)) continue;
