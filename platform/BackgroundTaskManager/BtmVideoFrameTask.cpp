@@ -89,6 +89,7 @@ struct Outgoing {
     int32_t percent = 0;
     int32_t status = BsTaskProgress;
     VideoFrameData* data = nullptr;  // Picture: one reference, let go once reported
+    bool unstored = false;           // Picture: the store could not keep its file
 };
 
 class VideoRequest final : public Request {
@@ -187,12 +188,13 @@ public:
         return true;
     }
     // Queues a picture (taking over its reference).
-    void queue(VideoFrameData* data) {
+    void queue(VideoFrameData* data, bool unstored) {
         std::lock_guard<std::mutex> guard(lock_);
         ++done_;
         reportedData_ = true;
         Outgoing item;
         item.data = data;
+        item.unstored = unstored;
         item.percent = percentLocked();
         outbox_.push_back(item);
     }
@@ -284,9 +286,16 @@ void reportQueued(TaskCore& core, VideoRequest& r) {
     while (r.nextToReport(&item)) {
         switch (item.kind) {
             case Outgoing::Picture:
-                if (!core.stopping(r) && !r.failed())
+                if (!core.stopping(r) && !r.failed()) {
+                    // The report is this picture's only one: one the store
+                    // could not keep is delivered from the report's data.
+                    if (item.unstored)
+                        setUnstoredFrameInReport(frameStoreFolder(r.path.c_str()).c_str(), item.data->requestedTime(),
+                                                 r.width, r.height);
                     core.report(r, item.percent, BsTaskProgress,
                                 static_cast<IDmBaseObj*>(static_cast<IBsVideoFrameData*>(item.data)));
+                    if (item.unstored) setUnstoredFrameInReport(nullptr, 0, 0, 0);
+                }
                 item.data->Release();
                 break;
             case Outgoing::Empty:
@@ -383,10 +392,10 @@ void runJob(TaskCore& core, const std::shared_ptr<VideoRequest>& request) {
                 r.fail();
                 break;
             }
-            storePicture(folder, r, time, picture);
+            const bool stored = !storePicture(folder, r, time, picture).empty();
             auto* data = new VideoFrameData(time, picture.shown, r.width, r.height, std::move(picture.rgba));
             data->AddRef();
-            r.queue(data);
+            r.queue(data, !stored);
             reportQueued(core, r);
         }
         r.runDone();

@@ -91,6 +91,31 @@ std::string frameStoreRoot() {
     return defaultRoot();
 }
 
+namespace {
+
+struct UnstoredFrame {
+    bool set = false;
+    std::string folder;
+    int64_t time = 0;
+    int32_t width = 0;
+    int32_t height = 0;
+};
+
+// Only the reporting thread reads what it set: no lock.
+thread_local UnstoredFrame unstoredInReport;
+
+}  // namespace
+
+void setUnstoredFrameInReport(const char* folder, int64_t time, int32_t width, int32_t height) {
+    unstoredInReport = folder != nullptr ? UnstoredFrame{true, folder, time, width, height} : UnstoredFrame{};
+}
+
+bool isUnstoredFrameInReport(const std::string& folder, int64_t time, int32_t width, int32_t height) {
+    const UnstoredFrame& frame = unstoredInReport;
+    return frame.set && frame.time == time && frame.width == width && frame.height == height &&
+           frame.folder == folder;
+}
+
 std::string frameStoreFolder(const char* mediaPath) {
     if (mediaPath == nullptr || *mediaPath == '\0') return std::string();
     struct stat info {};

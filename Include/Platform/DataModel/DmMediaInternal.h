@@ -158,6 +158,16 @@ struct DmStoredFrame {
 // The media folder of the file under the current root; "" when the file
 // cannot be looked at (missing, unreadable).
 ZOR_PLATFORM_API std::string frameStoreFolder(const char* mediaPath);
+
+// The picture a video frame task is reporting on this thread when the frame
+// store could not keep its file (a full disk...), or none (null folder).
+// While it is set, thumbnailFiles() of a clip whose store folder it is counts
+// that frame, at that size, as held with an empty path: the report's own data
+// then delivers it, where it would otherwise stay missing for good (the task
+// reports a picture once). A later request finds no file and decodes it
+// again.
+ZOR_PLATFORM_API void setUnstoredFrameInReport(const char* folder, int64_t time, int32_t width, int32_t height);
+ZOR_PLATFORM_API bool isUnstoredFrameInReport(const std::string& folder, int64_t time, int32_t width, int32_t height);
 // The file name of one frame inside a media folder.
 ZOR_PLATFORM_API std::string frameStoreFileName(int32_t stream, int32_t width, int32_t height, int64_t time,
                                                 int64_t shown);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -278,6 +279,72 @@ TEST_F(VideoRealServiceTest, PicturesStoredByAnEarlierRunComeBackThroughTheStore
     EXPECT_TRUE(textsOf(capture.sink(), "ZOR::VideoFrameExtractTask::decode").empty());
     EXPECT_TRUE(textsOf(capture.sink(), "ZOR::BsVideoThumbnailCacheManager::addThumbnail").empty());
 }
+
+// Pictures the frame store cannot keep (an injected write fault) are
+// delivered all the same, from the task's data; nothing half-written stays
+// in the store, and a later builder decodes the missing picture again and
+// stores it.
+class VideoRealServiceFaultTest : public VideoRealServiceTest, public ::testing::WithParamInterface<int> {
+protected:
+    void TearDown() override {
+        injectWriteFault(0, 0);
+        VideoRealServiceTest::TearDown();
+    }
+    std::vector<std::string> storedFiles() const {
+        std::vector<std::string> files = MediaTest::filesUnder(store_);
+        std::sort(files.begin(), files.end());
+        return files;
+    }
+};
+
+TEST_P(VideoRealServiceFaultTest, APictureTheStoreCannotKeepIsDeliveredAndStoredByALaterRun) {
+    const int fault = GetParam();
+    // One time: the task's only report carries the picture whose file failed.
+    std::vector<int64_t> one{3 * kSecond / 2};
+    VideoThumbnailRequest r;
+    r.clip = clip_;
+    r.width = kWidth;
+    r.height = kHeight;
+    r.frames = one.data();
+    r.frameCount = 1;
+    injectWriteFault(fault, 1);
+    ASSERT_EQ(builder().requestThumbnails(r), 0);
+    ASSERT_TRUE(recorder_.waitForFrames(one));
+    const std::vector<VideoDelivery> deliveries = recorder_.pictureDeliveries();
+    ASSERT_EQ(deliveries.size(), 1u);
+    ASSERT_EQ(deliveries[0].frames, one);
+    const size_t centre = (static_cast<size_t>(kHeight / 2) * kWidth + kWidth / 2) * 4;
+    EXPECT_NEAR(deliveries[0].copies[0][centre + 1], 255, 40);  // green: the second second
+    EXPECT_EQ(builder().taskCount(), 0u);
+    EXPECT_TRUE(storedFiles().empty());
+
+    // Twenty times, the third file written failing: every picture delivered.
+    recorder_.clear();
+    builder_.reset();
+    injectWriteFault(fault, 3);
+    ASSERT_EQ(request(builder()), 0);
+    ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
+    checkDeliveries(recorder_.pictureDeliveries(), clip_);
+    EXPECT_EQ(builder().taskCount(), 0u);
+    EXPECT_EQ(storedFiles().size(), static_cast<size_t>(kTimes - 1));
+    builder_.reset();
+
+    // A later builder decodes the missing picture and stores it.
+    recorder_.clear();
+    ASSERT_EQ(request(builder()), 0);
+    ASSERT_TRUE(recorder_.waitForFrames(twentyTimes()));
+    checkDeliveries(recorder_.pictureDeliveries(), clip_);
+    const std::vector<std::string> files = storedFiles();
+    EXPECT_EQ(files.size(), static_cast<size_t>(kTimes));
+    for (const std::string& file : files) EXPECT_EQ(file.find(".tmp-"), std::string::npos) << file;
+}
+
+INSTANTIATE_TEST_SUITE_P(EachFault, VideoRealServiceFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == ENOSPC ? std::string("DiskFull")
+                                    : param.param == EIO  ? std::string("IoError")
+                                                          : std::string("PermissionDenied");
+                         });
 
 }  // namespace
 }  // namespace ZOR::test

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -646,6 +648,68 @@ TEST_P(VideoFrameTaskFaultTest, APictureTheStoreCannotKeepIsReportedWarnedOfAndD
     EXPECT_EQ(std::vector<unsigned char>(pixels, pixels + 32 * 24 * 4), decoded[0].pixels);
     freeImageBuffer(pixels);
     EXPECT_EQ(capture.sink().texts().size(), 1u);
+}
+
+// What the clip's video feature says of a frame, asked from inside a report
+// (on the reporting thread), as the clip thumbnail service asks.
+class StoreAskingRecorder : public TaskRecorder {
+public:
+    explicit StoreAskingRecorder(IDmClip* clip) : feature_(static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"))) {}
+    void onReport(const TaskReport& report) override {
+        if (!report.hasData) return;
+        std::lock_guard<std::mutex> guard(lock_);
+        asked_ = ask(feature_, report.requested);
+    }
+    // The frame's path slot and whether it is missing.
+    static std::pair<std::string, bool> ask(IDmVideoFeature* feature, int64_t time) {
+        std::vector<char> slots(1024, 'x');
+        int64_t missing = -1;
+        int32_t missingCount = -1;
+        EXPECT_EQ(feature->prepareThumbnailSize(32, 24, nullptr, 0), 0);
+        EXPECT_EQ(feature->thumbnailFiles(&time, 1, slots.data(), &missing, &missingCount), 0);
+        return {std::string(slots.data()), missingCount == 1};
+    }
+    std::pair<std::string, bool> asked() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return asked_;
+    }
+
+private:
+    IDmVideoFeature* feature_;
+    std::mutex lock_;
+    std::pair<std::string, bool> asked_{"unasked", true};
+};
+
+// The task reports a picture once; while it reports one the store could not
+// keep, the clip's video feature counts that frame as held with no file, so
+// that the report delivers it. Before and after, the frame is missing.
+TEST_P(VideoFrameTaskFaultTest, DuringItsOnlyReportAPictureTheStoreCouldNotKeepCountsAsHeldWithNoFile) {
+    const std::string path = makeColours();
+    auto clip = ZorRef<IDmClip>::adopt(createMediaClip(path.c_str(), -1, -1, nullptr));
+    auto* feature = static_cast<IDmVideoFeature*>(clip->queryInterface("IDmVideoFeature"));
+    ASSERT_NE(feature, nullptr);
+    const int64_t time = 3 * kSecond / 2;
+    EXPECT_EQ(StoreAskingRecorder::ask(feature, time), (std::pair<std::string, bool>{"", true}));
+
+    StoreAskingRecorder asking(clip.get());
+    ASSERT_EQ(task_->addCallBack(&asking), 0);
+    injectWriteFault(GetParam(), 1);
+    const int64_t token = append(clip.get(), {time}, 32, 24);
+    ASSERT_EQ(recorder_.waitFinal(token), BsTaskFinished);
+    task_->removeCallBack(&asking);
+    EXPECT_EQ(asking.asked(), (std::pair<std::string, bool>{"", false}));
+    EXPECT_EQ(StoreAskingRecorder::ask(feature, time), (std::pair<std::string, bool>{"", true}));
+
+    // A picture the store keeps is held with its file, in the report and after.
+    StoreAskingRecorder stored(clip.get());
+    ASSERT_EQ(task_->addCallBack(&stored), 0);
+    const int64_t again = append(clip.get(), {time}, 32, 24);
+    ASSERT_EQ(recorder_.waitFinal(again), BsTaskFinished);
+    task_->removeCallBack(&stored);
+    const auto [file, missing] = stored.asked();
+    EXPECT_FALSE(missing);
+    EXPECT_EQ(file.rfind(frameStoreFolder(path.c_str()) + "/s0-32x24-t15000000-p", 0), 0u) << file;
+    EXPECT_EQ(StoreAskingRecorder::ask(feature, time), stored.asked());
 }
 
 INSTANTIATE_TEST_SUITE_P(EachFault, VideoFrameTaskFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
