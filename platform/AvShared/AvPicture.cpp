@@ -27,8 +27,24 @@ int displayRotation(const AVStream* stream) {
     return static_cast<int>(quarter * 90);
 }
 
-int swsColorspace(AVColorSpace space, int height) {
-    switch (space) {
+namespace {
+
+// The integer a decoder left in one of a frame's enum fields. Decoders copy
+// such values from the bitstream unchecked, so a damaged file can leave one
+// that is none of the enum's values, which must not be read as the enum.
+template <class Enum>
+int rawValue(const Enum& field) {
+    static_assert(sizeof(Enum) == sizeof(int));
+    int value = 0;
+    std::memcpy(&value, &field, sizeof value);
+    return value;
+}
+
+}  // namespace
+
+int swsColorspace(const AVFrame* frame) {
+    const int height = frame->height;
+    switch (rawValue(frame->colorspace)) {
         case AVCOL_SPC_BT709:
             return SWS_CS_ITU709;
         case AVCOL_SPC_FCC:
@@ -47,7 +63,7 @@ int swsColorspace(AVColorSpace space, int height) {
 }
 
 bool fullRange(const AVFrame* frame) {
-    if (frame->color_range == AVCOL_RANGE_JPEG) return true;
+    if (rawValue(frame->color_range) == AVCOL_RANGE_JPEG) return true;
     switch (static_cast<AVPixelFormat>(frame->format)) {
         case AV_PIX_FMT_YUVJ420P:
         case AV_PIX_FMT_YUVJ422P:
@@ -91,7 +107,7 @@ bool RgbaConverter::convert(const StreamDecoder& source, const AVFrame* frame, i
     if (sws_ == nullptr) return fail("cannot convert the picture to RGBA");
     const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(format);
     if (descriptor != nullptr && (descriptor->flags & AV_PIX_FMT_FLAG_RGB) == 0) {
-        const int* coefficients = sws_getCoefficients(swsColorspace(frame->colorspace, frame->height));
+        const int* coefficients = sws_getCoefficients(swsColorspace(frame));
         sws_setColorspaceDetails(sws_, coefficients, fullRange(frame) ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1,
                                  0, 1 << 16, 1 << 16);
     }

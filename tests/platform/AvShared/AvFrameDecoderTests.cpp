@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -16,7 +17,13 @@
 #include <gtest/gtest.h>
 
 #include "AvShared/AvFrameDecoder.h"
+#include "AvShared/AvPicture.h"
+
 #include "MediaTestSupport.h"
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
 
 namespace {
 
@@ -293,3 +300,34 @@ TEST(FrameDecoder, AnythingButARegularFileIsRefusedAtOnce) {
 }
 
 }  // namespace
+
+namespace ZOR::test {
+namespace {
+
+// A frame whose colour space field holds value, as a decoder copies it from
+// a damaged bitstream.
+av::FramePtr frameOfColourSpace(int value, int height) {
+    av::FramePtr frame = av::newFrame();
+    frame->height = height;
+    std::memcpy(&frame->colorspace, &value, sizeof value);
+    std::memcpy(&frame->color_range, &value, sizeof value);
+    frame->format = AV_PIX_FMT_YUV420P;
+    return frame;
+}
+
+// Found by the frame_at fuzz target: a ProRes frame whose colour matrix byte
+// was 182.
+TEST(Picture, AColourSpaceThatIsNoneOfTheKnownOnesConvertsAsAnUntaggedPicture) {
+    for (int value : {182, 255, -1, 1 << 30}) {
+        SCOPED_TRACE(value);
+        EXPECT_EQ(av::swsColorspace(frameOfColourSpace(value, 480).get()), SWS_CS_ITU601);
+        EXPECT_EQ(av::swsColorspace(frameOfColourSpace(value, 1080).get()), SWS_CS_ITU709);
+        EXPECT_FALSE(av::fullRange(frameOfColourSpace(value, 480).get()));
+    }
+    EXPECT_EQ(av::swsColorspace(frameOfColourSpace(AVCOL_SPC_BT709, 480).get()), SWS_CS_ITU709);
+    EXPECT_EQ(av::swsColorspace(frameOfColourSpace(AVCOL_SPC_BT2020_NCL, 480).get()), SWS_CS_BT2020);
+    EXPECT_TRUE(av::fullRange(frameOfColourSpace(AVCOL_RANGE_JPEG, 480).get()));
+}
+
+}  // namespace
+}  // namespace ZOR::test

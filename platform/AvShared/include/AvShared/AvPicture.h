@@ -21,9 +21,10 @@ class StreamDecoder;
 // degrees counter-clockwise: 0, 90, 180 or 270 (0 without a matrix).
 int displayRotation(const AVStream* stream);
 
-// The SWS_CS_* coefficients of a colour space; when the file tells none,
-// what players assume for the picture height (BT.709 from 720 lines).
-int swsColorspace(AVColorSpace space, int height);
+// The SWS_CS_* coefficients of the frame's colour space; when the file tells
+// none (or a value that is none), what players assume for the picture height
+// (BT.709 from 720 lines).
+int swsColorspace(const AVFrame* frame);
 
 // Whether the frame's YUV uses the full range (0-255) rather than the video
 // range.
