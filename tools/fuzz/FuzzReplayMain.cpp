@@ -11,8 +11,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -22,11 +22,20 @@
 
 namespace {
 
-bool readBytes(const std::filesystem::path& path, std::vector<uint8_t>* bytes) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
+// The file's bytes; false with *cause set when it cannot be read.
+bool readBytes(const std::filesystem::path& path, std::vector<uint8_t>* bytes, std::string* cause) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        *cause = std::strerror(errno);
+        return false;
+    }
+    uint8_t buffer[65536];
+    size_t got = 0;
+    while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) bytes->insert(bytes->end(), buffer, buffer + got);
+    const bool failed = std::ferror(file) != 0;
+    if (failed) *cause = std::strerror(errno);
+    std::fclose(file);
+    return !failed;
 }
 
 }  // namespace
@@ -69,8 +78,9 @@ int main(int argc, char** argv) {
     size_t replayed = 0;
     for (const fs::path& input : inputs) {
         std::vector<uint8_t> bytes;
-        if (!readBytes(input, &bytes)) {
-            std::fprintf(stderr, "%s: cannot be read\n", input.c_str());
+        std::string cause;
+        if (!readBytes(input, &bytes, &cause)) {
+            std::fprintf(stderr, "%s: cannot be read: %s\n", input.c_str(), cause.c_str());
             ++unreadable;
             continue;
         }
