@@ -110,10 +110,11 @@ void setUnstoredFrameInReport(const char* folder, int64_t time, int32_t width, i
     unstoredInReport = folder != nullptr ? UnstoredFrame{true, folder, time, width, height} : UnstoredFrame{};
 }
 
-bool isUnstoredFrameInReport(const std::string& folder, int64_t time, int32_t width, int32_t height) {
+bool isUnstoredFrameInReport(const char* mediaPath, int64_t time, int32_t width, int32_t height) {
     const UnstoredFrame& frame = unstoredInReport;
+    // The store folder is worked out only for the frame being reported.
     return frame.set && frame.time == time && frame.width == width && frame.height == height &&
-           frame.folder == folder;
+           frame.folder == frameStoreFolder(mediaPath);
 }
 
 std::string frameStoreFolder(const char* mediaPath) {

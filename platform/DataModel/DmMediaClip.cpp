@@ -339,8 +339,8 @@ int32_t DmMediaClip::prepareFrames(int32_t width, int32_t height, int64_t /*rate
 int32_t DmMediaClip::lookupFrames(const int64_t* times, int32_t count, char* slots, int64_t* shown, int32_t width,
                                   int32_t height, int64_t* missing, int32_t* missingCount) {
     std::vector<DmStoredFrame> stored;
-    const std::string folder = frameStoreFolder(probe_.path.c_str());
-    if (hasVideo() && width > 0 && height > 0) stored = frameStoreScan(folder, probe_.videoStream, width, height);
+    if (hasVideo() && width > 0 && height > 0)
+        stored = frameStoreScan(frameStoreFolder(probe_.path.c_str()), probe_.videoStream, width, height);
     int32_t missed = 0;
     for (int32_t i = 0; i < count; ++i) {
         char* slot = slots + static_cast<size_t>(i) * kSlotBytes;
@@ -351,7 +351,7 @@ int32_t DmMediaClip::lookupFrames(const int64_t* times, int32_t count, char* slo
         if (found != stored.end() && found->time == times[i] && found->path.size() < static_cast<size_t>(kSlotBytes)) {
             zor_strcpy(slot, kSlotBytes, found->path.c_str());
             if (shown != nullptr) shown[i] = found->shown;
-        } else if (missing != nullptr && !isUnstoredFrameInReport(folder, times[i], width, height)) {
+        } else if (missing != nullptr && !isUnstoredFrameInReport(probe_.path.c_str(), times[i], width, height)) {
             missing[missed++] = times[i];
         }
     }

@@ -167,7 +167,7 @@ ZOR_PLATFORM_API std::string frameStoreFolder(const char* mediaPath);
 // reports a picture once). A later request finds no file and decodes it
 // again.
 ZOR_PLATFORM_API void setUnstoredFrameInReport(const char* folder, int64_t time, int32_t width, int32_t height);
-ZOR_PLATFORM_API bool isUnstoredFrameInReport(const std::string& folder, int64_t time, int32_t width, int32_t height);
+ZOR_PLATFORM_API bool isUnstoredFrameInReport(const char* mediaPath, int64_t time, int32_t width, int32_t height);
 // The file name of one frame inside a media folder.
 ZOR_PLATFORM_API std::string frameStoreFileName(int32_t stream, int32_t width, int32_t height, int64_t time,
                                                 int64_t shown);

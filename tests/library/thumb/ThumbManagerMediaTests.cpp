@@ -17,6 +17,7 @@
 #include "DataModel/DataModel.h"
 #include "DataModel/DmTimeline.h"
 #include "ThumbTestSupport.h"
+#include "WriteFaults.h"
 
 namespace ZOR::test {
 namespace {
@@ -267,12 +268,7 @@ TEST_P(ThumbManagerWriteFaultTest, APictureNotWrittenIsAnnouncedMissingAndRender
     EXPECT_TRUE(filesNamed(root_, ".tmp").empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(EachFault, ThumbManagerWriteFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                             return param.param == ENOSPC ? std::string("DiskFull")
-                                    : param.param == EIO  ? std::string("IoError")
-                                                          : std::string("PermissionDenied");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachFault, ThumbManagerWriteFaultTest, eachWriteFault(), writeFaultName);
 
 }  // namespace
 }  // namespace ZOR::test

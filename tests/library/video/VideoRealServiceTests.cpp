@@ -26,6 +26,7 @@
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
 #include "VideoRecording.h"
+#include "WriteFaults.h"
 
 namespace ZOR::test {
 namespace {
@@ -339,12 +340,7 @@ TEST_P(VideoRealServiceFaultTest, APictureTheStoreCannotKeepIsDeliveredAndStored
     for (const std::string& file : files) EXPECT_EQ(file.find(".tmp-"), std::string::npos) << file;
 }
 
-INSTANTIATE_TEST_SUITE_P(EachFault, VideoRealServiceFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                             return param.param == ENOSPC ? std::string("DiskFull")
-                                    : param.param == EIO  ? std::string("IoError")
-                                                          : std::string("PermissionDenied");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachFault, VideoRealServiceFaultTest, eachWriteFault(), writeFaultName);
 
 }  // namespace
 }  // namespace ZOR::test

@@ -20,6 +20,7 @@
 #include "DataModel/DmMediaInternal.h"
 #include "TaskTestSupport.h"
 #include "ZorUtils/ZorUtils.h"
+#include "WriteFaults.h"
 
 namespace ZOR::test {
 namespace {
@@ -712,12 +713,7 @@ TEST_P(VideoFrameTaskFaultTest, DuringItsOnlyReportAPictureTheStoreCouldNotKeepC
     EXPECT_EQ(StoreAskingRecorder::ask(feature, time), stored.asked());
 }
 
-INSTANTIATE_TEST_SUITE_P(EachFault, VideoFrameTaskFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                             return param.param == ENOSPC ? std::string("DiskFull")
-                                    : param.param == EIO  ? std::string("IoError")
-                                                          : std::string("PermissionDenied");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachFault, VideoFrameTaskFaultTest, eachWriteFault(), writeFaultName);
 
 }  // namespace
 }  // namespace ZOR::test

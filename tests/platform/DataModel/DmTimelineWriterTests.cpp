@@ -19,6 +19,7 @@
 #include "DataModel/DmTimeline.h"
 #include "MediaTestSupport.h"
 #include "ZorUtils/ZorUtils.h"
+#include "WriteFaults.h"
 
 namespace ZOR::test {
 namespace {
@@ -343,12 +344,7 @@ TEST_P(DmTimelineWriterFault, AFailedWriteNamesTheCauseKeepsTheOlderDocumentAndT
     EXPECT_EQ(dump(parsed(target)), dump(original));
 }
 
-INSTANTIATE_TEST_SUITE_P(EachFault, DmTimelineWriterFault, ::testing::Values(ENOSPC, EIO, EACCES),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                             return param.param == ENOSPC ? std::string("DiskFull")
-                                    : param.param == EIO  ? std::string("IoError")
-                                                          : std::string("PermissionDenied");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachFault, DmTimelineWriterFault, eachWriteFault(), writeFaultName);
 
 }  // namespace
 }  // namespace ZOR::test

@@ -12,6 +12,7 @@
 
 #include "TempFolder.h"
 #include "ZorUtils/ZorUtils.h"
+#include "WriteFaults.h"
 
 namespace {
 
@@ -70,12 +71,7 @@ TEST_P(WriteFaultTest, TheFaultHitsTheNthWriteOnly) {
     EXPECT_EQ(TempFolder::entries(folder_.path()), (std::set<std::string>{"f0", "f1", "f3", "f4"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(EachFault, WriteFaultTest, ::testing::Values(ENOSPC, EIO, EACCES),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                             return param.param == ENOSPC ? std::string("DiskFull")
-                                    : param.param == EIO  ? std::string("IoError")
-                                                          : std::string("PermissionDenied");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachFault, WriteFaultTest, ZOR::test::eachWriteFault(), ZOR::test::writeFaultName);
 
 TEST(WriteFault, ACancelledFaultNeverFires) {
     TempFolder folder;
